@@ -1,0 +1,91 @@
+#include "support/TestSupport.hpp"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+
+namespace tsapp::test {
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tsapp-test-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
+                                 ignored);
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::u16string TempDir::ufile(const std::string& name) const { return u16(file(name)); }
+
+ScopedMessagesLocale::ScopedMessagesLocale(const char* name) {
+    const char* current = std::setlocale(LC_MESSAGES, nullptr);
+    previous_ = current != nullptr ? current : "C";
+    if (std::setlocale(LC_MESSAGES, name) == nullptr) {
+        throw std::runtime_error(std::string("locale not available: ") + name);
+    }
+}
+
+ScopedMessagesLocale::~ScopedMessagesLocale() { std::setlocale(LC_MESSAGES, previous_.c_str()); }
+
+ScopedTimeZone::ScopedTimeZone(const char* tz) {
+    const char* current = std::getenv("TZ");
+    hadPrevious_ = current != nullptr;
+    if (hadPrevious_) previous_ = current;
+    ::setenv("TZ", tz, 1);
+    ::tzset();
+}
+
+ScopedTimeZone::~ScopedTimeZone() {
+    if (hadPrevious_) {
+        ::setenv("TZ", previous_.c_str(), 1);
+    } else {
+        ::unsetenv("TZ");
+    }
+    ::tzset();
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+bool file_exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+std::u16string u16(const std::string& utf8) { return fl::i18n::to_ustring(utf8); }
+
+int open_descriptor_count() {
+    int count = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (::readdir(dir) != nullptr) ++count;
+    ::closedir(dir);
+    return count - 3;  // ".", ".." and the descriptor of the listing itself
+}
+
+}  // namespace tsapp::test

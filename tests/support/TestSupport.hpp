@@ -1,0 +1,58 @@
+#pragma once
+
+// Small helpers shared by the tests: temporary folders, files, locales.
+
+#include <string>
+#include <vector>
+
+namespace tsapp::test {
+
+// A fresh folder under $TMPDIR, removed with everything in it on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    std::u16string ufile(const std::string& name) const;
+
+private:
+    std::string path_;
+};
+
+// Sets LC_MESSAGES for the lifetime of the object, then puts back the old one.
+class ScopedMessagesLocale {
+public:
+    explicit ScopedMessagesLocale(const char* name);
+    ~ScopedMessagesLocale();
+    ScopedMessagesLocale(const ScopedMessagesLocale&) = delete;
+    ScopedMessagesLocale& operator=(const ScopedMessagesLocale&) = delete;
+
+private:
+    std::string previous_;
+};
+
+// Sets TZ for the lifetime of the object (and calls tzset), then restores it.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* tz);
+    ~ScopedTimeZone();
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+private:
+    bool hadPrevious_;
+    std::string previous_;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+bool file_exists(const std::string& path);
+std::u16string u16(const std::string& utf8);
+// The number of file descriptors the process holds open now.
+int open_descriptor_count();
+
+}  // namespace tsapp::test
