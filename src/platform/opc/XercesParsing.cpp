@@ -1,0 +1,142 @@
+// Xerces-C initialisation, error reporting and the hardened parser.
+
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/framework/Wrapper4InputSource.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLUni.hpp>
+
+#include <mutex>
+
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
+
+using namespace xercesc;
+
+namespace opc::model {
+namespace {
+
+std::string describe(const DOMError& error, const std::u16string& fallbackName) {
+    std::string text;
+    const DOMLocator* where = error.getLocation();
+    std::u16string name = fallbackName;
+    if (where != nullptr && where->getURI() != nullptr && *where->getURI() != 0) name = where->getURI();
+    if (!name.empty()) text += fl::i18n::to_string(name) + ", ";
+    if (where != nullptr) {
+        text += "line " + std::to_string(where->getLineNumber()) + ", column " +
+                std::to_string(where->getColumnNumber()) + ": ";
+    }
+    const XMLCh* message = error.getMessage();
+    text += message != nullptr ? fl::i18n::to_string(message) : std::string("unknown XML error");
+    return text;
+}
+
+// Remembers the first error and stops the parse there. Used instead of a
+// throwing handler so that no exception has to unwind through Xerces-C.
+class RecordingErrorHandler : public DOMErrorHandler {
+public:
+    RecordingErrorHandler(bool stopOnValidityErrors, std::u16string documentName)
+        : stopOnValidityErrors_(stopOnValidityErrors), documentName_(std::move(documentName)) {}
+
+    bool handleError(const DOMError& error) override {
+        const auto severity = error.getSeverity();
+        if (severity == DOMError::DOM_SEVERITY_WARNING) return true;
+        if (severity == DOMError::DOM_SEVERITY_ERROR && !stopOnValidityErrors_) return true;
+        if (first_.empty()) first_ = describe(error, documentName_);
+        return false;
+    }
+    const std::string& first() const { return first_; }
+
+private:
+    bool stopOnValidityErrors_;
+    std::u16string documentName_;
+    std::string first_;
+};
+
+// Puts the parser's previous error handler back on every way out.
+class ScopedErrorHandler {
+public:
+    ScopedErrorHandler(DOMLSParser* parser, DOMErrorHandler* handler)
+        : config_(parser->getDomConfig()),
+          previous_(static_cast<DOMErrorHandler*>(
+              const_cast<void*>(config_->getParameter(XMLUni::fgDOMErrorHandler)))) {
+        config_->setParameter(XMLUni::fgDOMErrorHandler, handler);
+    }
+    ~ScopedErrorHandler() { config_->setParameter(XMLUni::fgDOMErrorHandler, previous_); }
+    ScopedErrorHandler(const ScopedErrorHandler&) = delete;
+    ScopedErrorHandler& operator=(const ScopedErrorHandler&) = delete;
+
+private:
+    DOMConfiguration* config_;
+    DOMErrorHandler* previous_;
+};
+
+std::string read_all(opc::InputStream& stream) {
+    std::string bytes;
+    unsigned char chunk[16 * 1024];
+    for (;;) {
+        const std::size_t n = stream.read(chunk, sizeof chunk);
+        if (n == 0) return bytes;
+        if (bytes.size() + n > XercesHelper::kMaxDocumentBytes) {
+            throw InvalidXMLDocument("the XML document is larger than " +
+                                     std::to_string(XercesHelper::kMaxDocumentBytes) + " bytes");
+        }
+        bytes.append(reinterpret_cast<const char*>(chunk), n);
+    }
+}
+
+}  // namespace
+
+XercesGuard::XercesGuard() {
+    static std::once_flag once;
+    std::call_once(once, [] { XMLPlatformUtils::Initialize(); });
+}
+
+bool XercesErrorHandler::handleError(const DOMError& error) {
+    if (error.getSeverity() == DOMError::DOM_SEVERITY_WARNING) return true;
+    throw InvalidXMLDocument(describe(error, u""));
+}
+
+DOMLSParser* XercesHelper::createParser() {
+    XercesGuard guard;
+    static const XMLCh ls[] = u"LS";
+    auto* impl = static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
+    DOMLSParser* parser = impl->createLSParser(DOMImplementationLS::MODE_SYNCHRONOUS, nullptr);
+    DOMConfiguration* config = parser->getDomConfig();
+    config->setParameter(XMLUni::fgDOMNamespaces, true);
+    config->setParameter(XMLUni::fgDOMDisallowDoctype, true);
+    config->setParameter(XMLUni::fgXercesLoadExternalDTD, false);
+    config->setParameter(XMLUni::fgXercesLoadSchema, false);
+    config->setParameter(XMLUni::fgXercesDisableDefaultEntityResolution, true);
+    config->setParameter(XMLUni::fgDOMValidate, false);
+    return parser;
+}
+
+DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::InputStream& stream, bool failOnError,
+                                                  const std::u16string& systemId, const std::u16string& publicId) {
+    const std::string bytes = read_all(stream);
+    MemBufInputSource source(reinterpret_cast<const XMLByte*>(bytes.data()), bytes.size(),
+                             systemId.empty() ? u"" : systemId.c_str(), false);
+    if (!publicId.empty()) source.setPublicId(publicId.c_str());
+    Wrapper4InputSource input(&source, false);
+
+    RecordingErrorHandler handler(failOnError, systemId);
+    DOMDocument* document = nullptr;
+    {
+        ScopedErrorHandler scoped(parser, &handler);
+        try {
+            document = parser->parse(&input);
+        } catch (const XMLException& e) {
+            throw InvalidXMLDocument(fl::i18n::to_string(e.getMessage()));
+        } catch (const DOMException& e) {
+            throw InvalidXMLDocument(e.getMessage() != nullptr ? fl::i18n::to_string(e.getMessage())
+                                                                : std::string("DOM error"));
+        }
+    }
+    if (!handler.first().empty()) throw InvalidXMLDocument(handler.first());
+    if (document == nullptr || document->getDocumentElement() == nullptr) {
+        throw InvalidXMLDocument("the XML document has no root element");
+    }
+    return document;
+}
+
+}  // namespace opc::model
