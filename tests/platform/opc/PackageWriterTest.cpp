@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+
+#include <zip.h>
+
+#include <filesystem>
+
+#include "support/TestSupport.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/PackageWriter.hpp"
+
+using opc::zippackage::PackageWriter;
+using tsapp::test::TempDir;
+
+namespace {
+
+std::string entry_text(zip_t* za, const char* name) {
+    zip_stat_t st;
+    if (zip_stat(za, name, 0, &st) != 0) return "(missing)";
+    std::string bytes(st.size, '\0');
+    zip_file_t* f = zip_fopen(za, name, 0);
+    const auto n = zip_fread(f, bytes.data(), st.size);
+    zip_fclose(f);
+    return n == static_cast<zip_int64_t>(st.size) ? bytes : "(short)";
+}
+
+std::vector<unsigned char> bytes_of(const std::string& s) {
+    return {s.begin(), s.end()};
+}
+
+}  // namespace
+
+TEST(PackageWriter, PartNamesArePercentEncodedPathsWithALeadingSlash) {
+    EXPECT_EQ(PackageWriter::partNameFor("manifest.xml"), "/manifest.xml");
+    EXPECT_EQ(PackageWriter::partNameFor("lib/a b.js"), "/lib/a%20b.js");
+    EXPECT_EQ(PackageWriter::partNameFor("ü/[x]%"), "/%C3%BC/%5Bx%5D%25");
+    EXPECT_EQ(PackageWriter::partNameFor("a/b~c@d:e"), "/a/b~c@d:e");
+    for (const char* bad : {"", "a//b", "a/./b", "../x", "a/", "x."}) {
+        EXPECT_THROW(PackageWriter::partNameFor(bad), opc::Exception) << bad;
+    }
+}
+
+TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
+    TempDir dir;
+    const std::string out = dir.file("app.tsappinstall");
+    PackageWriter writer(out);
+    writer.addPart("manifest.xml", "application/xml", bytes_of("<m/>"));
+    writer.addPart("icon.png", "image/png", bytes_of(std::string("\x89PNG\r\n\x1a\n\0", 9)),
+                   PackageWriter::Compression::Stored);
+    writer.addPart("data/notes.xml", "text/x-notes", bytes_of("n"));
+    writer.addPart("bin/run", "application/octet-stream", bytes_of("#!"));
+    writer.addRelationship("R1", "urn:t&ype", "/manifest.xml");
+    writer.commit();
+
+    int err = 0;
+    zip_t* za = zip_open(out.c_str(), ZIP_RDONLY, &err);
+    ASSERT_NE(za, nullptr);
+    EXPECT_EQ(zip_get_num_entries(za, 0), 6);
+    EXPECT_EQ(std::string(zip_get_name(za, 0, 0)), "[Content_Types].xml");
+    EXPECT_EQ(entry_text(za, "[Content_Types].xml"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
+              "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+              "<Default Extension=\"png\" ContentType=\"image/png\"/>"
+              "<Default Extension=\"rels\" "
+              "ContentType=\"application/vnd.openxmlformats-package.relationships+xml\"/>"
+              "<Default Extension=\"xml\" ContentType=\"application/xml\"/>"
+              "<Override PartName=\"/data/notes.xml\" ContentType=\"text/x-notes\"/>"
+              "<Override PartName=\"/bin/run\" ContentType=\"application/octet-stream\"/>"
+              "</Types>");
+    EXPECT_EQ(
+        entry_text(za, "_rels/.rels"),
+        "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
+        "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">"
+        "<Relationship Id=\"R1\" Type=\"urn:t&amp;ype\" "
+        "Target=\"/manifest.xml\"/></Relationships>");
+    EXPECT_EQ(entry_text(za, "icon.png"), std::string("\x89PNG\r\n\x1a\n\0", 9));
+    zip_stat_t st;
+    ASSERT_EQ(zip_stat(za, "icon.png", 0, &st), 0);
+    EXPECT_EQ(st.comp_method, ZIP_CM_STORE);
+    ASSERT_EQ(zip_stat(za, "manifest.xml", 0, &st), 0);
+    EXPECT_EQ(st.comp_method, ZIP_CM_DEFLATE);
+    zip_close(za);
+}
+
+TEST(PackageWriter, EquivalentPartNamesAreRefused) {
+    TempDir dir;
+    PackageWriter writer(dir.file("p.tsappinstall"));
+    writer.addPart("Lib/A.js", "text/javascript", {});
+    EXPECT_THROW(writer.addPart("lib/a.js", "text/javascript", {}), opc::Exception);
+}
+
+TEST(PackageWriter, FailedOrAbandonedWriteLeavesTheExistingFileUntouched) {
+    TempDir dir;
+    const std::string out = dir.file("p.tsappinstall");
+    tsapp::test::write_file(out, "old contents");
+    {
+        PackageWriter writer(out);
+        writer.addPartFromFile("a.bin", "application/octet-stream", dir.file("does-not-exist"));
+        EXPECT_THROW(writer.commit(), opc::Exception);
+    }
+    {
+        PackageWriter abandoned(out);
+        abandoned.addPart("a.txt", "text/plain", bytes_of("x"));
+    }
+    EXPECT_EQ(tsapp::test::read_file(out), "old contents");
+    // Nothing but the original file is left in the folder.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(PackageWriter, IdenticalInputWithFixedTimeGivesIdenticalFiles) {
+    TempDir dir;
+    for (const char* name : {"a.tsappinstall", "b.tsappinstall"}) {
+        PackageWriter writer(dir.file(name));
+        writer.setModificationTime(1700000000);
+        writer.addPart("x.txt", "text/plain", bytes_of(std::string(5000, 'x')));
+        writer.commit();
+    }
+    EXPECT_EQ(tsapp::test::read_file(dir.file("a.tsappinstall")),
+              tsapp::test::read_file(dir.file("b.tsappinstall")));
+}
