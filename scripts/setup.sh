@@ -10,7 +10,7 @@ packages=(
   libzip-dev zip unzip
   libssl-dev zlib1g-dev libdeflate-dev
   libgtest-dev googletest
-  nlohmann-json3-dev
+  nlohmann-json3-dev libcli11-dev
   python3 locales
 )
 
