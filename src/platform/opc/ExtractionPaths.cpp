@@ -1,0 +1,74 @@
+#include "ExtractionPaths.hpp"
+
+#include <climits>
+
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace opc::detail {
+namespace {
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+[[noreturn]] void refuse(const std::string& partName, const char* why) {
+    throw Exception("part name \"" + partName + "\" cannot be a file path: " + why);
+}
+
+std::string percentDecoded(const std::string& segment, const std::string& partName) {
+    std::string out;
+    out.reserve(segment.size());
+    for (std::size_t i = 0; i < segment.size(); ++i) {
+        if (segment[i] != '%') {
+            out += segment[i];
+            continue;
+        }
+        if (i + 2 >= segment.size()) refuse(partName, "truncated escape");
+        const int high = hexValue(segment[i + 1]);
+        const int low = hexValue(segment[i + 2]);
+        if (high < 0 || low < 0) refuse(partName, "malformed escape");
+        out += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return out;
+}
+
+void checkSegment(const std::string& segment, const std::string& partName) {
+    if (segment.empty()) refuse(partName, "empty segment");
+    if (segment == "." || segment == "..") refuse(partName, "relative segment");
+    if (segment.find('/') != std::string::npos) refuse(partName, "encoded slash");
+    if (segment.find('\0') != std::string::npos) refuse(partName, "NUL character");
+    if (segment.size() > NAME_MAX) refuse(partName, "segment too long");
+}
+
+}  // namespace
+
+FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
+    if (partName.size() < 2 || partName[0] != '/') refuse(partName, "not an absolute part name");
+    FileSegments segments;
+    std::size_t start = 1;
+    while (start <= partName.size()) {
+        std::size_t end = partName.find('/', start);
+        if (end == std::string::npos) end = partName.size();
+        std::string segment = partName.substr(start, end - start);
+        if (decode) segment = percentDecoded(segment, partName);
+        checkSegment(segment, partName);
+        segments.push_back(std::move(segment));
+        start = end + 1;
+    }
+    return segments;
+}
+
+std::string joinSegments(const FileSegments& segments) {
+    std::string joined;
+    for (const auto& segment : segments) {
+        if (!joined.empty()) joined += '/';
+        joined += segment;
+    }
+    return joined;
+}
+
+}  // namespace opc::detail

@@ -1,0 +1,26 @@
+#pragma once
+
+// Turns a part name into the file path it takes below an extraction folder.
+
+#include <string>
+#include <vector>
+
+namespace opc::detail {
+
+// The folder segments and file name of one part, each a single path
+// component in the file system's bytes (UTF-8 for names that were
+// percent-encoded UTF-8).
+using FileSegments = std::vector<std::string>;
+
+// Splits `partName` ("/lib/a%20b.js") into its segments, percent-decoding
+// them when `decode` is true. Throws opc::Exception for anything that could
+// not be a plain relative path: an empty, "." or ".." segment, a decoded "/"
+// or NUL, a malformed escape, or a segment longer than a file name may be.
+// The package already refuses such part names; this is the last line of
+// defence before a name reaches the file system.
+FileSegments fileSegmentsFor(const std::string& partName, bool decode);
+
+// "a/b/c" for diagnostics.
+std::string joinSegments(const FileSegments& segments);
+
+}  // namespace opc::detail

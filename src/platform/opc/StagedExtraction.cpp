@@ -1,0 +1,219 @@
+#include "StagedExtraction.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace opc::detail {
+namespace {
+
+[[noreturn]] void fail(const std::string& what) {
+    throw Exception(what);
+}
+
+[[noreturn]] void failErrno(const std::string& what) {
+    fail(what + ": " + std::strerror(errno));
+}
+
+std::string lowerAscii(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+std::string temporaryName() {
+    static std::atomic<unsigned long> counter{0};
+    return ".~tsapp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+}
+
+int openFolderBelow(int parent, const std::string& name) {
+    return ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+bool existsNoFollow(int dirFd, const std::string& name, struct stat& info) {
+    if (::fstatat(dirFd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0) return true;
+    if (errno != ENOENT) failErrno("cannot inspect \"" + name + "\"");
+    return false;
+}
+
+}  // namespace
+
+StagedExtraction::StagedExtraction(const std::string& destination, Existing existing)
+    : destination_(destination), existing_(existing) {
+    if (destination.empty() || destination[0] != '/')
+        fail("the destination \"" + destination + "\" is not an absolute path");
+    // The destination path itself comes from the caller and is trusted as
+    // given; only what lies below it is guarded against links.
+    for (std::size_t slash = destination.find('/', 1);; slash = destination.find('/', slash + 1)) {
+        const std::string prefix = destination.substr(0, slash);
+        if (::mkdir(prefix.c_str(), 0777) == 0)
+            createdRoots_.push_back(prefix);
+        else if (errno != EEXIST) {
+            const int saved = errno;
+            removeCreatedFolders();
+            errno = saved;
+            failErrno("cannot create the folder \"" + prefix + "\"");
+        }
+        if (slash == std::string::npos) break;
+    }
+    root_ = UniqueFd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!root_) {
+        const int saved = errno;
+        removeCreatedFolders();
+        errno = saved;
+        failErrno("cannot open the folder \"" + destination + "\"");
+    }
+}
+
+StagedExtraction::~StagedExtraction() {
+    if (!committed_) rollback();
+}
+
+int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
+    if (folder.empty()) return root_.get();
+    if (cachedFd_ && folder == cachedFolder_) return cachedFd_.get();
+    cachedFd_.reset();
+    UniqueFd current;
+    FileSegments walked;
+    for (const auto& name : folder) {
+        const int parent = current ? current.get() : root_.get();
+        walked.push_back(name);
+        UniqueFd next(openFolderBelow(parent, name));
+        if (!next && errno == ENOENT && create) {
+            if (::mkdirat(parent, name.c_str(), 0777) != 0)
+                failErrno("cannot create the folder \"" + joinSegments(walked) + "\"");
+            createdFolders_.push_back(walked);
+            next = UniqueFd(openFolderBelow(parent, name));
+        }
+        if (!next) {
+            if (errno == ELOOP || errno == ENOTDIR)
+                fail("\"" + joinSegments(walked) +
+                     "\" in the destination is not a folder (a file or a symbolic link)");
+            failErrno("cannot open the folder \"" + joinSegments(walked) + "\"");
+        }
+        current = std::move(next);
+    }
+    cachedFolder_ = folder;
+    cachedFd_ = std::move(current);
+    return cachedFd_.get();
+}
+
+void StagedExtraction::reservePath(const FileSegments& path) {
+    const std::string key = lowerAscii(joinSegments(path));
+    if (folderPaths_.count(key) || !filePaths_.insert(key).second)
+        fail("the package names \"" + joinSegments(path) +
+             "\" twice, or as both a file and a folder");
+    FileSegments prefix;
+    for (std::size_t i = 0; i + 1 < path.size(); ++i) {
+        prefix.push_back(path[i]);
+        const std::string folderKey = lowerAscii(joinSegments(prefix));
+        if (filePaths_.count(folderKey))
+            fail("the package names \"" + joinSegments(prefix) + "\" as both a file and a folder");
+        folderPaths_.insert(folderKey);
+    }
+}
+
+void StagedExtraction::checkTarget(int dirFd, const FileSegments& path) const {
+    struct stat info {};
+    if (!existsNoFollow(dirFd, path.back(), info)) return;
+    if (S_ISDIR(info.st_mode))
+        fail("a folder is in the way of the file \"" + joinSegments(path) + "\"");
+    if (existing_ == Existing::Refuse)
+        fail("the file \"" + joinSegments(path) + "\" already exists");
+}
+
+std::string StagedExtraction::createTemporary(int dirFd, UniqueFd& file) {
+    for (;;) {
+        std::string name = temporaryName();
+        file = UniqueFd(::openat(dirFd, name.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        if (file) return name;
+        if (errno != EEXIST) failErrno("cannot create a file in the destination");
+    }
+}
+
+void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
+    if (path.empty()) fail("a part has no file name");
+    reservePath(path);
+    StagedFile file;
+    file.folder.assign(path.begin(), path.end() - 1);
+    file.name = path.back();
+    const int dirFd = folderFd(file.folder, true);
+    checkTarget(dirFd, path);
+    UniqueFd out;
+    file.temporary = createTemporary(dirFd, out);
+    staged_.push_back(file);
+    write(out.get());
+    // close() is where some file systems report a failed write.
+    if (::close(out.release()) != 0)
+        failErrno("cannot write the file \"" + joinSegments(path) + "\"");
+}
+
+void StagedExtraction::placeFile(StagedFile& file) {
+    const int dirFd = folderFd(file.folder, false);
+    struct stat info {};
+    if (existsNoFollow(dirFd, file.name, info)) {
+        if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file \"" + file.name + "\"");
+        std::string backup = temporaryName();
+        if (::renameat(dirFd, file.name.c_str(), dirFd, backup.c_str()) != 0)
+            failErrno("cannot move the old \"" + file.name + "\" aside");
+        file.backup = std::move(backup);
+    }
+    if (::renameat(dirFd, file.temporary.c_str(), dirFd, file.name.c_str()) != 0)
+        failErrno("cannot move \"" + file.name + "\" into place");
+    file.placed = true;
+}
+
+void StagedExtraction::commit() {
+    for (auto& file : staged_) placeFile(file);
+    committed_ = true;
+    for (const auto& file : staged_) {
+        if (file.backup.empty()) continue;
+        try {
+            ::unlinkat(folderFd(file.folder, false), file.backup.c_str(), 0);
+        } catch (const Exception&) {
+            // The new files are in place; a leftover old copy is all that is lost.
+        }
+    }
+}
+
+void StagedExtraction::rollback() noexcept {
+    for (auto it = staged_.rbegin(); it != staged_.rend(); ++it) {
+        int dirFd = -1;
+        try {
+            dirFd = folderFd(it->folder, false);
+        } catch (const Exception&) {
+            continue;
+        }
+        if (it->placed)
+            ::unlinkat(dirFd, it->name.c_str(), 0);
+        else
+            ::unlinkat(dirFd, it->temporary.c_str(), 0);
+        if (!it->backup.empty()) ::renameat(dirFd, it->backup.c_str(), dirFd, it->name.c_str());
+    }
+    cachedFd_.reset();
+    removeCreatedFolders();
+}
+
+void StagedExtraction::removeCreatedFolders() noexcept {
+    for (auto it = createdFolders_.rbegin(); it != createdFolders_.rend(); ++it) {
+        const FileSegments parent(it->begin(), it->end() - 1);
+        try {
+            ::unlinkat(folderFd(parent, false), it->back().c_str(), AT_REMOVEDIR);
+        } catch (const Exception&) {
+        }
+    }
+    createdFolders_.clear();
+    cachedFd_.reset();
+    root_.reset();
+    for (auto it = createdRoots_.rbegin(); it != createdRoots_.rend(); ++it) ::rmdir(it->c_str());
+    createdRoots_.clear();
+}
+
+}  // namespace opc::detail

@@ -1,0 +1,167 @@
+#include "platform/opc/StagedExtraction.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/opc/EntryDecoder.hpp"
+#include "platform/opc/ExtractionPaths.hpp"
+#include "support/TestSupport.hpp"
+#include "support/TreeSnapshot.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using opc::detail::FileSegments;
+using opc::detail::fileSegmentsFor;
+using opc::detail::StagedExtraction;
+using namespace tsapp::test;
+
+std::function<void(int)> writes(const std::string& bytes) {
+    return [bytes](int fd) {
+        opc::detail::writeFully(fd, reinterpret_cast<const unsigned char*>(bytes.data()),
+                                bytes.size(), "t");
+    };
+}
+
+std::string errorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const opc::Exception& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+TEST(ExtractionPaths, PartNamesBecomeDecodedSegments) {
+    EXPECT_EQ(fileSegmentsFor("/a%20b/%C3%A4.txt", true), (FileSegments{"a b", "\xC3\xA4.txt"}));
+    EXPECT_EQ(fileSegmentsFor("/a%20b/x", false), (FileSegments{"a%20b", "x"}));
+    EXPECT_EQ(fileSegmentsFor("/_rels/.rels", true), (FileSegments{"_rels", ".rels"}));
+    for (const char* hostile : {"/a/%2F/b", "/a%2fb", "/%00", "/%2E%2E/x", "/a/../b", "/./a",
+                                "/a//b", "/a/", "a", "/", "/%zz", "/abc%4"}) {
+        SCOPED_TRACE(hostile);
+        EXPECT_THROW(fileSegmentsFor(hostile, true), opc::Exception);
+    }
+    EXPECT_THROW(fileSegmentsFor("/" + std::string(256, 'n'), true), opc::Exception);
+}
+
+class StagedExtractionTest : public ::testing::Test {
+  protected:
+    std::string dest() const { return dir.file("dest"); }
+    TempDir dir;
+};
+
+TEST_F(StagedExtractionTest, CommittedFilesLandWithTheirFoldersAndNoLeftovers) {
+    {
+        StagedExtraction extraction(dest() + "/deeper/still", StagedExtraction::Existing::Replace);
+        extraction.stage({"a.txt"}, writes("one"));
+        extraction.stage({"lib", "sub", "b.bin"}, writes(std::string("\0\r\n", 3)));
+        extraction.stage({"lib", "c.js"}, writes(""));
+        extraction.commit();
+    }
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    const std::string mode = std::to_string(0666 & ~mask);
+    EXPECT_EQ(snapshot_tree(dest()),
+              (std::map<std::string, std::string>{
+                  {"deeper", "dir"},
+                  {"deeper/still", "dir"},
+                  {"deeper/still/a.txt", "file:" + mode + ":one"},
+                  {"deeper/still/lib", "dir"},
+                  {"deeper/still/lib/c.js", "file:" + mode + ":"},
+                  {"deeper/still/lib/sub", "dir"},
+                  {"deeper/still/lib/sub/b.bin", "file:" + mode + ":" + std::string("\0\r\n", 3)},
+              }));
+}
+
+TEST_F(StagedExtractionTest, FailureAtTheLastFileLeavesTheFolderExactlyAsItWas) {
+    fs::create_directories(dest() + "/lib");
+    write_file(dest() + "/keep.txt", "mine");
+    write_file(dest() + "/lib/old.js", "old");
+    ::chmod((dest() + "/keep.txt").c_str(), 0600);
+    const auto before = snapshot_tree(dest());
+    const std::string error = errorOf([&] {
+        StagedExtraction extraction(dest(), StagedExtraction::Existing::Replace);
+        extraction.stage({"keep.txt"}, writes("theirs"));
+        extraction.stage({"lib", "old.js"}, writes("new"));
+        extraction.stage({"new", "folder", "x"}, writes("x"));
+        extraction.stage({"last"}, [](int) { throw opc::Exception("the last part is corrupt"); });
+        extraction.commit();
+    });
+    EXPECT_EQ(error, "the last part is corrupt");
+    EXPECT_EQ(snapshot_tree(dest()), before);
+}
+
+TEST_F(StagedExtractionTest, ADestinationTheCallCreatedIsRemovedOnFailure) {
+    errorOf([&] {
+        StagedExtraction extraction(dest() + "/a/b", StagedExtraction::Existing::Replace);
+        extraction.stage({"x", "y"}, writes("x"));
+        throw opc::Exception("stop");
+    });
+    EXPECT_FALSE(file_exists(dest()));
+    EXPECT_EQ(snapshot_tree(dir.path()), (std::map<std::string, std::string>{}));
+}
+
+TEST_F(StagedExtractionTest, CommitReplacesExistingFilesAndLinksWithoutFollowingThem) {
+    fs::create_directories(dest());
+    fs::create_directories(dir.file("outside"));
+    write_file(dir.file("outside/target"), "outside");
+    write_file(dest() + "/a.txt", "old");
+    fs::create_symlink(dir.file("outside/target"), dest() + "/link.txt");
+    {
+        StagedExtraction extraction(dest(), StagedExtraction::Existing::Replace);
+        extraction.stage({"a.txt"}, writes("new"));
+        extraction.stage({"link.txt"}, writes("file now"));
+        extraction.commit();
+    }
+    EXPECT_EQ(read_file(dest() + "/a.txt"), "new");
+    EXPECT_FALSE(fs::is_symlink(dest() + "/link.txt"));
+    EXPECT_EQ(read_file(dest() + "/link.txt"), "file now");
+    EXPECT_EQ(read_file(dir.file("outside/target")), "outside");
+    EXPECT_EQ(snapshot_tree(dest()).size(), 2u);
+}
+
+TEST_F(StagedExtractionTest, AFolderLinkInsideTheDestinationIsNeverFollowed) {
+    fs::create_directories(dest());
+    fs::create_directories(dir.file("outside"));
+    fs::create_directory_symlink(dir.file("outside"), dest() + "/lib");
+    const auto before = snapshot_tree(dir.path());
+    const std::string error = errorOf([&] {
+        StagedExtraction extraction(dest(), StagedExtraction::Existing::Replace);
+        extraction.stage({"lib", "x"}, writes("through the link"));
+        extraction.commit();
+    });
+    EXPECT_EQ(error, "\"lib\" in the destination is not a folder (a file or a symbolic link)");
+    EXPECT_EQ(snapshot_tree(dir.path()), before);
+}
+
+TEST_F(StagedExtractionTest, ClashesAreErrorsNotOverwrites) {
+    fs::create_directories(dest() + "/taken");
+    write_file(dest() + "/exists", "x");
+    const auto before = snapshot_tree(dest());
+    auto attempt = [&](std::vector<FileSegments> paths, StagedExtraction::Existing existing) {
+        return errorOf([&] {
+            StagedExtraction extraction(dest(), existing);
+            for (const auto& path : paths) extraction.stage(path, writes("x"));
+            extraction.commit();
+        });
+    };
+    const auto replace = StagedExtraction::Existing::Replace;
+    EXPECT_EQ(attempt({{"taken"}}, replace), "a folder is in the way of the file \"taken\"");
+    EXPECT_EQ(attempt({{"Doc.txt"}, {"doc.TXT"}}, replace),
+              "the package names \"doc.TXT\" twice, or as both a file and a folder");
+    EXPECT_EQ(attempt({{"a"}, {"A", "b"}}, replace),
+              "the package names \"A\" as both a file and a folder");
+    EXPECT_EQ(attempt({{"a", "b"}, {"a"}}, replace),
+              "the package names \"a\" twice, or as both a file and a folder");
+    EXPECT_EQ(attempt({{"exists", "x"}}, replace),
+              "\"exists\" in the destination is not a folder (a file or a symbolic link)");
+    EXPECT_EQ(attempt({{"new"}, {"exists"}}, StagedExtraction::Existing::Refuse),
+              "the file \"exists\" already exists");
+    EXPECT_EQ(snapshot_tree(dest()), before);
+}
+
+}  // namespace
