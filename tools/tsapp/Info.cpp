@@ -1,0 +1,93 @@
+// tsapp info: the manifest record as the library reads it.
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "Commands.hpp"
+#include "Text.hpp"
+#include "tsappinstall/facade/Tsappinstall.hpp"
+
+namespace tsapp::tool {
+namespace {
+
+nlohmann::json stringList(const std::vector<std::u16string>& list) {
+    auto array = nlohmann::json::array();
+    for (const auto& item : list) array.push_back(utf8(item));
+    return array;
+}
+
+nlohmann::json toJson(const AppManifest& m) {
+    nlohmann::json products = nlohmann::json::array();
+    for (const auto& p : m.requiredProducts)
+        products.push_back({{"identifier", utf8(p.identifier)}, {"name", utf8(p.name)}, {"version", utf8(p.version)}});
+    const std::string created = isoLocalTime(m.created);
+    return {
+        {"GUID", m.GUID},
+        {"entryPoint", utf8(m.entryPoint)},
+        {"name", utf8(m.name)},
+        {"version", utf8(m.version)},
+        {"createdByTESSALRelease", utf8(m.createdByTESSALRelease)},
+        {"summary", utf8(m.summary)},
+        {"description", utf8(m.description)},
+        {"minTESSALVer", utf8(m.minTESSALVer)},
+        {"maxTESSALVer", utf8(m.maxTESSALVer)},
+        {"author",
+         {{"name", utf8(m.authorName)},
+          {"contact", utf8(m.authorContact)},
+          {"organization", utf8(m.authorOrganization)}}},
+        {"supportedPlatforms", stringList(m.supportedPlatforms)},
+        {"requiredProducts", products},
+        {"pathEntries", stringList(m.pathEntries)},
+        {"numFiles", m.numFiles},
+        {"created", created.empty() ? nlohmann::json(nullptr) : nlohmann::json(created)},
+        {"appEntries", stringList(m.appEntries)},
+    };
+}
+
+std::string joined(const std::vector<std::u16string>& list) {
+    std::string out;
+    for (const auto& item : list) out += (out.empty() ? "" : ", ") + utf8(item);
+    return out.empty() ? "-" : out;
+}
+
+void printLine(const char* label, const std::string& value) {
+    std::cout << label << (value.empty() ? "-" : value) << '\n';
+}
+
+void printHuman(const AppManifest& m) {
+    printLine("Name:              ", utf8(m.name));
+    printLine("Version:           ", utf8(m.version));
+    printLine("GUID:              ", m.GUID);
+    printLine("Entry point:       ", utf8(m.entryPoint));
+    printLine("Summary:           ", utf8(m.summary));
+    printLine("Description:       ", utf8(m.description));
+    printLine("Tessal releases:   ", utf8(m.minTESSALVer) + " to " + utf8(m.maxTESSALVer));
+    printLine("Created by Tessal: ", utf8(m.createdByTESSALRelease));
+    std::string author = utf8(m.authorName);
+    if (!m.authorContact.empty()) author += " <" + utf8(m.authorContact) + ">";
+    if (!m.authorOrganization.empty()) author += ", " + utf8(m.authorOrganization);
+    printLine("Author:            ", author);
+    printLine("Platforms:         ", joined(m.supportedPlatforms));
+    std::string products;
+    for (const auto& p : m.requiredProducts)
+        products += (products.empty() ? "" : ", ") + utf8(p.identifier) + " (" + utf8(p.name) + ") " + utf8(p.version);
+    printLine("Requires:          ", products);
+    printLine("Path entries:      ", joined(m.pathEntries));
+    printLine("Files:             ", std::to_string(m.numFiles));
+    printLine("Created:           ", isoLocalTime(m.created));
+    for (const auto& entry : m.appEntries) std::cout << "  " << utf8(entry) << '\n';
+}
+
+}  // namespace
+
+int runInfo(const std::string& package, bool json) {
+    Corvane::addons::apps::Tsappinstall facade;
+    const AppManifest manifest = facade.getAppInfo(utf16(package));
+    if (json)
+        std::cout << toJson(manifest).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    else
+        printHuman(manifest);
+    return kGood;
+}
+
+}  // namespace tsapp::tool

@@ -1,0 +1,16 @@
+#pragma once
+
+// Conversions between the library's UTF-16 text and the terminal's UTF-8.
+
+#include <boost/date_time/posix_time/ptime.hpp>
+#include <string>
+
+namespace tsapp::tool {
+
+std::string utf8(const std::u16string& text);
+std::u16string utf16(const std::string& text);
+
+// "2026-11-23T14:05:09" for a local time; empty for not-a-date-time.
+std::string isoLocalTime(const boost::posix_time::ptime& time);
+
+}  // namespace tsapp::tool
