@@ -12,6 +12,7 @@ packages=(
   libgtest-dev googletest
   nlohmann-json3-dev libcli11-dev
   python3 locales
+  libarchive-tools time
 )
 
 missing=()

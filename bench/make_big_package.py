@@ -1,0 +1,65 @@
+#!/usr/bin/env python3
+"""Writes a large, deterministic app package for the extraction benchmark.
+
+About 200 MB in about 2,000 parts: mostly text-like data of mixed sizes,
+some incompressible data, a few big files; DEFLATE level 6, as packaging
+tools write by default.
+"""
+import random
+import sys
+import zipfile
+
+CONTENT_TYPES = """<?xml version="1.0" encoding="UTF-8"?>
+<Types xmlns="http://schemas.openxmlformats.org/package/2006/content-types">
+<Default Extension="rels" ContentType="application/vnd.openxmlformats-package.relationships+xml"/>
+<Default Extension="txt" ContentType="text/plain"/>
+<Default Extension="bin" ContentType="application/octet-stream"/>
+</Types>"""
+
+RELS = """<?xml version="1.0" encoding="UTF-8"?>
+<Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships">
+</Relationships>"""
+
+WORDS = ("function return const value index the a of and to in is for with "
+         "package part name folder file byte stream manifest author version "
+         "{ } ( ) ; = + - * / 0 1 2 3 42 1000 true false null").split()
+
+
+def text_corpus(rng, size):
+    out, total = [], 0
+    while total < size:
+        line = " ".join(rng.choice(WORDS) for _ in range(rng.randint(3, 14))) + "\n"
+        out.append(line)
+        total += len(line)
+    return "".join(out).encode()[:size]
+
+
+def main(path, total_mb=200, parts=2000):
+    rng = random.Random(20261123)
+    corpus = text_corpus(rng, 8 << 20)
+    sizes = []
+    for i in range(parts):
+        if i % 400 == 7:
+            sizes.append(rng.randint(4 << 20, 12 << 20))
+        else:
+            sizes.append(int(2 ** rng.uniform(9, 18.5)))
+    scale = (total_mb << 20) / sum(sizes)
+    with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED, compresslevel=6) as z:
+        z.writestr("[Content_Types].xml", CONTENT_TYPES)
+        z.writestr("_rels/.rels", RELS)
+        for i, size in enumerate(sizes):
+            size = max(1, int(size * scale))
+            folder = "files/d%02d/s%d" % (i % 37, i % 5)
+            if i % 7 == 3:
+                name, data = "%s/blob%04d.bin" % (folder, i), rng.randbytes(size)
+            else:
+                start = rng.randrange(0, len(corpus) - 1)
+                data = (corpus[start:] + corpus)[:size]
+                name = "%s/text%04d.txt" % (folder, i)
+            info = zipfile.ZipInfo(name, date_time=(2026, 1, 1, 0, 0, 0))
+            info.compress_type = zipfile.ZIP_DEFLATED
+            z.writestr(info, data, compresslevel=6)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], *(int(a) for a in sys.argv[2:]))
