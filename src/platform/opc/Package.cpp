@@ -4,6 +4,7 @@
 
 #include "platform/opc/PackageXml.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
 
 namespace opc::model {
 namespace {
@@ -112,12 +113,17 @@ void Package::open(opc::interfaces::OpenMode mode) {
     }
     if (contentTypes == nullptr) refuse("\"[Content_Types].xml\" is missing");
     state->refuseNestedNames();
-    state->assignContentTypes(detail::readContentTypes(*container_.openEntry(contentTypes->index)));
+    // One parser for both documents: making a parser costs more than
+    // parsing either of them.
+    XercesPtr<xercesc::DOMLSParser> parser(XercesHelper::createParser());
+    state->assignContentTypes(
+        detail::readContentTypes(parser.get(), *container_.openEntry(contentTypes->index)));
 
     const auto rels = state->byKey.find(kPackageRelationshipsKey);
     if (rels != state->byKey.end()) {
         const auto stream = container_.openEntry(state->parts[rels->second].entryIndex);
-        state->relationships = detail::readRelationships(*stream, u"/_rels/.rels", u"/");
+        state->relationships =
+            detail::readRelationships(parser.get(), *stream, u"/_rels/.rels", u"/");
     }
     state_ = std::move(state);
 }

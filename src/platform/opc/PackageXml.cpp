@@ -141,10 +141,9 @@ void ContentTypes::addOverride(const PartName& name, std::string contentType) {
     }
 }
 
-ContentTypes readContentTypes(InputStream& stream) {
+ContentTypes readContentTypes(DOMLSParser* parser, InputStream& stream) {
     const std::string where = "[Content_Types].xml";
-    XercesPtr<DOMLSParser> parser(XercesHelper::createParser());
-    const DOMElement* root = parse_root(parser.get(), stream, u"/[Content_Types].xml");
+    const DOMElement* root = parse_root(parser, stream, u"/[Content_Types].xml");
     if (!is_named(root, kContentTypesNamespace, u"Types"))
         throw opc::Exception(where + " has no Types element");
     ContentTypes types;
@@ -172,11 +171,11 @@ ContentTypes readContentTypes(InputStream& stream) {
     return types;
 }
 
-std::vector<Relationship> readRelationships(InputStream& stream, const std::u16string& partName,
+std::vector<Relationship> readRelationships(DOMLSParser* parser, InputStream& stream,
+                                            const std::u16string& partName,
                                             const std::u16string& sourceBase) {
     const std::string where = fl::i18n::to_string(partName);
-    XercesPtr<DOMLSParser> parser(XercesHelper::createParser());
-    const DOMElement* root = parse_root(parser.get(), stream, partName);
+    const DOMElement* root = parse_root(parser, stream, partName);
     if (!is_named(root, kRelationshipsNamespace, u"Relationships")) {
         throw opc::Exception(where + " has no Relationships element");
     }

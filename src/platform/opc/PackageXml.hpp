@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <xercesc/dom/DOMLSParser.hpp>
+
 #include "tsappinstall/platform/opc/PartName.hpp"
 #include "tsappinstall/platform/opc/Relationship.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
@@ -27,11 +29,13 @@ class ContentTypes {
     std::unordered_map<std::string, std::string> overrides_;  // PartName::key()
 };
 
-// Parse with the hardened parser and check "[Content_Types].xml" / a
+// Parse with `parser` (made by XercesHelper::createParser, so hardened;
+// the documents stay in its pool) and check "[Content_Types].xml" / a
 // relationships part. Throw opc::Exception (InvalidXMLDocument for XML that
 // does not parse, a DOCTYPE included).
-ContentTypes readContentTypes(InputStream& stream);
-std::vector<Relationship> readRelationships(InputStream& stream, const std::u16string& partName,
+ContentTypes readContentTypes(xercesc::DOMLSParser* parser, InputStream& stream);
+std::vector<Relationship> readRelationships(xercesc::DOMLSParser* parser, InputStream& stream,
+                                            const std::u16string& partName,
                                             const std::u16string& sourceBase);
 
 // Whether `text` is a media type as content types must be written:

@@ -77,10 +77,9 @@ struct EndRecord {
     std::uint64_t start = 0;  // where the first end record begins
 };
 
-// The classic end record, found from the end: its comment must end the file.
-std::uint64_t find_end_record(const FileBytes& file) {
-    if (file.size() < kEndBytes) refuse("the file is too short to be a ZIP file");
-    const std::uint64_t tailSize = std::min<std::uint64_t>(file.size(), kEndBytes + 0xFFFF);
+// Looks for the classic end record in the last `tailSize` bytes; its
+// comment must end the file. Returns the file size when it is not there.
+std::uint64_t find_end_record_in_tail(const FileBytes& file, std::uint64_t tailSize) {
     const std::uint64_t tailStart = file.size() - tailSize;
     const std::vector<unsigned char> tail =
         file.read(tailStart, static_cast<std::size_t>(tailSize));
@@ -89,7 +88,22 @@ std::uint64_t find_end_record(const FileBytes& file) {
             return tailStart + i;
         }
     }
-    refuse("no end of central directory record (not a ZIP file)");
+    return file.size();
+}
+
+// The classic end record, found from the end. Most files carry no comment,
+// so a short tail is tried before the longest one a comment allows.
+std::uint64_t find_end_record(const FileBytes& file) {
+    if (file.size() < kEndBytes) refuse("the file is too short to be a ZIP file");
+    constexpr std::uint64_t kShortTail = kEndBytes + 256;
+    std::uint64_t at =
+        find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kShortTail));
+    if (at == file.size() && file.size() > kShortTail) {
+        at =
+            find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kEndBytes + 0xFFFF));
+    }
+    if (at == file.size()) refuse("no end of central directory record (not a ZIP file)");
+    return at;
 }
 
 void read_zip64_end(const FileBytes& file, std::uint64_t locatorAt, EndRecord& end) {
@@ -228,42 +242,69 @@ PhysicalEntry read_central_header(const std::vector<unsigned char>& directory, s
     return entry;
 }
 
-// Reads the entry's local header: it must name the same item, and the
-// header with the data must lie before the central directory.
-void read_local_header(const FileBytes& file, const EndRecord& end, PhysicalEntry& entry) {
-    const std::uint64_t headerBytes = kLocalHeaderBytes + entry.name.size();
-    if (entry.localHeaderOffset > end.directoryOffset ||
-        end.directoryOffset - entry.localHeaderOffset < headerBytes) {
-        refuse("the local header of " + quoted(entry.name) +
-               " is not before the central directory");
+// The entries' local headers must lie before the central directory.
+void check_header_places(const EndRecord& end, const std::vector<PhysicalEntry>& entries) {
+    for (const PhysicalEntry& entry : entries) {
+        const std::uint64_t headerBytes = kLocalHeaderBytes + entry.name.size();
+        if (entry.localHeaderOffset > end.directoryOffset ||
+            end.directoryOffset - entry.localHeaderOffset < headerBytes) {
+            refuse("the local header of " + quoted(entry.name) +
+                   " is not before the central directory");
+        }
     }
-    const auto header = file.read(entry.localHeaderOffset, static_cast<std::size_t>(headerBytes));
-    if (le32(header.data()) != kLocalHeaderSignature) {
+}
+
+// Checks the local header at `header` against the central record: same
+// item name, method and encryption; notes where the data begins, which with
+// the data must lie before the central directory.
+void check_local_header(const unsigned char* header, const EndRecord& end, PhysicalEntry& entry) {
+    if (le32(header) != kLocalHeaderSignature) {
         refuse("the local header of " + quoted(entry.name) + " is missing");
     }
-    const std::size_t nameLength = le16(&header[26]);
+    const std::size_t nameLength = le16(header + 26);
     if (nameLength != entry.name.size() ||
-        std::memcmp(&header[kLocalHeaderBytes], entry.name.data(), nameLength) != 0) {
+        std::memcmp(header + kLocalHeaderBytes, entry.name.data(), nameLength) != 0) {
         refuse("the local header of " + quoted(entry.name) + " names another item");
     }
-    if (le16(&header[8]) != entry.compressionMethod || (le16(&header[6]) & kFlagEncrypted) != 0) {
+    if (le16(header + 8) != entry.compressionMethod || (le16(header + 6) & kFlagEncrypted) != 0) {
         refuse("the local header of " + quoted(entry.name) +
                " disagrees with the central directory");
     }
-    entry.dataOffset = entry.localHeaderOffset + headerBytes + le16(&header[28]);
+    entry.dataOffset = entry.localHeaderOffset + kLocalHeaderBytes + nameLength + le16(header + 28);
     if (entry.dataOffset > end.directoryOffset ||
         end.directoryOffset - entry.dataOffset < entry.compressedSize) {
         refuse("the data of " + quoted(entry.name) + " reaches into the central directory");
     }
 }
 
-void refuse_overlaps(const std::vector<PhysicalEntry>& entries) {
-    std::vector<const PhysicalEntry*> byOffset;
-    byOffset.reserve(entries.size());
-    for (const PhysicalEntry& e : entries) byOffset.push_back(&e);
-    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
-        return a->localHeaderOffset < b->localHeaderOffset;
-    });
+// Reads the local headers in file order. Headers closer than kGap to each
+// other share one read, so a package of small parts costs a few reads while
+// one of large parts reads no more than its headers.
+void read_local_headers(const FileBytes& file, const EndRecord& end,
+                        const std::vector<PhysicalEntry*>& byOffset) {
+    constexpr std::uint64_t kGap = 4096;
+    constexpr std::uint64_t kMaxSpan = 1024 * 1024;
+    for (std::size_t first = 0; first < byOffset.size();) {
+        const std::uint64_t spanStart = byOffset[first]->localHeaderOffset;
+        std::uint64_t spanEnd = spanStart + kLocalHeaderBytes + byOffset[first]->name.size();
+        std::size_t last = first + 1;
+        for (; last < byOffset.size(); ++last) {
+            const PhysicalEntry& next = *byOffset[last];
+            const std::uint64_t nextEnd =
+                next.localHeaderOffset + kLocalHeaderBytes + next.name.size();
+            if (next.localHeaderOffset > spanEnd + kGap || nextEnd - spanStart > kMaxSpan) break;
+            spanEnd = std::max(spanEnd, nextEnd);
+        }
+        const auto span = file.read(spanStart, static_cast<std::size_t>(spanEnd - spanStart));
+        for (std::size_t i = first; i < last; ++i) {
+            check_local_header(&span[byOffset[i]->localHeaderOffset - spanStart], end,
+                               *byOffset[i]);
+        }
+        first = last;
+    }
+}
+
+void refuse_overlaps(const std::vector<PhysicalEntry*>& byOffset) {
     for (std::size_t i = 1; i < byOffset.size(); ++i) {
         const PhysicalEntry& before = *byOffset[i - 1];
         if (before.dataOffset + before.compressedSize > byOffset[i]->localHeaderOffset) {
@@ -289,8 +330,15 @@ std::vector<PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
     }
     if (pos != directory.size())
         refuse("the central directory holds more than its entry count says");
-    for (PhysicalEntry& entry : entries) read_local_header(file, end, entry);
-    refuse_overlaps(entries);
+    check_header_places(end, entries);
+    std::vector<PhysicalEntry*> byOffset;
+    byOffset.reserve(entries.size());
+    for (PhysicalEntry& entry : entries) byOffset.push_back(&entry);
+    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
+        return a->localHeaderOffset < b->localHeaderOffset;
+    });
+    read_local_headers(file, end, byOffset);
+    refuse_overlaps(byOffset);
     return entries;
 }
 
