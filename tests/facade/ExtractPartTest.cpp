@@ -102,6 +102,9 @@ TEST(ExtractPart, PackageFailuresPrintTheInternalErrorWithoutNewline) {
     EXPECT_EQ(err.text(), internal_error_text());
     EXPECT_EQ(read_file(x.dir.file("out.png")), "untouched");
     EXPECT_EQ(open_descriptor_count(), before);
+    EXPECT_THROW(x.facade.extractAppIcon(std::u16string(u"a\0b", 3), x.dir.ufile("out.png")),
+                 std::invalid_argument);
+    EXPECT_EQ(err.text(), internal_error_text());  // nothing more printed
 }
 
 TEST(FacadePlaceholders, ReportTheirCatalogErrors) {

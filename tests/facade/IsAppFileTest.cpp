@@ -30,6 +30,8 @@ TEST(IsAppFile, ExtensionMustMatchExactly) {
         EXPECT_FALSE(facade.isAppFile(dir.ufile(name))) << name;
     }
     EXPECT_FALSE(facade.isAppFile(u""));
+    // The path conversion's own failure is not the package's.
+    EXPECT_THROW(facade.isAppFile(std::u16string(u"a\0b.tsappinstall", 16)), std::invalid_argument);
 }
 
 TEST(IsAppFile, AnythingThatDoesNotOpenIsNoAppAndLeaksNothing) {

@@ -12,6 +12,8 @@ namespace {
 using opc::interfaces::PhysicalEntry;
 
 constexpr const char* kPackageRelationshipsKey = "/_rels/.rels";
+constexpr const char* kRelationshipsContentType =
+    "application/vnd.openxmlformats-package.relationships+xml";
 
 struct PartRecord {
     PartName name;
@@ -121,6 +123,9 @@ void Package::open(opc::interfaces::OpenMode mode) {
 
     const auto rels = state->byKey.find(kPackageRelationshipsKey);
     if (rels != state->byKey.end()) {
+        if (state->parts[rels->second].contentType != kRelationshipsContentType) {
+            refuse("\"/_rels/.rels\" does not have the relationships content type");
+        }
         const auto stream = container_.openEntry(state->parts[rels->second].entryIndex);
         state->relationships =
             detail::readRelationships(parser.get(), *stream, u"/_rels/.rels", u"/");

@@ -86,6 +86,19 @@ TEST(ZipPhysicalPackage, ListsEntriesAndStreamsTheirBytes) {
     EXPECT_THROW(package.openEntry(0), opc::Exception);
 }
 
+TEST(ZipPhysicalPackage, HeadersFarApartAreReadOneByOne) {
+    TempDir dir;
+    const std::string path = dir.file("spread.zip");
+    write_zip(path, {{"a", "1", false},
+                     {"big", pattern(300000), false},
+                     {"b", "2", false},
+                     {"c", pattern(5000), false},
+                     {"d", "3", false}});
+    ZipPhysicalPackage package(u16(path), true);
+    EXPECT_EQ(read_all(*package.openEntry(1)), pattern(300000));
+    EXPECT_EQ(read_all(*package.openEntry(4)), "3");
+}
+
 TEST(ZipPhysicalPackage, ReadsZip64SizesOffsetsAndCounts) {
     TempDir dir;
     const std::string path = dir.file("big.zip");

@@ -27,6 +27,7 @@ namespace opc::model {
 //  - interleaved parts (items named "[0].piece" ... "[n].last.piece") are
 //    refused: no producer we read writes them, and supporting them only
 //    widens what hostile input can do;
+//  - "/_rels/.rels" has the relationships content type;
 //  - relationship Ids are unique, Type and Target present, TargetMode
 //    "Internal" (the default) or "External".
 // Everything fails with opc::Exception. Opening reads the two XML parts and
