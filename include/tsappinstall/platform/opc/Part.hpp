@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
