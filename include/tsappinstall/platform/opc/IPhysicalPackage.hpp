@@ -1,0 +1,70 @@
+#pragma once
+
+// The container under a package: a flat table of named entries whose bytes
+// can be streamed. The package model (Package, Part) reads only through
+// this interface.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/platform/opc/Streams.hpp"
+
+namespace opc::interfaces {
+
+// How a package is opened. Only reading exists: packages are written with
+// opc::zippackage::PackageWriter, never modified in place.
+enum class OpenMode : int {
+    Read = 0,
+};
+
+// One entry of the container, as its directory describes it. Everything a
+// consumer needs to copy the entry without decoding it is here: the
+// compressed bytes (IPhysicalPackage::openRawEntry) together with the
+// method, both sizes and the CRC-32 make a complete ZIP entry.
+struct TSAPP_API PhysicalEntry {
+    static constexpr std::uint16_t kStored = 0;
+    static constexpr std::uint16_t kDeflated = 8;
+
+    std::uint64_t index = 0;  // position in the container's directory
+    std::string name;         // the item name as stored, without a leading "/"
+    std::uint64_t size = 0;   // uncompressed size
+    std::uint64_t compressedSize = 0;
+    std::uint32_t crc32 = 0;  // of the uncompressed bytes
+    std::uint16_t compressionMethod = kStored;
+    std::uint16_t dosTime = 0;  // MS-DOS modification time and date
+    std::uint16_t dosDate = 0;
+    std::uint64_t localHeaderOffset = 0;
+    std::uint64_t dataOffset = 0;  // first byte of the compressed data
+
+    // Folder entries ("lib/") carry no part.
+    bool isDirectory() const { return !name.empty() && name.back() == '/'; }
+};
+
+class TSAPP_API IPhysicalPackage {
+  public:
+    virtual ~IPhysicalPackage();
+
+    // The directory, in the container's order; entry i has index i.
+    virtual const std::vector<PhysicalEntry>& getEntries() const = 0;
+
+    // The decoded bytes of entry `index`. The stream checks the declared size
+    // and the CRC-32 as it reads: a mismatch throws opc::Exception from
+    // read() (at the latest when the end is reached), so a consumer that
+    // reads to the end never takes damaged bytes for good ones. The stream
+    // must not outlive the physical package.
+    virtual std::unique_ptr<InputStream> openEntry(std::uint64_t index) = 0;
+
+    // The entry's bytes exactly as stored (compressed when the method is
+    // deflate). Their count is checked against compressedSize; libzip also
+    // checks the CRC-32 of a stored entry, whose bytes are the content.
+    virtual std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) = 0;
+
+    // Releases the container. Entries cannot be opened afterwards; streams
+    // already handed out must have been destroyed.
+    virtual void close() = 0;
+};
+
+}  // namespace opc::interfaces

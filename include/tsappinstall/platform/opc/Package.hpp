@@ -1,0 +1,67 @@
+#pragma once
+
+// The package model over a container: parts with their content types, and
+// the package relationships.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/Part.hpp"
+#include "tsappinstall/platform/opc/PartName.hpp"
+#include "tsappinstall/platform/opc/Relationship.hpp"
+
+namespace opc::model {
+
+// open() reads "[Content_Types].xml" (required: without it the container is
+// not a package) and "/_rels/.rels" (optional: no package relationships),
+// both with the hardened XML parser, and checks every entry:
+//  - each item except "[Content_Types].xml" and folder entries is a part;
+//    its name must be a valid part name (see PartName);
+//  - no two part names are equivalent, and none lies below another ("/a"
+//    beside "/a/b");
+//  - every part has a content type (Override first, then Default by
+//    extension, both compared ignoring ASCII case);
+//  - interleaved parts (items named "[0].piece" ... "[n].last.piece") are
+//    refused: no producer we read writes them, and supporting them only
+//    widens what hostile input can do;
+//  - "/_rels/.rels" has the relationships content type;
+//  - relationship Ids are unique, Type and Target present, TargetMode
+//    "Internal" (the default) or "External".
+// Everything fails with opc::Exception. Opening reads the two XML parts and
+// no other part's data.
+class TSAPP_API Package : public RelationshipSource {
+  public:
+    explicit Package(opc::interfaces::IPhysicalPackage& container);
+    ~Package() override;
+    Package(const Package&) = delete;
+    Package& operator=(const Package&) = delete;
+
+    // Only OpenMode::Read (0) exists; any other value throws opc::Exception.
+    void open(opc::interfaces::OpenMode mode);
+    // Closes the container. The package and its parts are unusable after.
+    void close();
+    bool isOpen() const;
+
+    // Throws opc::Exception when no part has that name (or an equivalent).
+    Part getPart(const PartName& name) const;
+    bool containsPart(const PartName& name) const;
+    // Every part, in the container's order.
+    std::vector<PartName> getPartNames() const;
+
+    std::vector<Relationship> getRelationshipsByType(const std::u16string& type) const override;
+    const std::vector<Relationship>& getRelationships() const override;
+
+    opc::interfaces::IPhysicalPackage& getPhysicalPackage() const { return container_; }
+
+  private:
+    struct State;
+    const State& openState() const;
+
+    opc::interfaces::IPhysicalPackage& container_;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace opc::model

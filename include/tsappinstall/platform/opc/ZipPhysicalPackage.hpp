@@ -1,0 +1,65 @@
+#pragma once
+
+// A ZIP file as the container of a package, read through libzip.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
+
+namespace opc::zippackage {
+
+// Opens and checks the ZIP file in the constructor; throws opc::Exception
+// when it is missing, unreadable, not a ZIP file, or built in a way only an
+// attack needs. Opening reads the end records, the central directory and
+// each entry's local header, never the entries' data, so its cost follows
+// the entry count, not the file size.
+//
+// Refused, each with its own text:
+//  - split archives, an end record that does not end the file, a central
+//    directory that does not end where the end records begin;
+//  - more than kMaxEntries entries, a central directory above
+//    kMaxCentralDirectoryBytes, an entry count that does not match the
+//    records present;
+//  - item names holding a NUL; a local header whose name differs from the
+//    central one, or that is missing;
+//  - entries whose header and data overlap another entry's, or reach into
+//    the central directory (the overlapping-entry "zip bomb");
+//  - encrypted entries, and methods other than stored (0) and deflate (8);
+//  - a stored entry whose two sizes differ, a deflated entry that claims to
+//    expand more than deflate can (kMaxDeflateRatio).
+// ZIP64 sizes, offsets and counts are read where the 32-bit fields say so.
+class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
+  public:
+    static constexpr std::uint64_t kMaxEntries = 100000;
+    static constexpr std::uint64_t kMaxCentralDirectoryBytes = 64u * 1024u * 1024u;
+    static constexpr std::uint64_t kMaxDeflateRatio = 1032;  // deflate's own ceiling
+
+    // `path` is a file path (converted to UTF-8 for the system). `readOnly`
+    // must be true: packages are only read here (the writing side is
+    // PackageWriter); false throws opc::Exception.
+    ZipPhysicalPackage(const std::u16string& path, bool readOnly);
+    ~ZipPhysicalPackage() override;
+    ZipPhysicalPackage(const ZipPhysicalPackage&) = delete;
+    ZipPhysicalPackage& operator=(const ZipPhysicalPackage&) = delete;
+
+    const std::vector<opc::interfaces::PhysicalEntry>& getEntries() const override;
+    std::unique_ptr<InputStream> openEntry(std::uint64_t index) override;
+    std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) override;
+    void close() override;
+
+    const std::u16string& getPath() const { return path_; }
+
+  private:
+    struct Archive;
+    const opc::interfaces::PhysicalEntry& entryAt(std::uint64_t index) const;
+
+    std::u16string path_;
+    std::vector<opc::interfaces::PhysicalEntry> entries_;
+    std::unique_ptr<Archive> archive_;
+};
+
+}  // namespace opc::zippackage

@@ -1,0 +1,31 @@
+#include "tsappinstall/facade/Tsappinstall.hpp"
+
+#include "facade/PackagePath.hpp"
+#include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/opc/Package.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+
+namespace Corvane::addons::apps {
+
+Tsappinstall::Tsappinstall() = default;
+
+Tsappinstall::~Tsappinstall() = default;
+
+bool Tsappinstall::isAppFile(const std::u16string& packagePath) {
+    const std::u16string appExtension = u"tsappinstall";
+    const std::u16string nativePath = facade::native_form(packagePath);
+    const std::u16string extension = fl::filesystem::detail::extract_extension(nativePath);
+    if (extension.size() != appExtension.size() || extension != appExtension) return false;
+    try {
+        opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
+        opc::model::Package package(physical);
+        package.open(static_cast<opc::interfaces::OpenMode>(0));
+        package.close();
+        return true;
+    } catch (...) {
+        // Whatever the package layer reports, the answer is only "not an app".
+        return false;
+    }
+}
+
+}  // namespace Corvane::addons::apps

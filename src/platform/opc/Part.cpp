@@ -1,0 +1,34 @@
+#include "tsappinstall/platform/opc/Part.hpp"
+
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace opc::model {
+
+Part::Part(opc::interfaces::IPhysicalPackage& container, PartName name, std::string contentType,
+           std::uint64_t entryIndex)
+    : container_(&container),
+      name_(std::move(name)),
+      contentType_(std::move(contentType)),
+      entryIndex_(entryIndex) {}
+
+Part::~Part() = default;
+Part::Part(Part&&) noexcept = default;
+Part& Part::operator=(Part&&) noexcept = default;
+
+const opc::interfaces::PhysicalEntry& Part::getEntry() const {
+    return container_->getEntries().at(static_cast<std::size_t>(entryIndex_));
+}
+
+InputStream& Part::getInputStream() {
+    stream_.reset();  // one open libzip file per part at a time
+    stream_ = container_->openEntry(entryIndex_);
+    return *stream_;
+}
+
+InputStream& Part::getRawInputStream() {
+    stream_.reset();
+    stream_ = container_->openRawEntry(entryIndex_);
+    return *stream_;
+}
+
+}  // namespace opc::model

@@ -1,0 +1,144 @@
+#include "tsappinstall/platform/opc/PartName.hpp"
+
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace opc::model {
+namespace {
+
+bool is_alnum(unsigned char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+bool is_unreserved(unsigned char c) {
+    return is_alnum(c) || c == '-' || c == '.' || c == '_' || c == '~';
+}
+bool is_segment_char(unsigned char c) {
+    static const std::string kOthers = "!$&'()*+,;=:@";
+    return is_unreserved(c) || kOthers.find(static_cast<char>(c)) != std::string::npos;
+}
+int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+std::string ascii_lower(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return text;
+}
+
+std::string why_segment_invalid(const std::string& segment) {
+    if (segment.empty()) return "it has an empty segment";
+    if (segment.back() == '.') return "a segment ends with a dot";
+    for (std::size_t i = 0; i < segment.size(); ++i) {
+        const auto c = static_cast<unsigned char>(segment[i]);
+        if (c == '%') {
+            const bool complete = i + 2 < segment.size();
+            const int high = complete ? hex_value(segment[i + 1]) : -1;
+            const int low = complete ? hex_value(segment[i + 2]) : -1;
+            if (high < 0 || low < 0) return "it holds a \"%\" that is not a percent-encoded octet";
+            const auto octet = static_cast<unsigned char>(high * 16 + low);
+            if (octet == '/' || octet == '\\') return "it holds a percent-encoded \"/\" or \"\\\"";
+            if (is_unreserved(octet)) return "it percent-encodes an unreserved character";
+            i += 2;
+        } else if (!is_segment_char(c)) {
+            return "it holds the character '" + std::string(1, static_cast<char>(c)) + "'";
+        }
+    }
+    return {};
+}
+
+std::string checked(const std::string& ascii, const std::string& shown) {
+    const std::string why = PartName::whyInvalid(ascii);
+    if (!why.empty()) throw opc::Exception("\"" + shown + "\" is not a valid part name: " + why);
+    return ascii;
+}
+
+std::string to_utf8(const std::u16string& text) {
+    try {
+        return fl::i18n::to_string(text);
+    } catch (const fl::i18n::ConversionError&) {
+        throw opc::Exception("a part name is not valid UTF-16 text");
+    }
+}
+
+}  // namespace
+
+std::string PartName::whyInvalid(const std::string& name) {
+    if (name.empty()) return "it is empty";
+    if (name[0] != '/') return "it does not start with \"/\"";
+    if (name.back() == '/') return "it ends with \"/\"";
+    std::size_t start = 1;
+    for (;;) {
+        const std::size_t slash = name.find('/', start);
+        const std::string why = why_segment_invalid(name.substr(start, slash - start));
+        if (!why.empty()) return why;
+        if (slash == std::string::npos) return {};
+        start = slash + 1;
+    }
+}
+
+std::string PartName::encodeNonAscii(const std::string& utf8) {
+    static const char* kHex = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(utf8.size());
+    for (char c : utf8) {
+        const auto octet = static_cast<unsigned char>(c);
+        if (octet < 0x80) {
+            out += c;
+        } else {
+            out += '%';
+            out += kHex[octet >> 4];
+            out += kHex[octet & 0x0F];
+        }
+    }
+    return out;
+}
+
+void PartName::assign(const std::string& utf8) {
+    name_ = checked(encodeNonAscii(utf8), utf8);
+    key_ = ascii_lower(name_);
+}
+
+PartName::PartName(const std::u16string& name) {
+    assign(to_utf8(name));
+}
+
+PartName PartName::fromZipItemName(const std::string& itemName) {
+    PartName name;
+    name.assign("/" + itemName);
+    return name;
+}
+
+PartName::PartName(const URI& uri) {
+    const std::string utf8 = to_utf8(uri.toString());
+    if (uri.isExternal())
+        throw opc::Exception("\"" + utf8 + "\" is an external target, not a part");
+    if (uri.hasScheme())
+        throw opc::Exception("\"" + utf8 + "\" is an absolute URI, not a part name");
+    if (uri.toString().find_first_of(u"?#") != std::u16string::npos) {
+        throw opc::Exception("\"" + utf8 + "\" holds a query or fragment, which part names cannot");
+    }
+    assign(utf8);
+}
+
+std::u16string PartName::toString() const {
+    return fl::i18n::to_ustring(name_);
+}
+
+std::string PartName::extension() const {
+    const std::size_t slash = name_.rfind('/');
+    const std::size_t dot = name_.rfind('.');
+    if (dot == std::string::npos || dot < slash) return {};
+    return name_.substr(dot + 1);
+}
+
+bool PartName::isPrefixOf(const PartName& other) const {
+    return other.key_.size() > key_.size() && other.key_.compare(0, key_.size(), key_) == 0 &&
+           other.key_[key_.size()] == '/';
+}
+
+}  // namespace opc::model

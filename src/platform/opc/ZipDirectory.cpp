@@ -1,0 +1,345 @@
+#include "platform/opc/ZipDirectory.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "tsappinstall/platform/opc/Exception.hpp"
+
+namespace opc::zippackage {
+namespace {
+
+using opc::interfaces::PhysicalEntry;
+
+constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
+constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
+constexpr std::uint32_t kEndSignature = 0x06054b50;
+constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
+constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
+constexpr std::size_t kLocalHeaderBytes = 30;
+constexpr std::size_t kCentralHeaderBytes = 46;
+constexpr std::size_t kEndBytes = 22;
+constexpr std::size_t kZip64LocatorBytes = 20;
+constexpr std::size_t kZip64EndBytes = 56;
+constexpr std::uint16_t kZip64ExtraId = 0x0001;
+constexpr std::uint16_t kFlagEncrypted = 0x0001;
+constexpr std::uint16_t kFlagStrongEncryption = 0x0040;
+constexpr std::uint16_t kFlagMaskedDirectory = 0x2000;
+
+[[noreturn]] void refuse(const std::string& why) {
+    throw opc::Exception("not a usable ZIP file: " + why);
+}
+
+std::uint16_t le16(const unsigned char* p) {
+    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+}
+std::uint32_t le32(const unsigned char* p) {
+    return static_cast<std::uint32_t>(le16(p)) | (static_cast<std::uint32_t>(le16(p + 2)) << 16);
+}
+std::uint64_t le64(const unsigned char* p) {
+    return static_cast<std::uint64_t>(le32(p)) | (static_cast<std::uint64_t>(le32(p + 4)) << 32);
+}
+
+class FileBytes {
+  public:
+    FileBytes(int fd, std::uint64_t size) : fd_(fd), size_(size) {}
+    std::uint64_t size() const { return size_; }
+
+    std::vector<unsigned char> read(std::uint64_t offset, std::size_t count) const {
+        if (offset > size_ || count > size_ - offset)
+            refuse("a record lies beyond the end of the file");
+        std::vector<unsigned char> bytes(count);
+        std::size_t done = 0;
+        while (done < count) {
+            const ssize_t n =
+                ::pread(fd_, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0)
+                throw opc::Exception(std::string("cannot read the file: ") + std::strerror(errno));
+            if (n == 0) refuse("the file ended while it was being read");
+            done += static_cast<std::size_t>(n);
+        }
+        return bytes;
+    }
+
+  private:
+    int fd_;
+    std::uint64_t size_;
+};
+
+struct EndRecord {
+    std::uint64_t entryCount = 0;
+    std::uint64_t directorySize = 0;
+    std::uint64_t directoryOffset = 0;
+    std::uint64_t start = 0;  // where the first end record begins
+};
+
+// Looks for the classic end record in the last `tailSize` bytes; its
+// comment must end the file. Returns the file size when it is not there.
+std::uint64_t find_end_record_in_tail(const FileBytes& file, std::uint64_t tailSize) {
+    const std::uint64_t tailStart = file.size() - tailSize;
+    const std::vector<unsigned char> tail =
+        file.read(tailStart, static_cast<std::size_t>(tailSize));
+    for (std::size_t i = tail.size() - kEndBytes + 1; i-- > 0;) {
+        if (le32(&tail[i]) == kEndSignature && i + kEndBytes + le16(&tail[i + 20]) == tail.size()) {
+            return tailStart + i;
+        }
+    }
+    return file.size();
+}
+
+// The classic end record, found from the end. Most files carry no comment,
+// so a short tail is tried before the longest one a comment allows.
+std::uint64_t find_end_record(const FileBytes& file) {
+    if (file.size() < kEndBytes) refuse("the file is too short to be a ZIP file");
+    constexpr std::uint64_t kShortTail = kEndBytes + 256;
+    std::uint64_t at =
+        find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kShortTail));
+    if (at == file.size() && file.size() > kShortTail) {
+        at =
+            find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kEndBytes + 0xFFFF));
+    }
+    if (at == file.size()) refuse("no end of central directory record (not a ZIP file)");
+    return at;
+}
+
+void read_zip64_end(const FileBytes& file, std::uint64_t locatorAt, EndRecord& end) {
+    const auto locator = file.read(locatorAt, kZip64LocatorBytes);
+    if (le32(&locator[4]) != 0 || le32(&locator[16]) > 1)
+        refuse("split archives are not supported");
+    const std::uint64_t at = le64(&locator[8]);
+    if (at > locatorAt || locatorAt - at < kZip64EndBytes)
+        refuse("the ZIP64 end record is misplaced");
+    const auto record = file.read(at, kZip64EndBytes);
+    if (le32(&record[0]) != kZip64EndSignature) refuse("the ZIP64 end record is missing");
+    if (le64(&record[4]) != locatorAt - at - 12) refuse("the ZIP64 end record has a wrong size");
+    if (le32(&record[16]) != 0 || le32(&record[20]) != 0 ||
+        le64(&record[24]) != le64(&record[32])) {
+        refuse("split archives are not supported");
+    }
+    end.entryCount = le64(&record[32]);
+    end.directorySize = le64(&record[40]);
+    end.directoryOffset = le64(&record[48]);
+    end.start = at;
+}
+
+EndRecord read_end(const FileBytes& file, const ZipLimits& limits) {
+    const std::uint64_t at = find_end_record(file);
+    const auto record = file.read(at, kEndBytes);
+    if (le16(&record[4]) != 0 || le16(&record[6]) != 0 || le16(&record[8]) != le16(&record[10])) {
+        refuse("split archives are not supported");
+    }
+    EndRecord end{le16(&record[10]), le32(&record[12]), le32(&record[16]), at};
+    if (at >= kZip64LocatorBytes) {
+        const auto probe = file.read(at - kZip64LocatorBytes, 4);
+        if (le32(probe.data()) == kZip64LocatorSignature)
+            read_zip64_end(file, at - kZip64LocatorBytes, end);
+    }
+    if (end.directoryOffset > end.start || end.start - end.directoryOffset != end.directorySize) {
+        refuse("the central directory does not end where the end record begins");
+    }
+    if (end.entryCount > limits.maxEntries) {
+        refuse(std::to_string(end.entryCount) + " entries, more than the " +
+               std::to_string(limits.maxEntries) + " accepted");
+    }
+    if (end.directorySize > limits.maxCentralDirectoryBytes)
+        refuse("the central directory is too large");
+    if (end.entryCount * kCentralHeaderBytes > end.directorySize) {
+        refuse("the central directory is too small for its entry count");
+    }
+    return end;
+}
+
+std::string quoted(const std::string& name) {
+    return "\"" + name + "\"";
+}
+
+// Replaces the 32-bit fields that hold 0xFFFFFFFF with the ZIP64 extra
+// field's values, which come in this order and only for those fields.
+void apply_zip64_extra(const unsigned char* extra, std::size_t length, PhysicalEntry& entry,
+                       bool sizeMax, bool compressedMax, bool offsetMax) {
+    if (!sizeMax && !compressedMax && !offsetMax) return;
+    for (std::size_t pos = 0; pos + 4 <= length;) {
+        const std::uint16_t id = le16(extra + pos);
+        const std::size_t fieldLength = le16(extra + pos + 2);
+        if (pos + 4 + fieldLength > length) break;
+        if (id == kZip64ExtraId) {
+            const unsigned char* value = extra + pos + 4;
+            const std::size_t needed = 8u * (sizeMax + compressedMax + offsetMax);
+            if (fieldLength < needed) break;
+            if (sizeMax) {
+                entry.size = le64(value);
+                value += 8;
+            }
+            if (compressedMax) {
+                entry.compressedSize = le64(value);
+                value += 8;
+            }
+            if (offsetMax) entry.localHeaderOffset = le64(value);
+            return;
+        }
+        pos += 4 + fieldLength;
+    }
+    refuse("the entry " + quoted(entry.name) + " lacks its ZIP64 sizes");
+}
+
+void check_method_and_sizes(const PhysicalEntry& entry, std::uint16_t flags,
+                            const ZipLimits& limits) {
+    if ((flags & (kFlagEncrypted | kFlagStrongEncryption | kFlagMaskedDirectory)) != 0) {
+        refuse("the entry " + quoted(entry.name) + " is encrypted");
+    }
+    if (entry.compressionMethod == PhysicalEntry::kStored) {
+        if (entry.size != entry.compressedSize) {
+            refuse("the stored entry " + quoted(entry.name) + " declares two different sizes");
+        }
+    } else if (entry.compressionMethod == PhysicalEntry::kDeflated) {
+        constexpr std::uint64_t kSlack = 64;
+        if (entry.size > kSlack &&
+            (entry.size - kSlack) / limits.maxDeflateRatio > entry.compressedSize) {
+            refuse("the entry " + quoted(entry.name) + " claims a size deflate cannot reach");
+        }
+    } else {
+        refuse("the entry " + quoted(entry.name) + " uses compression method " +
+               std::to_string(entry.compressionMethod) + "; only stored and deflate are supported");
+    }
+}
+
+PhysicalEntry read_central_header(const std::vector<unsigned char>& directory, std::size_t& pos,
+                                  std::uint64_t index, const ZipLimits& limits) {
+    if (directory.size() - pos < kCentralHeaderBytes ||
+        le32(&directory[pos]) != kCentralHeaderSignature) {
+        refuse("central directory record " + std::to_string(index) + " is missing or damaged");
+    }
+    const unsigned char* h = &directory[pos];
+    const std::size_t nameLength = le16(h + 28);
+    const std::size_t extraLength = le16(h + 30);
+    const std::size_t commentLength = le16(h + 32);
+    const std::size_t total = kCentralHeaderBytes + nameLength + extraLength + commentLength;
+    if (directory.size() - pos < total)
+        refuse("central directory record " + std::to_string(index) + " is cut off");
+
+    PhysicalEntry entry;
+    entry.index = index;
+    entry.name.assign(reinterpret_cast<const char*>(h + kCentralHeaderBytes), nameLength);
+    if (entry.name.find('\0') != std::string::npos) refuse("an item name holds a NUL character");
+    if (entry.name.empty()) refuse("an item has an empty name");
+    entry.compressionMethod = le16(h + 10);
+    entry.dosTime = le16(h + 12);
+    entry.dosDate = le16(h + 14);
+    entry.crc32 = le32(h + 16);
+    entry.compressedSize = le32(h + 20);
+    entry.size = le32(h + 24);
+    entry.localHeaderOffset = le32(h + 42);
+    apply_zip64_extra(h + kCentralHeaderBytes + nameLength, extraLength, entry,
+                      entry.size == 0xFFFFFFFFu, entry.compressedSize == 0xFFFFFFFFu,
+                      entry.localHeaderOffset == 0xFFFFFFFFu);
+    if (le16(h + 34) != 0) refuse("split archives are not supported");
+    check_method_and_sizes(entry, le16(h + 8), limits);
+    pos += total;
+    return entry;
+}
+
+// The entries' local headers must lie before the central directory.
+void check_header_places(const EndRecord& end, const std::vector<PhysicalEntry>& entries) {
+    for (const PhysicalEntry& entry : entries) {
+        const std::uint64_t headerBytes = kLocalHeaderBytes + entry.name.size();
+        if (entry.localHeaderOffset > end.directoryOffset ||
+            end.directoryOffset - entry.localHeaderOffset < headerBytes) {
+            refuse("the local header of " + quoted(entry.name) +
+                   " is not before the central directory");
+        }
+    }
+}
+
+// Checks the local header at `header` against the central record: same
+// item name, method and encryption; notes where the data begins, which with
+// the data must lie before the central directory.
+void check_local_header(const unsigned char* header, const EndRecord& end, PhysicalEntry& entry) {
+    if (le32(header) != kLocalHeaderSignature) {
+        refuse("the local header of " + quoted(entry.name) + " is missing");
+    }
+    const std::size_t nameLength = le16(header + 26);
+    if (nameLength != entry.name.size() ||
+        std::memcmp(header + kLocalHeaderBytes, entry.name.data(), nameLength) != 0) {
+        refuse("the local header of " + quoted(entry.name) + " names another item");
+    }
+    if (le16(header + 8) != entry.compressionMethod || (le16(header + 6) & kFlagEncrypted) != 0) {
+        refuse("the local header of " + quoted(entry.name) +
+               " disagrees with the central directory");
+    }
+    entry.dataOffset = entry.localHeaderOffset + kLocalHeaderBytes + nameLength + le16(header + 28);
+    if (entry.dataOffset > end.directoryOffset ||
+        end.directoryOffset - entry.dataOffset < entry.compressedSize) {
+        refuse("the data of " + quoted(entry.name) + " reaches into the central directory");
+    }
+}
+
+// Reads the local headers in file order. Headers closer than kGap to each
+// other share one read, so a package of small parts costs a few reads while
+// one of large parts reads no more than its headers.
+void read_local_headers(const FileBytes& file, const EndRecord& end,
+                        const std::vector<PhysicalEntry*>& byOffset) {
+    constexpr std::uint64_t kGap = 4096;
+    constexpr std::uint64_t kMaxSpan = 1024 * 1024;
+    for (std::size_t first = 0; first < byOffset.size();) {
+        const std::uint64_t spanStart = byOffset[first]->localHeaderOffset;
+        std::uint64_t spanEnd = spanStart + kLocalHeaderBytes + byOffset[first]->name.size();
+        std::size_t last = first + 1;
+        for (; last < byOffset.size(); ++last) {
+            const PhysicalEntry& next = *byOffset[last];
+            const std::uint64_t nextEnd =
+                next.localHeaderOffset + kLocalHeaderBytes + next.name.size();
+            if (next.localHeaderOffset > spanEnd + kGap || nextEnd - spanStart > kMaxSpan) break;
+            spanEnd = std::max(spanEnd, nextEnd);
+        }
+        const auto span = file.read(spanStart, static_cast<std::size_t>(spanEnd - spanStart));
+        for (std::size_t i = first; i < last; ++i) {
+            check_local_header(&span[byOffset[i]->localHeaderOffset - spanStart], end,
+                               *byOffset[i]);
+        }
+        first = last;
+    }
+}
+
+void refuse_overlaps(const std::vector<PhysicalEntry*>& byOffset) {
+    for (std::size_t i = 1; i < byOffset.size(); ++i) {
+        const PhysicalEntry& before = *byOffset[i - 1];
+        if (before.dataOffset + before.compressedSize > byOffset[i]->localHeaderOffset) {
+            refuse("the entries " + quoted(before.name) + " and " + quoted(byOffset[i]->name) +
+                   " overlap");
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
+                                            const ZipLimits& limits) {
+    const FileBytes file(fd, fileSize);
+    const EndRecord end = read_end(file, limits);
+    const auto directory =
+        file.read(end.directoryOffset, static_cast<std::size_t>(end.directorySize));
+    std::vector<PhysicalEntry> entries;
+    entries.reserve(static_cast<std::size_t>(end.entryCount));
+    std::size_t pos = 0;
+    for (std::uint64_t i = 0; i < end.entryCount; ++i) {
+        entries.push_back(read_central_header(directory, pos, i, limits));
+    }
+    if (pos != directory.size())
+        refuse("the central directory holds more than its entry count says");
+    check_header_places(end, entries);
+    std::vector<PhysicalEntry*> byOffset;
+    byOffset.reserve(entries.size());
+    for (PhysicalEntry& entry : entries) byOffset.push_back(&entry);
+    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
+        return a->localHeaderOffset < b->localHeaderOffset;
+    });
+    read_local_headers(file, end, byOffset);
+    refuse_overlaps(byOffset);
+    return entries;
+}
+
+}  // namespace opc::zippackage

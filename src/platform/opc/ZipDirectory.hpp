@@ -1,0 +1,27 @@
+#pragma once
+
+// Reading and checking a ZIP file's directory straight from its bytes.
+// libzip trusts the central directory; this reader is what refuses the
+// files only an attack needs before libzip is given them.
+
+#include <cstdint>
+#include <vector>
+
+#include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
+
+namespace opc::zippackage {
+
+struct ZipLimits {
+    std::uint64_t maxEntries;
+    std::uint64_t maxCentralDirectoryBytes;
+    std::uint64_t maxDeflateRatio;
+};
+
+// Reads the end records, the central directory and every local header of
+// the file open as `fd` (of `fileSize` bytes) with positioned reads, checks
+// them (see ZipPhysicalPackage) and returns the entries in directory order.
+// Throws opc::Exception.
+std::vector<opc::interfaces::PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
+                                                             const ZipLimits& limits);
+
+}  // namespace opc::zippackage

@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "support/PackageBuilder.hpp"
+#include "support/TestSupport.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/Package.hpp"
+#include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+
+using opc::interfaces::OpenMode;
+using opc::model::Package;
+using opc::model::PartName;
+using opc::model::TargetMode;
+using opc::zippackage::ZipPhysicalPackage;
+using namespace tsapp::test;
+
+namespace {
+
+std::string read_all(opc::InputStream& in) {
+    std::string bytes;
+    unsigned char chunk[4096];
+    for (std::size_t n; (n = in.read(chunk, sizeof chunk)) != 0;)
+        bytes.append(reinterpret_cast<char*>(chunk), n);
+    return bytes;
+}
+
+struct Opened {
+    ZipPhysicalPackage physical;
+    Package package{physical};
+    explicit Opened(const std::string& path) : physical(u16(path), true) {
+        package.open(OpenMode::Read);
+    }
+};
+
+// Opening the package fails with an opc::Exception (or one derived from
+// it) naming `reason`, and no descriptor stays open.
+void expect_refused(const PackageBuilder& builder, const std::string& reason) {
+    TempDir dir;
+    builder.write(dir.file("p.zip"));
+    const int before = open_descriptor_count();
+    try {
+        Opened opened(dir.file("p.zip"));
+        ADD_FAILURE() << "opened; expected: " << reason;
+    } catch (const opc::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(open_descriptor_count(), before);
+}
+
+PackageBuilder with_part(const std::string& name) {
+    return PackageBuilder().part(name, "x");
+}
+
+}  // namespace
+
+TEST(Package, ReadsPartsContentTypesAndRelationshipsInOrder) {
+    TempDir dir;
+    PackageBuilder()
+        .part("manifest.xml", "<m/>")
+        .part("img/icon.PNG", "\x89PNG", false)
+        .part("bin/run", "#!")
+        .part("lib/", "")  // a folder entry is not a part
+        .overrideType("/BIN/RUN", "application/x-run; v=&quot;1 2&quot;")
+        .relationship("r2", "urn:b", "img/icon.PNG")
+        .relationship("r1", "urn:a", "/manifest.xml")
+        .relationship("r3", "urn:b", "./x/../bin/run")
+        .relationship("r4", "urn:b", "http://example.com/", "External")
+        .write(dir.file("p.zip"));
+    Opened opened(dir.file("p.zip"));
+    Package& package = opened.package;
+
+    const auto names = package.getPartNames();
+    ASSERT_EQ(names.size(), 4u);
+    EXPECT_EQ(names[0].ascii(), "/_rels/.rels");
+    EXPECT_EQ(names[2].ascii(), "/img/icon.PNG");
+    EXPECT_EQ(package.getPart(PartName(u"/IMG/icon.png")).getContentType(), "image/png");
+    EXPECT_EQ(package.getPart(PartName(u"/bin/run")).getContentType(),
+              "application/x-run; v=\"1 2\"");
+    EXPECT_EQ(package.getPart(PartName(u"/_rels/.rels")).getContentType(),
+              kRelationshipsContentType);
+    EXPECT_FALSE(package.containsPart(PartName(u"/lib")));
+    EXPECT_THROW(package.getPart(PartName(u"/nothing.xml")), opc::Exception);
+
+    const auto byType = package.getRelationshipsByType(u"urn:b");
+    ASSERT_EQ(byType.size(), 3u);
+    EXPECT_EQ(byType[0].getId(), u"r2");
+    EXPECT_EQ(byType[1].getTargetURI().toString(), u"/bin/run");
+    EXPECT_EQ(byType[2].getTargetMode(), TargetMode::External);
+    EXPECT_TRUE(package.getRelationshipsByType(u"URN:B").empty());  // types compare exactly
+
+    auto part = package.getPart(PartName(byType[0].getTargetURI()));
+    EXPECT_EQ(read_all(part.getInputStream()), "\x89PNG");
+    EXPECT_EQ(read_all(part.getInputStream()), "\x89PNG");  // a fresh stream each time
+    EXPECT_EQ(part.getEntry().compressionMethod, 0);
+    package.close();
+    EXPECT_THROW(package.getPartNames(), opc::Exception);
+}
+
+TEST(Package, NonAsciiItemNamesAreTheirPercentEncodedPartNames) {
+    TempDir dir;
+    PackageBuilder().part("b\xC3\xBCro/\xC3\xA9t\xC3\xA9.xml", "<x/>").write(dir.file("p.zip"));
+    Opened opened(dir.file("p.zip"));
+    EXPECT_TRUE(opened.package.containsPart(PartName(u"/b\u00fcro/\u00e9t\u00e9.xml")));
+    const auto part = opened.package.getPart(PartName(u"/B%c3%bcRO/%C3%A9t%C3%A9.XML"));
+    EXPECT_EQ(part.getPartName().ascii(), "/b%C3%BCro/%C3%A9t%C3%A9.xml");
+    expect_refused(PackageBuilder().part("\xC3\xBC.xml", "a").part("%C3%BC.xml", "b"),
+                   "ignoring case");
+}
+
+TEST(Package, ReadsWhatOurWriterWrites) {
+    TempDir dir;
+    using opc::zippackage::PackageWriter;
+    PackageWriter writer(dir.file("w.zip"));
+    const std::vector<unsigned char> bytes{0, '\r', '\n', 0xFF, 'a'};
+    writer.addPart("lib/a b.bin", "application/octet-stream", bytes);
+    writer.addPart("run", "application/x-run", {'#', '!'}, PackageWriter::Compression::Stored);
+    writer.addRelationship("r1", "urn:x", "/lib/a%20b.bin");
+    writer.commit();
+
+    Opened opened(dir.file("w.zip"));
+    const auto relationships = opened.package.getRelationshipsByType(u"urn:x");
+    ASSERT_EQ(relationships.size(), 1u);
+    auto part = opened.package.getPart(PartName(relationships[0].getTargetURI()));
+    EXPECT_EQ(part.getContentType(), "application/octet-stream");
+    EXPECT_EQ(read_all(part.getInputStream()), std::string(bytes.begin(), bytes.end()));
+    EXPECT_EQ(opened.package.getPart(PartName(u"/run")).getContentType(), "application/x-run");
+}
+
+TEST(Package, PackageWithoutRelationshipsPartHasNone) {
+    TempDir dir;
+    PackageBuilder().withoutRelationships().part("a.xml", "<a/>").write(dir.file("p.zip"));
+    Opened opened(dir.file("p.zip"));
+    EXPECT_TRUE(opened.package.getRelationships().empty());
+    EXPECT_THROW(opened.package.open(OpenMode::Read), opc::Exception);
+    EXPECT_THROW(Package(opened.physical).open(static_cast<OpenMode>(1)), opc::Exception);
+}
+
+TEST(Package, RefusesInvalidAndCollidingPartNames) {
+    expect_refused(PackageBuilder().withoutContentTypes().part("a.xml", "<a/>"),
+                   "[Content_Types].xml\" is missing");
+    expect_refused(with_part("a b.xml"), "is not a valid part name: it holds the character ' '");
+    expect_refused(with_part("a/./b.xml"), "ends with a dot");
+    expect_refused(with_part("x%2Fy.xml"), "percent-encoded \"/\"");
+    expect_refused(with_part("%41.xml"), "unreserved");
+    expect_refused(with_part("/abs.xml"), "empty segment");
+    expect_refused(with_part("a.xml").part("A.XML", "y"),
+                   "two items are named \"/a.xml\" ignoring case");
+    expect_refused(with_part("a").part("a/b.xml", "y").overrideType("/a", "text/plain"),
+                   "lies above");
+    expect_refused(with_part("dir/[0].piece").part("dir/[1].last.piece", "y"), "interleaved");
+    expect_refused(PackageBuilder().part("[content_types].XML", "<x/>"), "twice");
+
+    // Byte-exact duplicates cannot be written through libzip: rename one.
+    TempDir dir;
+    with_part("one.xml").part("two.xml", "y").write(dir.file("p.zip"));
+    ZipPatcher z(dir.file("p.zip"));
+    for (std::size_t at = z.bytes().find("two.xml"); at != std::string::npos;
+         at = z.bytes().find("two.xml"))
+        z.bytes().replace(at, 7, "one.xml");
+    z.save();
+    EXPECT_THROW(Opened{dir.file("p.zip")}, opc::Exception);
+}
+
+TEST(Package, RefusesMissingOrMalformedContentTypes) {
+    expect_refused(with_part("data.bin"), "the part \"/data.bin\" has no content type");
+    expect_refused(with_part("noext"), "the part \"/noext\" has no content type");
+    for (const char* bad : {"text", "text/", "/plain", "text /plain", "text/plain;",
+                            "text/plain; a = b", " text/plain", "text/plain; q=&quot;open"}) {
+        expect_refused(PackageBuilder().defaultType("bin", bad).part("d.bin", "x"),
+                       "is not a valid content type");
+    }
+    expect_refused(PackageBuilder().defaultType("XML", "text/xml"),
+                   "names the extension \"XML\" twice");
+    expect_refused(
+        PackageBuilder().overrideType("/a.xml", "text/xml").overrideType("/A.xml", "text/xml"),
+        "names the part");
+    expect_refused(PackageBuilder().overrideType("a.xml", "text/xml"), "does not start with");
+    expect_refused(PackageBuilder().contentTypesXml("<Types xmlns='urn:other'/>"),
+                   "has no Types element");
+    expect_refused(PackageBuilder().contentTypesXml("<Types"), "[Content_Types].xml");
+}
+
+TEST(Package, RelationshipsPartIsParsedHardened) {
+    const std::string ns = "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"";
+    expect_refused(PackageBuilder().relationshipsXml(
+                       "<!DOCTYPE Relationships [<!ENTITY x \"y\">]><Relationships " + ns + "/>"),
+                   "/_rels/.rels, line 1, column 10");
+    expect_refused(
+        PackageBuilder().relationshipsXml("<!DOCTYPE r SYSTEM \"http://127.0.0.1:9/x.dtd\"><r/>"),
+        "/_rels/.rels, line 1, column 10");
+    expect_refused(
+        PackageBuilder().relationship("r1", "urn:a", "a.xml").relationship("r1", "urn:b", "b.xml"),
+        "used twice");
+    expect_refused(PackageBuilder().relationship("r1", "urn:a", "a.xml", "Elsewhere"),
+                   "TargetMode");
+    expect_refused(PackageBuilder().relationshipsXml("<Relationships " + ns +
+                                                     "><Relationship Id='a' Type='t'/>"
+                                                     "</Relationships>"),
+                   "lacks its Target attribute");
+    expect_refused(
+        PackageBuilder().relationshipsXml("<Relationships " + ns + "><Other/></Relationships>"),
+        "other than Relationship");
+    expect_refused(PackageBuilder().relationshipsXml("<Relationships/>"),
+                   "has no Relationships element");
+}
+
+TEST(Package, DamagedXmlPartFailsTheOpen) {
+    TempDir dir;
+    PackageBuilder().relationship("r1", "urn:a", "a.xml").write(dir.file("p.zip"));
+    ZipPatcher z(dir.file("p.zip"));
+    z.put32(z.centralHeader("_rels/.rels") + 16, 0x12345678);
+    z.save();
+    EXPECT_THROW(Opened{dir.file("p.zip")}, opc::Exception);
+}
+
+// Damaged copies of a valid package either open and read, or fail with an
+// opc::Exception; nothing else escapes and nothing crashes (run under ASan).
+TEST(Package, RandomlyDamagedPackagesFailCleanly) {
+    TempDir dir;
+    PackageBuilder()
+        .part("manifest.xml", "<m>" + std::string(300, 'x') + "</m>")
+        .part("icon.png", std::string(200, '\x89'), false)
+        .part("lib/a.xml", "<a/>")
+        .relationship("r1", "urn:m", "manifest.xml")
+        .write(dir.file("good.zip"));
+    const std::string good = read_file(dir.file("good.zip"));
+    std::mt19937 random(20261123);
+    int opened = 0;
+    for (int round = 0; round < 300; ++round) {
+        std::string bytes = good;
+        const int flips = 1 + static_cast<int>(random() % 4);
+        for (int i = 0; i < flips; ++i)
+            bytes[random() % bytes.size()] = static_cast<char>(random());
+        write_file(dir.file("bad.zip"), bytes);
+        try {
+            Opened package(dir.file("bad.zip"));
+            for (const PartName& name : package.package.getPartNames()) {
+                auto part = package.package.getPart(name);
+                read_all(part.getInputStream());
+            }
+            ++opened;
+        } catch (const opc::Exception&) {
+        }
+    }
+    EXPECT_LT(opened, 300);
+}

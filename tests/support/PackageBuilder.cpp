@@ -1,0 +1,220 @@
+#include "support/PackageBuilder.hpp"
+
+#include <zip.h>
+#include <zlib.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "support/TestSupport.hpp"
+
+namespace tsapp::test {
+namespace {
+
+struct ZipDiscarder {
+    void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+
+std::string le(std::uint64_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return out;
+}
+
+std::uint32_t crc_of(const std::string& data) {
+    return static_cast<std::uint32_t>(
+        crc32(0L, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
+}
+
+}  // namespace
+
+void write_zip(const std::string& path, const std::vector<ZipItem>& items) {
+    int error = 0;
+    std::unique_ptr<zip_t, ZipDiscarder> archive(
+        zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
+    if (!archive) throw std::runtime_error("zip_open failed for " + path);
+    for (const ZipItem& item : items) {
+        zip_source_t* source =
+            zip_source_buffer(archive.get(), item.data.data(), item.data.size(), 0);
+        const zip_int64_t index =
+            zip_file_add(archive.get(), item.name.c_str(), source, ZIP_FL_ENC_RAW);
+        if (index < 0) {
+            zip_source_free(source);
+            throw std::runtime_error("zip_file_add failed for " + item.name);
+        }
+        zip_set_file_compression(archive.get(), static_cast<zip_uint64_t>(index),
+                                 item.deflate ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
+        zip_file_set_mtime(archive.get(), static_cast<zip_uint64_t>(index), 1600000000, 0);
+    }
+    if (zip_close(archive.get()) != 0) throw std::runtime_error("zip_close failed for " + path);
+    archive.release();
+}
+
+void write_zip64(const std::string& path, const std::vector<ZipItem>& items) {
+    const std::string max32 = le(0xFFFFFFFFu, 4);
+    std::string file;
+    std::string directory;
+    for (const ZipItem& item : items) {
+        const std::uint64_t offset = file.size();
+        const std::string crc = le(crc_of(item.data), 4);
+        const std::string localExtra =
+            le(1, 2) + le(16, 2) + le(item.data.size(), 8) + le(item.data.size(), 8);
+        file += le(0x04034b50, 4) + le(45, 2) + le(0, 2) + le(0, 2) + le(0, 4) + crc + max32 +
+                max32 + le(item.name.size(), 2) + le(localExtra.size(), 2) + item.name +
+                localExtra + item.data;
+        const std::string extra = le(1, 2) + le(24, 2) + le(item.data.size(), 8) +
+                                  le(item.data.size(), 8) + le(offset, 8);
+        directory += le(0x02014b50, 4) + le(45, 2) + le(45, 2) + le(0, 2) + le(0, 2) + le(0, 4) +
+                     crc + max32 + max32 + le(item.name.size(), 2) + le(extra.size(), 2) +
+                     le(0, 2) + le(0, 2) + le(0, 2) + le(0, 4) + max32 + item.name + extra;
+    }
+    const std::uint64_t directoryOffset = file.size();
+    file += directory;
+    const std::uint64_t zip64End = file.size();
+    file += le(0x06064b50, 4) + le(44, 8) + le(45, 2) + le(45, 2) + le(0, 4) + le(0, 4) +
+            le(items.size(), 8) + le(items.size(), 8) + le(directory.size(), 8) +
+            le(directoryOffset, 8);
+    file += le(0x07064b50, 4) + le(0, 4) + le(zip64End, 8) + le(1, 4);
+    file += le(0x06054b50, 4) + le(0, 2) + le(0, 2) + le(0xFFFF, 2) + le(0xFFFF, 2) + max32 +
+            max32 + le(0, 2);
+    write_file(path, file);
+}
+
+PackageBuilder& PackageBuilder::part(const std::string& itemName, std::string data, bool deflate) {
+    parts_.push_back({itemName, std::move(data), deflate});
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::defaultType(const std::string& extension,
+                                            const std::string& contentType) {
+    defaults_.emplace_back(extension, contentType);
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::overrideType(const std::string& partName,
+                                             const std::string& contentType) {
+    overrides_.emplace_back(partName, contentType);
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::relationship(const std::string& id, const std::string& type,
+                                             const std::string& target,
+                                             const std::string& targetMode) {
+    relationshipElements_ +=
+        "<Relationship Id=\"" + id + "\" Type=\"" + type + "\" Target=\"" + target + "\"";
+    if (!targetMode.empty()) relationshipElements_ += " TargetMode=\"" + targetMode + "\"";
+    relationshipElements_ += "/>";
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::contentTypesXml(std::string xml) {
+    contentTypesXml_ = std::move(xml);
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::relationshipsXml(std::string xml) {
+    relationshipsXml_ = std::move(xml);
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::withoutContentTypes() {
+    withContentTypes_ = false;
+    return *this;
+}
+
+PackageBuilder& PackageBuilder::withoutRelationships() {
+    withRelationships_ = false;
+    return *this;
+}
+
+std::string PackageBuilder::contentTypesText() const {
+    if (!contentTypesXml_.empty()) return contentTypesXml_;
+    std::string xml =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+        "<Default Extension=\"rels\" ContentType=\"" +
+        std::string(kRelationshipsContentType) +
+        "\"/><Default Extension=\"xml\" ContentType=\"application/xml\"/>"
+        "<Default Extension=\"png\" ContentType=\"image/png\"/>";
+    for (const auto& [extension, type] : defaults_) {
+        xml += "<Default Extension=\"" + extension + "\" ContentType=\"" + type + "\"/>";
+    }
+    for (const auto& [name, type] : overrides_) {
+        xml += "<Override PartName=\"" + name + "\" ContentType=\"" + type + "\"/>";
+    }
+    return xml + "</Types>";
+}
+
+std::string PackageBuilder::relationshipsText() const {
+    if (!relationshipsXml_.empty()) return relationshipsXml_;
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<Relationships "
+           "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">" +
+           relationshipElements_ + "</Relationships>";
+}
+
+std::vector<ZipItem> PackageBuilder::items() const {
+    std::vector<ZipItem> items;
+    if (withContentTypes_) items.push_back({"[Content_Types].xml", contentTypesText(), true});
+    if (withRelationships_) items.push_back({"_rels/.rels", relationshipsText(), true});
+    items.insert(items.end(), parts_.begin(), parts_.end());
+    return items;
+}
+
+ZipPatcher::ZipPatcher(std::string path) : path_(std::move(path)), bytes_(read_file(path_)) {}
+
+std::size_t ZipPatcher::find(std::uint32_t signature, std::size_t nameLengthAt, std::size_t nameAt,
+                             const std::string& itemName) const {
+    const std::string sig = le(signature, 4);
+    for (std::size_t at = bytes_.find(sig); at != std::string::npos;
+         at = bytes_.find(sig, at + 1)) {
+        if (bytes_.compare(at + nameAt, itemName.size(), itemName) == 0 &&
+            get16(at + nameLengthAt) == itemName.size()) {
+            return at;
+        }
+    }
+    throw std::runtime_error("no header for " + itemName);
+}
+
+std::size_t ZipPatcher::localHeader(const std::string& itemName) const {
+    return find(0x04034b50, 26, 30, itemName);
+}
+
+std::size_t ZipPatcher::centralHeader(const std::string& itemName) const {
+    return find(0x02014b50, 28, 46, itemName);
+}
+
+std::size_t ZipPatcher::endRecord() const {
+    return bytes_.rfind(le(0x06054b50, 4));
+}
+
+std::uint16_t ZipPatcher::get16(std::size_t at) const {
+    return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes_.at(at)) |
+                                      (static_cast<unsigned char>(bytes_.at(at + 1)) << 8));
+}
+
+std::uint32_t ZipPatcher::get32(std::size_t at) const {
+    return get16(at) | (static_cast<std::uint32_t>(get16(at + 2)) << 16);
+}
+
+void ZipPatcher::put16(std::size_t at, std::uint16_t value) {
+    bytes_.replace(at, 2, le(value, 2));
+}
+
+void ZipPatcher::put32(std::size_t at, std::uint32_t value) {
+    bytes_.replace(at, 4, le(value, 4));
+}
+
+void ZipPatcher::put16Both(const std::string& itemName, std::size_t centralAt, std::size_t localAt,
+                           std::uint16_t value) {
+    const std::size_t central = centralHeader(itemName);
+    const std::size_t local = localHeader(itemName);
+    put16(central + centralAt, value);
+    put16(local + localAt, value);
+}
+
+void ZipPatcher::save() const {
+    write_file(path_, bytes_);
+}
+
+}  // namespace tsapp::test
