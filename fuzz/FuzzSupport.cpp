@@ -12,7 +12,7 @@ namespace tsapp::fuzz {
 namespace {
 
 class NullBuffer : public std::streambuf {
-protected:
+  protected:
     int overflow(int c) override { return c; }
     std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
 };
@@ -47,6 +47,8 @@ SilencedErrors::SilencedErrors() {
     previous_ = std::cerr.rdbuf(&sink);
 }
 
-SilencedErrors::~SilencedErrors() { std::cerr.rdbuf(previous_); }
+SilencedErrors::~SilencedErrors() {
+    std::cerr.rdbuf(previous_);
+}
 
 }  // namespace tsapp::fuzz

@@ -21,13 +21,13 @@ void removeTree(const std::string& path);
 
 // Sends std::cerr to nowhere for as long as it lives.
 class SilencedErrors {
-public:
+  public:
     SilencedErrors();
     ~SilencedErrors();
     SilencedErrors(const SilencedErrors&) = delete;
     SilencedErrors& operator=(const SilencedErrors&) = delete;
 
-private:
+  private:
     std::streambuf* previous_;
 };
 

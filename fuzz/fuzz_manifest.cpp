@@ -10,7 +10,7 @@
 namespace {
 
 class BytesStream : public opc::InputStream {
-public:
+  public:
     BytesStream(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
     std::size_t read(unsigned char* buffer, std::size_t size) override {
         const std::size_t n = size < left_ ? size : left_;
@@ -20,7 +20,7 @@ public:
         return n;
     }
 
-private:
+  private:
     const std::uint8_t* data_;
     std::size_t left_;
 };

@@ -28,7 +28,8 @@ void checkAccepted(const opc::model::PartName& name) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::u16string text;
-    for (std::size_t i = 0; i + 1 < size; i += 2) text += static_cast<char16_t>(data[i] | (data[i + 1] << 8));
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        text += static_cast<char16_t>(data[i] | (data[i + 1] << 8));
     try {
         checkAccepted(opc::model::PartName(text));
     } catch (const opc::Exception&) {

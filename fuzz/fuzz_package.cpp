@@ -14,10 +14,13 @@
 
 namespace {
 
-std::u16string wide(const std::string& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
+std::u16string wide(const std::string& ascii) {
+    return std::u16string(ascii.begin(), ascii.end());
+}
 
 void checkNothingStrayed(const std::string& folder) {
-    static const std::set<std::string> expected = {"app.tsappinstall", "icon.out", "part.out", "dest"};
+    static const std::set<std::string> expected = {"app.tsappinstall", "icon.out", "part.out",
+                                                   "dest"};
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         if (!expected.count(entry.path().filename().string())) {
             std::cerr << "written outside the destination: " << entry.path() << '\n';
@@ -42,8 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const std::runtime_error&) {
     }
     facade.extractAppIcon(wide(package), wide(folder + "/icon.out"));
-    facade.extractPartContentFromTessalApp(wide(package), wide(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE),
-                                           wide(folder + "/part.out"));
+    facade.extractPartContentFromTessalApp(
+        wide(package), wide(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE),
+        wide(folder + "/part.out"));
     try {
         facade.extractAppFile(wide(package), wide(folder + "/dest"));
     } catch (const std::runtime_error&) {

@@ -106,10 +106,3 @@ TEST(ExtractPart, PackageFailuresPrintTheInternalErrorWithoutNewline) {
                  std::invalid_argument);
     EXPECT_EQ(err.text(), internal_error_text());  // nothing more printed
 }
-
-TEST(FacadePlaceholders, ReportTheirCatalogErrors) {
-    Tsappinstall facade;
-    EXPECT_THROW(facade.getAppInfo(u"/nowhere/app.tsappinstall"), std::runtime_error);
-    EXPECT_THROW(facade.extractAppFile(u"/nowhere/app.tsappinstall", u"/nowhere/out"),
-                 std::runtime_error);
-}

@@ -6,9 +6,9 @@
 // are checked by a pool of workers, each with its own serializer, so the
 // schema is compiled once per worker rather than once per package.
 
-#include <boost/lexical_cast.hpp>
 #include <algorithm>
 #include <atomic>
+#include <boost/lexical_cast.hpp>
 #include <condition_variable>
 #include <iostream>
 #include <mutex>
@@ -37,7 +37,8 @@ const char* const kGoodVerdict = "OK";
 std::string xmlReason(opc::model::Part& part, const std::string& error) {
     opc::model::XercesPtr<xercesc::DOMLSParser> plain(opc::model::XercesHelper::createParser());
     try {
-        opc::model::XercesHelper::readDocumentFromStream(plain.get(), part.getInputStream(), true, u"", u"");
+        opc::model::XercesHelper::readDocumentFromStream(plain.get(), part.getInputStream(), true,
+                                                         u"", u"");
     } catch (const opc::Exception&) {
         return "the manifest is not well-formed XML: " + error;
     }
@@ -69,11 +70,13 @@ std::string verdictFor(const std::string& path, AppManifestSerializer& serialize
         opc::zippackage::ZipPhysicalPackage container(native, true);
         opc::model::Package package(container);
         package.open(opc::interfaces::OpenMode::Read);
-        const auto manifests =
-            package.getRelationshipsByType(utf16(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
+        const auto manifests = package.getRelationshipsByType(
+            utf16(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
         if (manifests.size() != 1)
-            return "no single manifest relationship (found " + std::to_string(manifests.size()) + ")";
-        opc::model::Part part = package.getPart(opc::model::PartName(manifests.front().getTargetURI()));
+            return "no single manifest relationship (found " + std::to_string(manifests.size()) +
+                   ")";
+        opc::model::Part part =
+            package.getPart(opc::model::PartName(manifests.front().getTargetURI()));
         return manifestVerdict(serializer, part);
     } catch (const opc::Exception& e) {
         return std::string("not an app package: ") + e.what();
@@ -83,7 +86,7 @@ std::string verdictFor(const std::string& path, AppManifestSerializer& serialize
 // Verdicts are printed in input order as soon as they and all before them
 // are known.
 class OrderedPrinter {
-public:
+  public:
     explicit OrderedPrinter(std::size_t count) : verdicts_(count) {}
     void put(std::size_t index, std::string verdict) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -100,7 +103,7 @@ public:
         return bad_;
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::vector<std::optional<std::string>> verdicts_;
     std::size_t printed_ = 0;
@@ -129,7 +132,8 @@ int runCheck(const std::vector<std::string>& packages, unsigned jobs) {
         for (std::size_t i; (i = next++) < packages.size();) {
             std::string verdict;
             try {
-                verdict = serializer ? verdictFor(packages[i], *serializer) : "cannot be checked: " + setupError;
+                verdict = serializer ? verdictFor(packages[i], *serializer)
+                                     : "cannot be checked: " + setupError;
             } catch (const std::exception& e) {
                 verdict = std::string("cannot be checked: ") + e.what();
             }

@@ -14,7 +14,8 @@ int runInfo(const std::string& package, bool json);
 int runCheck(const std::vector<std::string>& packages, unsigned jobs);
 int runIcon(const std::string& package, const std::string& output);
 int runScreenshot(const std::string& package, const std::string& output);
-int runPart(const std::string& package, const std::string& relationshipType, const std::string& output);
+int runPart(const std::string& package, const std::string& relationshipType,
+            const std::string& output);
 int runExtract(const std::string& package, const std::string& folder);
 int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid);
 

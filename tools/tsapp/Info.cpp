@@ -19,7 +19,9 @@ nlohmann::json stringList(const std::vector<std::u16string>& list) {
 nlohmann::json toJson(const AppManifest& m) {
     nlohmann::json products = nlohmann::json::array();
     for (const auto& p : m.requiredProducts)
-        products.push_back({{"identifier", utf8(p.identifier)}, {"name", utf8(p.name)}, {"version", utf8(p.version)}});
+        products.push_back({{"identifier", utf8(p.identifier)},
+                            {"name", utf8(p.name)},
+                            {"version", utf8(p.version)}});
     const std::string created = isoLocalTime(m.created);
     return {
         {"GUID", m.GUID},
@@ -70,7 +72,8 @@ void printHuman(const AppManifest& m) {
     printLine("Platforms:         ", joined(m.supportedPlatforms));
     std::string products;
     for (const auto& p : m.requiredProducts)
-        products += (products.empty() ? "" : ", ") + utf8(p.identifier) + " (" + utf8(p.name) + ") " + utf8(p.version);
+        products += (products.empty() ? "" : ", ") + utf8(p.identifier) + " (" + utf8(p.name) +
+                    ") " + utf8(p.version);
     printLine("Requires:          ", products);
     printLine("Path entries:      ", joined(m.pathEntries));
     printLine("Files:             ", std::to_string(m.numFiles));
@@ -84,7 +87,8 @@ int runInfo(const std::string& package, bool json) {
     Corvane::addons::apps::Tsappinstall facade;
     const AppManifest manifest = facade.getAppInfo(utf16(package));
     if (json)
-        std::cout << toJson(manifest).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        std::cout << toJson(manifest).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                  << '\n';
     else
         printHuman(manifest);
     return kGood;

@@ -31,12 +31,25 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using opc::zippackage::PackageWriter;
 
-const std::set<std::string> kKnownKeys = {
-    "entryPoint", "name",    "version",           "createdByTESSALRelease", "summary",     "description",
-    "minTESSALVer", "maxTESSALVer", "author",  "supportedPlatforms", "requiredProducts", "pathEntries",
-    "icon",       "screenshot", "files"};
+const std::set<std::string> kKnownKeys = {"entryPoint",
+                                          "name",
+                                          "version",
+                                          "createdByTESSALRelease",
+                                          "summary",
+                                          "description",
+                                          "minTESSALVer",
+                                          "maxTESSALVer",
+                                          "author",
+                                          "supportedPlatforms",
+                                          "requiredProducts",
+                                          "pathEntries",
+                                          "icon",
+                                          "screenshot",
+                                          "files"};
 
-[[noreturn]] void bad(const std::string& what) { throw std::runtime_error(what); }
+[[noreturn]] void bad(const std::string& what) {
+    throw std::runtime_error(what);
+}
 
 json readDescription(const fs::path& file) {
     std::ifstream in(file);
@@ -45,7 +58,8 @@ json readDescription(const fs::path& file) {
         json description = json::parse(in);
         if (!description.is_object()) bad(file.string() + ": the top level must be an object");
         for (const auto& item : description.items())
-            if (!kKnownKeys.count(item.key())) bad(file.string() + ": unknown field \"" + item.key() + "\"");
+            if (!kKnownKeys.count(item.key()))
+                bad(file.string() + ": unknown field \"" + item.key() + "\"");
         return description;
     } catch (const json::exception& e) {
         bad(file.string() + ": " + e.what());
@@ -61,9 +75,11 @@ std::u16string text(const json& object, const char* key) {
 std::vector<std::u16string> texts(const json& object, const char* key) {
     std::vector<std::u16string> list;
     if (!object.contains(key)) return list;
-    if (!object[key].is_array()) bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
+    if (!object[key].is_array())
+        bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
     for (const auto& item : object[key]) {
-        if (!item.is_string()) bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
+        if (!item.is_string())
+            bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
         list.push_back(utf16(item.get<std::string>()));
     }
     return list;
@@ -88,16 +104,22 @@ std::string freshGuid() {
 
 // SOURCE_DATE_EPOCH makes two builds of the same folder byte-identical.
 std::time_t buildTime() {
-    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH")) return static_cast<std::time_t>(std::stoll(epoch));
+    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH"))
+        return static_cast<std::time_t>(std::stoll(epoch));
     return std::time(nullptr);
 }
 
 std::string contentTypeFor(const fs::path& file) {
-    static const std::pair<const char*, const char*> types[] = {
-        {".png", "image/png"},         {".jpg", "image/jpeg"},        {".jpeg", "image/jpeg"},
-        {".svg", "image/svg+xml"},     {".js", "application/javascript"}, {".json", "application/json"},
-        {".txt", "text/plain"},        {".html", "text/html"},        {".css", "text/css"},
-        {".xml", "application/xml"}};
+    static const std::pair<const char*, const char*> types[] = {{".png", "image/png"},
+                                                                {".jpg", "image/jpeg"},
+                                                                {".jpeg", "image/jpeg"},
+                                                                {".svg", "image/svg+xml"},
+                                                                {".js", "application/javascript"},
+                                                                {".json", "application/json"},
+                                                                {".txt", "text/plain"},
+                                                                {".html", "text/html"},
+                                                                {".css", "text/css"},
+                                                                {".xml", "application/xml"}};
     const std::string extension = file.extension().string();
     for (const auto& [ext, type] : types)
         if (extension == ext) return type;
@@ -109,7 +131,8 @@ std::vector<std::string> appFilesBelow(const fs::path& root) {
     if (!fs::is_directory(root)) bad(root.string() + " is not a folder");
     std::vector<std::string> files;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_symlink()) bad(entry.path().string() + " is a symbolic link; app files must be regular files");
+        if (entry.is_symlink())
+            bad(entry.path().string() + " is a symbolic link; app files must be regular files");
         if (entry.is_directory()) continue;
         if (!entry.is_regular_file()) bad(entry.path().string() + " is not a regular file");
         files.push_back(fs::relative(entry.path(), root).generic_string());
@@ -118,8 +141,8 @@ std::vector<std::string> appFilesBelow(const fs::path& root) {
     return files;
 }
 
-AppManifest manifestFrom(const json& d, const std::string& guid, const std::vector<std::string>& files,
-                         std::time_t when) {
+AppManifest manifestFrom(const json& d, const std::string& guid,
+                         const std::vector<std::string>& files, std::time_t when) {
     AppManifest m;
     m.GUID = guid;
     m.entryPoint = text(d, "entryPoint");
@@ -138,10 +161,12 @@ AppManifest manifestFrom(const json& d, const std::string& guid, const std::vect
     }
     m.supportedPlatforms = texts(d, "supportedPlatforms");
     if (d.contains("requiredProducts")) {
-        if (!d["requiredProducts"].is_array()) bad("tsapp.json: \"requiredProducts\" must be a list");
+        if (!d["requiredProducts"].is_array())
+            bad("tsapp.json: \"requiredProducts\" must be a list");
         for (const auto& p : d["requiredProducts"]) {
             if (!p.is_object()) bad("tsapp.json: each required product must be an object");
-            m.requiredProducts.push_back({text(p, "identifier"), text(p, "name"), text(p, "version")});
+            m.requiredProducts.push_back(
+                {text(p, "identifier"), text(p, "name"), text(p, "version")});
         }
     }
     m.pathEntries = texts(d, "pathEntries");
@@ -169,13 +194,15 @@ std::string requiredFile(const json& d, const char* key, const fs::path& source)
 
 }  // namespace
 
-int runPack(const std::string& sourceFolder, const std::string& output, const std::string& givenGuid) {
+int runPack(const std::string& sourceFolder, const std::string& output,
+            const std::string& givenGuid) {
     const fs::path source(sourceFolder);
     const json description = readDescription(source / "tsapp.json");
     const std::string icon = requiredFile(description, "icon", source);
     const std::string screenshot = requiredFile(description, "screenshot", source);
     const std::u16string filesFolder = text(description, "files");
-    const fs::path filesRoot = source / (filesFolder.empty() ? std::string("files") : utf8(filesFolder));
+    const fs::path filesRoot =
+        source / (filesFolder.empty() ? std::string("files") : utf8(filesFolder));
     const std::vector<std::string> files = appFilesBelow(filesRoot);
     const std::time_t when = buildTime();
     const AppManifest manifest =
@@ -186,12 +213,14 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
     using namespace Corvane::addons::apps;
     PackageWriter writer(output);
     writer.setModificationTime(when);
-    const std::string manifestPart = writer.addPart("manifest.xml", "application/xml", savedManifest(manifest));
-    const std::string iconPart = writer.addPartFromFile(fs::path(icon).filename().string(), contentTypeFor(icon), icon,
-                                                        PackageWriter::Compression::Stored);
-    const std::string shotPart = writer.addPartFromFile(fs::path(screenshot).filename().string(),
-                                                        contentTypeFor(screenshot), screenshot,
-                                                        PackageWriter::Compression::Stored);
+    const std::string manifestPart =
+        writer.addPart("manifest.xml", "application/xml", savedManifest(manifest));
+    const std::string iconPart =
+        writer.addPartFromFile(fs::path(icon).filename().string(), contentTypeFor(icon), icon,
+                               PackageWriter::Compression::Stored);
+    const std::string shotPart =
+        writer.addPartFromFile(fs::path(screenshot).filename().string(), contentTypeFor(screenshot),
+                               screenshot, PackageWriter::Compression::Stored);
     for (const auto& file : files)
         writer.addPartFromFile("files/" + file, contentTypeFor(file), (filesRoot / file).string());
     writer.addRelationship("manifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestPart);

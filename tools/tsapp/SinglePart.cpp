@@ -17,10 +17,13 @@ int runScreenshot(const std::string& package, const std::string& output) {
     return facade.extractAppScreenshot(utf16(package), utf16(output)) ? kGood : kBad;
 }
 
-int runPart(const std::string& package, const std::string& relationshipType, const std::string& output) {
+int runPart(const std::string& package, const std::string& relationshipType,
+            const std::string& output) {
     Corvane::addons::apps::Tsappinstall facade;
-    return facade.extractPartContentFromTessalApp(utf16(package), utf16(relationshipType), utf16(output)) ? kGood
-                                                                                                          : kBad;
+    return facade.extractPartContentFromTessalApp(utf16(package), utf16(relationshipType),
+                                                  utf16(output))
+               ? kGood
+               : kBad;
 }
 
 }  // namespace tsapp::tool

@@ -6,9 +6,13 @@
 
 namespace tsapp::tool {
 
-std::string utf8(const std::u16string& text) { return fl::i18n::to_string(text); }
+std::string utf8(const std::u16string& text) {
+    return fl::i18n::to_string(text);
+}
 
-std::u16string utf16(const std::string& text) { return fl::i18n::to_ustring(text); }
+std::u16string utf16(const std::string& text) {
+    return fl::i18n::to_ustring(text);
+}
 
 std::string isoLocalTime(const boost::posix_time::ptime& time) {
     if (time.is_special()) return {};

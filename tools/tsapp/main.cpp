@@ -12,7 +12,8 @@ namespace {
 using namespace tsapp::tool;
 
 const char* kExitStatusHelp =
-    "Exit status: 0 when everything asked for is good, 1 when a package is bad or the operation failed, "
+    "Exit status: 0 when everything asked for is good, 1 when a package is bad or the operation "
+    "failed, "
     "2 for a usage error.";
 
 }  // namespace
@@ -35,7 +36,8 @@ int main(int argc, char** argv) {
     info->add_option("PKG", package, "App package")->required();
     info->add_flag("--json", json, "Print one JSON object (schema in the README)");
 
-    auto* check = app.add_subcommand("check", "Check that each package is a good, correctly signed app package.");
+    auto* check = app.add_subcommand(
+        "check", "Check that each package is a good, correctly signed app package.");
     check->add_option("PKG", packages, "App packages")->required();
     check->add_option("-j,--jobs", jobs, "Packages checked at once (default: one per core)");
 
@@ -47,16 +49,19 @@ int main(int argc, char** argv) {
     shot->add_option("PKG", package, "App package")->required();
     shot->add_option("OUT", output, "Output file")->required();
 
-    auto* part = app.add_subcommand("part", "Copy the target of a package relationship type into a file.");
+    auto* part =
+        app.add_subcommand("part", "Copy the target of a package relationship type into a file.");
     part->add_option("PKG", package, "App package")->required();
     part->add_option("RELTYPE", relType, "Relationship type URI")->required();
     part->add_option("OUT", output, "Output file")->required();
 
-    auto* extract = app.add_subcommand("extract", "Unpack every part of the package into a folder.");
+    auto* extract =
+        app.add_subcommand("extract", "Unpack every part of the package into a folder.");
     extract->add_option("PKG", package, "App package")->required();
     extract->add_option("DIR", folder, "Destination folder (created when missing)")->required();
 
-    auto* pack = app.add_subcommand("pack", "Build a signed app package from a source folder holding tsapp.json.");
+    auto* pack = app.add_subcommand(
+        "pack", "Build a signed app package from a source folder holding tsapp.json.");
     pack->add_option("SRC", folder, "Source folder")->required();
     pack->add_option("-o,--output", output, "Package to write")->required();
     pack->add_option("--guid", guid, "GUID of the app (default: a fresh one)");

@@ -36,37 +36,44 @@ struct PlannedPart {
 
 }  // namespace
 
-FileSystemManager::FileSystemManager(model::Package& package, const FileSystemOpsSelector&) : package_(package) {}
+FileSystemManager::FileSystemManager(model::Package& package, const FileSystemOpsSelector&)
+    : package_(package) {}
 
 FileSystemManager::~FileSystemManager() = default;
 
-void FileSystemManager::setProgress(Progress progress) { progress_ = std::move(progress); }
+void FileSystemManager::setProgress(Progress progress) {
+    progress_ = std::move(progress);
+}
 
-void FileSystemManager::extractAll(const std::u16string& folder, RestoreMode restore, TransformMode transform,
-                                   ReplaceMode replace) {
+void FileSystemManager::extractAll(const std::u16string& folder, RestoreMode restore,
+                                   TransformMode transform, ReplaceMode replace) {
     checkModes(restore, transform, replace);
     // Every path is checked before the first byte is written.
     std::vector<PlannedPart> plan;
     std::uint64_t bytesTotal = 0;
     for (auto& name : package_.getPartNames()) {
         if (restore == RestoreMode::ContentParts && isRelationshipPart(name.ascii())) continue;
-        auto path = detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
+        auto path =
+            detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
         bytesTotal += package_.getPart(name).getEntry().size;
         plan.push_back({std::move(name), std::move(path)});
     }
 
-    detail::StagedExtraction staging(fl::i18n::to_string(folder), replace == ReplaceMode::Replace
-                                                                       ? detail::StagedExtraction::Existing::Replace
-                                                                       : detail::StagedExtraction::Existing::Refuse);
+    detail::StagedExtraction staging(fl::i18n::to_string(folder),
+                                     replace == ReplaceMode::Replace
+                                         ? detail::StagedExtraction::Existing::Replace
+                                         : detail::StagedExtraction::Existing::Refuse);
     detail::EntryDecoder decoder;
     std::uint64_t bytesDone = 0;
     std::size_t partsDone = 0;
     for (const auto& planned : plan) {
         model::Part part = package_.getPart(planned.name);
         const auto& entry = part.getEntry();
-        const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize, entry.crc32};
+        const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize,
+                                       entry.crc32};
         InputStream& raw = part.getRawInputStream();
-        staging.stage(planned.path, [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii()); });
+        staging.stage(planned.path,
+                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii()); });
         bytesDone += entry.size;
         if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
     }

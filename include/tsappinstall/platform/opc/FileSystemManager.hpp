@@ -18,7 +18,7 @@ class Package;
 // on Linux, only) selection is the process's own POSIX calls, used through
 // openat() and friends relative to the destination folder.
 class TSAPP_API FileSystemOpsSelector {
-public:
+  public:
     FileSystemOpsSelector() = default;
 };
 
@@ -38,7 +38,7 @@ enum class TransformMode : int {
 
 // What happens to a file that already exists where a part goes.
 enum class ReplaceMode : int {
-    Replace = 0,      // it is replaced (a symbolic link is replaced, not followed)
+    Replace = 0,       // it is replaced (a symbolic link is replaced, not followed)
     FailIfExists = 1,  // the extraction fails before anything is written
 };
 
@@ -64,11 +64,11 @@ enum class ReplaceMode : int {
 // Enumerator values outside those declared throw opc::Exception; so does
 // every failure, with a text that names the part or folder concerned.
 class TSAPP_API FileSystemManager {
-public:
+  public:
     // Called after each part with the bytes and parts written so far and the
     // totals, for callers that show progress.
-    using Progress = std::function<void(std::uint64_t bytesDone, std::uint64_t bytesTotal, std::size_t partsDone,
-                                        std::size_t partsTotal)>;
+    using Progress = std::function<void(std::uint64_t bytesDone, std::uint64_t bytesTotal,
+                                        std::size_t partsDone, std::size_t partsTotal)>;
 
     FileSystemManager(opc::model::Package& package, const FileSystemOpsSelector& selector);
     ~FileSystemManager();
@@ -81,7 +81,7 @@ public:
     void extractAll(const std::u16string& folder, RestoreMode restore, TransformMode transform,
                     ReplaceMode replace);
 
-private:
+  private:
     opc::model::Package& package_;
     Progress progress_;
 };
