@@ -93,6 +93,9 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
                         const std::string& signature);
 
   private:
+    // Lets the tests parse with this object's parser and its cached grammar.
+    friend struct AppManifestSerializerTestPeer;
+
     opc::model::XercesGuard guard_;
     opc::model::XercesPtr<xercesc::DOMLSParser> parser_;
     opc::model::XercesPtr<xercesc::DOMLSSerializer> writer_;
