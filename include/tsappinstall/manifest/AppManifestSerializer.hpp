@@ -61,8 +61,17 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
     AppManifestSerializer();
     virtual ~AppManifestSerializer();
 
-    // Reading. Validates against the cached grammar, fills `manifest` and
-    // checks the signature against a document rebuilt from it.
+    // Reading. Validates against the cached grammar, fills `manifest` field
+    // by field (the creation time moved to local time) and checks the seal
+    // against the document rebuilt from the record, never the file's bytes.
+    // Raises std::runtime_error with the catalog text of XML_READ_ERROR (not
+    // well formed or not valid; the parser's description as argument),
+    // XML_READ_INTERNAL_ERROR (the stream failed) or
+    // GET_APP_PROPERTIES_ERROR_VALIDATION (seal missing or wrong). Passes on
+    // boost::bad_lexical_cast for a numFiles that is not an unsigned decimal,
+    // opc::Exception for a non-ASCII GUID, numFiles or signature, and the
+    // time conversions' errors. Fields read before a failure keep their new
+    // values. A path that does not open reads as an empty document.
     void load(opc::InputStream& stream, AppManifest& manifest);
     void load(const std::u16string& path, AppManifest& manifest);
     std::u16string getElementValueByTagName(const xercesc::DOMElement* element,
@@ -70,7 +79,8 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
     std::vector<std::u16string> getElementValueListByTagName(const xercesc::DOMElement* element,
                                                              const opc::model::XercesString& name);
 
-    // Writing: the signed manifest of `manifest`.
+    // Writing: the signed manifest of `manifest`, as UTF-8. Every failure
+    // becomes the catalog's XML_READ_INTERNAL_ERROR as std::runtime_error.
     void save(opc::OutputStream& stream, const AppManifest& manifest);
     void save(const std::u16string& path, const AppManifest& manifest);
 
@@ -134,4 +144,7 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
     void appendList(xercesc::DOMElement* root, const opc::model::XercesString& container,
                     const opc::model::XercesString& item,
                     const std::vector<std::u16string>& values);
+    void readTexts(const xercesc::DOMElement* root, AppManifest& manifest);
+    void readAuthor(const xercesc::DOMElement* root, AppManifest& manifest);
+    void readProducts(const xercesc::DOMElement* root, AppManifest& manifest);
 };
