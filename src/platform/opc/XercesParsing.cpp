@@ -19,8 +19,7 @@ std::string describe(const DOMError& error, const std::u16string& fallbackName) 
     std::string text;
     const DOMLocator* where = error.getLocation();
     std::u16string name = fallbackName;
-    if (where != nullptr && where->getURI() != nullptr && *where->getURI() != 0)
-        name = where->getURI();
+    if (where != nullptr && where->getURI() != nullptr && *where->getURI() != 0) name = where->getURI();
     if (!name.empty()) text += fl::i18n::to_string(name) + ", ";
     if (where != nullptr) {
         text += "line " + std::to_string(where->getLineNumber()) + ", column " +
@@ -34,7 +33,7 @@ std::string describe(const DOMError& error, const std::u16string& fallbackName) 
 // Remembers the first error and stops the parse there. Used instead of a
 // throwing handler so that no exception has to unwind through Xerces-C.
 class RecordingErrorHandler : public DOMErrorHandler {
-  public:
+public:
     RecordingErrorHandler(bool stopOnValidityErrors, std::u16string documentName)
         : stopOnValidityErrors_(stopOnValidityErrors), documentName_(std::move(documentName)) {}
 
@@ -47,7 +46,7 @@ class RecordingErrorHandler : public DOMErrorHandler {
     }
     const std::string& first() const { return first_; }
 
-  private:
+private:
     bool stopOnValidityErrors_;
     std::u16string documentName_;
     std::string first_;
@@ -55,7 +54,7 @@ class RecordingErrorHandler : public DOMErrorHandler {
 
 // Puts the parser's previous error handler back on every way out.
 class ScopedErrorHandler {
-  public:
+public:
     ScopedErrorHandler(DOMLSParser* parser, DOMErrorHandler* handler)
         : config_(parser->getDomConfig()),
           previous_(static_cast<DOMErrorHandler*>(
@@ -66,7 +65,7 @@ class ScopedErrorHandler {
     ScopedErrorHandler(const ScopedErrorHandler&) = delete;
     ScopedErrorHandler& operator=(const ScopedErrorHandler&) = delete;
 
-  private:
+private:
     DOMConfiguration* config_;
     DOMErrorHandler* previous_;
 };
@@ -100,8 +99,7 @@ bool XercesErrorHandler::handleError(const DOMError& error) {
 DOMLSParser* XercesHelper::createParser() {
     XercesGuard guard;
     static const XMLCh ls[] = u"LS";
-    auto* impl =
-        static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
+    auto* impl = static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
     DOMLSParser* parser = impl->createLSParser(DOMImplementationLS::MODE_SYNCHRONOUS, nullptr);
     DOMConfiguration* config = parser->getDomConfig();
     config->setParameter(XMLUni::fgDOMNamespaces, true);
@@ -113,9 +111,8 @@ DOMLSParser* XercesHelper::createParser() {
     return parser;
 }
 
-DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::InputStream& stream,
-                                                  bool failOnError, const std::u16string& systemId,
-                                                  const std::u16string& publicId) {
+DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::InputStream& stream, bool failOnError,
+                                                  const std::u16string& systemId, const std::u16string& publicId) {
     const std::string bytes = read_all(stream);
     MemBufInputSource source(reinterpret_cast<const XMLByte*>(bytes.data()), bytes.size(),
                              systemId.empty() ? u"" : systemId.c_str(), false);
@@ -132,7 +129,7 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
             throw InvalidXMLDocument(fl::i18n::to_string(e.getMessage()));
         } catch (const DOMException& e) {
             throw InvalidXMLDocument(e.getMessage() != nullptr ? fl::i18n::to_string(e.getMessage())
-                                                               : std::string("DOM error"));
+                                                                : std::string("DOM error"));
         }
     }
     if (!handler.first().empty()) throw InvalidXMLDocument(handler.first());
