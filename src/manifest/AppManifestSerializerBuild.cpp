@@ -98,8 +98,7 @@ DOMDocument* AppManifestSerializer::createDOMDocument(const AppManifest& manifes
 void AppManifestSerializer::serializeDocument(std::ostream& out, const DOMDocument* document) {
     MemBufFormatTarget target(1023, XMLPlatformUtils::fgMemoryManager);
     static const XMLCh ls[] = u"LS";
-    auto* implementation =
-        static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
+    DOMImplementation* implementation = DOMImplementationRegistry::getDOMImplementation(ls);
     const opc::model::XercesPtr<DOMLSOutput> output(implementation->createLSOutput());
     output->setByteStream(&target);
     writer_->write(document, output.get());

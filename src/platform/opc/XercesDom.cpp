@@ -11,9 +11,9 @@ using namespace xercesc;
 namespace opc::model {
 namespace {
 
-DOMImplementationLS* lsImplementation() {
+DOMImplementation* lsImplementation() {
     static const XMLCh ls[] = u"LS";
-    return static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
+    return DOMImplementationRegistry::getDOMImplementation(ls);
 }
 
 bool hasLocalName(const DOMNode* node, const XMLCh* name) {
@@ -65,8 +65,7 @@ DOMLSSerializer* XercesHelper::createWriter() {
 
 XercesPtr<DOMDocument> XercesHelper::createDocument() {
     XercesGuard guard;
-    return XercesPtr<DOMDocument>(
-        static_cast<DOMImplementation*>(lsImplementation())->createDocument());
+    return XercesPtr<DOMDocument>(lsImplementation()->createDocument());
 }
 
 DOMElement* XercesHelper::appendElementNS(DOMDocument* document, const XercesString& ns,
