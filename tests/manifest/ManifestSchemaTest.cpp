@@ -4,6 +4,8 @@
 
 #include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 using namespace tsapp::test;
 
@@ -151,4 +153,17 @@ TEST_F(ManifestSchema, SchemaLocationHintsAreIgnored) {
         valid("<appProperties xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
               "xsi:noNamespaceSchemaLocation='file://" +
               dir.file("nonamespace.xsd") + "'/>"));
+}
+
+TEST(ManifestVocabulary, NamespaceSharesTheSchemaHostWithTheRelationshipTypes) {
+    const std::string ns = fl::i18n::to_string(AppManifestSerializer::NAMESPACE);
+    const std::string host = Corvane::addons::apps::SCHEMA_HOST_URI;
+    EXPECT_EQ(ns, host + "/tessal/app/2012/appProperties");
+    EXPECT_EQ(
+        std::string(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE).rfind(host + "/", 0),
+        0u);
+    const std::string schema = AppManifestSerializer::SCHEMA;
+    EXPECT_NE(schema.find("targetNamespace=\"" + ns + "\""), std::string::npos);
+    EXPECT_NE(schema.find(" xmlns=\"" + ns + "\""), std::string::npos);
+    EXPECT_EQ(schema.rfind("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"no\"?>", 0), 0u);
 }
