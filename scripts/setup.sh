@@ -11,7 +11,7 @@ packages=(
   libssl-dev zlib1g-dev libdeflate-dev
   libgtest-dev googletest
   nlohmann-json3-dev libcli11-dev
-  python3 locales
+  python3 locales tzdata
   libarchive-tools time
 )
 

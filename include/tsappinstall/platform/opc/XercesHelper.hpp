@@ -86,16 +86,22 @@ public:
                                                 const XercesString& name);
     static xercesc::DOMElement* appendElementNS(xercesc::DOMElement* parent, const XercesString& ns,
                                                 const XercesString& name);
+    // Replaces the element's children with the text; an empty text leaves no
+    // child at all, so the element is written as "<name/>".
     static void setElementText(xercesc::DOMElement* element, const std::u16string& text);
     static void setElementAttribute(xercesc::DOMElement* element, const XercesString& name,
                                     const std::u16string& value);
 
     // The first / every descendant element with that local name, at any
-    // depth, in document order.
+    // depth, in document order (the element itself is not searched). The
+    // namespace and prefix are not compared: after validation every element
+    // of a manifest is in the manifest namespace, so a manifest that puts it
+    // on a prefix reads like one that uses the default namespace.
     static xercesc::DOMElement* getElement(const xercesc::DOMElement* element, const XercesString& name);
     static std::vector<xercesc::DOMElement*> getElements(const xercesc::DOMElement* element,
                                                          const XercesString& name);
-    // The element's text content, exactly as stored (no trimming).
+    // The element's text content (its descendants' text and CDATA, in
+    // order), exactly as stored: no trimming, no normalisation.
     static void getElementText(const xercesc::DOMElement* element, std::u16string& text);
     // The value of the element's attribute without namespace ("" if absent).
     static void getElementAttribute(const xercesc::DOMElement* element, const XercesString& name,

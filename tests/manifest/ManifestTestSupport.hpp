@@ -1,0 +1,77 @@
+#pragma once
+
+// Records and helpers shared by the manifest tests.
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <sstream>
+#include <string>
+
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
+
+struct AppManifestSerializerTestPeer {
+    static xercesc::DOMLSParser* parser(AppManifestSerializer& serializer) {
+        return serializer.parser_.get();
+    }
+};
+
+namespace tsapp::test {
+
+inline const std::string kFullGuid = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
+
+// Every field set; `created` is local time 2024-03-05 08:07:08.250, which is
+// 06:07:08 UTC in a zone two hours east of UTC.
+inline AppManifest fullRecord() {
+    AppManifest m;
+    m.GUID = kFullGuid;
+    m.entryPoint = u"main.js";
+    m.name = u"Sample & <App>";
+    m.version = u"1.2.3";
+    m.createdByTESSALRelease = u"14.1";
+    m.summary = u"Short";
+    m.description = u"Long \"text\"\nwith line";
+    m.minTESSALVer = u"13.0";
+    m.maxTESSALVer = u"15.0";
+    m.authorName = u"Jane Doe";
+    m.authorContact = u"jane@example.com";
+    m.authorOrganization = u"Ex\u00e4mple GmbH";
+    m.numFiles = 42;
+    m.supportedPlatforms = {u"win64", u"linux64"};
+    m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"B", u""}};
+    m.pathEntries = {u"lib", u"data"};
+    m.appEntries = {u"main.js", u"lib/util.js"};
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08.250");
+    return m;
+}
+
+inline opc::model::XercesPtr<xercesc::DOMDocument> build(AppManifestSerializer& serializer,
+                                                         const AppManifest& record) {
+    return opc::model::XercesPtr<xercesc::DOMDocument>(serializer.createDOMDocument(record));
+}
+
+inline std::string serialized(AppManifestSerializer& serializer, const AppManifest& record) {
+    const auto document = build(serializer, record);
+    std::ostringstream out;
+    serializer.serializeDocument(out, document.get());
+    return out.str();
+}
+
+// Parses and validates `text` with the serializer's own parser; "" when the
+// document is valid, else the parser's description of the first problem.
+inline std::string validationFailure(AppManifestSerializer& serializer, const std::string& text) {
+    xercesc::DOMLSParser* parser = AppManifestSerializerTestPeer::parser(serializer);
+    std::istringstream in(text);
+    opc::StdIStreamAdaptor stream(in);
+    std::string failure;
+    try {
+        opc::model::XercesHelper::readDocumentFromStream(parser, stream, true, u"", u"");
+    } catch (const opc::model::InvalidXMLDocument& e) {
+        failure = e.what();
+        if (failure.empty()) failure = "(no description)";
+    }
+    parser->resetDocumentPool();
+    return failure;
+}
+
+}  // namespace tsapp::test
