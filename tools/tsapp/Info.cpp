@@ -10,14 +10,14 @@
 namespace tsapp::tool {
 namespace {
 
-nlohmann::json stringList(const std::vector<std::u16string>& list) {
-    auto array = nlohmann::json::array();
+nlohmann::ordered_json stringList(const std::vector<std::u16string>& list) {
+    auto array = nlohmann::ordered_json::array();
     for (const auto& item : list) array.push_back(utf8(item));
     return array;
 }
 
-nlohmann::json toJson(const AppManifest& m) {
-    nlohmann::json products = nlohmann::json::array();
+nlohmann::ordered_json toJson(const AppManifest& m) {
+    nlohmann::ordered_json products = nlohmann::ordered_json::array();
     for (const auto& p : m.requiredProducts)
         products.push_back({{"identifier", utf8(p.identifier)},
                             {"name", utf8(p.name)},
@@ -41,7 +41,8 @@ nlohmann::json toJson(const AppManifest& m) {
         {"requiredProducts", products},
         {"pathEntries", stringList(m.pathEntries)},
         {"numFiles", m.numFiles},
-        {"created", created.empty() ? nlohmann::json(nullptr) : nlohmann::json(created)},
+        {"created",
+         created.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(created)},
         {"appEntries", stringList(m.appEntries)},
     };
 }
@@ -87,7 +88,8 @@ int runInfo(const std::string& package, bool json) {
     Corvane::addons::apps::Tsappinstall facade;
     const AppManifest manifest = facade.getAppInfo(utf16(package));
     if (json)
-        std::cout << toJson(manifest).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+        std::cout << toJson(manifest).dump(2, ' ', false,
+                                           nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
     else
         printHuman(manifest);
