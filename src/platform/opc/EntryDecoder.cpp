@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -67,8 +68,13 @@ void EntryDecoder::DecompressorDeleter::operator()(libdeflate_decompressor* d) c
 unsigned char* EntryDecoder::Buffer::reserve(std::size_t size) {
     if (size == 0) size = 1;
     if (size > capacity) {
-        bytes = std::make_unique<unsigned char[]>(size);
-        capacity = size;
+        // Grown in steps, so a run of ever larger entries reallocates (and
+        // zero-fills) a few times rather than once per entry.
+        const std::size_t grown =
+            std::max(size, std::min<std::size_t>(capacity * 2, kWholeEntryLimit));
+        bytes.reset(
+            new unsigned char[grown]);  // no zero-fill: every byte is written before it is read
+        capacity = grown;
     }
     return bytes.get();
 }

@@ -29,7 +29,8 @@ std::string lowerAscii(std::string text) {
 
 std::string temporaryName() {
     static std::atomic<unsigned long> counter{0};
-    return ".~tsapp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+    static const std::string prefix = ".~tsapp-" + std::to_string(::getpid()) + "-";
+    return prefix + std::to_string(counter++);
 }
 
 int openFolderBelow(int parent, const std::string& name) {
@@ -77,12 +78,20 @@ StagedExtraction::~StagedExtraction() {
 
 int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
     if (folder.empty()) return root_.get();
-    if (cachedFd_ && folder == cachedFolder_) return cachedFd_.get();
-    cachedFd_.reset();
-    UniqueFd current;
-    FileSegments walked;
-    for (const auto& name : folder) {
-        const int parent = current ? current.get() : root_.get();
+    if (auto cached = folders_.find(folder); cached != folders_.end()) return cached->second.get();
+    if (folders_.size() >= kMaxCachedFolders) folders_.clear();
+    // Start from the deepest folder on the way that is already open.
+    std::size_t depth = folder.size() - 1;
+    int parent = root_.get();
+    FileSegments walked(folder.begin(), folder.begin() + static_cast<std::ptrdiff_t>(depth));
+    for (; depth > 0; --depth, walked.pop_back()) {
+        if (auto cached = folders_.find(walked); cached != folders_.end()) {
+            parent = cached->second.get();
+            break;
+        }
+    }
+    for (; depth < folder.size(); ++depth) {
+        const std::string& name = folder[depth];
         walked.push_back(name);
         UniqueFd next(openFolderBelow(parent, name));
         if (!next && errno == ENOENT && create) {
@@ -97,11 +106,10 @@ int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
                      "\" in the destination is not a folder (a file or a symbolic link)");
             failErrno("cannot open the folder \"" + joinSegments(walked) + "\"");
         }
-        current = std::move(next);
+        parent = next.get();
+        folders_[walked] = std::move(next);
     }
-    cachedFolder_ = folder;
-    cachedFd_ = std::move(current);
-    return cachedFd_.get();
+    return parent;
 }
 
 void StagedExtraction::reservePath(const FileSegments& path) {
@@ -197,7 +205,6 @@ void StagedExtraction::rollback() noexcept {
             ::unlinkat(dirFd, it->temporary.c_str(), 0);
         if (!it->backup.empty()) ::renameat(dirFd, it->backup.c_str(), dirFd, it->name.c_str());
     }
-    cachedFd_.reset();
     removeCreatedFolders();
 }
 
@@ -210,7 +217,7 @@ void StagedExtraction::removeCreatedFolders() noexcept {
         }
     }
     createdFolders_.clear();
-    cachedFd_.reset();
+    folders_.clear();
     root_.reset();
     for (auto it = createdRoots_.rbegin(); it != createdRoots_.rend(); ++it) ::rmdir(it->c_str());
     createdRoots_.clear();

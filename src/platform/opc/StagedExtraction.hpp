@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -73,8 +74,12 @@ class StagedExtraction {
     std::set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
     std::set<std::string> folderPaths_;  // ASCII-lowercased
     UniqueFd root_;
-    FileSegments cachedFolder_;
-    UniqueFd cachedFd_;
+    // Every folder opened so far, by its path below the destination, so
+    // that parts spread over many folders cost one openat() per folder
+    // rather than one per path component per part. Bounded by
+    // kMaxCachedFolders; past that the cache starts afresh.
+    static constexpr std::size_t kMaxCachedFolders = 512;
+    std::map<FileSegments, UniqueFd> folders_;
     bool committed_ = false;
 };
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/opc/ZipDirectory.hpp"
+#include "platform/opc/RawEntryStream.hpp"
 #include "platform/opc/ZipEntryStream.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -66,11 +67,15 @@ void check_libzip_agrees(zip_t* archive, const std::vector<PhysicalEntry>& entri
 }  // namespace
 
 struct ZipPhysicalPackage::Archive {
-    explicit Archive(zip_t* za) : handle(za) {}
-    ~Archive() { zip_discard(handle); }
+    Archive(zip_t* za, int fd) : handle(za), checkedFd(fd) {}
+    ~Archive() {
+        zip_discard(handle);
+        ::close(checkedFd);
+    }
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
     zip_t* handle;
+    int checkedFd;  // the descriptor the directory was checked on; raw reads use it
 };
 
 ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) : path_(path) {
@@ -96,7 +101,8 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly
         throw opc::Exception("cannot open \"" + file +
                              "\" as a ZIP file: " + zip_error_text(error));
     forLibzip.release();  // zip_fdopen closed it and holds its own
-    archive_ = std::make_unique<Archive>(za);
+    archive_ = std::make_unique<Archive>(za, fd.get());
+    fd.release();
     check_libzip_agrees(za, entries_);
 }
 
@@ -119,7 +125,7 @@ std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index) 
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openRawEntry(std::uint64_t index) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<ZipEntryStream>(archive_->handle, entry, true);
+    return std::make_unique<RawEntryStream>(archive_->checkedFd, entry);
 }
 
 void ZipPhysicalPackage::close() {
