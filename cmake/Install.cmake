@@ -14,5 +14,9 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tsappinstallConfigV
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsappinstallConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/tsappinstallConfigVersion.cmake DESTINATION ${TSAPP_CMAKE_DIR})
 
+# The .pc file finds its prefix from where it lies, so an installed tree
+# can be moved (or installed with --prefix) and still be found.
+file(RELATIVE_PATH TSAPP_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" TSAPP_PC_TO_PREFIX "${TSAPP_PC_TO_PREFIX}")
 configure_file(cmake/tsappinstall.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tsappinstall.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tsappinstall.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
