@@ -1,0 +1,152 @@
+// Time of one getAppInfo on a typical package (50 parts, a 2 KB manifest)
+// beside the work no reader of that package can avoid, measured in the same
+// run: opening the ZIP as a package, compiling the schema (constructing a
+// serializer), and parsing, validating and verifying the manifest once on an
+// existing serializer. The ratio shows what the facade adds on top.
+//
+//   bench_getappinfo [iterations]
+
+#include <stdlib.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/facade/Tsappinstall.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/opc/Package.hpp"
+#include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+
+namespace {
+
+using opc::zippackage::PackageWriter;
+
+AppManifest typicalRecord() {
+    AppManifest m;
+    m.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
+    m.entryPoint = u"main.js";
+    m.name = u"Sample App";
+    m.version = u"1.2.3";
+    m.createdByTESSALRelease = u"14.1";
+    m.summary = u"Short summary of the app";
+    m.description = u"A longer description of what the app does and for whom";
+    m.minTESSALVer = u"13.0";
+    m.maxTESSALVer = u"15.0";
+    m.authorName = u"Jane Doe";
+    m.authorContact = u"jane@example.com";
+    m.authorOrganization = u"Example Ltd";
+    m.numFiles = 48;
+    m.supportedPlatforms = {u"win64", u"linux64", u"macos"};
+    m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"Product B", u"2.0"}};
+    m.pathEntries = {u"files/lib", u"files/data"};
+    for (int i = 0; i < 18; ++i)
+        m.appEntries.push_back(u"files/lib/module" + std::u16string(1, u'a' + i) + u".js");
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
+    return m;
+}
+
+std::vector<unsigned char> filler(std::size_t size, unsigned seed) {
+    std::vector<unsigned char> bytes(size);
+    unsigned state = seed * 2654435761u + 1;
+    for (auto& b : bytes) {
+        state = state * 1103515245u + 12345u;
+        b = static_cast<unsigned char>(state >> 24);
+    }
+    return bytes;
+}
+
+std::vector<unsigned char> savedManifest(const AppManifest& record) {
+    AppManifestSerializer serializer;
+    std::vector<unsigned char> bytes;
+    opc::ByteArrayOutAdaptor out(bytes);
+    serializer.save(out, record);
+    return bytes;
+}
+
+void writePackage(const std::string& path, const std::vector<unsigned char>& manifest) {
+    using namespace Corvane::addons::apps;
+    PackageWriter writer(path);
+    writer.addPart("manifest.xml", "application/xml", manifest);
+    writer.addPart("icon.png", "image/png", filler(10000, 2), PackageWriter::Compression::Stored);
+    for (int i = 0; i < 48; ++i) {
+        writer.addPart("files/lib/module" + std::to_string(i) + ".js", "application/javascript",
+                       filler(1000, 10 + i));
+    }
+    writer.addRelationship("rManifest", APP_PROPERTIES_RELATIONSHIP_TYPE, "/manifest.xml");
+    writer.addRelationship("rIcon", PRIMARY_ICON_RELATIONSHIP_TYPE, "/icon.png");
+    writer.setModificationTime(1600000000);
+    writer.commit();
+}
+
+template <typename Work>
+double microsecondsPerCall(const char* what, int iterations, Work work) {
+    for (int i = 0; i < 10; ++i) work();  // page cache, Xerces' process-wide state, allocator
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < iterations; ++i) work();
+    const std::chrono::duration<double, std::micro> spent =
+        std::chrono::steady_clock::now() - start;
+    const double each = spent.count() / iterations;
+    std::printf("%-52s %9.1f us\n", what, each);
+    return each;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int iterations = argc > 1 ? std::atoi(argv[1]) : 500;
+    char folder[] = "/tmp/bench-getappinfo-XXXXXX";
+    if (::mkdtemp(folder) == nullptr) return 1;
+    struct Cleanup {
+        std::string path;
+        ~Cleanup() { std::filesystem::remove_all(path); }
+    } cleanup{folder};
+
+    const AppManifest record = typicalRecord();
+    const std::vector<unsigned char> manifest = savedManifest(record);
+    const std::string path = cleanup.path + "/app.tsappinstall";
+    writePackage(path, manifest);
+    const std::u16string upath(path.begin(), path.end());
+    std::printf("package: 50 parts, %ju bytes; manifest %zu bytes; %d iterations\n",
+                static_cast<std::uintmax_t>(std::filesystem::file_size(path)), manifest.size(),
+                iterations);
+
+    volatile std::size_t sink = 0;
+    Corvane::addons::apps::Tsappinstall facade;
+    const double whole = microsecondsPerCall("getAppInfo", iterations, [&] {
+        sink = sink + facade.getAppInfo(upath).appEntries.size();
+    });
+    const double open =
+        microsecondsPerCall("open: ZipPhysicalPackage + Package::open", iterations, [&] {
+            opc::zippackage::ZipPhysicalPackage physical(upath, true);
+            opc::model::Package package(physical);
+            package.open(static_cast<opc::interfaces::OpenMode>(0));
+            sink = sink + package.getPartNames().size();
+            package.close();
+        });
+    const double compile =
+        microsecondsPerCall("schema: construct AppManifestSerializer", iterations, [&] {
+            AppManifestSerializer serializer;
+            sink = sink + 1;
+        });
+    AppManifestSerializer serializer;
+    const std::string text(manifest.begin(), manifest.end());
+    const double load =
+        microsecondsPerCall("manifest: load on an existing serializer", iterations, [&] {
+            std::istringstream in(text);
+            opc::StdIStreamAdaptor stream(in);
+            AppManifest back;
+            serializer.load(stream, back);
+            sink = sink + back.appEntries.size();
+        });
+    const double floor = open + compile + load;
+    std::printf("%-52s %9.1f us\n", "sum of the unavoidable parts", floor);
+    std::printf("%-52s %9.2f\n", "ratio getAppInfo / sum", whole / floor);
+    return 0;
+}

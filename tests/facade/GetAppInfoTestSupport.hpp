@@ -1,0 +1,86 @@
+#pragma once
+
+// Signed manifests packed into app packages, and the texts getAppInfo
+// raises, shared by the app information tests.
+
+#include <string>
+#include <vector>
+
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
+#include "tsappinstall/facade/Tsappinstall.hpp"
+#include "tsappinstall/messages/MessageIds.hpp"
+
+namespace tsapp::test {
+
+using Corvane::addons::apps::Tsappinstall;
+
+// The manifest text `save` writes for `record`, signed.
+inline std::string signed_manifest(const AppManifest& record) {
+    AppManifestSerializer serializer;
+    std::vector<unsigned char> bytes;
+    opc::ByteArrayOutAdaptor out(bytes);
+    serializer.save(out, record);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// What reading fullRecord() back gives: the document keeps whole seconds.
+inline AppManifest fullRecordAsRead() {
+    AppManifest record = fullRecord();
+    record.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
+    return record;
+}
+
+// An app package whose manifest relationship's Target is `target`, written
+// as it stands, with the manifest stored in the item `item`; icon and
+// screenshot beside it.
+inline PackageBuilder app_package_with(const std::string& manifest,
+                                       const std::string& target = "manifest.xml",
+                                       const std::string& item = "manifest.xml") {
+    using namespace Corvane::addons::apps;
+    return PackageBuilder()
+        .part("images/icon.png", icon_bytes(), false)
+        .part(item, manifest)
+        .part("images/shot.png", icon_bytes(3000))
+        .relationship("rIcon", PRIMARY_ICON_RELATIONSHIP_TYPE, "images/icon.png")
+        .relationship("rManifest", APP_PROPERTIES_RELATIONSHIP_TYPE, target)
+        .relationship("rShot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "images/shot.png");
+}
+
+inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+inline bool same_record(const AppManifest& a, const AppManifest& b) {
+    const auto products = [](const AppManifest& m) {
+        std::vector<std::u16string> flat;
+        for (const auto& p : m.requiredProducts)
+            flat.insert(flat.end(), {p.identifier, p.name, p.version});
+        return flat;
+    };
+    return a.GUID == b.GUID && a.entryPoint == b.entryPoint && a.name == b.name &&
+           a.version == b.version && a.createdByTESSALRelease == b.createdByTESSALRelease &&
+           a.summary == b.summary && a.description == b.description &&
+           a.minTESSALVer == b.minTESSALVer && a.maxTESSALVer == b.maxTESSALVer &&
+           a.authorName == b.authorName && a.authorContact == b.authorContact &&
+           a.authorOrganization == b.authorOrganization && a.numFiles == b.numFiles &&
+           a.supportedPlatforms == b.supportedPlatforms && products(a) == products(b) &&
+           a.pathEntries == b.pathEntries && a.appEntries == b.appEntries &&
+           a.created == b.created && a.extraText1 == b.extraText1 &&
+           a.extraTextList == b.extraTextList && a.extraText2 == b.extraText2;
+}
+
+inline std::string internal_error_text() {
+    namespace ids = tsapp_builtins::tsapp_builtins;
+    return ids::message_text(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR());
+}
+
+// The invalid-package text for the package at the native path `path`.
+inline std::string invalid_package_text(const std::string& path) {
+    namespace ids = tsapp_builtins::tsapp_builtins;
+    return ids::message_text(ids::TSAPP_BUILTINS_INVALID_PACKAGE_ERROR(path));
+}
+
+}  // namespace tsapp::test
