@@ -53,25 +53,6 @@ inline std::string replaced(std::string text, const std::string& from, const std
     return text;
 }
 
-inline bool same_record(const AppManifest& a, const AppManifest& b) {
-    const auto products = [](const AppManifest& m) {
-        std::vector<std::u16string> flat;
-        for (const auto& p : m.requiredProducts)
-            flat.insert(flat.end(), {p.identifier, p.name, p.version});
-        return flat;
-    };
-    return a.GUID == b.GUID && a.entryPoint == b.entryPoint && a.name == b.name &&
-           a.version == b.version && a.createdByTESSALRelease == b.createdByTESSALRelease &&
-           a.summary == b.summary && a.description == b.description &&
-           a.minTESSALVer == b.minTESSALVer && a.maxTESSALVer == b.maxTESSALVer &&
-           a.authorName == b.authorName && a.authorContact == b.authorContact &&
-           a.authorOrganization == b.authorOrganization && a.numFiles == b.numFiles &&
-           a.supportedPlatforms == b.supportedPlatforms && products(a) == products(b) &&
-           a.pathEntries == b.pathEntries && a.appEntries == b.appEntries &&
-           a.created == b.created && a.extraText1 == b.extraText1 &&
-           a.extraTextList == b.extraTextList && a.extraText2 == b.extraText2;
-}
-
 inline std::string internal_error_text() {
     namespace ids = tsapp_builtins::tsapp_builtins;
     return ids::message_text(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR());

@@ -59,29 +59,12 @@ class ManifestLoadSave : public ::testing::Test {
         ids::message_text(ids::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
 };
 
-bool sameRecord(const AppManifest& a, const AppManifest& b) {
-    const auto products = [](const AppManifest& m) {
-        std::vector<std::u16string> flat;
-        for (const auto& p : m.requiredProducts)
-            flat.insert(flat.end(), {p.identifier, p.name, p.version});
-        return flat;
-    };
-    return a.GUID == b.GUID && a.entryPoint == b.entryPoint && a.name == b.name &&
-           a.version == b.version && a.createdByTESSALRelease == b.createdByTESSALRelease &&
-           a.summary == b.summary && a.description == b.description &&
-           a.minTESSALVer == b.minTESSALVer && a.maxTESSALVer == b.maxTESSALVer &&
-           a.authorName == b.authorName && a.authorContact == b.authorContact &&
-           a.authorOrganization == b.authorOrganization && a.numFiles == b.numFiles &&
-           a.supportedPlatforms == b.supportedPlatforms && products(a) == products(b) &&
-           a.pathEntries == b.pathEntries && a.appEntries == b.appEntries && a.created == b.created;
-}
-
 }  // namespace
 
 TEST_F(ManifestLoadSave, SavedRecordLoadsBackEqualSaveTheFraction) {
     AppManifest expected = fullRecord();
     expected.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
-    EXPECT_TRUE(sameRecord(loaded(saved(fullRecord())), expected));
+    EXPECT_TRUE(same_record(loaded(saved(fullRecord())), expected));
 
     AppManifest noAuthorName = fullRecord();
     noAuthorName.authorName.clear();
