@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <clocale>
+#include <cstdlib>
 #include <iostream>
 
 #include "Commands.hpp"
@@ -21,6 +22,11 @@ const char* kExitStatusHelp =
 int main(int argc, char** argv) {
     // The library's messages follow LC_MESSAGES.
     std::setlocale(LC_ALL, "");
+    // With TZ unset, every local-time conversion re-reads /etc/localtime,
+    // and reading a package converts each entry's time. Naming that same
+    // file once makes the C library keep what it loaded: same zone, one
+    // read per process instead of one per entry.
+    ::setenv("TZ", ":/etc/localtime", 0);
 
     CLI::App app{"Inspect, check, unpack and build app packages (.tsappinstall).", "tsapp"};
     app.footer(kExitStatusHelp);

@@ -30,6 +30,8 @@ class EntryDecoder {
   public:
     static constexpr std::uint64_t kWholeEntryLimit = 16u << 20;
     static constexpr std::size_t kChunk = 256u << 10;
+    // Buffers are allocated in whole, aligned huge pages.
+    static constexpr std::size_t kHugePage = 2u << 20;
 
     // `wholeEntryLimit` only exists so that tests can reach the streaming
     // path with small data.
@@ -47,7 +49,10 @@ class EntryDecoder {
 
   private:
     struct Buffer {
-        std::unique_ptr<unsigned char[]> bytes;
+        struct Free {
+            void operator()(unsigned char* bytes) const;
+        };
+        std::unique_ptr<unsigned char, Free> bytes;
         std::size_t capacity = 0;
         unsigned char* reserve(std::size_t size);
     };

@@ -1,6 +1,7 @@
 #include "StagedExtraction.hpp"
 
 #include <fcntl.h>
+#include <stdio.h>  // renameat2
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -63,6 +64,7 @@ StagedExtraction::StagedExtraction(const std::string& destination, Existing exis
         }
         if (slash == std::string::npos) break;
     }
+    if (!createdRoots_.empty() && createdRoots_.back() == destination) freshFolders_.insert({});
     root_ = UniqueFd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root_) {
         const int saved = errno;
@@ -98,6 +100,7 @@ int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
             if (::mkdirat(parent, name.c_str(), 0777) != 0)
                 failErrno("cannot create the folder \"" + joinSegments(walked) + "\"");
             createdFolders_.push_back(walked);
+            freshFolders_.insert(walked);
             next = UniqueFd(openFolderBelow(parent, name));
         }
         if (!next) {
@@ -128,6 +131,9 @@ void StagedExtraction::reservePath(const FileSegments& path) {
 }
 
 void StagedExtraction::checkTarget(int dirFd, const FileSegments& path) const {
+    // A folder this extraction made holds only what it put there, and
+    // reservePath() has already ruled out clashes among those.
+    if (freshFolders_.count(FileSegments(path.begin(), path.end() - 1))) return;
     struct stat info {};
     if (!existsNoFollow(dirFd, path.back(), info)) return;
     if (S_ISDIR(info.st_mode))
@@ -165,6 +171,26 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
 
 void StagedExtraction::placeFile(StagedFile& file) {
     const int dirFd = folderFd(file.folder, false);
+    // Most targets are new: one rename that refuses to replace anything
+    // settles those without looking first. Only when something is in the
+    // way (or the file system cannot make that promise) is the old file
+    // moved aside, so that a rollback can bring it back.
+    if (::renameat2(dirFd, file.temporary.c_str(), dirFd, file.name.c_str(), RENAME_NOREPLACE) ==
+        0) {
+        file.placed = true;
+        return;
+    }
+    if (errno != EEXIST && errno != EINVAL && errno != ENOSYS)
+        failErrno("cannot move \"" + file.name + "\" into place");
+    if (errno == EEXIST && existing_ == Existing::Refuse) {
+        FileSegments path = file.folder;
+        path.push_back(file.name);
+        fail("the file \"" + joinSegments(path) + "\" already exists");
+    }
+    moveAsideAndPlace(dirFd, file);
+}
+
+void StagedExtraction::moveAsideAndPlace(int dirFd, StagedFile& file) {
     struct stat info {};
     if (existsNoFollow(dirFd, file.name, info)) {
         if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file \"" + file.name + "\"");

@@ -63,6 +63,7 @@ class StagedExtraction {
     void checkTarget(int dirFd, const FileSegments& path) const;
     void reservePath(const FileSegments& path);
     void placeFile(StagedFile& file);
+    void moveAsideAndPlace(int dirFd, StagedFile& file);
     void rollback() noexcept;
     void removeCreatedFolders() noexcept;
 
@@ -70,6 +71,7 @@ class StagedExtraction {
     Existing existing_;
     std::vector<std::string> createdRoots_;     // absolute, outermost first
     std::vector<FileSegments> createdFolders_;  // below the destination, parents first
+    std::set<FileSegments> freshFolders_;       // made by this object, the destination included
     std::vector<StagedFile> staged_;
     std::set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
     std::set<std::string> folderPaths_;  // ASCII-lowercased

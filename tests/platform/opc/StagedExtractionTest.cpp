@@ -164,4 +164,26 @@ TEST_F(StagedExtractionTest, ClashesAreErrorsNotOverwrites) {
     EXPECT_EQ(snapshot_tree(dest()), before);
 }
 
+// Folders this extraction made are not searched for files in the way; a file
+// someone else puts there before commit() must still never be lost.
+TEST_F(StagedExtractionTest, AFileThatAppearsInAFolderTheCallMadeIsNeverLost) {
+    auto stageThenIntrude = [&](StagedExtraction::Existing existing) {
+        return errorOf([&] {
+            StagedExtraction extraction(dest(), existing);
+            extraction.stage({"lib", "a.js"}, writes("ours"));
+            write_file(dest() + "/lib/a.js", "theirs");
+            extraction.commit();
+        });
+    };
+    EXPECT_EQ(stageThenIntrude(StagedExtraction::Existing::Refuse),
+              "the file \"lib/a.js\" already exists");
+    EXPECT_EQ(read_file(dest() + "/lib/a.js"), "theirs");
+    EXPECT_EQ(snapshot_tree(dest()).size(), 2u);  // and no temporary file beside it
+
+    fs::remove_all(dest());
+    EXPECT_EQ(stageThenIntrude(StagedExtraction::Existing::Replace), "no error");
+    EXPECT_EQ(read_file(dest() + "/lib/a.js"), "ours");
+    EXPECT_EQ(snapshot_tree(dest()).size(), 2u);  // the old copy is not left behind
+}
+
 }  // namespace
