@@ -8,15 +8,13 @@
 
 #include <stdlib.h>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "BenchSupport.hpp"
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
@@ -27,30 +25,6 @@
 namespace {
 
 using opc::zippackage::PackageWriter;
-
-AppManifest typicalRecord() {
-    AppManifest m;
-    m.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
-    m.entryPoint = u"main.js";
-    m.name = u"Sample App";
-    m.version = u"1.2.3";
-    m.createdByTESSALRelease = u"14.1";
-    m.summary = u"Short summary of the app";
-    m.description = u"A longer description of what the app does and for whom";
-    m.minTESSALVer = u"13.0";
-    m.maxTESSALVer = u"15.0";
-    m.authorName = u"Jane Doe";
-    m.authorContact = u"jane@example.com";
-    m.authorOrganization = u"Example Ltd";
-    m.numFiles = 48;
-    m.supportedPlatforms = {u"win64", u"linux64", u"macos"};
-    m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"Product B", u"2.0"}};
-    m.pathEntries = {u"files/lib", u"files/data"};
-    for (int i = 0; i < 18; ++i)
-        m.appEntries.push_back(u"files/lib/module" + std::u16string(1, u'a' + i) + u".js");
-    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
-    return m;
-}
 
 std::vector<unsigned char> filler(std::size_t size, unsigned seed) {
     std::vector<unsigned char> bytes(size);
@@ -85,18 +59,6 @@ void writePackage(const std::string& path, const std::vector<unsigned char>& man
     writer.commit();
 }
 
-template <typename Work>
-double microsecondsPerCall(const char* what, int iterations, Work work) {
-    for (int i = 0; i < 10; ++i) work();  // page cache, Xerces' process-wide state, allocator
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < iterations; ++i) work();
-    const std::chrono::duration<double, std::micro> spent =
-        std::chrono::steady_clock::now() - start;
-    const double each = spent.count() / iterations;
-    std::printf("%-52s %9.1f us\n", what, each);
-    return each;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -108,7 +70,8 @@ int main(int argc, char** argv) {
         ~Cleanup() { std::filesystem::remove_all(path); }
     } cleanup{folder};
 
-    const AppManifest record = typicalRecord();
+    AppManifest record = tsapp::bench::typicalRecord(18);  // a 2 KB manifest
+    record.numFiles = 48;
     const std::vector<unsigned char> manifest = savedManifest(record);
     const std::string path = cleanup.path + "/app.tsappinstall";
     writePackage(path, manifest);
@@ -119,26 +82,26 @@ int main(int argc, char** argv) {
 
     volatile std::size_t sink = 0;
     Corvane::addons::apps::Tsappinstall facade;
-    const double whole = microsecondsPerCall("getAppInfo", iterations, [&] {
+    const double whole = tsapp::bench::microsecondsPerCall("getAppInfo", iterations, [&] {
         sink = sink + facade.getAppInfo(upath).appEntries.size();
     });
-    const double open =
-        microsecondsPerCall("open: ZipPhysicalPackage + Package::open", iterations, [&] {
+    const double open = tsapp::bench::microsecondsPerCall(
+        "open: ZipPhysicalPackage + Package::open", iterations, [&] {
             opc::zippackage::ZipPhysicalPackage physical(upath, true);
             opc::model::Package package(physical);
             package.open(static_cast<opc::interfaces::OpenMode>(0));
             sink = sink + package.getPartNames().size();
             package.close();
         });
-    const double compile =
-        microsecondsPerCall("schema: construct AppManifestSerializer", iterations, [&] {
+    const double compile = tsapp::bench::microsecondsPerCall(
+        "schema: construct AppManifestSerializer", iterations, [&] {
             AppManifestSerializer serializer;
             sink = sink + 1;
         });
     AppManifestSerializer serializer;
     const std::string text(manifest.begin(), manifest.end());
-    const double load =
-        microsecondsPerCall("manifest: load on an existing serializer", iterations, [&] {
+    const double load = tsapp::bench::microsecondsPerCall(
+        "manifest: load on an existing serializer", iterations, [&] {
             std::istringstream in(text);
             opc::StdIStreamAdaptor stream(in);
             AppManifest back;

@@ -1,0 +1,58 @@
+#pragma once
+
+// What the timing programs share: a manifest record of typical size and a
+// loop that reports the time per call.
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "tsappinstall/manifest/AppManifest.hpp"
+
+namespace tsapp::bench {
+
+// Every field filled, `files` app entries below "files/lib".
+inline AppManifest typicalRecord(int files) {
+    AppManifest m;
+    m.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
+    m.entryPoint = u"main.js";
+    m.name = u"Sample App";
+    m.version = u"1.2.3";
+    m.createdByTESSALRelease = u"14.1";
+    m.summary = u"Short summary of the app";
+    m.description = u"A longer description of what the app does and for whom";
+    m.minTESSALVer = u"13.0";
+    m.maxTESSALVer = u"15.0";
+    m.authorName = u"Jane Doe";
+    m.authorContact = u"jane@example.com";
+    m.authorOrganization = u"Example Ltd";
+    m.numFiles = static_cast<std::uint64_t>(files);
+    m.supportedPlatforms = {u"win64", u"linux64", u"macos"};
+    m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"Product B", u"2.0"}};
+    m.pathEntries = {u"files/lib", u"files/data"};
+    for (int i = 0; i < files; ++i) {
+        const std::string name = "files/lib/module" + std::to_string(i) + ".js";
+        m.appEntries.emplace_back(name.begin(), name.end());
+    }
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
+    return m;
+}
+
+// Runs `work` a few times to warm up (page cache, Xerces' process-wide
+// state, the allocator), then `iterations` times; prints and returns the
+// microseconds per call.
+template <typename Work>
+double microsecondsPerCall(const char* what, int iterations, Work work) {
+    for (int i = 0; i < 10; ++i) work();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < iterations; ++i) work();
+    const std::chrono::duration<double, std::micro> spent =
+        std::chrono::steady_clock::now() - start;
+    const double each = spent.count() / iterations;
+    std::printf("%-52s %9.1f us\n", what, each);
+    return each;
+}
+
+}  // namespace tsapp::bench
