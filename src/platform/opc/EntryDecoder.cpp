@@ -76,18 +76,22 @@ unsigned char* EntryDecoder::Buffer::reserve(std::size_t size) {
     if (size <= capacity) return bytes.get();
     // Grown in steps, so a run of ever larger entries reallocates a few
     // times rather than once per entry.
-    const std::size_t wanted =
-        std::max(size, std::min<std::size_t>(capacity * 2, kWholeEntryLimit));
-    const std::size_t rounded = (wanted + kHugePage - 1) / kHugePage * kHugePage;
+    std::size_t wanted = std::max(size, std::min<std::size_t>(capacity * 2, kWholeEntryLimit));
     void* memory = nullptr;
-    if (::posix_memalign(&memory, kHugePage, rounded) != 0) throw std::bad_alloc();
-    // Every page of these buffers is touched once per large entry. In 4 KiB
-    // pages that is thousands of page faults per extraction, which cost more
-    // than the copying itself on a virtual machine; huge pages take a few.
-    // Where the kernel does not offer them the hint is ignored.
-    ::madvise(memory, rounded, MADV_HUGEPAGE);
+    if (wanted < kHugePage) {
+        memory = std::malloc(wanted);
+        if (memory == nullptr) throw std::bad_alloc();
+    } else {
+        wanted = (wanted + kHugePage - 1) / kHugePage * kHugePage;
+        if (::posix_memalign(&memory, kHugePage, wanted) != 0) throw std::bad_alloc();
+        // Every page of a large buffer is touched once per large entry. In
+        // 4 KiB pages that is thousands of page faults per extraction, which
+        // cost more than the copying itself on a virtual machine; huge pages
+        // take a few. Where the kernel offers none the hint is ignored.
+        ::madvise(memory, wanted, MADV_HUGEPAGE);
+    }
     bytes.reset(static_cast<unsigned char*>(memory));  // not zero-filled: written before read
-    capacity = rounded;
+    capacity = wanted;
     return bytes.get();
 }
 

@@ -30,7 +30,7 @@ class EntryDecoder {
   public:
     static constexpr std::uint64_t kWholeEntryLimit = 16u << 20;
     static constexpr std::size_t kChunk = 256u << 10;
-    // Buffers are allocated in whole, aligned huge pages.
+    // Buffers this large or larger are allocated in whole, aligned huge pages.
     static constexpr std::size_t kHugePage = 2u << 20;
 
     // `wholeEntryLimit` only exists so that tests can reach the streaming
