@@ -30,6 +30,9 @@ corpus=$build/corpus-$name
 crashes=$build/crashes-$name
 mkdir -p "$corpus" "$crashes"
 cd "$build"
+# Undefined behaviour is reported once and the run goes on unless told to
+# stop: a finding must end the run and leave its input behind.
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 exec "$build/fuzz/fuzz_$name" "$corpus" "$root/fuzz/corpus/$name" \
     -dict="$root/fuzz/dict/$name.dict" -max_total_time="$seconds" \
     -artifact_prefix="$crashes/" -rss_limit_mb=2048 -timeout=10 -print_final_stats=1 "$@"

@@ -220,6 +220,23 @@ TEST_F(XmlAttack, InvalidUtf8IsRefusedInEveryDocument) {
               readError("line 1, column 57: invalid byte '(' at position 2 of a 2-byte sequence"));
 }
 
+// xsd:dateTime allows years the date types cannot hold. A direct caller
+// of the serializer sees the date library's own error; the facade reports
+// its internal error and lets nothing else escape.
+TEST_F(XmlAttack, CreationTimesOutsideTheDateRangeNeverEscapeTheFacade) {
+    for (const char* year : {"0223", "1399", "1969"}) {
+        SCOPED_TRACE(year);
+        const std::string manifest =
+            replaced(signedManifest(), "<created>2024-", std::string("<created>") + year + "-");
+        expectManifestRefused(manifest);
+        AppManifestSerializer serializer;
+        std::istringstream in(manifest);
+        opc::StdIStreamAdaptor stream(in);
+        AppManifest record;
+        EXPECT_THROW(serializer.load(stream, record), std::out_of_range);
+    }
+}
+
 TEST_F(XmlAttack, Utf16DocumentsWithAByteOrderMarkReadLikeUtf8Ones) {
     const auto utf16 = [](const std::string& xml) {
         return utf16le_with_bom(replaced(xml, "encoding=\"UTF-8\"", "encoding=\"UTF-16\""));
