@@ -4,12 +4,15 @@
 //
 //   make_seeds <corpus folder>   (fills <folder>/package, /manifest, /names)
 
+#include <zip.h>
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -95,11 +98,46 @@ void writeAppPackage(const fs::path& path, const AppManifest& record,
     writer.commit();
 }
 
+// The writer deflates its two XML parts. The fuzzing harness rewrites the
+// CRCs of stored entries only, so a copy of `from` with every entry stored
+// lets mutations reach the content-types and relationships parsers.
+void copyAllStored(const fs::path& from, const fs::path& to) {
+    using Archive = std::unique_ptr<zip_t, decltype(&zip_discard)>;
+    using Entry = std::unique_ptr<zip_file_t, decltype(&zip_fclose)>;
+    int error = 0;
+    const Archive in(zip_open(from.c_str(), ZIP_RDONLY, &error), &zip_discard);
+    Archive out(zip_open(to.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error), &zip_discard);
+    if (!in || !out) throw std::runtime_error("cannot copy " + from.string());
+    // libzip reads the buffers when the archive is closed.
+    std::vector<std::string> contents(static_cast<std::size_t>(zip_get_num_entries(in.get(), 0)));
+    for (zip_uint64_t i = 0; i < contents.size(); ++i) {
+        zip_stat_t stat;
+        zip_stat_index(in.get(), i, 0, &stat);
+        contents[i].resize(stat.size);
+        const Entry file(zip_fopen_index(in.get(), i, 0), &zip_fclose);
+        if (!file || zip_fread(file.get(), contents[i].data(), stat.size) !=
+                         static_cast<zip_int64_t>(stat.size)) {
+            throw std::runtime_error("cannot read " + std::string(stat.name));
+        }
+        zip_source_t* source = zip_source_buffer(out.get(), contents[i].data(), stat.size, 0);
+        const zip_int64_t added = zip_file_add(out.get(), stat.name, source, ZIP_FL_ENC_UTF_8);
+        if (added < 0) {
+            zip_source_free(source);
+            throw std::runtime_error("cannot add " + std::string(stat.name));
+        }
+        zip_set_file_compression(out.get(), static_cast<zip_uint64_t>(added), ZIP_CM_STORE, 0);
+        zip_file_set_mtime(out.get(), static_cast<zip_uint64_t>(added), kFixedTime, 0);
+    }
+    if (zip_close(out.get()) != 0) throw std::runtime_error("cannot write " + to.string());
+    out.release();  // closed
+}
+
 void writePackages(const fs::path& folder) {
     using C = PackageWriter::Compression;
     writeAppPackage(folder / "app-deflate.tsappinstall", fullRecord(), C::Deflate, true);
     writeAppPackage(folder / "app-stored.tsappinstall", minimalRecord(), C::Stored, true);
     writeAppPackage(folder / "app-no-images.tsappinstall", minimalRecord(), C::Stored, false);
+    copyAllStored(folder / "app-stored.tsappinstall", folder / "app-all-stored.tsappinstall");
 
     PackageWriter odd((folder / "odd-names.tsappinstall").string());
     odd.setModificationTime(kFixedTime);
