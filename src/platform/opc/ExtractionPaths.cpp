@@ -49,6 +49,7 @@ void checkSegment(const std::string& segment, const std::string& partName) {
 FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
     if (partName.size() < 2 || partName[0] != '/') refuse(partName, "not an absolute part name");
     FileSegments segments;
+    std::size_t pathLength = 0;
     std::size_t start = 1;
     while (start <= partName.size()) {
         std::size_t end = partName.find('/', start);
@@ -56,6 +57,11 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
         std::string segment = partName.substr(start, end - start);
         if (decode) segment = percentDecoded(segment, partName);
         checkSegment(segment, partName);
+        // Deeper than any path can name: such a file could be made with
+        // openat() one folder at a time, yet neither the caller nor the usual
+        // tools could reach or remove it by its path.
+        pathLength += segment.size() + 1;
+        if (pathLength >= PATH_MAX) refuse(partName, "path too long");
         segments.push_back(std::move(segment));
         start = end + 1;
     }

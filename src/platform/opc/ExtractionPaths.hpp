@@ -15,7 +15,8 @@ using FileSegments = std::vector<std::string>;
 // Splits `partName` ("/lib/a%20b.js") into its segments, percent-decoding
 // them when `decode` is true. Throws opc::Exception for anything that could
 // not be a plain relative path: an empty, "." or ".." segment, a decoded "/"
-// or NUL, a malformed escape, or a segment longer than a file name may be.
+// or NUL, a malformed escape, a segment longer than a file name may be, or
+// a whole path of PATH_MAX bytes or more.
 // The package already refuses such part names; this is the last line of
 // defence before a name reaches the file system.
 FileSegments fileSegmentsFor(const std::string& partName, bool decode);

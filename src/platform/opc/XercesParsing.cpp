@@ -1,5 +1,6 @@
 // Xerces-C initialisation, error reporting and the hardened parser.
 
+#include <xercesc/dom/DOMLSParserFilter.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/Wrapper4InputSource.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
@@ -70,6 +71,51 @@ private:
     DOMErrorHandler* previous_;
 };
 
+// Stops the parse when elements nest deeper than kMaxElementDepth. The
+// scanner looks up every element's namespace prefix through all open
+// elements, so each level makes every element below it slower: 100 000
+// levels, a few hundred kilobytes of text, would take the parse minutes.
+class DepthLimit : public DOMLSParserFilter {
+public:
+    FilterAction startElement(DOMElement*) override {
+        if (++depth_ <= XercesHelper::kMaxElementDepth) return FILTER_ACCEPT;
+        exceeded_ = true;
+        return FILTER_INTERRUPT;
+    }
+    FilterAction acceptNode(DOMNode*) override {
+        --depth_;
+        return FILTER_ACCEPT;
+    }
+    DOMNodeFilter::ShowType getWhatToShow() const override { return DOMNodeFilter::SHOW_ELEMENT; }
+    bool exceeded() const { return exceeded_; }
+
+private:
+    std::size_t depth_ = 0;
+    bool exceeded_ = false;
+};
+
+// Installs a filter for one parse and puts back the parser's previous one
+// on every way out.
+class ScopedFilter {
+public:
+    ScopedFilter(DOMLSParser* parser, DOMLSParserFilter* filter)
+        : parser_(parser), previous_(const_cast<DOMLSParserFilter*>(parser->getFilter())) {
+        parser_->setFilter(filter);
+    }
+    ~ScopedFilter() { parser_->setFilter(previous_); }
+    ScopedFilter(const ScopedFilter&) = delete;
+    ScopedFilter& operator=(const ScopedFilter&) = delete;
+
+private:
+    DOMLSParser* parser_;
+    DOMLSParserFilter* previous_;
+};
+
+std::string too_deep() {
+    return "the XML document nests elements deeper than " +
+           std::to_string(XercesHelper::kMaxElementDepth) + " levels";
+}
+
 std::string read_all(opc::InputStream& stream) {
     std::string bytes;
     unsigned char chunk[16 * 1024];
@@ -120,18 +166,22 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
     Wrapper4InputSource input(&source, false);
 
     RecordingErrorHandler handler(failOnError, systemId);
+    DepthLimit depthLimit;
     DOMDocument* document = nullptr;
     {
         ScopedErrorHandler scoped(parser, &handler);
+        ScopedFilter filtered(parser, &depthLimit);
         try {
             document = parser->parse(&input);
         } catch (const XMLException& e) {
             throw InvalidXMLDocument(fl::i18n::to_string(e.getMessage()));
         } catch (const DOMException& e) {
+            if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
             throw InvalidXMLDocument(e.getMessage() != nullptr ? fl::i18n::to_string(e.getMessage())
                                                                 : std::string("DOM error"));
         }
     }
+    if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
     if (!handler.first().empty()) throw InvalidXMLDocument(handler.first());
     if (document == nullptr || document->getDocumentElement() == nullptr) {
         throw InvalidXMLDocument("the XML document has no root element");

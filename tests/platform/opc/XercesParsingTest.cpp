@@ -63,3 +63,31 @@ TEST(XercesParsing, ParserKeepsNoErrorHandlerAfterTheParse) {
     EXPECT_EQ(p.parser->getDomConfig()->getParameter(xercesc::XMLUni::fgDOMErrorHandler), nullptr);
     EXPECT_NE(p.parse("<r/>"), nullptr);
 }
+
+TEST(XercesParsing, DepthLimitCountsOpenElementsOnlyAndLeavesTheParserReusable) {
+    const auto nested = [](std::size_t depth) {
+        std::string open, close;
+        for (std::size_t i = 0; i < depth; ++i) open += "<n>", close += "</n>";
+        return open + close;
+    };
+    std::string siblings = "<r>";
+    for (int i = 0; i < 10000; ++i) siblings += "<e/><f>t</f>";
+    siblings += "</r>";
+
+    Parsed p;
+    EXPECT_NE(p.parse(siblings), nullptr);
+    EXPECT_NE(p.parse(nested(XercesHelper::kMaxElementDepth)), nullptr);
+    try {
+        p.parse(nested(XercesHelper::kMaxElementDepth + 1));
+        ADD_FAILURE() << "one level too deep parsed";
+    } catch (const InvalidXMLDocument& e) {
+        EXPECT_STREQ(e.what(), "the XML document nests elements deeper than 256 levels");
+    }
+    EXPECT_EQ(p.parser->getFilter(), nullptr);
+    // The interrupted parse left nothing behind: the same parser reads the
+    // next document whole.
+    auto* doc = p.parse("<r xmlns='urn:x'><a>1</a><b/></r>");
+    ASSERT_NE(doc, nullptr);
+    EXPECT_EQ(doc->getDocumentElement()->getChildElementCount(), 2u);
+    EXPECT_NE(p.parse(siblings), nullptr);
+}

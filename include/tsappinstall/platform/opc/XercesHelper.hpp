@@ -74,8 +74,8 @@ public:
     // validity errors fail as well as well-formedness errors; the parser's
     // previous handler is put back afterwards. `systemId` and `publicId`
     // name the document in error descriptions (may be empty). The document
-    // stays owned by the parser. Throws InvalidXMLDocument; never returns
-    // null.
+    // stays owned by the parser. Elements may nest kMaxElementDepth deep.
+    // Throws InvalidXMLDocument; never returns null.
     static xercesc::DOMDocument* readDocumentFromStream(xercesc::DOMLSParser* parser, opc::InputStream& stream,
                                                         bool failOnError, const std::u16string& systemId,
                                                         const std::u16string& publicId);
@@ -113,6 +113,8 @@ public:
 
     // Larger documents are refused before parsing.
     static constexpr std::size_t kMaxDocumentBytes = 16u * 1024u * 1024u;
+    // Documents whose elements nest deeper are refused while parsing.
+    static constexpr std::size_t kMaxElementDepth = 256;
 };
 
 }  // namespace opc::model

@@ -1,0 +1,259 @@
+// Hostile XML in the three documents a package carries: the content types,
+// the package relationships and the manifest.
+
+#include <sys/resource.h>
+
+#include <algorithm>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include "hostile/HostileFixture.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/messages/MessageIds.hpp"
+#include "tsappinstall/platform/opc/Streams.hpp"
+
+namespace tsapp::test {
+namespace {
+
+namespace ids = tsapp_builtins::tsapp_builtins;
+using namespace Corvane::addons::apps;
+
+const std::string kTypesNs = "http://schemas.openxmlformats.org/package/2006/content-types";
+const std::string kRelsNs = "http://schemas.openxmlformats.org/package/2006/relationships";
+
+std::string billionLaughs(const std::string& root) {
+    std::string dtd = "<!DOCTYPE " + root + " [<!ENTITY l0 \"ha\">";
+    for (int i = 1; i <= 9; ++i) {
+        const std::string prev = "&l" + std::to_string(i - 1) + ";";
+        dtd += "<!ENTITY l" + std::to_string(i) + " \"";
+        for (int j = 0; j < 10; ++j) dtd += prev;
+        dtd += "\">";
+    }
+    return dtd + "]>";
+}
+
+std::string nested(int depth) {
+    std::string open, close;
+    for (int i = 0; i < depth; ++i) open += "<n>", close += "</n>";
+    return open + close;
+}
+
+std::string utf16le_with_bom(const std::string& ascii) {
+    std::string out = "\xFF\xFE";
+    for (char c : ascii) out += std::string{c, '\0'};
+    return out;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+AppManifest sampleRecord() {
+    AppManifest m;
+    m.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
+    m.entryPoint = u"main.js";
+    m.name = u"Hostile \u00e4pp";
+    m.version = u"1.0";
+    m.description = u"plain";
+    m.numFiles = 3;
+    m.supportedPlatforms = {u"linux64"};
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
+    return m;
+}
+
+class XmlAttack : public Hostile {
+  protected:
+    std::string signedManifest() {
+        AppManifestSerializer serializer;
+        std::vector<unsigned char> bytes;
+        opc::ByteArrayOutAdaptor out(bytes);
+        serializer.save(out, sampleRecord());
+        return std::string(bytes.begin(), bytes.end());
+    }
+    std::string defaultTypes() const { return PackageBuilder().contentTypesText(); }
+    std::string defaultRels() const { return app_package().relationshipsText(); }
+    // An app package whose manifest, content types and relationships are
+    // the given texts.
+    std::string package(const std::string& manifest, const std::string& types,
+                        const std::string& rels) {
+        PackageBuilder()
+            .contentTypesXml(types)
+            .relationshipsXml(rels)
+            .part("manifest.xml", manifest)
+            .part("images/icon.png", icon_bytes(), false)
+            .write(pkg());
+        return pkg();
+    }
+    std::string withManifest(const std::string& manifest) {
+        return package(manifest, defaultTypes(), defaultRels());
+    }
+    std::string withTypes(const std::string& types) {
+        return package(kManifestXml, types, defaultRels());
+    }
+    std::string withRels(const std::string& rels) {
+        return package(kManifestXml, defaultTypes(), rels);
+    }
+    // What the serializer itself says about `manifest`.
+    std::string loadError(const std::string& manifest) {
+        AppManifestSerializer serializer;
+        std::istringstream in(manifest);
+        opc::StdIStreamAdaptor stream(in);
+        AppManifest record;
+        try {
+            serializer.load(stream, record);
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "";
+    }
+    std::string readError(const std::string& description) {
+        return ids::message_text(ids::TSAPP_BUILTINS_XML_READ_ERROR(description));
+    }
+    // A manifest the package opens with but getAppInfo refuses; extraction
+    // never reads it, so it lands unchanged.
+    void expectManifestRefused(const std::string& manifest) {
+        withManifest(manifest);
+        EXPECT_TRUE(facade.isAppFile(u16(pkg())));
+        EXPECT_EQ(appInfoError(pkg()), internalErrorText());
+        EXPECT_EQ(extractError(pkg()), "");
+        EXPECT_TRUE(read_file(dest() + "/manifest.xml") == manifest);
+    }
+
+    ScopedTimeZone zone{"UTC"};
+};
+
+TEST_F(XmlAttack, DoctypesAreRefusedInEveryDocument) {
+    write_file(dir.file("local.dtd"), "<!ENTITY e \"x\">");
+    const std::string dtds[] = {
+        "<!DOCTYPE r SYSTEM \"http://127.0.0.1:9/external.dtd\">",
+        "<!DOCTYPE r SYSTEM \"file://" + dir.file("local.dtd") + "\">",
+        "<!DOCTYPE r [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>",
+        billionLaughs("r"),
+    };
+    for (const std::string& dtd : dtds) {
+        SCOPED_TRACE(dtd.substr(0, 60));
+        const std::string decl = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+        expectRefusedEverywhere(withTypes(decl + dtd + defaultTypes().substr(decl.size() + 1)));
+        expectRefusedEverywhere(withRels(decl + dtd + defaultRels().substr(decl.size() + 1)));
+        const std::string manifest = replaced(signedManifest(), "?>", "?>" + dtd);
+        expectManifestRefused(manifest);
+        EXPECT_EQ(loadError(manifest), readError("line 1, column 66: invalid document structure"));
+    }
+}
+
+TEST_F(XmlAttack, BillionLaughsCostsNeitherTimeNorMemory) {
+    struct rusage before {};
+    ::getrusage(RUSAGE_SELF, &before);
+    expectManifestRefused(replaced(signedManifest(), "?>", "?>" + billionLaughs("appProperties")));
+    expectRefusedEverywhere(
+        withTypes(billionLaughs("Types") + "<Types xmlns=\"" + kTypesNs + "\">&l9;</Types>"));
+    struct rusage after {};
+    ::getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "KiB more at the peak";
+}
+
+TEST_F(XmlAttack, SchemaLocationHintsAreNeverLoaded) {
+    // Were the hint followed, this schema would fail the read: it is not
+    // even well-formed.
+    write_file(dir.file("evil.xsd"), "<xs:schema this is not a schema");
+    const std::string hint =
+        " xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+        "xsi:schemaLocation=\"http://schemas.corvane.com/tessal/app/2012/"
+        "appProperties file://" +
+        dir.file("evil.xsd") + "\" xsi:noNamespaceSchemaLocation=\"file://" + dir.file("evil.xsd") +
+        "\"";
+    withManifest(replaced(signedManifest(), "<appProperties", "<appProperties" + hint));
+    const AppManifest record = facade.getAppInfo(u16(pkg()));
+    EXPECT_EQ(record.GUID, sampleRecord().GUID);
+    EXPECT_EQ(record.name, sampleRecord().name);
+    EXPECT_EQ(record.created, sampleRecord().created);
+}
+
+TEST_F(XmlAttack, DeepNestingIsRefusedAtTheDepthLimit) {
+    // Each open element slows the parse of every element below it, so
+    // 100 000 levels would take minutes; the parse stops at 256.
+    const auto insideTypes = [&](const std::string& content) {
+        return replaced(defaultTypes(), "ContentType=\"image/png\"/>",
+                        "ContentType=\"image/png\">" + content + "</Default>");
+    };
+    const auto insideRels = [&](const std::string& content) {
+        return replaced(defaultRels(), "Target=\"images/icon.png\"/>",
+                        "Target=\"images/icon.png\">" + content + "</Relationship>");
+    };
+    expectRefusedEverywhere(package(kManifestXml, insideTypes(nested(100000)), defaultRels()));
+    expectRefusedEverywhere(package(kManifestXml, defaultTypes(), insideRels(nested(100000))));
+    // What the package layer ignores inside an element may nest up to the
+    // limit: the root and its child are two levels.
+    package(kManifestXml, insideTypes(nested(254)), insideRels(nested(254)));
+    std::string printed;
+    EXPECT_TRUE(extractIcon(pkg(), printed));
+    EXPECT_EQ(read_file(iconOut()), icon_bytes());
+    expectRefusedEverywhere(package(kManifestXml, insideTypes(nested(255)), defaultRels()));
+
+    const std::string manifest = replaced(signedManifest(), "<description>plain</description>",
+                                          "<description>plain" + nested(100000) + "</description>");
+    expectManifestRefused(manifest);
+    EXPECT_EQ(loadError(manifest),
+              readError("the XML document nests elements deeper than 256 levels"));
+}
+
+TEST_F(XmlAttack, FiftyMegabyteDocumentsAreCutOffAtTheLimit) {
+    const std::string filler(50u << 20, 'x');
+    const std::string manifest =
+        replaced(signedManifest(), "<description>plain", "<description>" + filler);
+    expectManifestRefused(manifest);
+    EXPECT_EQ(loadError(manifest), readError("the XML document is larger than 16777216 bytes"));
+    expectRefusedEverywhere(
+        withTypes(replaced(defaultTypes(), "</Types>", "<!--" + filler + "--></Types>")));
+}
+
+TEST_F(XmlAttack, InvalidUtf8IsRefusedInEveryDocument) {
+    const std::string bad = "\xC3\x28\xFF";
+    expectRefusedEverywhere(withTypes(replaced(defaultTypes(), "image/png", "image/p" + bad)));
+    expectRefusedEverywhere(withRels(replaced(defaultRels(), "rIcon", "rI" + bad)));
+    const std::string manifest = replaced(signedManifest(), ">plain<", ">pl" + bad + "<");
+    expectManifestRefused(manifest);
+    EXPECT_EQ(loadError(manifest),
+              readError("line 1, column 57: invalid byte '(' at position 2 of a 2-byte sequence"));
+}
+
+// xsd:dateTime allows years the date types cannot hold. A direct caller
+// of the serializer sees the date library's own error; the facade reports
+// its internal error and lets nothing else escape.
+TEST_F(XmlAttack, CreationTimesOutsideTheDateRangeNeverEscapeTheFacade) {
+    for (const char* year : {"0223", "1399", "1969"}) {
+        SCOPED_TRACE(year);
+        const std::string manifest =
+            replaced(signedManifest(), "<created>2024-", std::string("<created>") + year + "-");
+        expectManifestRefused(manifest);
+        AppManifestSerializer serializer;
+        std::istringstream in(manifest);
+        opc::StdIStreamAdaptor stream(in);
+        AppManifest record;
+        EXPECT_THROW(serializer.load(stream, record), std::out_of_range);
+    }
+}
+
+TEST_F(XmlAttack, Utf16DocumentsWithAByteOrderMarkReadLikeUtf8Ones) {
+    const auto utf16 = [](const std::string& xml) {
+        return utf16le_with_bom(replaced(xml, "encoding=\"UTF-8\"", "encoding=\"UTF-16\""));
+    };
+    // The one non-ASCII character as a reference, so that utf16() may
+    // widen byte by byte.
+    const std::string manifest = replaced(signedManifest(), "\xC3\xA4", "&#xE4;");
+    ASSERT_TRUE(std::all_of(manifest.begin(), manifest.end(),
+                            [](char c) { return static_cast<unsigned char>(c) < 0x80; }));
+    package(utf16(manifest), utf16(defaultTypes()), utf16(defaultRels()));
+    const AppManifest record = facade.getAppInfo(u16(pkg()));
+    EXPECT_EQ(record.name, sampleRecord().name);
+    EXPECT_EQ(record.numFiles, 3u);
+    std::string printed;
+    EXPECT_TRUE(extractIcon(pkg(), printed));
+    EXPECT_EQ(printed, "");
+}
+
+}  // namespace
+}  // namespace tsapp::test

@@ -1,0 +1,337 @@
+// ZIP containers built to mislead a reader: overlapping and misplaced
+// records, lying sizes, truncation, absurd ZIP64 values, size bombs.
+
+#include <sys/resource.h>
+#include <zlib.h>
+
+#include <functional>
+#include <random>
+#include <set>
+
+#include "hostile/HostileFixture.hpp"
+
+namespace tsapp::test {
+namespace {
+
+const std::vector<std::string> kItems = {"[Content_Types].xml", "_rels/.rels", "manifest.xml",
+                                         "images/icon.png", "images/shot.png"};
+
+class ZipStructure : public Hostile {
+  protected:
+    void patched(const std::function<void(ZipPatcher&)>& patch) {
+        app_package().write(pkg());
+        ZipPatcher patcher(pkg());
+        patch(patcher);
+        patcher.save();
+    }
+    std::size_t dataOffset(ZipPatcher& z, const std::string& item) {
+        const std::size_t local = z.localHeader(item);
+        return local + 30 + z.get16(local + 26) + z.get16(local + 28);
+    }
+};
+
+long peak_rss_kib() {
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+TEST_F(ZipStructure, SeveralCentralRecordsForOneLocalHeaderAreRefused) {
+    patched([](ZipPatcher& z) {
+        const std::uint32_t icon = z.get32(z.centralHeader("images/icon.png") + 42);
+        z.put32(z.centralHeader("images/shot.png") + 42, icon);
+    });
+    expectRefusedEverywhere(pkg());
+}
+
+TEST_F(ZipStructure, AnEntryQuotedInsideAnotherEntrysDataIsRefused) {
+    // The stored part "outer.bin" carries a complete local entry for
+    // "inner.txt"; the central record of the real "inner.txt" is moved onto
+    // that copy, so two entries share bytes though every header is sound.
+    const std::string quoted = stored_local_entry("inner.txt", "quoted bytes");
+    app_package()
+        .defaultType("bin", "application/octet-stream")
+        .defaultType("txt", "text/plain")
+        .part("outer.bin", "head" + quoted + "tail", false)
+        .part("inner.txt", "quoted bytes", false)
+        .write(pkg());
+    ZipPatcher z(pkg());
+    const std::size_t outerData = dataOffset(z, "outer.bin");
+    z.put32(z.centralHeader("inner.txt") + 42, static_cast<std::uint32_t>(outerData + 4));
+    z.save();
+    expectRefusedEverywhere(pkg());
+}
+
+TEST_F(ZipStructure, MisplacedDirectoriesAndMismatchedNamesAreRefused) {
+    const std::vector<std::pair<const char*, std::function<void(ZipPatcher&)>>> cases = {
+        {"directory beyond the end",
+         [](ZipPatcher& z) {
+             z.put32(z.endRecord() + 16, static_cast<std::uint32_t>(z.bytes().size() + 100));
+         }},
+        {"directory before its start",
+         [](ZipPatcher& z) { z.put32(z.endRecord() + 16, z.get32(z.endRecord() + 16) - 1); }},
+        {"local header offset beyond the end",
+         [](ZipPatcher& z) { z.put32(z.centralHeader("images/icon.png") + 42, 0x7FFFFFF0); }},
+        {"local and central names differ",
+         [](ZipPatcher& z) { z.bytes()[z.localHeader("images/icon.png") + 30] = 'I'; }},
+        {"local header missing",
+         [](ZipPatcher& z) { z.put32(z.localHeader("images/icon.png"), 0x08074b50); }},
+        {"encrypted", [](ZipPatcher& z) { z.put16Both("images/icon.png", 8, 6, 1); }},
+        {"strong encryption", [](ZipPatcher& z) { z.put16Both("images/icon.png", 8, 6, 0x41); }},
+        {"bzip2", [](ZipPatcher& z) { z.put16Both("images/icon.png", 10, 8, 12); }},
+        {"lzma", [](ZipPatcher& z) { z.put16Both("manifest.xml", 10, 8, 14); }},
+        {"unknown method", [](ZipPatcher& z) { z.put16Both("images/shot.png", 10, 8, 99); }},
+        {"65535 entries in a directory of five",
+         [](ZipPatcher& z) {
+             z.put16(z.endRecord() + 8, 0xFFFF);
+             z.put16(z.endRecord() + 10, 0xFFFF);
+         }},
+        {"split archive", [](ZipPatcher& z) { z.put16(z.endRecord() + 6, 3); }},
+    };
+    for (const auto& [label, patch] : cases) {
+        patched(patch);
+        expectRefusedEverywhere(pkg(), label);
+    }
+}
+
+TEST_F(ZipStructure, JunkBeforeTheArchiveIsRefused) {
+    app_package().write(pkg());
+    write_file(pkg(), std::string(100, 'J') + read_file(pkg()));
+    expectRefusedEverywhere(pkg());
+}
+
+TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
+    app_package().write(pkg());
+    const std::string whole = read_file(pkg());
+    ZipPatcher z(pkg());
+    std::set<std::size_t> cuts = {
+        0, 1, 4, 21, 22, z.endRecord(), z.endRecord() + 1, whole.size() - 1};
+    for (const std::string& item : kItems) {
+        for (std::size_t at : {z.localHeader(item), z.centralHeader(item)}) {
+            for (std::size_t offset : {0, 4, 29, 30, 46}) cuts.insert(at + offset);
+        }
+        cuts.insert(dataOffset(z, item));
+        cuts.insert(dataOffset(z, item) + 1);
+    }
+    for (std::size_t cut : cuts) {
+        write_file(pkg(), whole.substr(0, cut));
+        expectRefusedEverywhere(pkg(), "cut at " + std::to_string(cut));
+    }
+}
+
+TEST_F(ZipStructure, ADeclaredSizeLargerThanStoredDataRunsIntoTheNextEntry) {
+    patched([](ZipPatcher& z) {
+        for (std::size_t sizes :
+             {z.centralHeader("images/icon.png") + 20, z.localHeader("images/icon.png") + 18}) {
+            z.put32(sizes, 10001);
+            z.put32(sizes + 4, 10001);
+        }
+    });
+    expectRefusedEverywhere(pkg());
+}
+
+// Each case damages the manifest and one image; the headers stay
+// consistent, so the package opens and only reading the data shows it.
+struct LyingEntry {
+    const char* label;
+    const char* image;
+    const char* relationshipType;
+    std::function<void(ZipPatcher&, const std::string&)> patch;
+};
+
+void add32(ZipPatcher& z, std::size_t at, std::int64_t delta) {
+    z.put32(at, static_cast<std::uint32_t>(z.get32(at) + delta));
+}
+
+TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
+    using Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE;
+    using Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
+    const std::vector<LyingEntry> cases = {
+        {"stored size smaller than its data", "images/icon.png", PRIMARY_ICON_RELATIONSHIP_TYPE,
+         [](ZipPatcher& z, const std::string& item) {
+             for (std::size_t sizes : {z.centralHeader(item) + 20, z.localHeader(item) + 18}) {
+                 add32(z, sizes, -1);
+                 add32(z, sizes + 4, -1);
+             }
+         }},
+        {"deflated size larger than its data", "images/shot.png",
+         PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE,
+         [](ZipPatcher& z, const std::string& item) { add32(z, z.centralHeader(item) + 24, 1); }},
+        {"deflated size smaller than its data", "images/shot.png",
+         PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE,
+         [](ZipPatcher& z, const std::string& item) { add32(z, z.centralHeader(item) + 24, -1); }},
+        {"CRC mismatch", "images/icon.png", PRIMARY_ICON_RELATIONSHIP_TYPE,
+         [](ZipPatcher& z, const std::string& item) {
+             z.put32(z.centralHeader(item) + 16, z.get32(z.centralHeader(item) + 16) ^ 1);
+             z.put32(z.localHeader(item) + 14, z.get32(z.localHeader(item) + 14) ^ 1);
+         }},
+    };
+    for (const LyingEntry& lie : cases) {
+        SCOPED_TRACE(lie.label);
+        patched([&](ZipPatcher& z) {
+            lie.patch(z, "manifest.xml");
+            lie.patch(z, lie.image);
+        });
+        const auto before = snapshot_tree(dir.path());
+        EXPECT_TRUE(facade.isAppFile(u16(pkg())));  // opening reads no data
+        EXPECT_EQ(appInfoError(pkg()), internalErrorText());
+        CerrCapture err;
+        EXPECT_FALSE(facade.extractPartContentFromTessalApp(u16(pkg()), u16(lie.relationshipType),
+                                                            u16(iconOut())));
+        EXPECT_EQ(err.text(), internalErrorText());
+        EXPECT_EQ(extractError(pkg()), extractionErrorText(pkg()));
+        EXPECT_TRUE(snapshot_tree(dir.path()) == before);
+    }
+}
+
+// The ZIP64 extra field's values in the central record of `item`, as
+// write_zip64 lays them out: 0 size, 1 compressed size, 2 local offset.
+std::size_t central_zip64_value(ZipPatcher& z, const std::string& item, int which) {
+    return z.centralHeader(item) + 46 + item.size() + 4 + 8 * which;
+}
+
+std::size_t zip64_end(ZipPatcher& z) {
+    return z.bytes().rfind(std::string("PK\x06\x06", 4));
+}
+
+void put64(ZipPatcher& z, std::size_t at, std::uint64_t value) {
+    z.put32(at, static_cast<std::uint32_t>(value));
+    z.put32(at + 4, static_cast<std::uint32_t>(value >> 32));
+}
+
+// A ZIP64 package written by hand: the same OPC content, every size and
+// offset in the ZIP64 extra fields.
+class Zip64 : public ZipStructure {
+  protected:
+    void write() { write_zip64(pkg(), app_package().items()); }
+};
+
+TEST_F(Zip64, AWellFormedZip64PackageOpensAndExtracts) {
+    write();
+    EXPECT_TRUE(facade.isAppFile(u16(pkg())));
+    std::string printed;
+    EXPECT_TRUE(extractIcon(pkg(), printed));
+    EXPECT_EQ(read_file(iconOut()), icon_bytes());
+    EXPECT_EQ(extractError(pkg()), "");
+}
+
+TEST_F(Zip64, AbsurdZip64ValuesAreRefused) {
+    const std::uint64_t huge = 0xFFFFFFFFFFFFFFF0ull;
+    const std::vector<std::pair<const char*, std::function<void(ZipPatcher&)>>> cases = {
+        {"sizes near 2^64",
+         [&](ZipPatcher& z) {
+             put64(z, central_zip64_value(z, "images/icon.png", 0), huge);
+             put64(z, central_zip64_value(z, "images/icon.png", 1), huge);
+         }},
+        {"sizes of 2^63",
+         [&](ZipPatcher& z) {
+             put64(z, central_zip64_value(z, "manifest.xml", 0), 1ull << 63);
+             put64(z, central_zip64_value(z, "manifest.xml", 1), 1ull << 63);
+         }},
+        {"offset near 2^64",
+         [&](ZipPatcher& z) { put64(z, central_zip64_value(z, "images/shot.png", 2), huge); }},
+        {"entry count near 2^64",
+         [&](ZipPatcher& z) {
+             put64(z, zip64_end(z) + 24, huge);
+             put64(z, zip64_end(z) + 32, huge);
+         }},
+        {"three million entries",
+         [&](ZipPatcher& z) {
+             put64(z, zip64_end(z) + 24, 3000000);
+             put64(z, zip64_end(z) + 32, 3000000);
+         }},
+        {"directory size near 2^64", [&](ZipPatcher& z) { put64(z, zip64_end(z) + 40, huge); }},
+        {"directory offset near 2^64", [&](ZipPatcher& z) { put64(z, zip64_end(z) + 48, huge); }},
+        {"end record offset near 2^64",
+         [&](ZipPatcher& z) { put64(z, z.endRecord() - 20 + 8, huge); }},
+        {"extra field shorter than its values",
+         [&](ZipPatcher& z) { z.put16(central_zip64_value(z, "images/icon.png", 0) - 2, 8); }},
+    };
+    for (const auto& [label, patch] : cases) {
+        write();
+        ZipPatcher z(pkg());
+        patch(z);
+        z.save();
+        expectRefusedEverywhere(pkg(), label);
+    }
+}
+
+// A deflated icon whose headers declare 1 GiB: the ratio check lets it
+// through (its compressed data is large enough), so only reading it shows
+// that it holds far less. Nothing may size a buffer from the declaration.
+TEST_F(ZipStructure, AGibibyteDeclaredSizeIsNeverAllocated) {
+    std::mt19937 random(8);
+    std::string noise(1200000, '\0');  // random bytes: deflate cannot shrink them
+    for (char& c : noise) c = static_cast<char>(random());
+    PackageBuilder bomb = app_package().defaultType("bin", "application/octet-stream");
+    bomb.part("bomb.bin", noise);
+    bomb.relationship("rBomb", "urn:bomb", "bomb.bin");
+    bomb.write(pkg());
+    ZipPatcher z(pkg());
+    z.put32(z.centralHeader("bomb.bin") + 24, 1u << 30);
+    z.put32(z.localHeader("bomb.bin") + 22, 1u << 30);
+    z.save();
+
+    const long before = peak_rss_kib();
+    const auto tree = snapshot_tree(dir.path());
+    EXPECT_TRUE(facade.isAppFile(u16(pkg())));
+    CerrCapture err;
+    EXPECT_FALSE(facade.extractPartContentFromTessalApp(u16(pkg()), u"urn:bomb", u16(iconOut())));
+    EXPECT_EQ(err.text(), internalErrorText());
+    EXPECT_EQ(extractError(pkg()), extractionErrorText(pkg()));
+    EXPECT_TRUE(snapshot_tree(dir.path()) == tree);
+    EXPECT_LT(peak_rss_kib() - before, 256 * 1024) << "KiB more at the peak";
+}
+
+// Raw deflate data for `chunks` MiB of zeros, made from two compressed
+// chunks: after a full flush the encoder's output for the next MiB of zeros
+// no longer depends on what came before, so that chunk repeats.
+std::string zeros_bomb(int chunks) {
+    z_stream stream{};
+    deflateInit2(&stream, 9, Z_DEFLATED, -MAX_WBITS, 9, Z_RLE);
+    std::vector<unsigned char> zeros(1 << 20, 0), out(1 << 16);
+    const auto compressChunk = [&] {
+        std::string bytes;
+        stream.next_in = zeros.data();
+        stream.avail_in = static_cast<uInt>(zeros.size());
+        do {
+            stream.next_out = out.data();
+            stream.avail_out = static_cast<uInt>(out.size());
+            deflate(&stream, Z_FULL_FLUSH);
+            bytes.append(reinterpret_cast<char*>(out.data()), out.size() - stream.avail_out);
+        } while (stream.avail_out == 0);
+        return bytes;
+    };
+    std::string compressed = compressChunk();
+    const std::string repeated = compressChunk();
+    deflateEnd(&stream);
+    for (int i = 1; i < chunks; ++i) compressed += repeated;
+    return compressed + std::string("\x03\x00", 2);  // an empty final block
+}
+
+// A real bomb: about 1 MiB of deflate data that inflates to 1 GiB of zeros,
+// as the manifest. Reading it stops at the largest document accepted.
+TEST_F(ZipStructure, AGibibyteDeflateBombAsTheManifestIsCutOff) {
+    const std::string compressed = zeros_bomb(1024);
+    ASSERT_LT(compressed.size(), 2u << 20);
+    // Stored as written: the entry carries the deflate bytes, then its
+    // headers are relabelled as deflated with the size they inflate to.
+    PackageBuilder()
+        .part("manifest.xml", compressed, false)
+        .relationship("rManifest", Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE,
+                      "/manifest.xml")
+        .write(pkg());
+    ZipPatcher z(pkg());
+    z.put16Both("manifest.xml", 10, 8, 8);
+    z.put32(z.centralHeader("manifest.xml") + 24, 1u << 30);
+    z.put32(z.localHeader("manifest.xml") + 22, 1u << 30);
+    z.save();
+
+    const long before = peak_rss_kib();
+    EXPECT_TRUE(facade.isAppFile(u16(pkg())));
+    EXPECT_EQ(appInfoError(pkg()), internalErrorText());
+    EXPECT_LT(peak_rss_kib() - before, 256 * 1024) << "KiB more at the peak";
+}
+
+}  // namespace
+}  // namespace tsapp::test
