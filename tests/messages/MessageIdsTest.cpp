@@ -56,8 +56,9 @@ TEST(MessageIds, IdentifiersWithoutArgumentsNameTheirCatalogAndKey) {
     TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR a;
     TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION b;
     TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR c;
-    for (const BaseMsgID* id : {static_cast<const BaseMsgID*>(&a), static_cast<const BaseMsgID*>(&b),
-                                static_cast<const BaseMsgID*>(&c)}) {
+    for (const BaseMsgID* id :
+         {static_cast<const BaseMsgID*>(&a), static_cast<const BaseMsgID*>(&b),
+          static_cast<const BaseMsgID*>(&c)}) {
         EXPECT_TRUE(id->arguments.empty());
         EXPECT_EQ(id->catalog, "tsapp_builtins:tsapp_builtins");
         EXPECT_EQ(id->catalog.size(), 29u);
@@ -66,15 +67,17 @@ TEST(MessageIds, IdentifiersWithoutArgumentsNameTheirCatalogAndKey) {
     EXPECT_EQ(b.key, "TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION");
     EXPECT_EQ(c.key, "TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR");
     EXPECT_EQ(TSAPP_BUILTINS_XML_READ_ERROR("x").key, "TSAPP_BUILTINS_XML_READ_ERROR");
-    EXPECT_EQ(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("x").key, "TSAPP_BUILTINS_INVALID_PACKAGE_ERROR");
+    EXPECT_EQ(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("x").key,
+              "TSAPP_BUILTINS_INVALID_PACKAGE_ERROR");
     EXPECT_EQ(TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u"", u"").key,
               "TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR");
 }
 
 TEST(MessageIds, RaisedTextsInEnglish) {
     ScopedMessagesLocale locale("C");
-    EXPECT_EQ(raised_text(TSAPP_BUILTINS_XML_READ_ERROR("line 3, column 7: unexpected end")),
-              "The app manifest is not a valid manifest document: line 3, column 7: unexpected end");
+    EXPECT_EQ(
+        raised_text(TSAPP_BUILTINS_XML_READ_ERROR("line 3, column 7: unexpected end")),
+        "The app manifest is not a valid manifest document: line 3, column 7: unexpected end");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR()),
               "The app manifest could not be read or written because of an internal error.");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION()),
@@ -82,10 +85,13 @@ TEST(MessageIds, RaisedTextsInEnglish) {
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR()),
               "The app package could not be opened, or its content could not be read.");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("/apps/Grüße.tsappinstall")),
-              "The app package \"/apps/Grüße.tsappinstall\" is not valid: a relationship that must be unique "
+              "The app package \"/apps/Grüße.tsappinstall\" is not valid: a relationship that must "
+              "be unique "
               "is missing or repeated.");
-    EXPECT_EQ(raised_text(TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u"/a/日本.tsappinstall", u"/d/😀")),
-              "The app package \"/a/日本.tsappinstall\" could not be extracted into the folder \"/d/😀\".");
+    EXPECT_EQ(
+        raised_text(TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u"/a/日本.tsappinstall", u"/d/😀")),
+        "The app package \"/a/日本.tsappinstall\" could not be extracted into the folder "
+        "\"/d/😀\".");
 }
 
 TEST(MessageIds, RaisedTextsInGermanCarryNonAsciiUtf8) {
@@ -93,16 +99,19 @@ TEST(MessageIds, RaisedTextsInGermanCarryNonAsciiUtf8) {
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_XML_READ_ERROR("Zeile 1")),
               "Das App-Manifest ist kein gültiges Manifest-Dokument: Zeile 1");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR()),
-              "Das App-Manifest konnte wegen eines internen Fehlers nicht gelesen oder geschrieben werden.");
+              "Das App-Manifest konnte wegen eines internen Fehlers nicht gelesen oder geschrieben "
+              "werden.");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION()),
               "Die Signatur des App-Manifests fehlt oder passt nicht zu seinem Inhalt.");
     EXPECT_EQ(raised_text(TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR()),
               "Das App-Paket konnte nicht geöffnet oder sein Inhalt nicht gelesen werden.");
-    EXPECT_EQ(raised_text(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("/a/b.tsappinstall")),
-              "Das App-Paket „/a/b.tsappinstall“ ist ungültig: Eine Beziehung, die eindeutig sein muss, "
-              "fehlt oder ist mehrfach vorhanden.");
-    EXPECT_EQ(raised_text(TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u"/p/ä.tsappinstall", u"/ziel")),
-              "Das App-Paket „/p/ä.tsappinstall“ konnte nicht in den Ordner „/ziel“ entpackt werden.");
+    EXPECT_EQ(
+        raised_text(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("/a/b.tsappinstall")),
+        "Das App-Paket „/a/b.tsappinstall“ ist ungültig: Eine Beziehung, die eindeutig sein muss, "
+        "fehlt oder ist mehrfach vorhanden.");
+    EXPECT_EQ(
+        raised_text(TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u"/p/ä.tsappinstall", u"/ziel")),
+        "Das App-Paket „/p/ä.tsappinstall“ konnte nicht in den Ordner „/ziel“ entpackt werden.");
 }
 
 TEST(MessageIds, SameIdentifierAndArgumentsGiveTheSameText) {
@@ -117,5 +126,6 @@ TEST(MessageIds, PrintWritesTheTextWithOrWithoutNewline) {
     print(TSAPP_BUILTINS_INVALID_PACKAGE_ERROR("p"), true);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "The app package could not be opened, or its content could not be read."
-              "The app package \"p\" is not valid: a relationship that must be unique is missing or repeated.\n");
+              "The app package \"p\" is not valid: a relationship that must be unique is missing "
+              "or repeated.\n");
 }

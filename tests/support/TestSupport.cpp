@@ -17,19 +17,22 @@ namespace tsapp::test {
 
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tsapp-test-XXXXXX";
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tsapp-test-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
 }
 
 TempDir::~TempDir() {
     std::error_code ignored;
-    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                                 ignored);
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add, ignored);
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::u16string TempDir::ufile(const std::string& name) const { return u16(file(name)); }
+std::u16string TempDir::ufile(const std::string& name) const {
+    return u16(file(name));
+}
 
 ScopedMessagesLocale::ScopedMessagesLocale(const char* name) {
     const char* current = std::setlocale(LC_MESSAGES, nullptr);
@@ -39,7 +42,9 @@ ScopedMessagesLocale::ScopedMessagesLocale(const char* name) {
     }
 }
 
-ScopedMessagesLocale::~ScopedMessagesLocale() { std::setlocale(LC_MESSAGES, previous_.c_str()); }
+ScopedMessagesLocale::~ScopedMessagesLocale() {
+    std::setlocale(LC_MESSAGES, previous_.c_str());
+}
 
 ScopedTimeZone::ScopedTimeZone(const char* tz) {
     const char* current = std::getenv("TZ");
@@ -77,7 +82,9 @@ bool file_exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-std::u16string u16(const std::string& utf8) { return fl::i18n::to_ustring(utf8); }
+std::u16string u16(const std::string& utf8) {
+    return fl::i18n::to_ustring(utf8);
+}
 
 int open_descriptor_count() {
     int count = 0;

@@ -9,7 +9,7 @@ namespace tsapp::test {
 
 // A fresh folder under $TMPDIR, removed with everything in it on destruction.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -19,31 +19,31 @@ public:
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     std::u16string ufile(const std::string& name) const;
 
-private:
+  private:
     std::string path_;
 };
 
 // Sets LC_MESSAGES for the lifetime of the object, then puts back the old one.
 class ScopedMessagesLocale {
-public:
+  public:
     explicit ScopedMessagesLocale(const char* name);
     ~ScopedMessagesLocale();
     ScopedMessagesLocale(const ScopedMessagesLocale&) = delete;
     ScopedMessagesLocale& operator=(const ScopedMessagesLocale&) = delete;
 
-private:
+  private:
     std::string previous_;
 };
 
 // Sets TZ for the lifetime of the object (and calls tzset), then restores it.
 class ScopedTimeZone {
-public:
+  public:
     explicit ScopedTimeZone(const char* tz);
     ~ScopedTimeZone();
     ScopedTimeZone(const ScopedTimeZone&) = delete;
     ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
 
-private:
+  private:
     bool hadPrevious_;
     std::string previous_;
 };

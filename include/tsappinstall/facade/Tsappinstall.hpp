@@ -12,7 +12,7 @@
 namespace Corvane::addons::apps {
 
 class TSAPP_API Tsappinstall {
-public:
+  public:
     Tsappinstall();
     virtual ~Tsappinstall();
 
@@ -23,15 +23,18 @@ public:
 
     // Copy the primary icon / screenshot into `outputPath`. Problems are
     // printed to std::cerr; the result says whether the file was written.
-    virtual bool extractAppIcon(const std::u16string& packagePath, const std::u16string& outputPath);
-    virtual bool extractAppScreenshot(const std::u16string& packagePath, const std::u16string& outputPath);
+    virtual bool extractAppIcon(const std::u16string& packagePath,
+                                const std::u16string& outputPath);
+    virtual bool extractAppScreenshot(const std::u16string& packagePath,
+                                      const std::u16string& outputPath);
 
     // Whether the path names a package file with the extension
     // "tsappinstall" that opens as a package.
     virtual bool isAppFile(const std::u16string& packagePath);
 
     // Copy the target of the package relationship of `relationshipType`.
-    bool extractPartContentFromTessalApp(const std::u16string& packagePath, const std::u16string& relationshipType,
+    bool extractPartContentFromTessalApp(const std::u16string& packagePath,
+                                         const std::u16string& relationshipType,
                                          const std::u16string& outputPath);
 
     // Unpack every part into `destinationFolder`. Throws std::runtime_error

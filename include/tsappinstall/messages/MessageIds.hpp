@@ -30,29 +30,29 @@ inline resource_core::MessageArgument to_argument(const std::u16string& text) {
 }
 }  // namespace detail
 
-#define TSAPP_DECLARE_MESSAGE_ID_0(NAME)                                  \
-    class NAME : public resource_core::BaseMsgID {                        \
-    public:                                                               \
-        NAME() : BaseMsgID(CATALOG_NAME, #NAME, 0) {}                     \
+#define TSAPP_DECLARE_MESSAGE_ID_0(NAME)              \
+    class NAME : public resource_core::BaseMsgID {    \
+      public:                                         \
+        NAME() : BaseMsgID(CATALOG_NAME, #NAME, 0) {} \
     }
 
 #define TSAPP_DECLARE_MESSAGE_ID_1(NAME)                                  \
     class NAME : public resource_core::BaseMsgID {                        \
-    public:                                                               \
+      public:                                                             \
         template <typename A0>                                            \
         explicit NAME(const A0& a0) : BaseMsgID(CATALOG_NAME, #NAME, 1) { \
             arguments[0] = detail::to_argument(a0);                       \
         }                                                                 \
     }
 
-#define TSAPP_DECLARE_MESSAGE_ID_2(NAME)                                           \
-    class NAME : public resource_core::BaseMsgID {                                 \
-    public:                                                                        \
-        template <typename A0, typename A1>                                        \
-        NAME(const A0& a0, const A1& a1) : BaseMsgID(CATALOG_NAME, #NAME, 2) {     \
-            arguments[0] = detail::to_argument(a0);                                \
-            arguments[1] = detail::to_argument(a1);                                \
-        }                                                                          \
+#define TSAPP_DECLARE_MESSAGE_ID_2(NAME)                                       \
+    class NAME : public resource_core::BaseMsgID {                             \
+      public:                                                                  \
+        template <typename A0, typename A1>                                    \
+        NAME(const A0& a0, const A1& a1) : BaseMsgID(CATALOG_NAME, #NAME, 2) { \
+            arguments[0] = detail::to_argument(a0);                            \
+            arguments[1] = detail::to_argument(a1);                            \
+        }                                                                      \
     }
 
 // Argument: description of the XML error (char const*).

@@ -16,7 +16,9 @@ namespace {
 std::string current_folder() {
     std::vector<char> buffer(256);
     while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
-        if (errno != ERANGE) throw std::system_error(errno, std::generic_category(), "cannot read the current folder");
+        if (errno != ERANGE)
+            throw std::system_error(errno, std::generic_category(),
+                                    "cannot read the current folder");
         buffer.resize(buffer.size() * 2);
     }
     return buffer.data();
@@ -60,7 +62,8 @@ std::u16string make_native_form(const std::u16string& path, bool absolute) {
         throw std::invalid_argument("path holds a NUL character");
     }
     std::string narrow = fl::i18n::to_string(path);
-    if (absolute && (narrow.empty() || narrow.front() != '/')) narrow = current_folder() + "/" + narrow;
+    if (absolute && (narrow.empty() || narrow.front() != '/'))
+        narrow = current_folder() + "/" + narrow;
     return fl::i18n::to_ustring(normalize(narrow));
 }
 

@@ -15,7 +15,8 @@ std::string_view trim(std::string_view s) {
 }
 
 [[noreturn]] void fail(std::size_t lineNo, const char* what) {
-    throw std::runtime_error("message catalog resource, line " + std::to_string(lineNo) + ": " + what);
+    throw std::runtime_error("message catalog resource, line " + std::to_string(lineNo) + ": " +
+                             what);
 }
 
 }  // namespace
@@ -54,7 +55,8 @@ Catalog parse_catalog(std::string_view source) {
     return catalog;
 }
 
-std::u16string fill_placeholders(const std::u16string& text, const std::vector<std::u16string>& args) {
+std::u16string fill_placeholders(const std::u16string& text,
+                                 const std::vector<std::u16string>& args) {
     std::u16string out;
     out.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -11,7 +11,8 @@
 namespace fl::i18n::detail {
 
 // language -> key -> UTF-16 text
-using LanguageTable = std::map<std::string, std::map<std::string, std::u16string, std::less<>>, std::less<>>;
+using LanguageTable =
+    std::map<std::string, std::map<std::string, std::u16string, std::less<>>, std::less<>>;
 
 struct Catalog {
     std::string name;
@@ -26,6 +27,7 @@ const std::vector<std::string_view>& compiled_catalog_sources();
 
 // Replaces {N} with argument N and {{ / }} with a single brace. A
 // placeholder without an argument is kept as written.
-std::u16string fill_placeholders(const std::u16string& text, const std::vector<std::u16string>& args);
+std::u16string fill_placeholders(const std::u16string& text,
+                                 const std::vector<std::u16string>& args);
 
 }  // namespace fl::i18n::detail

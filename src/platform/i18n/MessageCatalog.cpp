@@ -7,7 +7,8 @@
 
 namespace resource_core {
 
-BaseMsgID::BaseMsgID(std::string_view catalogName, std::string_view keyName, std::uint32_t argumentCount)
+BaseMsgID::BaseMsgID(std::string_view catalogName, std::string_view keyName,
+                     std::uint32_t argumentCount)
     : arguments(argumentCount, MessageArgument{0L}), catalog(catalogName), key(keyName) {}
 
 }  // namespace resource_core
@@ -70,7 +71,8 @@ std::u16string MessageCatalog::get_message(const resource_core::BaseMsgID& id) {
     return get_message(id, current_language());
 }
 
-std::u16string MessageCatalog::get_message(const resource_core::BaseMsgID& id, std::string_view language) {
+std::u16string MessageCatalog::get_message(const resource_core::BaseMsgID& id,
+                                           std::string_view language) {
     const std::u16string* text = find_text(id, language);
     if (text == nullptr && language != "en") text = find_text(id, "en");
     if (text == nullptr) {

@@ -22,6 +22,8 @@ std::u16string to_ustring(const std::string& text) {
     }
 }
 
-std::u16string to_ustring(const char* text) { return to_ustring(std::string(text != nullptr ? text : "")); }
+std::u16string to_ustring(const char* text) {
+    return to_ustring(std::string(text != nullptr ? text : ""));
+}
 
 }  // namespace fl::i18n

@@ -20,7 +20,8 @@ std::string describe(const DOMError& error, const std::u16string& fallbackName) 
     std::string text;
     const DOMLocator* where = error.getLocation();
     std::u16string name = fallbackName;
-    if (where != nullptr && where->getURI() != nullptr && *where->getURI() != 0) name = where->getURI();
+    if (where != nullptr && where->getURI() != nullptr && *where->getURI() != 0)
+        name = where->getURI();
     if (!name.empty()) text += fl::i18n::to_string(name) + ", ";
     if (where != nullptr) {
         text += "line " + std::to_string(where->getLineNumber()) + ", column " +
@@ -34,7 +35,7 @@ std::string describe(const DOMError& error, const std::u16string& fallbackName) 
 // Remembers the first error and stops the parse there. Used instead of a
 // throwing handler so that no exception has to unwind through Xerces-C.
 class RecordingErrorHandler : public DOMErrorHandler {
-public:
+  public:
     RecordingErrorHandler(bool stopOnValidityErrors, std::u16string documentName)
         : stopOnValidityErrors_(stopOnValidityErrors), documentName_(std::move(documentName)) {}
 
@@ -47,7 +48,7 @@ public:
     }
     const std::string& first() const { return first_; }
 
-private:
+  private:
     bool stopOnValidityErrors_;
     std::u16string documentName_;
     std::string first_;
@@ -55,7 +56,7 @@ private:
 
 // Puts the parser's previous error handler back on every way out.
 class ScopedErrorHandler {
-public:
+  public:
     ScopedErrorHandler(DOMLSParser* parser, DOMErrorHandler* handler)
         : config_(parser->getDomConfig()),
           previous_(static_cast<DOMErrorHandler*>(
@@ -66,7 +67,7 @@ public:
     ScopedErrorHandler(const ScopedErrorHandler&) = delete;
     ScopedErrorHandler& operator=(const ScopedErrorHandler&) = delete;
 
-private:
+  private:
     DOMConfiguration* config_;
     DOMErrorHandler* previous_;
 };
@@ -76,7 +77,7 @@ private:
 // elements, so each level makes every element below it slower: 100 000
 // levels, a few hundred kilobytes of text, would take the parse minutes.
 class DepthLimit : public DOMLSParserFilter {
-public:
+  public:
     FilterAction startElement(DOMElement*) override {
         if (++depth_ <= XercesHelper::kMaxElementDepth) return FILTER_ACCEPT;
         exceeded_ = true;
@@ -89,7 +90,7 @@ public:
     DOMNodeFilter::ShowType getWhatToShow() const override { return DOMNodeFilter::SHOW_ELEMENT; }
     bool exceeded() const { return exceeded_; }
 
-private:
+  private:
     std::size_t depth_ = 0;
     bool exceeded_ = false;
 };
@@ -97,7 +98,7 @@ private:
 // Installs a filter for one parse and puts back the parser's previous one
 // on every way out.
 class ScopedFilter {
-public:
+  public:
     ScopedFilter(DOMLSParser* parser, DOMLSParserFilter* filter)
         : parser_(parser), previous_(const_cast<DOMLSParserFilter*>(parser->getFilter())) {
         parser_->setFilter(filter);
@@ -106,7 +107,7 @@ public:
     ScopedFilter(const ScopedFilter&) = delete;
     ScopedFilter& operator=(const ScopedFilter&) = delete;
 
-private:
+  private:
     DOMLSParser* parser_;
     DOMLSParserFilter* previous_;
 };
@@ -145,7 +146,8 @@ bool XercesErrorHandler::handleError(const DOMError& error) {
 DOMLSParser* XercesHelper::createParser() {
     XercesGuard guard;
     static const XMLCh ls[] = u"LS";
-    auto* impl = static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
+    auto* impl =
+        static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
     DOMLSParser* parser = impl->createLSParser(DOMImplementationLS::MODE_SYNCHRONOUS, nullptr);
     DOMConfiguration* config = parser->getDomConfig();
     config->setParameter(XMLUni::fgDOMNamespaces, true);
@@ -157,8 +159,9 @@ DOMLSParser* XercesHelper::createParser() {
     return parser;
 }
 
-DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::InputStream& stream, bool failOnError,
-                                                  const std::u16string& systemId, const std::u16string& publicId) {
+DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::InputStream& stream,
+                                                  bool failOnError, const std::u16string& systemId,
+                                                  const std::u16string& publicId) {
     const std::string bytes = read_all(stream);
     MemBufInputSource source(reinterpret_cast<const XMLByte*>(bytes.data()), bytes.size(),
                              systemId.empty() ? u"" : systemId.c_str(), false);
@@ -178,7 +181,7 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
         } catch (const DOMException& e) {
             if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
             throw InvalidXMLDocument(e.getMessage() != nullptr ? fl::i18n::to_string(e.getMessage())
-                                                                : std::string("DOM error"));
+                                                               : std::string("DOM error"));
         }
     }
     if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/opc/ZipDirectory.hpp"
 #include "platform/opc/RawEntryStream.hpp"
+#include "platform/opc/ZipDirectory.hpp"
 #include "platform/opc/ZipEntryStream.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"

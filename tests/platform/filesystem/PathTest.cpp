@@ -20,7 +20,8 @@ TEST(NativeForm, RelativePathsResolveAgainstTheCurrentFolder) {
     char cwd[4096];
     ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
     const std::u16string base = fl::i18n::to_ustring(cwd);
-    EXPECT_EQ(make_native_form(u"x/y.tsappinstall", true), (base == u"/" ? u"" : base) + u"/x/y.tsappinstall");
+    EXPECT_EQ(make_native_form(u"x/y.tsappinstall", true),
+              (base == u"/" ? u"" : base) + u"/x/y.tsappinstall");
     EXPECT_EQ(make_native_form(u"./x/../y", false), u"y");
     EXPECT_EQ(make_native_form(u"../y", false), u"../y");
 }

@@ -15,7 +15,8 @@ struct Parsed {
     xercesc::DOMDocument* parse(const std::string& text, bool failOnError = true) {
         std::istringstream in(text);
         opc::StdIStreamAdaptor stream(in);
-        return XercesHelper::readDocumentFromStream(parser.get(), stream, failOnError, u"doc.xml", u"");
+        return XercesHelper::readDocumentFromStream(parser.get(), stream, failOnError, u"doc.xml",
+                                                    u"");
     }
 };
 
@@ -49,7 +50,9 @@ TEST(XercesParsing, MalformedDocumentNamesLineAndColumn) {
 
 TEST(XercesParsing, DoctypeIsRefusedSoNoEntityOrExternalDtdIsEverRead) {
     EXPECT_NE(failure_of("<!DOCTYPE r SYSTEM 'file:///etc/passwd'><r/>"), "(parsed)");
-    EXPECT_NE(failure_of("<!DOCTYPE r [<!ENTITY a 'aaaaaaaa'><!ENTITY b '&a;&a;&a;&a;'>]><r>&b;</r>"), "(parsed)");
+    EXPECT_NE(
+        failure_of("<!DOCTYPE r [<!ENTITY a 'aaaaaaaa'><!ENTITY b '&a;&a;&a;&a;'>]><r>&b;</r>"),
+        "(parsed)");
 }
 
 TEST(XercesParsing, OversizedDocumentIsRefusedBeforeParsing) {

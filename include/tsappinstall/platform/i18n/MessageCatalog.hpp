@@ -22,7 +22,7 @@ using MessageArgument = std::variant<long, std::string, std::u16string, double>;
 // A message key in a named catalog with its arguments. Identifier classes
 // derive from it and add no data.
 class TSAPP_API BaseMsgID {
-public:
+  public:
     BaseMsgID(std::string_view catalog, std::string_view key, std::uint32_t argumentCount);
 
     std::vector<MessageArgument> arguments;
@@ -36,12 +36,12 @@ namespace fl::i18n {
 
 // Raised by the conversions for text that is not valid in its encoding.
 class TSAPP_API ConversionError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 class TSAPP_API MessageCatalog {
-public:
+  public:
     // The text of id.key in id.catalog, in the language of the process's
     // LC_MESSAGES locale (English when that language has no translation),
     // with "{N}" replaced by argument N. A key or catalog that is not
@@ -51,7 +51,8 @@ public:
 
     // The same lookup for an explicit language ("en", "de", ...); the
     // locale-driven overload calls it.
-    static std::u16string get_message(const resource_core::BaseMsgID& id, std::string_view language);
+    static std::u16string get_message(const resource_core::BaseMsgID& id,
+                                      std::string_view language);
 
     // The two-letter language the catalog would use right now.
     static std::string current_language();

@@ -21,7 +21,7 @@ namespace opc::model {
 // XMLPlatformUtils::Initialize/Terminate are not thread-safe and a pair
 // costs about a millisecond — more than reading a manifest.
 class TSAPP_API XercesGuard {
-public:
+  public:
     XercesGuard();
     ~XercesGuard() = default;
 };
@@ -29,14 +29,14 @@ public:
 // Not well-formed or not valid XML. what() names the problem with its line
 // and column.
 class TSAPP_API InvalidXMLDocument : public opc::Exception {
-public:
+  public:
     explicit InvalidXMLDocument(const std::string& what) : opc::Exception(what) {}
 };
 
 // A DOM error handler that throws InvalidXMLDocument for every error and
 // fatal error the parser reports; warnings are ignored.
 class TSAPP_API XercesErrorHandler : public xercesc::DOMErrorHandler {
-public:
+  public:
     XercesErrorHandler() = default;
     ~XercesErrorHandler() override = default;
     bool handleError(const xercesc::DOMError& error) override;
@@ -53,7 +53,7 @@ template <typename T>
 using XercesPtr = std::unique_ptr<T, XercesReleaser>;
 
 class TSAPP_API XercesHelper {
-public:
+  public:
     // A namespace-aware DOM parser hardened for untrusted input: a DOCTYPE is
     // refused, no external entity, DTD or schema named by a document is ever
     // loaded (so nothing is fetched from the network or the file system),
@@ -76,14 +76,15 @@ public:
     // name the document in error descriptions (may be empty). The document
     // stays owned by the parser. Elements may nest kMaxElementDepth deep.
     // Throws InvalidXMLDocument; never returns null.
-    static xercesc::DOMDocument* readDocumentFromStream(xercesc::DOMLSParser* parser, opc::InputStream& stream,
-                                                        bool failOnError, const std::u16string& systemId,
+    static xercesc::DOMDocument* readDocumentFromStream(xercesc::DOMLSParser* parser,
+                                                        opc::InputStream& stream, bool failOnError,
+                                                        const std::u16string& systemId,
                                                         const std::u16string& publicId);
 
     // Appends an unprefixed element in namespace `ns` as the document element
     // / as the last child of `parent`, and returns it.
-    static xercesc::DOMElement* appendElementNS(xercesc::DOMDocument* document, const XercesString& ns,
-                                                const XercesString& name);
+    static xercesc::DOMElement* appendElementNS(xercesc::DOMDocument* document,
+                                                const XercesString& ns, const XercesString& name);
     static xercesc::DOMElement* appendElementNS(xercesc::DOMElement* parent, const XercesString& ns,
                                                 const XercesString& name);
     // Replaces the element's children with the text; an empty text leaves no
@@ -97,7 +98,8 @@ public:
     // namespace and prefix are not compared: after validation every element
     // of a manifest is in the manifest namespace, so a manifest that puts it
     // on a prefix reads like one that uses the default namespace.
-    static xercesc::DOMElement* getElement(const xercesc::DOMElement* element, const XercesString& name);
+    static xercesc::DOMElement* getElement(const xercesc::DOMElement* element,
+                                           const XercesString& name);
     static std::vector<xercesc::DOMElement*> getElements(const xercesc::DOMElement* element,
                                                          const XercesString& name);
     // The element's text content (its descendants' text and CDATA, in
@@ -108,8 +110,8 @@ public:
                                     std::u16string& value);
 
     // Serializes the document with `writer` as UTF-8 into `stream`.
-    static void writeDocumentToStream(xercesc::DOMLSSerializer* writer, xercesc::DOMDocument* document,
-                                      opc::OutputStream& stream);
+    static void writeDocumentToStream(xercesc::DOMLSSerializer* writer,
+                                      xercesc::DOMDocument* document, opc::OutputStream& stream);
 
     // Larger documents are refused before parsing.
     static constexpr std::size_t kMaxDocumentBytes = 16u * 1024u * 1024u;

@@ -9,7 +9,7 @@ namespace opc::model {
 // An owned, NUL-terminated UTF-16 text usable wherever Xerces-C wants an
 // XMLCh* (XMLCh is char16_t in the Xerces-C build we use).
 class TSAPP_API XercesString {
-public:
+  public:
     XercesString() = default;
     explicit XercesString(const char16_t* text) : text_(text != nullptr ? text : u"") {}
     explicit XercesString(std::u16string text) : text_(std::move(text)) {}
@@ -18,7 +18,7 @@ public:
     operator std::u16string() const { return text_; }
     const std::u16string& str() const { return text_; }
 
-private:
+  private:
     std::u16string text_;
 };
 
