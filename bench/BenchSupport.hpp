@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "tsappinstall/manifest/AppManifest.hpp"
 
@@ -38,6 +39,18 @@ inline AppManifest typicalRecord(int files) {
     }
     m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
     return m;
+}
+
+// `size` pseudo-random bytes, the same for the same seed: barely
+// compressible, like the images and binaries of a real app.
+inline std::vector<unsigned char> filler(std::size_t size, unsigned seed) {
+    std::vector<unsigned char> bytes(size);
+    unsigned state = seed * 2654435761u + 1;
+    for (auto& b : bytes) {
+        state = state * 1103515245u + 12345u;
+        b = static_cast<unsigned char>(state >> 24);
+    }
+    return bytes;
 }
 
 // Runs `work` a few times to warm up (page cache, Xerces' process-wide

@@ -26,16 +26,6 @@ namespace {
 
 using opc::zippackage::PackageWriter;
 
-std::vector<unsigned char> filler(std::size_t size, unsigned seed) {
-    std::vector<unsigned char> bytes(size);
-    unsigned state = seed * 2654435761u + 1;
-    for (auto& b : bytes) {
-        state = state * 1103515245u + 12345u;
-        b = static_cast<unsigned char>(state >> 24);
-    }
-    return bytes;
-}
-
 std::vector<unsigned char> savedManifest(const AppManifest& record) {
     AppManifestSerializer serializer;
     std::vector<unsigned char> bytes;
@@ -48,10 +38,11 @@ void writePackage(const std::string& path, const std::vector<unsigned char>& man
     using namespace Corvane::addons::apps;
     PackageWriter writer(path);
     writer.addPart("manifest.xml", "application/xml", manifest);
-    writer.addPart("icon.png", "image/png", filler(10000, 2), PackageWriter::Compression::Stored);
+    writer.addPart("icon.png", "image/png", tsapp::bench::filler(10000, 2),
+                   PackageWriter::Compression::Stored);
     for (int i = 0; i < 48; ++i) {
         writer.addPart("files/lib/module" + std::to_string(i) + ".js", "application/javascript",
-                       filler(1000, 10 + i));
+                       tsapp::bench::filler(1000, 10 + i));
     }
     writer.addRelationship("rManifest", APP_PROPERTIES_RELATIONSHIP_TYPE, "/manifest.xml");
     writer.addRelationship("rIcon", PRIMARY_ICON_RELATIONSHIP_TYPE, "/icon.png");

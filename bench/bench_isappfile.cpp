@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.hpp"
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
@@ -21,24 +22,15 @@ namespace {
 
 using opc::zippackage::PackageWriter;
 
-std::vector<unsigned char> filler(std::size_t size, unsigned seed) {
-    std::vector<unsigned char> bytes(size);
-    unsigned state = seed * 2654435761u + 1;
-    for (auto& b : bytes) {
-        state = state * 1103515245u + 12345u;
-        b = static_cast<unsigned char>(state >> 24);  // barely compressible
-    }
-    return bytes;
-}
-
 void write_package(const std::string& path, std::size_t partBytes) {
     using namespace Corvane::addons::apps;
     PackageWriter writer(path);
-    writer.addPart("manifest.xml", "application/xml", filler(2000, 1));
-    writer.addPart("icon.png", "image/png", filler(10000, 2), PackageWriter::Compression::Stored);
+    writer.addPart("manifest.xml", "application/xml", tsapp::bench::filler(2000, 1));
+    writer.addPart("icon.png", "image/png", tsapp::bench::filler(10000, 2),
+                   PackageWriter::Compression::Stored);
     for (int i = 0; i < 48; ++i) {
         writer.addPart("files/lib/module" + std::to_string(i) + ".js", "application/javascript",
-                       filler(partBytes, 10 + i));
+                       tsapp::bench::filler(partBytes, 10 + i));
     }
     writer.addRelationship("rManifest", APP_PROPERTIES_RELATIONSHIP_TYPE, "/manifest.xml");
     writer.addRelationship("rIcon", PRIMARY_ICON_RELATIONSHIP_TYPE, "/icon.png");
