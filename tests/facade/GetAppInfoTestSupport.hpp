@@ -47,12 +47,6 @@ inline PackageBuilder app_package_with(const std::string& manifest,
         .relationship("rShot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "images/shot.png");
 }
 
-inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-    const std::size_t at = text.find(from);
-    if (at != std::string::npos) text.replace(at, from.size(), to);
-    return text;
-}
-
 inline std::string internal_error_text() {
     namespace ids = tsapp_builtins::tsapp_builtins;
     return ids::message_text(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_INTERNAL_ERROR());

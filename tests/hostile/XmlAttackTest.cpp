@@ -44,13 +44,6 @@ std::string utf16le_with_bom(const std::string& ascii) {
     return out;
 }
 
-std::string replaced(std::string text, const std::string& from, const std::string& to) {
-    const std::size_t at = text.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    if (at != std::string::npos) text.replace(at, from.size(), to);
-    return text;
-}
-
 AppManifest sampleRecord() {
     AppManifest m;
     m.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";

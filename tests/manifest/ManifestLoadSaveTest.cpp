@@ -11,13 +11,6 @@ namespace ids = tsapp_builtins::tsapp_builtins;
 
 namespace {
 
-std::string replaced(std::string text, const std::string& from, const std::string& to) {
-    const std::size_t at = text.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    if (at != std::string::npos) text.replace(at, from.size(), to);
-    return text;
-}
-
 class ManifestLoadSave : public ::testing::Test {
   protected:
     std::string saved(const AppManifest& record) {

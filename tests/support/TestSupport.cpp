@@ -1,6 +1,7 @@
 #include "support/TestSupport.hpp"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <clocale>
@@ -93,6 +94,21 @@ int open_descriptor_count() {
     while (::readdir(dir) != nullptr) ++count;
     ::closedir(dir);
     return count - 3;  // ".", ".." and the descriptor of the listing itself
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+std::string read_all(opc::InputStream& in, std::size_t chunk) {
+    std::string bytes;
+    std::vector<unsigned char> buffer(chunk);
+    for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) != 0;)
+        bytes.append(reinterpret_cast<const char*>(buffer.data()), n);
+    return bytes;
 }
 
 }  // namespace tsapp::test

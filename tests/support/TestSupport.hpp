@@ -2,8 +2,11 @@
 
 // Small helpers shared by the tests: temporary folders, files, locales.
 
+#include <cstddef>
 #include <string>
 #include <vector>
+
+#include "tsappinstall/platform/opc/Streams.hpp"
 
 namespace tsapp::test {
 
@@ -54,5 +57,10 @@ bool file_exists(const std::string& path);
 std::u16string u16(const std::string& utf8);
 // The number of file descriptors the process holds open now.
 int open_descriptor_count();
+// `text` with its first `from` replaced by `to`; the test fails when `text`
+// holds no `from`.
+std::string replaced(std::string text, const std::string& from, const std::string& to);
+// Everything `in` still yields, read `chunk` bytes at a time.
+std::string read_all(opc::InputStream& in, std::size_t chunk = 4096);
 
 }  // namespace tsapp::test

@@ -19,14 +19,6 @@ using namespace tsapp::test;
 
 namespace {
 
-std::string read_all(opc::InputStream& in) {
-    std::string bytes;
-    unsigned char chunk[4096];
-    for (std::size_t n; (n = in.read(chunk, sizeof chunk)) != 0;)
-        bytes.append(reinterpret_cast<char*>(chunk), n);
-    return bytes;
-}
-
 struct Opened {
     ZipPhysicalPackage physical;
     Package package{physical};

@@ -13,12 +13,9 @@ using namespace tsapp::test;
 
 namespace {
 
-std::string read_all(opc::InputStream& in) {
-    std::string bytes;
-    unsigned char chunk[1000];  // smaller than the entries, so reads are split
-    for (std::size_t n; (n = in.read(chunk, sizeof chunk)) != 0;)
-        bytes.append(reinterpret_cast<char*>(chunk), n);
-    return bytes;
+// Reads in pieces smaller than the entries, so reads are split.
+std::string read_all_split(opc::InputStream& in) {
+    return read_all(in, 1000);
 }
 
 std::string pattern(std::size_t size) {
@@ -77,10 +74,10 @@ TEST(ZipPhysicalPackage, ListsEntriesAndStreamsTheirBytes) {
     EXPECT_EQ(entries[1].compressedSize, 100u);
     EXPECT_EQ(entries[1].dataOffset, entries[1].localHeaderOffset + 30 + entries[1].name.size());
 
-    EXPECT_EQ(read_all(*package.openEntry(0)), std::string(3000, 'a'));
-    EXPECT_EQ(read_all(*package.openEntry(1)), pattern(100));
-    EXPECT_EQ(read_all(*package.openRawEntry(1)), pattern(100));
-    EXPECT_EQ(read_all(*package.openRawEntry(0)).size(), entries[0].compressedSize);
+    EXPECT_EQ(read_all_split(*package.openEntry(0)), std::string(3000, 'a'));
+    EXPECT_EQ(read_all_split(*package.openEntry(1)), pattern(100));
+    EXPECT_EQ(read_all_split(*package.openRawEntry(1)), pattern(100));
+    EXPECT_EQ(read_all_split(*package.openRawEntry(0)).size(), entries[0].compressedSize);
     EXPECT_THROW(package.openEntry(3), opc::Exception);
     package.close();
     EXPECT_THROW(package.openEntry(0), opc::Exception);
@@ -95,8 +92,8 @@ TEST(ZipPhysicalPackage, HeadersFarApartAreReadOneByOne) {
                      {"c", pattern(5000), false},
                      {"d", "3", false}});
     ZipPhysicalPackage package(u16(path), true);
-    EXPECT_EQ(read_all(*package.openEntry(1)), pattern(300000));
-    EXPECT_EQ(read_all(*package.openEntry(4)), "3");
+    EXPECT_EQ(read_all_split(*package.openEntry(1)), pattern(300000));
+    EXPECT_EQ(read_all_split(*package.openEntry(4)), "3");
 }
 
 TEST(ZipPhysicalPackage, ReadsZip64SizesOffsetsAndCounts) {
@@ -109,8 +106,8 @@ TEST(ZipPhysicalPackage, ReadsZip64SizesOffsetsAndCounts) {
     EXPECT_EQ(entries[1].name, "b/c.bin");
     EXPECT_EQ(entries[1].size, 4000u);
     EXPECT_GT(entries[1].localHeaderOffset, 0u);
-    EXPECT_EQ(read_all(*package.openEntry(0)), "alpha");
-    EXPECT_EQ(read_all(*package.openEntry(1)), pattern(4000));
+    EXPECT_EQ(read_all_split(*package.openEntry(0)), "alpha");
+    EXPECT_EQ(read_all_split(*package.openEntry(1)), pattern(4000));
 }
 
 TEST(ZipPhysicalPackage, RefusesWhatIsNotAReadableZipFileWithoutLeakingDescriptors) {
@@ -201,9 +198,10 @@ TEST(ZipPhysicalPackage, ReadsFailWhenBytesDoNotMatchTheirSizeOrCrc) {
     ZipPhysicalPackage package(u16(sample.path), true);
     for (std::uint64_t index : {0u, 1u, 2u}) {
         const auto stream = package.openEntry(index);
-        EXPECT_THROW(read_all(*stream), opc::Exception) << index;
+        EXPECT_THROW(read_all_split(*stream), opc::Exception) << index;
     }
     // Compressed bytes are copied as stored: a wrong uncompressed size does
     // not concern them.
-    EXPECT_EQ(read_all(*package.openRawEntry(0)).size(), package.getEntries()[0].compressedSize);
+    EXPECT_EQ(read_all_split(*package.openRawEntry(0)).size(),
+              package.getEntries()[0].compressedSize);
 }
