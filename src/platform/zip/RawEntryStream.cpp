@@ -1,4 +1,4 @@
-#include "RawEntryStream.hpp"
+#include "platform/zip/RawEntryStream.hpp"
 
 #include <unistd.h>
 

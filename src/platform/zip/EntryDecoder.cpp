@@ -1,4 +1,4 @@
-#include "EntryDecoder.hpp"
+#include "platform/zip/EntryDecoder.hpp"
 
 #include <libdeflate.h>
 #include <sys/mman.h>

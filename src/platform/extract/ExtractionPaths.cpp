@@ -1,4 +1,4 @@
-#include "ExtractionPaths.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
 
 #include <climits>
 

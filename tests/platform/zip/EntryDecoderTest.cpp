@@ -1,10 +1,10 @@
-#include "platform/opc/EntryDecoder.hpp"
+#include "platform/zip/EntryDecoder.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include "platform/opc/UniqueFd.hpp"
+#include "platform/base/UniqueFd.hpp"
 #include "support/Deflate.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"

@@ -1,4 +1,4 @@
-#include "platform/opc/ZipDirectory.hpp"
+#include "platform/zip/ZipDirectory.hpp"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "platform/opc/StagedExtraction.hpp"
+#include "platform/extract/StagedExtraction.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -6,8 +6,8 @@
 
 #include <filesystem>
 
-#include "platform/opc/EntryDecoder.hpp"
-#include "platform/opc/ExtractionPaths.hpp"
+#include "platform/zip/EntryDecoder.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
 #include "support/TestSupport.hpp"
 #include "support/TreeSnapshot.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"

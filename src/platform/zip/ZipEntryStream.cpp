@@ -1,4 +1,4 @@
-#include "platform/opc/ZipEntryStream.hpp"
+#include "platform/zip/ZipEntryStream.hpp"
 
 #include <zlib.h>
 

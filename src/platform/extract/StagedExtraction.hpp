@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "ExtractionPaths.hpp"
-#include "UniqueFd.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
+#include "platform/base/UniqueFd.hpp"
 
 namespace opc::detail {
 

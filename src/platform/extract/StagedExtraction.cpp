@@ -1,4 +1,4 @@
-#include "StagedExtraction.hpp"
+#include "platform/extract/StagedExtraction.hpp"
 
 #include <fcntl.h>
 #include <stdio.h>  // renameat2

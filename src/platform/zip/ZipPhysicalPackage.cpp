@@ -9,9 +9,9 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/opc/RawEntryStream.hpp"
-#include "platform/opc/ZipDirectory.hpp"
-#include "platform/opc/ZipEntryStream.hpp"
+#include "platform/zip/RawEntryStream.hpp"
+#include "platform/zip/ZipDirectory.hpp"
+#include "platform/zip/ZipEntryStream.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "EntryDecoder.hpp"
-#include "ExtractionPaths.hpp"
-#include "StagedExtraction.hpp"
+#include "platform/zip/EntryDecoder.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
+#include "platform/extract/StagedExtraction.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
