@@ -18,9 +18,8 @@
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 
 namespace {
 
@@ -78,10 +77,8 @@ int main(int argc, char** argv) {
     });
     const double open = tsapp::bench::microsecondsPerCall(
         "open: ZipPhysicalPackage + Package::open", iterations, [&] {
-            opc::zippackage::ZipPhysicalPackage physical(upath, true);
-            opc::model::Package package(physical);
-            package.open(static_cast<opc::interfaces::OpenMode>(0));
-            sink = sink + package.getPartNames().size();
+            opc::model::OpenedPackage package(upath);
+            sink = sink + package->getPartNames().size();
             package.close();
         });
     const double compile = tsapp::bench::microsecondsPerCall(

@@ -4,29 +4,24 @@
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace Corvane::addons::apps {
 namespace {
 
 namespace ids = tsapp_builtins::tsapp_builtins;
-using opc::qvservices::FileSystemManager;
+namespace q = opc::qvservices;
 
-// Declared in the order that makes them die as the manager, the package and
-// the container, whichever of them were made.
+// The manager dies before the package it reads.
 void extract(const std::u16string& nativePath, const std::u16string& nativeFolder) {
-    opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
-    opc::model::Package package(physical);
-    package.open(static_cast<opc::interfaces::OpenMode>(0));
-    std::unique_ptr<FileSystemManager> manager;
+    opc::model::OpenedPackage package(nativePath);
+    std::unique_ptr<q::FileSystemManager> manager;
     {
         const opc::FileSystemOpsSelector selector;
-        manager = std::make_unique<FileSystemManager>(package, selector);
+        manager = std::make_unique<q::FileSystemManager>(package.package(), selector);
     }
-    manager->extractAll(nativeFolder, static_cast<opc::qvservices::RestoreMode>(1),
-                        static_cast<opc::qvservices::TransformMode>(1),
-                        static_cast<opc::qvservices::ReplaceMode>(0));
+    manager->extractAll(nativeFolder, q::RestoreMode::AllParts, q::TransformMode::PercentDecode,
+                        q::ReplaceMode::Replace);
     package.close();
 }
 

@@ -6,8 +6,7 @@
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace Corvane::addons::apps {
 namespace {
@@ -15,17 +14,14 @@ namespace {
 namespace ids = tsapp_builtins::tsapp_builtins;
 
 // Everything from opening the package to writing the file. Exceptions leave
-// it with every package object already released. The objects are declared
-// in the order that makes them die as the file stream, the buffer, the
-// part, the relationships, the package and the container.
+// it with every package object already released. The package is never
+// closed: its objects are released when the function returns.
 bool copy_part_to_file(const std::u16string& nativePath, const std::u16string& callerPath,
                        const std::u16string& relationshipType, const std::u16string& outputPath) {
-    opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
-    opc::model::Package package(physical);
-    package.open(static_cast<opc::interfaces::OpenMode>(0));
+    opc::model::OpenedPackage package(nativePath);
 
     const std::vector<opc::model::Relationship> relationships =
-        package.getRelationshipsByType(relationshipType);
+        package->getRelationshipsByType(relationshipType);
     if (relationships.size() > 1) {
         ids::print(ids::TSAPP_BUILTINS_INVALID_PACKAGE_ERROR(fl::i18n::to_string(callerPath)),
                    true);
@@ -33,7 +29,7 @@ bool copy_part_to_file(const std::u16string& nativePath, const std::u16string& c
     if (relationships.empty()) return false;
 
     opc::model::Part part =
-        package.getPart(opc::model::PartName(relationships.front().getTargetURI()));
+        package->getPart(opc::model::PartName(relationships.front().getTargetURI()));
     std::vector<unsigned char> content;
     opc::ByteArrayOutAdaptor buffer(content);
     opc::StreamHelper::copyStreamToStream(part.getInputStream(), buffer);

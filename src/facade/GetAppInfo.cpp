@@ -5,8 +5,7 @@
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Conversions.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace Corvane::addons::apps {
 namespace {
@@ -14,18 +13,15 @@ namespace {
 namespace ids = tsapp_builtins::tsapp_builtins;
 
 // Reads the manifest that the package's single manifest relationship names
-// into `result`; false when the package has none or several. The objects
-// are declared so that they die as the serializer, the part, the
-// relationships, the package and the container. The package is closed only
-// after a successful read.
+// into `result`; false when the package has none or several. The package
+// is closed only after a successful read.
 bool readManifest(const std::u16string& nativePath, AppManifest& result) {
-    opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
-    opc::model::Package package(physical);
-    package.open(static_cast<opc::interfaces::OpenMode>(0));
+    opc::model::OpenedPackage package(nativePath);
     const std::vector<opc::model::Relationship> manifests =
-        package.getRelationshipsByType(opc::toString(APP_PROPERTIES_RELATIONSHIP_TYPE, true));
+        package->getRelationshipsByType(opc::toString(APP_PROPERTIES_RELATIONSHIP_TYPE, true));
     if (manifests.size() != 1) return false;
-    opc::model::Part part = package.getPart(opc::model::PartName(manifests.front().getTargetURI()));
+    opc::model::Part part =
+        package->getPart(opc::model::PartName(manifests.front().getTargetURI()));
     AppManifestSerializer serializer;
     serializer.load(part.getInputStream(), result);
     package.close();

@@ -2,8 +2,7 @@
 
 #include "facade/PackagePath.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace Corvane::addons::apps {
 
@@ -17,10 +16,7 @@ bool Tsappinstall::isAppFile(const std::u16string& packagePath) {
     const std::u16string extension = fl::filesystem::detail::extract_extension(nativePath);
     if (extension.size() != appExtension.size() || extension != appExtension) return false;
     try {
-        opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
-        opc::model::Package package(physical);
-        package.open(static_cast<opc::interfaces::OpenMode>(0));
-        package.close();
+        opc::model::OpenedPackage(nativePath).close();
         return true;
     } catch (...) {
         // Whatever the package layer reports, the answer is only "not an app".

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 
 using namespace xercesc;
@@ -32,24 +33,6 @@ XercesPtr<DOMLSInput> schemaInput() {
     return input;
 }
 
-// Installs an error handler for one call and takes it off again on every
-// way out, so the parser never keeps a pointer to a dead handler.
-class ScopedErrorHandler {
-  public:
-    ScopedErrorHandler(DOMLSParser* parser, DOMErrorHandler* handler)
-        : config_(parser->getDomConfig()) {
-        config_->setParameter(XMLUni::fgDOMErrorHandler, handler);
-    }
-    ~ScopedErrorHandler() {
-        config_->setParameter(XMLUni::fgDOMErrorHandler, static_cast<const void*>(nullptr));
-    }
-    ScopedErrorHandler(const ScopedErrorHandler&) = delete;
-    ScopedErrorHandler& operator=(const ScopedErrorHandler&) = delete;
-
-  private:
-    DOMConfiguration* config_;
-};
-
 }  // namespace
 
 AppManifestSerializer::AppManifestSerializer() {
@@ -65,7 +48,7 @@ AppManifestSerializer::AppManifestSerializer() {
 
     try {
         opc::model::XercesErrorHandler handler;
-        const ScopedErrorHandler scoped(parser_.get(), &handler);
+        const opc::model::detail::ScopedErrorHandler scoped(parser_.get(), &handler);
         parser_->loadGrammar(schema.get(), Grammar::SchemaGrammarType, true);
     } catch (const opc::model::InvalidXMLDocument&) {
         tsapp_builtins::tsapp_builtins::raise(

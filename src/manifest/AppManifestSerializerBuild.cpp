@@ -4,6 +4,7 @@
 #include <xercesc/framework/MemBufFormatTarget.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Conversions.hpp"
@@ -97,10 +98,7 @@ DOMDocument* AppManifestSerializer::createDOMDocument(const AppManifest& manifes
 
 void AppManifestSerializer::serializeDocument(std::ostream& out, const DOMDocument* document) {
     MemBufFormatTarget target(1023, XMLPlatformUtils::fgMemoryManager);
-    static const XMLCh ls[] = u"LS";
-    DOMImplementation* implementation = DOMImplementationRegistry::getDOMImplementation(ls);
-    const opc::model::XercesPtr<DOMLSOutput> output(implementation->createLSOutput());
-    output->setByteStream(&target);
+    const opc::model::XercesPtr<DOMLSOutput> output = opc::model::detail::memoryOutput(target);
     writer_->write(document, output.get());
     out.write(reinterpret_cast<const char*>(target.getRawBuffer()),
               static_cast<std::streamsize>(target.getLen()));

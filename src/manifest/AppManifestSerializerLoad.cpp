@@ -4,7 +4,9 @@
 #include <boost/lexical_cast.hpp>
 
 #include <fstream>
+#include <utility>
 
+#include "manifest/ManifestFailure.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -15,6 +17,8 @@ using namespace xercesc;
 using opc::model::XercesHelper;
 using opc::model::XercesString;
 namespace ids = tsapp_builtins::tsapp_builtins;
+using tsappinstall::ManifestFault;
+using tsappinstall::detail::fail;
 
 namespace {
 
@@ -35,9 +39,11 @@ DOMDocument* parse(DOMLSParser* parser, opc::InputStream& stream) {
     try {
         return XercesHelper::readDocumentFromStream(parser, stream, true, u"", u"");
     } catch (const opc::model::InvalidXMLDocument& e) {
-        ids::raise(ids::TSAPP_BUILTINS_XML_READ_ERROR(e.what()));
+        const auto fault = e.reason() == opc::Reason::InvalidXml ? ManifestFault::InvalidXml
+                                                                 : ManifestFault::MalformedXml;
+        fail(fault, ids::TSAPP_BUILTINS_XML_READ_ERROR(e.what()));
     } catch (...) {
-        ids::raise(ids::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
+        fail(ManifestFault::Unreadable, ids::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
     }
 }
 
@@ -62,17 +68,21 @@ std::vector<std::u16string> AppManifestSerializer::getElementValueListByTagName(
     return values;
 }
 
+// The record's text fields with the element each one is read from.
 void AppManifestSerializer::readTexts(const DOMElement* root, AppManifest& manifest) {
+    using S = AppManifestSerializer;
+    static const std::pair<std::u16string AppManifest::*, const XercesString S::*> kTexts[] = {
+        {&AppManifest::entryPoint, &S::entryPointElement_},
+        {&AppManifest::name, &S::nameElement_},
+        {&AppManifest::version, &S::versionElement_},
+        {&AppManifest::createdByTESSALRelease, &S::createdByTessalReleaseElement_},
+        {&AppManifest::summary, &S::summaryElement_},
+        {&AppManifest::description, &S::descriptionElement_},
+        {&AppManifest::minTESSALVer, &S::minTessalVerElement_},
+        {&AppManifest::maxTESSALVer, &S::maxTessalVerElement_}};
     manifest.GUID = opc::toASCIIString(getElementValueByTagName(root, guidElement_));
-    manifest.entryPoint = getElementValueByTagName(root, entryPointElement_);
-    manifest.name = getElementValueByTagName(root, nameElement_);
-    manifest.version = getElementValueByTagName(root, versionElement_);
-    manifest.createdByTESSALRelease =
-        getElementValueByTagName(root, createdByTessalReleaseElement_);
-    manifest.summary = getElementValueByTagName(root, summaryElement_);
-    manifest.description = getElementValueByTagName(root, descriptionElement_);
-    manifest.minTESSALVer = getElementValueByTagName(root, minTessalVerElement_);
-    manifest.maxTESSALVer = getElementValueByTagName(root, maxTessalVerElement_);
+    for (const auto& [field, element] : kTexts)
+        manifest.*field = getElementValueByTagName(root, this->*element);
 }
 
 // Without an author block the record's author fields keep their values.
@@ -97,7 +107,7 @@ void AppManifestSerializer::readProducts(const DOMElement* root, AppManifest& ma
     }
 }
 
-void AppManifestSerializer::load(opc::InputStream& stream, AppManifest& manifest) {
+void AppManifestSerializer::read(opc::InputStream& stream, AppManifest& manifest) {
     const DocumentPoolReset poolReset(parser_.get());
     const DOMElement* root = parse(parser_.get(), stream)->getDocumentElement();
 
@@ -117,7 +127,17 @@ void AppManifestSerializer::load(opc::InputStream& stream, AppManifest& manifest
     // The seal is checked against the record as read, never the file's bytes.
     const opc::model::XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
     if (signature.empty() || !verifyDocument(manifest.GUID, rebuilt.get(), signature)) {
-        ids::raise(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
+        fail(ManifestFault::BadSignature,
+             ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
+    }
+}
+
+void AppManifestSerializer::load(opc::InputStream& stream, AppManifest& manifest) {
+    try {
+        read(stream, manifest);
+    } catch (const tsappinstall::detail::ManifestFailure& failure) {
+        std::runtime_error plain(failure.what());  // callers get exactly this type
+        throw plain;
     }
 }
 

@@ -2,13 +2,12 @@
 //
 // The facade folds every manifest problem into one error; the check reads
 // the package and the manifest through the package layer and the
-// serializer directly so it can say which rule a package breaks. Packages
+// serializer's fault kinds so it can say which rule a package breaks. Packages
 // are checked by a pool of workers, each with its own serializer, so the
 // schema is compiled once per worker rather than once per package.
 
 #include <algorithm>
 #include <atomic>
-#include <boost/lexical_cast.hpp>
 #include <condition_variable>
 #include <iostream>
 #include <mutex>
@@ -18,48 +17,35 @@
 #include "Commands.hpp"
 #include "Text.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/ManifestFault.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
-#include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/XercesHelper.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
 namespace {
 
-using namespace tsapp_builtins::tsapp_builtins;
-
 const char* const kGoodVerdict = "OK";
 
-// Tells a manifest that is not XML at all from one that breaks the schema:
-// only the first fails a parse without the schema.
-std::string xmlReason(opc::model::Part& part, const std::string& error) {
-    opc::model::XercesPtr<xercesc::DOMLSParser> plain(opc::model::XercesHelper::createParser());
-    try {
-        opc::model::XercesHelper::readDocumentFromStream(plain.get(), part.getInputStream(), true,
-                                                         u"", u"");
-    } catch (const opc::Exception&) {
-        return "the manifest is not well-formed XML: " + error;
-    }
-    return "the manifest does not match the schema: " + error;
-}
-
 std::string manifestVerdict(AppManifestSerializer& serializer, opc::model::Part& part) {
+    using tsappinstall::ManifestFault;
     AppManifest record;
-    try {
-        serializer.load(part.getInputStream(), record);
-    } catch (const boost::bad_lexical_cast&) {
-        return "bad file count in the manifest (numFiles is not a decimal number)";
-    } catch (const std::runtime_error& e) {
-        const std::string what = e.what();
-        if (what == message_text(TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION()))
+    std::string text;
+    switch (tsappinstall::loadManifest(serializer, part.getInputStream(), record, text)) {
+        case ManifestFault::None:
+            return kGoodVerdict;
+        case ManifestFault::Unreadable:
+            return "the manifest cannot be read: " + text;
+        case ManifestFault::MalformedXml:
+            return "the manifest is not well-formed XML: " + text;
+        case ManifestFault::InvalidXml:
+            return "the manifest does not match the schema: " + text;
+        case ManifestFault::BadFileCount:
+            return "bad file count in the manifest (numFiles is not a decimal number)";
+        case ManifestFault::BadSignature:
             return "the manifest's signature is missing or wrong";
-        if (what == message_text(TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR()))
-            return "the manifest cannot be read: " + what;
-        return xmlReason(part, what);
     }
-    return kGoodVerdict;
+    return "the manifest cannot be read: " + text;
 }
 
 std::string verdictFor(const std::string& path, AppManifestSerializer& serializer) {
@@ -67,16 +53,14 @@ std::string verdictFor(const std::string& path, AppManifestSerializer& serialize
     if (fl::filesystem::detail::extract_extension(native) != u"tsappinstall")
         return "not an app file: the extension is not .tsappinstall";
     try {
-        opc::zippackage::ZipPhysicalPackage container(native, true);
-        opc::model::Package package(container);
-        package.open(opc::interfaces::OpenMode::Read);
-        const auto manifests = package.getRelationshipsByType(
+        opc::model::OpenedPackage package(native);
+        const auto manifests = package->getRelationshipsByType(
             utf16(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
         if (manifests.size() != 1)
             return "no single manifest relationship (found " + std::to_string(manifests.size()) +
                    ")";
         opc::model::Part part =
-            package.getPart(opc::model::PartName(manifests.front().getTargetURI()));
+            package->getPart(opc::model::PartName(manifests.front().getTargetURI()));
         return manifestVerdict(serializer, part);
     } catch (const opc::Exception& e) {
         return std::string("not an app package: ") + e.what();

@@ -16,8 +16,7 @@
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -51,10 +50,8 @@ class ProgressLine {
 };
 
 void extract(const std::u16string& nativePath, const std::u16string& nativeFolder) {
-    opc::zippackage::ZipPhysicalPackage physical(nativePath, true);
-    opc::model::Package package(physical);
-    package.open(opc::interfaces::OpenMode::Read);
-    opc::qvservices::FileSystemManager manager(package, opc::FileSystemOpsSelector());
+    opc::model::OpenedPackage package(nativePath);
+    opc::qvservices::FileSystemManager manager(package.package(), opc::FileSystemOpsSelector());
     ProgressLine progress;
     if (::isatty(STDERR_FILENO)) {
         manager.setProgress([&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {

@@ -15,6 +15,7 @@
 
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
+#include "tsappinstall/manifest/ManifestFault.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 #include "tsappinstall/platform/opc/XercesString.hpp"
@@ -144,6 +145,11 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
     void appendList(xercesc::DOMElement* root, const opc::model::XercesString& container,
                     const opc::model::XercesString& item,
                     const std::vector<std::u16string>& values);
+    friend tsappinstall::ManifestFault tsappinstall::loadManifest(AppManifestSerializer&,
+                                                                  opc::InputStream&, AppManifest&,
+                                                                  std::string&);
+    // load's work; its own failures leave as ManifestFailure.
+    void read(opc::InputStream& stream, AppManifest& manifest);
     void readTexts(const xercesc::DOMElement* root, AppManifest& manifest);
     void readAuthor(const xercesc::DOMElement* root, AppManifest& manifest);
     void readProducts(const xercesc::DOMElement* root, AppManifest& manifest);

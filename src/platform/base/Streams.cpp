@@ -10,14 +10,14 @@ OutputStream::~OutputStream() = default;
 std::size_t StdIStreamAdaptor::read(unsigned char* buffer, std::size_t size) {
     if (size == 0 || !in_) return 0;
     in_.read(reinterpret_cast<char*>(buffer), static_cast<std::streamsize>(size));
-    if (in_.bad()) throw Exception("error while reading from the input stream");
+    if (in_.bad()) throw Exception(Reason::CannotRead, "error while reading from the input stream");
     return static_cast<std::size_t>(in_.gcount());
 }
 
 void StdOStreamAdaptor::write(const unsigned char* data, std::size_t size) {
-    if (!out_) throw Exception("the output stream is not writable");
+    if (!out_) throw Exception(Reason::CannotWrite, "the output stream is not writable");
     out_.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-    if (!out_) throw Exception("error while writing to the output stream");
+    if (!out_) throw Exception(Reason::CannotWrite, "error while writing to the output stream");
 }
 
 void ByteArrayOutAdaptor::write(const unsigned char* data, std::size_t size) {

@@ -2,20 +2,16 @@
 
 #include <climits>
 
+#include "platform/base/Ascii.hpp"
+
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
 namespace {
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 [[noreturn]] void refuse(const std::string& partName, const char* why) {
-    throw Exception("part name \"" + partName + "\" cannot be a file path: " + why);
+    throw Exception(Reason::BadPath,
+                    "part name \"" + partName + "\" cannot be a file path: " + why);
 }
 
 std::string percentDecoded(const std::string& segment, const std::string& partName) {
@@ -27,10 +23,9 @@ std::string percentDecoded(const std::string& segment, const std::string& partNa
             continue;
         }
         if (i + 2 >= segment.size()) refuse(partName, "truncated escape");
-        const int high = hexValue(segment[i + 1]);
-        const int low = hexValue(segment[i + 2]);
-        if (high < 0 || low < 0) refuse(partName, "malformed escape");
-        out += static_cast<char>(high * 16 + low);
+        const int octet = percent_decoded_octet(segment, i);
+        if (octet < 0) refuse(partName, "malformed escape");
+        out += static_cast<char>(octet);
         i += 2;
     }
     return out;

@@ -9,23 +9,18 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
 namespace {
 
 [[noreturn]] void fail(const std::string& what) {
-    throw Exception(what);
+    throw Exception(Reason::CannotWrite, what);
 }
 
 [[noreturn]] void failErrno(const std::string& what) {
     fail(what + ": " + std::strerror(errno));
-}
-
-std::string lowerAscii(std::string text) {
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return text;
 }
 
 std::string temporaryName() {
@@ -116,14 +111,14 @@ int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
 }
 
 void StagedExtraction::reservePath(const FileSegments& path) {
-    const std::string key = lowerAscii(joinSegments(path));
+    const std::string key = opc::detail::ascii_lower(joinSegments(path));
     if (folderPaths_.count(key) || !filePaths_.insert(key).second)
         fail("the package names \"" + joinSegments(path) +
              "\" twice, or as both a file and a folder");
     FileSegments prefix;
     for (std::size_t i = 0; i + 1 < path.size(); ++i) {
         prefix.push_back(path[i]);
-        const std::string folderKey = lowerAscii(joinSegments(prefix));
+        const std::string folderKey = opc::detail::ascii_lower(joinSegments(prefix));
         if (filePaths_.count(folderKey))
             fail("the package names \"" + joinSegments(prefix) + "\" as both a file and a folder");
         folderPaths_.insert(folderKey);

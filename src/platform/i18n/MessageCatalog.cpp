@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "CatalogResource.hpp"
+#include "platform/base/Ascii.hpp"
 
 namespace resource_core {
 
@@ -61,7 +62,7 @@ std::string MessageCatalog::current_language() {
     if (name == nullptr) return "en";
     std::string language;
     for (const char* p = name; *p != '\0' && *p != '_' && *p != '.' && *p != '@'; ++p) {
-        language += static_cast<char>(*p >= 'A' && *p <= 'Z' ? *p - 'A' + 'a' : *p);
+        language += opc::detail::ascii_lower(*p);
     }
     if (language.empty() || language == "c" || language == "posix") return "en";
     return language;

@@ -2,6 +2,8 @@
 
 #include <unordered_map>
 
+#include "platform/base/Ascii.hpp"
+#include "platform/opc/OpcNames.hpp"
 #include "platform/opc/PackageXml.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
@@ -11,9 +13,8 @@ namespace {
 
 using opc::interfaces::PhysicalEntry;
 
-constexpr const char* kPackageRelationshipsKey = "/_rels/.rels";
-constexpr const char* kRelationshipsContentType =
-    "application/vnd.openxmlformats-package.relationships+xml";
+using opc::names::kRelationshipsContentType;
+constexpr const char* kPackageRelationshipsKey = opc::names::kPackageRelationshipsPart;
 
 struct PartRecord {
     PartName name;
@@ -22,18 +23,11 @@ struct PartRecord {
 };
 
 [[noreturn]] void refuse(const std::string& why) {
-    throw opc::Exception("not a valid package: " + why);
+    throw opc::Exception(opc::Reason::NotPackage, "not a valid package: " + why);
 }
 
 bool is_content_types_item(const std::string& itemName) {
-    static const std::string kName = "[content_types].xml";
-    if (itemName.size() != kName.size()) return false;
-    for (std::size_t i = 0; i < kName.size(); ++i) {
-        char c = itemName[i];
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c != kName[i]) return false;
-    }
-    return true;
+    return opc::detail::ascii_iequals(itemName, "[Content_Types].xml");
 }
 
 // "[3].piece" and "[7].last.piece", in any case.
@@ -43,10 +37,7 @@ bool is_interleaved_piece(const std::string& itemName) {
     std::size_t pos = 1;
     while (pos < last.size() && last[pos] >= '0' && last[pos] <= '9') ++pos;
     if (pos == 1 || pos == last.size() || last[pos] != ']') return false;
-    std::string rest = last.substr(pos + 1);
-    for (char& c : rest) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
+    const std::string rest = opc::detail::ascii_lower(last.substr(pos + 1));
     return rest == ".piece" || rest == ".last.piece";
 }
 
@@ -136,10 +127,6 @@ void Package::open(opc::interfaces::OpenMode mode) {
 void Package::close() {
     state_.reset();
     container_.close();
-}
-
-bool Package::isOpen() const {
-    return state_ != nullptr;
 }
 
 const Package::State& Package::openState() const {

@@ -1,5 +1,8 @@
 #include "platform/opc/PackageXml.hpp"
 
+#include "platform/base/Ascii.hpp"
+#include "platform/opc/OpcNames.hpp"
+
 #include <unordered_set>
 
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -11,17 +14,10 @@ using namespace xercesc;
 namespace opc::model::detail {
 namespace {
 
-constexpr char16_t kContentTypesNamespace[] =
-    u"http://schemas.openxmlformats.org/package/2006/content-types";
-constexpr char16_t kRelationshipsNamespace[] =
-    u"http://schemas.openxmlformats.org/package/2006/relationships";
+constexpr const char16_t* kContentTypesNamespace = opc::names::kContentTypesNamespaceU16;
+constexpr const char16_t* kRelationshipsNamespace = opc::names::kRelationshipsNamespaceU16;
 
-std::string ascii_lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
-}
+using opc::detail::ascii_lower;
 
 bool equals(const XMLCh* text, const char16_t* expected) {
     return text != nullptr && std::u16string(text) == expected;
@@ -48,7 +44,8 @@ std::vector<const DOMElement*> child_elements(const DOMElement* root, const std:
             children.push_back(static_cast<const DOMElement*>(node));
         } else if ((type == DOMNode::TEXT_NODE || type == DOMNode::CDATA_SECTION_NODE) &&
                    !is_blank(node->getNodeValue())) {
-            throw opc::Exception(where + " holds text outside its elements");
+            throw opc::Exception(opc::Reason::NotPackage,
+                                 where + " holds text outside its elements");
         }
     }
     return children;
@@ -58,8 +55,8 @@ std::u16string attribute(const DOMElement* element, const char16_t* name,
                          const std::string& where) {
     const DOMAttr* node = element->getAttributeNode(name);
     if (node == nullptr) {
-        throw opc::Exception(where + ": an element lacks its " + fl::i18n::to_string(name) +
-                             " attribute");
+        throw opc::Exception(opc::Reason::NotPackage, where + ": an element lacks its " +
+                                                          fl::i18n::to_string(name) + " attribute");
     }
     return node->getValue();
 }
@@ -131,13 +128,15 @@ const std::string* ContentTypes::find(const PartName& name) const {
 
 void ContentTypes::addDefault(const std::string& extension, std::string contentType) {
     if (!defaults_.emplace(ascii_lower(extension), std::move(contentType)).second) {
-        throw opc::Exception("[Content_Types].xml names the extension \"" + extension + "\" twice");
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "[Content_Types].xml names the extension \"" + extension + "\" twice");
     }
 }
 
 void ContentTypes::addOverride(const PartName& name, std::string contentType) {
     if (!overrides_.emplace(name.key(), std::move(contentType)).second) {
-        throw opc::Exception("[Content_Types].xml names the part \"" + name.ascii() + "\" twice");
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "[Content_Types].xml names the part \"" + name.ascii() + "\" twice");
     }
 }
 
@@ -145,22 +144,25 @@ ContentTypes readContentTypes(DOMLSParser* parser, InputStream& stream) {
     const std::string where = "[Content_Types].xml";
     const DOMElement* root = parse_root(parser, stream, u"/[Content_Types].xml");
     if (!is_named(root, kContentTypesNamespace, u"Types"))
-        throw opc::Exception(where + " has no Types element");
+        throw opc::Exception(opc::Reason::NotPackage, where + " has no Types element");
     ContentTypes types;
     for (const DOMElement* element : child_elements(root, where)) {
         const bool isDefault = is_named(element, kContentTypesNamespace, u"Default");
         if (!isDefault && !is_named(element, kContentTypesNamespace, u"Override")) {
-            throw opc::Exception(where + " holds an element other than Default and Override");
+            throw opc::Exception(opc::Reason::NotPackage,
+                                 where + " holds an element other than Default and Override");
         }
         std::string contentType = fl::i18n::to_string(attribute(element, u"ContentType", where));
         if (!isValidMediaType(contentType)) {
-            throw opc::Exception(where + ": \"" + contentType + "\" is not a valid content type");
+            throw opc::Exception(opc::Reason::NotPackage,
+                                 where + ": \"" + contentType + "\" is not a valid content type");
         }
         if (isDefault) {
             const std::string extension = PartName::encodeNonAscii(
                 fl::i18n::to_string(attribute(element, u"Extension", where)));
             if (extension.empty() || extension.find_first_of("/.") != std::string::npos) {
-                throw opc::Exception(where + ": \"" + extension + "\" is not a valid extension");
+                throw opc::Exception(opc::Reason::NotPackage,
+                                     where + ": \"" + extension + "\" is not a valid extension");
             }
             types.addDefault(extension, std::move(contentType));
         } else {
@@ -177,22 +179,25 @@ std::vector<Relationship> readRelationships(DOMLSParser* parser, InputStream& st
     const std::string where = fl::i18n::to_string(partName);
     const DOMElement* root = parse_root(parser, stream, partName);
     if (!is_named(root, kRelationshipsNamespace, u"Relationships")) {
-        throw opc::Exception(where + " has no Relationships element");
+        throw opc::Exception(opc::Reason::NotPackage, where + " has no Relationships element");
     }
     std::vector<Relationship> relationships;
     std::unordered_set<std::u16string> ids;
     for (const DOMElement* element : child_elements(root, where)) {
         if (!is_named(element, kRelationshipsNamespace, u"Relationship")) {
-            throw opc::Exception(where + " holds an element other than Relationship");
+            throw opc::Exception(opc::Reason::NotPackage,
+                                 where + " holds an element other than Relationship");
         }
         std::u16string id = attribute(element, u"Id", where);
         std::u16string type = attribute(element, u"Type", where);
         std::u16string target = attribute(element, u"Target", where);
         if (id.empty() || type.empty())
-            throw opc::Exception(where + ": a relationship has an empty Id or Type");
+            throw opc::Exception(opc::Reason::NotPackage,
+                                 where + ": a relationship has an empty Id or Type");
         if (!ids.insert(id).second) {
-            throw opc::Exception(where + ": the Id \"" + fl::i18n::to_string(id) +
-                                 "\" is used twice");
+            throw opc::Exception(
+                opc::Reason::NotPackage,
+                where + ": the Id \"" + fl::i18n::to_string(id) + "\" is used twice");
         }
         TargetMode mode = TargetMode::Internal;
         if (element->getAttributeNode(u"TargetMode") != nullptr) {
@@ -200,7 +205,8 @@ std::vector<Relationship> readRelationships(DOMLSParser* parser, InputStream& st
             if (text == u"External") {
                 mode = TargetMode::External;
             } else if (text != u"Internal") {
-                throw opc::Exception(where + ": TargetMode must be Internal or External");
+                throw opc::Exception(opc::Reason::NotPackage,
+                                     where + ": TargetMode must be Internal or External");
             }
         }
         relationships.emplace_back(std::move(id), std::move(type), std::move(target), mode,

@@ -1,33 +1,21 @@
 #include "tsappinstall/platform/opc/PartName.hpp"
 
+#include "platform/base/Ascii.hpp"
+
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::model {
 namespace {
 
-bool is_alnum(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
+using opc::detail::ascii_lower;
+
 bool is_unreserved(unsigned char c) {
-    return is_alnum(c) || c == '-' || c == '.' || c == '_' || c == '~';
+    return opc::detail::is_ascii_alnum(c) || c == '-' || c == '.' || c == '_' || c == '~';
 }
 bool is_segment_char(unsigned char c) {
     static const std::string kOthers = "!$&'()*+,;=:@";
     return is_unreserved(c) || kOthers.find(static_cast<char>(c)) != std::string::npos;
-}
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-std::string ascii_lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
 }
 
 std::string why_segment_invalid(const std::string& segment) {
@@ -36,11 +24,9 @@ std::string why_segment_invalid(const std::string& segment) {
     for (std::size_t i = 0; i < segment.size(); ++i) {
         const auto c = static_cast<unsigned char>(segment[i]);
         if (c == '%') {
-            const bool complete = i + 2 < segment.size();
-            const int high = complete ? hex_value(segment[i + 1]) : -1;
-            const int low = complete ? hex_value(segment[i + 2]) : -1;
-            if (high < 0 || low < 0) return "it holds a \"%\" that is not a percent-encoded octet";
-            const auto octet = static_cast<unsigned char>(high * 16 + low);
+            const int decoded = opc::detail::percent_decoded_octet(segment, i);
+            if (decoded < 0) return "it holds a \"%\" that is not a percent-encoded octet";
+            const auto octet = static_cast<unsigned char>(decoded);
             if (octet == '/' || octet == '\\') return "it holds a percent-encoded \"/\" or \"\\\"";
             if (is_unreserved(octet)) return "it percent-encodes an unreserved character";
             i += 2;
@@ -53,7 +39,9 @@ std::string why_segment_invalid(const std::string& segment) {
 
 std::string checked(const std::string& ascii, const std::string& shown) {
     const std::string why = PartName::whyInvalid(ascii);
-    if (!why.empty()) throw opc::Exception("\"" + shown + "\" is not a valid part name: " + why);
+    if (!why.empty())
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "\"" + shown + "\" is not a valid part name: " + why);
     return ascii;
 }
 
@@ -61,7 +49,7 @@ std::string to_utf8(const std::u16string& text) {
     try {
         return fl::i18n::to_string(text);
     } catch (const fl::i18n::ConversionError&) {
-        throw opc::Exception("a part name is not valid UTF-16 text");
+        throw opc::Exception(opc::Reason::NotPackage, "a part name is not valid UTF-16 text");
     }
 }
 
@@ -82,7 +70,6 @@ std::string PartName::whyInvalid(const std::string& name) {
 }
 
 std::string PartName::encodeNonAscii(const std::string& utf8) {
-    static const char* kHex = "0123456789ABCDEF";
     std::string out;
     out.reserve(utf8.size());
     for (char c : utf8) {
@@ -90,9 +77,7 @@ std::string PartName::encodeNonAscii(const std::string& utf8) {
         if (octet < 0x80) {
             out += c;
         } else {
-            out += '%';
-            out += kHex[octet >> 4];
-            out += kHex[octet & 0x0F];
+            opc::detail::append_percent_encoded(out, octet);
         }
     }
     return out;
@@ -116,11 +101,14 @@ PartName PartName::fromZipItemName(const std::string& itemName) {
 PartName::PartName(const URI& uri) {
     const std::string utf8 = to_utf8(uri.toString());
     if (uri.isExternal())
-        throw opc::Exception("\"" + utf8 + "\" is an external target, not a part");
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "\"" + utf8 + "\" is an external target, not a part");
     if (uri.hasScheme())
-        throw opc::Exception("\"" + utf8 + "\" is an absolute URI, not a part name");
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "\"" + utf8 + "\" is an absolute URI, not a part name");
     if (uri.toString().find_first_of(u"?#") != std::u16string::npos) {
-        throw opc::Exception("\"" + utf8 + "\" holds a query or fragment, which part names cannot");
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "\"" + utf8 + "\" holds a query or fragment, which part names cannot");
     }
     assign(utf8);
 }

@@ -5,17 +5,16 @@
 #include <map>
 #include <utility>
 
+#include "platform/base/Ascii.hpp"
+#include "platform/opc/OpcNames.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage {
 namespace {
 
-constexpr const char* kRelationshipsContentType =
-    "application/vnd.openxmlformats-package.relationships+xml";
-constexpr const char* kRelationshipsNamespace =
-    "http://schemas.openxmlformats.org/package/2006/relationships";
-constexpr const char* kContentTypesNamespace =
-    "http://schemas.openxmlformats.org/package/2006/content-types";
+using opc::names::kContentTypesNamespace;
+using opc::names::kRelationshipsContentType;
+using opc::names::kRelationshipsNamespace;
 
 struct ArchiveDiscarder {
     void operator()(zip_t* archive) const { zip_discard(archive); }
@@ -23,7 +22,7 @@ struct ArchiveDiscarder {
 using ArchivePtr = std::unique_ptr<zip_t, ArchiveDiscarder>;
 
 bool is_pchar(unsigned char c) {
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
+    if (opc::detail::is_ascii_alnum(c)) return true;
     switch (c) {
         case '-':
         case '.':
@@ -48,12 +47,7 @@ bool is_pchar(unsigned char c) {
     }
 }
 
-std::string ascii_lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
-}
+using opc::detail::ascii_lower;
 
 std::string escape_xml(const std::string& text) {
     std::string out;
@@ -170,7 +164,6 @@ PackageWriter::PackageWriter(std::string outputPath) : impl_(std::make_unique<Im
 PackageWriter::~PackageWriter() = default;
 
 std::string PackageWriter::partNameFor(const std::string& path) {
-    static const char* hex = "0123456789ABCDEF";
     std::string name;
     std::string segment;
     auto flush_segment = [&] {
@@ -188,9 +181,7 @@ std::string PackageWriter::partNameFor(const std::string& path) {
         } else if (is_pchar(c)) {
             segment += static_cast<char>(c);
         } else {
-            segment += '%';
-            segment += hex[c >> 4];
-            segment += hex[c & 0x0F];
+            opc::detail::append_percent_encoded(segment, c);
         }
     }
     flush_segment();

@@ -4,6 +4,7 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 
 using namespace xercesc;
@@ -128,8 +129,7 @@ void XercesHelper::getElementAttribute(const DOMElement* element, const XercesSt
 void XercesHelper::writeDocumentToStream(DOMLSSerializer* writer, DOMDocument* document,
                                          opc::OutputStream& stream) {
     MemBufFormatTarget target(1023, XMLPlatformUtils::fgMemoryManager);
-    XercesPtr<DOMLSOutput> output(lsImplementation()->createLSOutput());
-    output->setByteStream(&target);
+    const XercesPtr<DOMLSOutput> output = detail::memoryOutput(target);
     output->setEncoding(XMLUni::fgUTF8EncodingString);
     if (!writer->write(document, output.get()))
         throw opc::Exception("the XML document could not be written");

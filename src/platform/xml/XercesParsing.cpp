@@ -8,6 +8,7 @@
 
 #include <mutex>
 
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 
@@ -32,6 +33,13 @@ std::string describe(const DOMError& error, const std::u16string& fallbackName) 
     return text;
 }
 
+// Xerces reports validity errors as errors and well-formedness errors as
+// fatal errors.
+opc::Reason reason_of(const DOMError& error) {
+    return error.getSeverity() == DOMError::DOM_SEVERITY_ERROR ? opc::Reason::InvalidXml
+                                                               : opc::Reason::MalformedXml;
+}
+
 // Remembers the first error and stops the parse there. Used instead of a
 // throwing handler so that no exception has to unwind through Xerces-C.
 class RecordingErrorHandler : public DOMErrorHandler {
@@ -43,34 +51,23 @@ class RecordingErrorHandler : public DOMErrorHandler {
         const auto severity = error.getSeverity();
         if (severity == DOMError::DOM_SEVERITY_WARNING) return true;
         if (severity == DOMError::DOM_SEVERITY_ERROR && !stopOnValidityErrors_) return true;
-        if (first_.empty()) first_ = describe(error, documentName_);
+        if (first_.empty()) {
+            first_ = describe(error, documentName_);
+            reason_ = reason_of(error);
+        }
         return false;
     }
     const std::string& first() const { return first_; }
+    opc::Reason reason() const { return reason_; }
 
   private:
     bool stopOnValidityErrors_;
     std::u16string documentName_;
     std::string first_;
+    opc::Reason reason_ = opc::Reason::MalformedXml;
 };
 
-// Puts the parser's previous error handler back on every way out.
-class ScopedErrorHandler {
-  public:
-    ScopedErrorHandler(DOMLSParser* parser, DOMErrorHandler* handler)
-        : config_(parser->getDomConfig()),
-          previous_(static_cast<DOMErrorHandler*>(
-              const_cast<void*>(config_->getParameter(XMLUni::fgDOMErrorHandler)))) {
-        config_->setParameter(XMLUni::fgDOMErrorHandler, handler);
-    }
-    ~ScopedErrorHandler() { config_->setParameter(XMLUni::fgDOMErrorHandler, previous_); }
-    ScopedErrorHandler(const ScopedErrorHandler&) = delete;
-    ScopedErrorHandler& operator=(const ScopedErrorHandler&) = delete;
-
-  private:
-    DOMConfiguration* config_;
-    DOMErrorHandler* previous_;
-};
+using detail::ScopedErrorHandler;
 
 // Stops the parse when elements nest deeper than kMaxElementDepth. The
 // scanner looks up every element's namespace prefix through all open
@@ -140,7 +137,7 @@ XercesGuard::XercesGuard() {
 
 bool XercesErrorHandler::handleError(const DOMError& error) {
     if (error.getSeverity() == DOMError::DOM_SEVERITY_WARNING) return true;
-    throw InvalidXMLDocument(describe(error, u""));
+    throw InvalidXMLDocument(describe(error, u""), reason_of(error));
 }
 
 DOMLSParser* XercesHelper::createParser() {
@@ -185,7 +182,7 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
         }
     }
     if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
-    if (!handler.first().empty()) throw InvalidXMLDocument(handler.first());
+    if (!handler.first().empty()) throw InvalidXMLDocument(handler.first(), handler.reason());
     if (document == nullptr || document->getDocumentElement() == nullptr) {
         throw InvalidXMLDocument("the XML document has no root element");
     }

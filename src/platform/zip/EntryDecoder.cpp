@@ -15,8 +15,9 @@
 namespace opc::detail {
 namespace {
 
-[[noreturn]] void fail(const std::string& name, const std::string& why) {
-    throw Exception("cannot extract \"" + name + "\": " + why);
+[[noreturn]] void fail(const std::string& name, const std::string& why,
+                       Reason reason = Reason::DamagedEntry) {
+    throw Exception(reason, "cannot extract \"" + name + "\": " + why);
 }
 
 void readExactly(InputStream& raw, unsigned char* buffer, std::size_t size,
@@ -56,7 +57,8 @@ void writeFully(int fd, const unsigned char* data, std::size_t size, const std::
         const ssize_t written = ::write(fd, data, size);
         if (written < 0) {
             if (errno == EINTR) continue;
-            fail(name, std::string("cannot write the file: ") + std::strerror(errno));
+            fail(name, std::string("cannot write the file: ") + std::strerror(errno),
+                 Reason::CannotWrite);
         }
         data += written;
         size -= static_cast<std::size_t>(written);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/base/ReadAt.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage {
@@ -30,7 +31,7 @@ constexpr std::uint16_t kFlagStrongEncryption = 0x0040;
 constexpr std::uint16_t kFlagMaskedDirectory = 0x2000;
 
 [[noreturn]] void refuse(const std::string& why) {
-    throw opc::Exception("not a usable ZIP file: " + why);
+    throw opc::Exception(opc::Reason::NotZip, "not a usable ZIP file: " + why);
 }
 
 std::uint16_t le16(const unsigned char* p) {
@@ -52,16 +53,11 @@ class FileBytes {
         if (offset > size_ || count > size_ - offset)
             refuse("a record lies beyond the end of the file");
         std::vector<unsigned char> bytes(count);
-        std::size_t done = 0;
-        while (done < count) {
-            const ssize_t n =
-                ::pread(fd_, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0)
-                throw opc::Exception(std::string("cannot read the file: ") + std::strerror(errno));
-            if (n == 0) refuse("the file ended while it was being read");
-            done += static_cast<std::size_t>(n);
-        }
+        const ssize_t n = opc::detail::read_at(fd_, bytes.data(), count, offset);
+        if (n < 0)
+            throw opc::Exception(opc::Reason::CannotRead,
+                                 std::string("cannot read the file: ") + std::strerror(errno));
+        if (static_cast<std::size_t>(n) < count) refuse("the file ended while it was being read");
         return bytes;
     }
 

@@ -9,16 +9,15 @@
 
 namespace opc::zippackage {
 
-ZipEntryStream::ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry,
-                               bool raw)
-    : file_(zip_fopen_index(archive, entry.index, raw ? ZIP_FL_COMPRESSED : 0)),
+ZipEntryStream::ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry)
+    : file_(zip_fopen_index(archive, entry.index, 0)),
       entry_(entry),
-      raw_(raw),
-      expected_(raw ? entry.compressedSize : entry.size),
+      expected_(entry.size),
       crc_(crc32(0L, Z_NULL, 0)) {
     if (file_ == nullptr) {
-        throw opc::Exception("cannot open the ZIP entry \"" + entry.name +
-                             "\": " + zip_strerror(archive));
+        throw opc::Exception(
+            opc::Reason::DamagedEntry,
+            "cannot open the ZIP entry \"" + entry.name + "\": " + zip_strerror(archive));
     }
 }
 
@@ -27,7 +26,8 @@ ZipEntryStream::~ZipEntryStream() {
 }
 
 void ZipEntryStream::fail(const std::string& why) const {
-    throw opc::Exception("cannot read the ZIP entry \"" + entry_.name + "\": " + why);
+    throw opc::Exception(opc::Reason::DamagedEntry,
+                         "cannot read the ZIP entry \"" + entry_.name + "\": " + why);
 }
 
 std::size_t ZipEntryStream::readSome(unsigned char* buffer, std::size_t size) {
@@ -39,7 +39,7 @@ std::size_t ZipEntryStream::readSome(unsigned char* buffer, std::size_t size) {
 void ZipEntryStream::checkComplete() {
     unsigned char probe;
     if (readSome(&probe, 1) != 0) fail("it holds more bytes than its declared size");
-    if (!raw_ && crc_ != entry_.crc32) fail("its CRC-32 does not match (the data is damaged)");
+    if (crc_ != entry_.crc32) fail("its CRC-32 does not match (the data is damaged)");
     finished_ = true;
 }
 
@@ -54,7 +54,7 @@ std::size_t ZipEntryStream::read(unsigned char* buffer, std::size_t size) {
     const std::size_t n = readSome(buffer, wanted);
     if (n == 0) fail("it holds fewer bytes than its declared size");
     count_ += n;
-    if (!raw_) crc_ = crc32_z(crc_, buffer, n);
+    crc_ = crc32_z(crc_, buffer, n);
     if (count_ == expected_) checkComplete();
     return n;
 }

@@ -9,13 +9,13 @@
 
 namespace opc::zippackage {
 
-// Streams one ZIP entry through libzip and owns its zip_file_t. Decoded
-// streams count the bytes and keep a running CRC-32; the read that reaches
+// Streams one decoded ZIP entry through libzip and owns its zip_file_t. It
+// counts the bytes and keep a running CRC-32; the read that reaches
 // the declared size also checks the CRC and that nothing follows, before it
-// hands over its bytes. Raw streams only count.
+// hands over its bytes.
 class ZipEntryStream : public InputStream {
   public:
-    ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry, bool raw);
+    ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry);
     ~ZipEntryStream() override;
     ZipEntryStream(const ZipEntryStream&) = delete;
     ZipEntryStream& operator=(const ZipEntryStream&) = delete;
@@ -29,7 +29,6 @@ class ZipEntryStream : public InputStream {
 
     zip_file_t* file_;
     const opc::interfaces::PhysicalEntry& entry_;
-    bool raw_;
     std::uint64_t expected_;
     std::uint64_t count_ = 0;
     unsigned long crc_;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/base/UniqueFd.hpp"
 #include "platform/zip/RawEntryStream.hpp"
 #include "platform/zip/ZipDirectory.hpp"
 #include "platform/zip/ZipEntryStream.hpp"
@@ -24,20 +25,7 @@ namespace {
 
 using opc::interfaces::PhysicalEntry;
 
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-  private:
-    int fd_;
-};
+using opc::detail::UniqueFd;
 
 std::string zip_error_text(int code) {
     zip_error_t error;
@@ -50,7 +38,8 @@ std::string zip_error_text(int code) {
 // libzip reads the same central directory again; its view must be ours.
 void check_libzip_agrees(zip_t* archive, const std::vector<PhysicalEntry>& entries) {
     if (zip_get_num_entries(archive, 0) != static_cast<zip_int64_t>(entries.size())) {
-        throw opc::Exception("not a usable ZIP file: libzip counts its entries differently");
+        throw opc::Exception(opc::Reason::NotZip,
+                             "not a usable ZIP file: libzip counts its entries differently");
     }
     for (const PhysicalEntry& entry : entries) {
         zip_stat_t st;
@@ -58,8 +47,9 @@ void check_libzip_agrees(zip_t* archive, const std::vector<PhysicalEntry>& entri
             entry.name != st.name || st.size != entry.size ||
             st.comp_size != entry.compressedSize || st.crc != entry.crc32 ||
             st.comp_method != entry.compressionMethod) {
-            throw opc::Exception("not a usable ZIP file: libzip reads the entry \"" + entry.name +
-                                 "\" differently");
+            throw opc::Exception(
+                opc::Reason::NotZip,
+                "not a usable ZIP file: libzip reads the entry \"" + entry.name + "\" differently");
         }
     }
 }
@@ -67,42 +57,42 @@ void check_libzip_agrees(zip_t* archive, const std::vector<PhysicalEntry>& entri
 }  // namespace
 
 struct ZipPhysicalPackage::Archive {
-    Archive(zip_t* za, int fd) : handle(za), checkedFd(fd) {}
-    ~Archive() {
-        zip_discard(handle);
-        ::close(checkedFd);
-    }
+    Archive(zip_t* za, UniqueFd fd) : handle(za), checkedFd(std::move(fd)) {}
+    ~Archive() { zip_discard(handle); }
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
     zip_t* handle;
-    int checkedFd;  // the descriptor the directory was checked on; raw reads use it
+    UniqueFd checkedFd;  // the descriptor the directory was checked on; raw reads use it
 };
 
-ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) : path_(path) {
+ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) {
     if (!readOnly) throw opc::Exception("ZIP packages are only opened for reading");
     const std::string file = fl::i18n::to_string(path);
-    FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) throw opc::Exception("cannot open \"" + file + "\": " + std::strerror(errno));
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0)
+        throw opc::Exception(opc::Reason::CannotRead,
+                             "cannot open \"" + file + "\": " + std::strerror(errno));
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        throw opc::Exception("\"" + file + "\" is not a regular file");
+        throw opc::Exception(opc::Reason::CannotRead, "\"" + file + "\" is not a regular file");
     }
     entries_ = readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
                                 {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
 
     // libzip gets a duplicate of the descriptor we checked, so both read the
     // same file even if the path is replaced meanwhile.
-    FileDescriptor forLibzip(::fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
+    UniqueFd forLibzip(::fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
     if (forLibzip.get() < 0)
-        throw opc::Exception("cannot open \"" + file + "\": " + std::strerror(errno));
+        throw opc::Exception(opc::Reason::CannotRead,
+                             "cannot open \"" + file + "\": " + std::strerror(errno));
     int error = 0;
     zip_t* za = zip_fdopen(forLibzip.get(), 0, &error);
     if (za == nullptr)
-        throw opc::Exception("cannot open \"" + file +
-                             "\" as a ZIP file: " + zip_error_text(error));
+        throw opc::Exception(
+            opc::Reason::CannotRead,
+            "cannot open \"" + file + "\" as a ZIP file: " + zip_error_text(error));
     forLibzip.release();  // zip_fdopen closed it and holds its own
-    archive_ = std::make_unique<Archive>(za, fd.get());
-    fd.release();
+    archive_ = std::make_unique<Archive>(za, std::move(fd));
     check_libzip_agrees(za, entries_);
 }
 
@@ -120,12 +110,12 @@ const PhysicalEntry& ZipPhysicalPackage::entryAt(std::uint64_t index) const {
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<ZipEntryStream>(archive_->handle, entry, false);
+    return std::make_unique<ZipEntryStream>(archive_->handle, entry);
 }
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openRawEntry(std::uint64_t index) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<RawEntryStream>(archive_->checkedFd, entry);
+    return std::make_unique<RawEntryStream>(archive_->checkedFd.get(), entry);
 }
 
 void ZipPhysicalPackage::close() {

@@ -43,7 +43,6 @@ class TSAPP_API Package : public RelationshipSource {
     void open(opc::interfaces::OpenMode mode);
     // Closes the container. The package and its parts are unusable after.
     void close();
-    bool isOpen() const;
 
     // Throws opc::Exception when no part has that name (or an equivalent).
     Part getPart(const PartName& name) const;
@@ -53,8 +52,6 @@ class TSAPP_API Package : public RelationshipSource {
 
     std::vector<Relationship> getRelationshipsByType(const std::u16string& type) const override;
     const std::vector<Relationship>& getRelationships() const override;
-
-    opc::interfaces::IPhysicalPackage& getPhysicalPackage() const { return container_; }
 
   private:
     struct State;

@@ -26,11 +26,13 @@ class TSAPP_API XercesGuard {
     ~XercesGuard() = default;
 };
 
-// Not well-formed or not valid XML. what() names the problem with its line
-// and column.
+// Not well-formed (Reason::MalformedXml) or not valid (Reason::InvalidXml)
+// XML. what() names the problem with its line and column.
 class TSAPP_API InvalidXMLDocument : public opc::Exception {
   public:
-    explicit InvalidXMLDocument(const std::string& what) : opc::Exception(what) {}
+    explicit InvalidXMLDocument(const std::string& what,
+                                opc::Reason reason = opc::Reason::MalformedXml)
+        : opc::Exception(reason, what) {}
 };
 
 // A DOM error handler that throws InvalidXMLDocument for every error and

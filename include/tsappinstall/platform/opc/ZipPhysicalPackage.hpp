@@ -51,13 +51,10 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) override;
     void close() override;
 
-    const std::u16string& getPath() const { return path_; }
-
   private:
     struct Archive;
     const opc::interfaces::PhysicalEntry& entryAt(std::uint64_t index) const;
 
-    std::u16string path_;
     std::vector<opc::interfaces::PhysicalEntry> entries_;
     std::unique_ptr<Archive> archive_;
 };

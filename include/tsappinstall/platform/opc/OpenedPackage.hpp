@@ -1,0 +1,37 @@
+#pragma once
+
+// A package file opened for reading: the ZIP container and the package
+// model over it, the pair every reader of a package file starts from.
+
+#include <string>
+
+#include "tsappinstall/platform/opc/Package.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+
+namespace opc::model {
+
+// The constructor opens `path` read-only and the package over it, throwing
+// opc::Exception as they do. Call close() once the work succeeded; when an
+// exception leaves the scope instead, both are destroyed without close(),
+// the package before its container (the members' order). Objects taken
+// from the package (parts, streams) must be declared after the owner so
+// that they go first.
+class OpenedPackage {
+  public:
+    explicit OpenedPackage(const std::u16string& path)
+        : container_(path, true), package_(container_) {
+        package_.open(opc::interfaces::OpenMode::Read);
+    }
+    OpenedPackage(const OpenedPackage&) = delete;
+    OpenedPackage& operator=(const OpenedPackage&) = delete;
+
+    Package& package() { return package_; }
+    Package* operator->() { return &package_; }
+    void close() { package_.close(); }
+
+  private:
+    opc::zippackage::ZipPhysicalPackage container_;
+    Package package_;
+};
+
+}  // namespace opc::model

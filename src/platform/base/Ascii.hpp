@@ -1,0 +1,55 @@
+#pragma once
+
+// ASCII-only text helpers. Part names, extensions and language tags are
+// compared and coded byte by byte; the locale must never take part.
+
+#include <string>
+
+namespace opc::detail {
+
+inline char ascii_lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+inline std::string ascii_lower(std::string text) {
+    for (char& c : text) c = ascii_lower(c);
+    return text;
+}
+
+inline bool ascii_iequals(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (ascii_lower(a[i]) != ascii_lower(b[i])) return false;
+    return true;
+}
+
+inline bool is_ascii_alnum(unsigned char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+// The value of one hex digit, either case; -1 for any other character.
+inline int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+// "%XY" with upper-case digits, the form part names are written in.
+inline void append_percent_encoded(std::string& out, unsigned char octet) {
+    static const char* const kDigits = "0123456789ABCDEF";
+    out += '%';
+    out += kDigits[octet >> 4];
+    out += kDigits[octet & 0x0F];
+}
+
+// The octet "%XY" at `text[at]` stands for, or -1 when it is not a complete
+// escape.
+inline int percent_decoded_octet(const std::string& text, std::size_t at) {
+    if (at + 2 >= text.size()) return -1;
+    const int high = hex_value(text[at + 1]);
+    const int low = hex_value(text[at + 2]);
+    return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
+}  // namespace opc::detail
