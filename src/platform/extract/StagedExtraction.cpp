@@ -15,8 +15,8 @@
 namespace opc::detail {
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-    throw Exception(Reason::CannotWrite, what);
+[[noreturn]] void fail(const std::string& what, Reason reason = Reason::CannotWrite) {
+    throw Exception(reason, what);
 }
 
 [[noreturn]] void failErrno(const std::string& what) {
@@ -114,13 +114,15 @@ void StagedExtraction::reservePath(const FileSegments& path) {
     const std::string key = opc::detail::ascii_lower(joinSegments(path));
     if (folderPaths_.count(key) || !filePaths_.insert(key).second)
         fail("the package names \"" + joinSegments(path) +
-             "\" twice, or as both a file and a folder");
+                 "\" twice, or as both a file and a folder",
+             Reason::BadPath);
     FileSegments prefix;
     for (std::size_t i = 0; i + 1 < path.size(); ++i) {
         prefix.push_back(path[i]);
         const std::string folderKey = opc::detail::ascii_lower(joinSegments(prefix));
         if (filePaths_.count(folderKey))
-            fail("the package names \"" + joinSegments(prefix) + "\" as both a file and a folder");
+            fail("the package names \"" + joinSegments(prefix) + "\" as both a file and a folder",
+                 Reason::BadPath);
         folderPaths_.insert(folderKey);
     }
 }
@@ -148,7 +150,7 @@ std::string StagedExtraction::createTemporary(int dirFd, UniqueFd& file) {
 }
 
 void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
-    if (path.empty()) fail("a part has no file name");
+    if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
     StagedFile file;
     file.folder.assign(path.begin(), path.end() - 1);

@@ -10,8 +10,8 @@
 namespace opc::zippackage {
 
 // Streams one decoded ZIP entry through libzip and owns its zip_file_t. It
-// counts the bytes and keep a running CRC-32; the read that reaches
-// the declared size also checks the CRC and that nothing follows, before it
+// counts the bytes and keeps a running CRC-32; the read that reaches the
+// declared size also checks the CRC and that nothing follows, before it
 // hands over its bytes.
 class ZipEntryStream : public InputStream {
   public:
