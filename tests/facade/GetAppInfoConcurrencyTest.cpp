@@ -3,11 +3,14 @@
 #include <thread>
 #include <vector>
 
-#include "facade/GetAppInfoTestSupport.hpp"
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/facade/Tsappinstall.hpp"
 
 using namespace tsapp::test;
 using Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE;
+using Corvane::addons::apps::Tsappinstall;
 
 namespace {
 

@@ -16,7 +16,7 @@ class Opc : public Hostile {
     void expectManifestUnreachable(const PackageBuilder& builder) {
         builder.write(pkg());
         EXPECT_TRUE(facade.isAppFile(u16(pkg())));
-        EXPECT_EQ(appInfoError(pkg()), internalErrorText());
+        EXPECT_EQ(appInfoError(pkg()), internal_error_text());
         EXPECT_EQ(extractError(pkg()), "");
     }
     // The icon relationship's target is no part: false and the internal
@@ -25,8 +25,8 @@ class Opc : public Hostile {
         SCOPED_TRACE(target);
         app_package(target).write(pkg());
         std::string printed;
-        EXPECT_FALSE(extractIcon(pkg(), printed));
-        EXPECT_EQ(printed, internalErrorText());
+        EXPECT_FALSE(extractPart(pkg(), printed));
+        EXPECT_EQ(printed, internal_error_text());
         EXPECT_EQ(read_file(iconOut()), "an older icon");
     }
 };
@@ -66,7 +66,7 @@ TEST_F(Opc, RelationshipTargetsNeverClimbAboveThePackageRoot) {
     // Extra ".." segments stop at the root, which holds the real icon.
     app_package("../../../images/icon.png").write(pkg());
     std::string printed;
-    EXPECT_TRUE(extractIcon(pkg(), printed));
+    EXPECT_TRUE(extractPart(pkg(), printed));
     EXPECT_EQ(read_file(iconOut()), icon_bytes());
 }
 

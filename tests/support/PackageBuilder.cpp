@@ -15,18 +15,46 @@ struct ZipDiscarder {
     void operator()(zip_t* archive) const { zip_discard(archive); }
 };
 
-std::string le(std::uint64_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
-    return out;
-}
-
 std::uint32_t crc_of(const std::string& data) {
     return static_cast<std::uint32_t>(
         crc32(0L, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
 }
 
 }  // namespace
+
+std::string le(std::uint64_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return out;
+}
+
+std::string zip_item(const std::string& path, const std::string& name) {
+    int error = 0;
+    std::unique_ptr<zip_t, ZipDiscarder> archive(zip_open(path.c_str(), ZIP_RDONLY, &error));
+    zip_stat_t st;
+    if (!archive || zip_stat(archive.get(), name.c_str(), 0, &st) != 0) return "(missing)";
+    std::string bytes(st.size, '\0');
+    zip_file_t* file = zip_fopen(archive.get(), name.c_str(), 0);
+    const zip_int64_t n = zip_fread(file, bytes.data(), bytes.size());
+    zip_fclose(file);
+    return n == static_cast<zip_int64_t>(st.size) ? bytes : "(short)";
+}
+
+std::string raw_deflate(const std::string& bytes, int level) {
+    z_stream z{};
+    if (deflateInit2(&z, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK)
+        throw std::runtime_error("deflateInit2 failed");
+    std::string out(deflateBound(&z, bytes.size()), '\0');
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    z.avail_in = static_cast<uInt>(bytes.size());
+    z.next_out = reinterpret_cast<Bytef*>(out.data());
+    z.avail_out = static_cast<uInt>(out.size());
+    const int status = deflate(&z, Z_FINISH);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    if (status != Z_STREAM_END) throw std::runtime_error("deflate failed");
+    return out;
+}
 
 void write_zip(const std::string& path, const std::vector<ZipItem>& items) {
     int error = 0;

@@ -25,6 +25,15 @@ void write_zip(const std::string& path, const std::vector<ZipItem>& items);
 // field, and the end records include the ZIP64 pair.
 void write_zip64(const std::string& path, const std::vector<ZipItem>& items);
 
+// The bytes of the item `name` of the ZIP file at `path`, read through libzip.
+std::string zip_item(const std::string& path, const std::string& name);
+
+// Raw DEFLATE (no zlib header), as a ZIP entry stores it.
+std::string raw_deflate(const std::string& bytes, int level = 6);
+
+// The little-endian form of `value` in `bytes` bytes.
+std::string le(std::uint64_t value, int bytes);
+
 inline constexpr const char* kRelationshipsContentType =
     "application/vnd.openxmlformats-package.relationships+xml";
 

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
-#include "tsappinstall/platform/opc/XercesHelper.hpp"
 #include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 
 using opc::interfaces::OpenMode;
@@ -175,14 +172,8 @@ TEST(Package, RefusesMissingOrMalformedContentTypes) {
     expect_refused(PackageBuilder().contentTypesXml("<Types"), "[Content_Types].xml");
 }
 
-TEST(Package, RelationshipsPartIsParsedHardened) {
+TEST(Package, RefusesMalformedRelationships) {
     const std::string ns = "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"";
-    expect_refused(PackageBuilder().relationshipsXml(
-                       "<!DOCTYPE Relationships [<!ENTITY x \"y\">]><Relationships " + ns + "/>"),
-                   "/_rels/.rels, line 1, column 10");
-    expect_refused(
-        PackageBuilder().relationshipsXml("<!DOCTYPE r SYSTEM \"http://127.0.0.1:9/x.dtd\"><r/>"),
-        "/_rels/.rels, line 1, column 10");
     expect_refused(
         PackageBuilder().relationship("r1", "urn:a", "a.xml").relationship("r1", "urn:b", "b.xml"),
         "used twice");
@@ -197,45 +188,4 @@ TEST(Package, RelationshipsPartIsParsedHardened) {
         "other than Relationship");
     expect_refused(PackageBuilder().relationshipsXml("<Relationships/>"),
                    "has no Relationships element");
-}
-
-TEST(Package, DamagedXmlPartFailsTheOpen) {
-    TempDir dir;
-    PackageBuilder().relationship("r1", "urn:a", "a.xml").write(dir.file("p.zip"));
-    ZipPatcher z(dir.file("p.zip"));
-    z.put32(z.centralHeader("_rels/.rels") + 16, 0x12345678);
-    z.save();
-    EXPECT_THROW(Opened{dir.file("p.zip")}, opc::Exception);
-}
-
-// Damaged copies of a valid package either open and read, or fail with an
-// opc::Exception; nothing else escapes and nothing crashes (run under ASan).
-TEST(Package, RandomlyDamagedPackagesFailCleanly) {
-    TempDir dir;
-    PackageBuilder()
-        .part("manifest.xml", "<m>" + std::string(300, 'x') + "</m>")
-        .part("icon.png", std::string(200, '\x89'), false)
-        .part("lib/a.xml", "<a/>")
-        .relationship("r1", "urn:m", "manifest.xml")
-        .write(dir.file("good.zip"));
-    const std::string good = read_file(dir.file("good.zip"));
-    std::mt19937 random(20261123);
-    int opened = 0;
-    for (int round = 0; round < 300; ++round) {
-        std::string bytes = good;
-        const int flips = 1 + static_cast<int>(random() % 4);
-        for (int i = 0; i < flips; ++i)
-            bytes[random() % bytes.size()] = static_cast<char>(random());
-        write_file(dir.file("bad.zip"), bytes);
-        try {
-            Opened package(dir.file("bad.zip"));
-            for (const PartName& name : package.package.getPartNames()) {
-                auto part = package.package.getPart(name);
-                read_all(part.getInputStream());
-            }
-            ++opened;
-        } catch (const opc::Exception&) {
-        }
-    }
-    EXPECT_LT(opened, 300);
 }

@@ -5,7 +5,7 @@
 #include <zlib.h>
 
 #include "platform/base/UniqueFd.hpp"
-#include "support/Deflate.hpp"
+#include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
