@@ -4,7 +4,6 @@
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 
 using opc::interfaces::OpenMode;
@@ -97,34 +96,6 @@ TEST(Package, NonAsciiItemNamesAreTheirPercentEncodedPartNames) {
     EXPECT_EQ(part.getPartName().ascii(), "/b%C3%BCro/%C3%A9t%C3%A9.xml");
     expect_refused(PackageBuilder().part("\xC3\xBC.xml", "a").part("%C3%BC.xml", "b"),
                    "ignoring case");
-}
-
-TEST(Package, ReadsWhatOurWriterWrites) {
-    TempDir dir;
-    using opc::zippackage::PackageWriter;
-    PackageWriter writer(dir.file("w.zip"));
-    const std::vector<unsigned char> bytes{0, '\r', '\n', 0xFF, 'a'};
-    writer.addPart("lib/a b.bin", "application/octet-stream", bytes);
-    writer.addPart("run", "application/x-run", {'#', '!'}, PackageWriter::Compression::Stored);
-    writer.addRelationship("r1", "urn:x", "/lib/a%20b.bin");
-    writer.commit();
-
-    Opened opened(dir.file("w.zip"));
-    const auto relationships = opened.package.getRelationshipsByType(u"urn:x");
-    ASSERT_EQ(relationships.size(), 1u);
-    auto part = opened.package.getPart(PartName(relationships[0].getTargetURI()));
-    EXPECT_EQ(part.getContentType(), "application/octet-stream");
-    EXPECT_EQ(read_all(part.getInputStream()), std::string(bytes.begin(), bytes.end()));
-    EXPECT_EQ(opened.package.getPart(PartName(u"/run")).getContentType(), "application/x-run");
-}
-
-TEST(Package, PackageWithoutRelationshipsPartHasNone) {
-    TempDir dir;
-    PackageBuilder().withoutRelationships().part("a.xml", "<a/>").write(dir.file("p.zip"));
-    Opened opened(dir.file("p.zip"));
-    EXPECT_TRUE(opened.package.getRelationships().empty());
-    EXPECT_THROW(opened.package.open(OpenMode::Read), opc::Exception);
-    EXPECT_THROW(Package(opened.physical).open(static_cast<OpenMode>(1)), opc::Exception);
 }
 
 TEST(Package, RefusesInvalidAndCollidingPartNames) {
