@@ -69,24 +69,10 @@ inline std::string signed_manifest(const AppManifest& record) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-// Every field of the two records, the extra fields included, is equal.
+// The two records write the same text and were created at the same instant.
 inline bool same_record(const AppManifest& a, const AppManifest& b) {
-    const auto products = [](const AppManifest& m) {
-        std::vector<std::u16string> flat;
-        for (const auto& p : m.requiredProducts)
-            flat.insert(flat.end(), {p.identifier, p.name, p.version});
-        return flat;
-    };
-    return a.GUID == b.GUID && a.entryPoint == b.entryPoint && a.name == b.name &&
-           a.version == b.version && a.createdByTESSALRelease == b.createdByTESSALRelease &&
-           a.summary == b.summary && a.description == b.description &&
-           a.minTESSALVer == b.minTESSALVer && a.maxTESSALVer == b.maxTESSALVer &&
-           a.authorName == b.authorName && a.authorContact == b.authorContact &&
-           a.authorOrganization == b.authorOrganization && a.numFiles == b.numFiles &&
-           a.supportedPlatforms == b.supportedPlatforms && products(a) == products(b) &&
-           a.pathEntries == b.pathEntries && a.appEntries == b.appEntries &&
-           a.created == b.created && a.extraText1 == b.extraText1 &&
-           a.extraTextList == b.extraTextList && a.extraText2 == b.extraText2;
+    AppManifestSerializer serializer;
+    return serialized(serializer, a) == serialized(serializer, b) && a.created == b.created;
 }
 
 }  // namespace tsapp::test
