@@ -3,8 +3,6 @@
 
 #include <sys/resource.h>
 
-#include <algorithm>
-
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "hostile/HostileFixture.hpp"
@@ -34,12 +32,6 @@ std::string nested(int depth) {
     std::string open, close;
     for (int i = 0; i < depth; ++i) open += "<n>", close += "</n>";
     return open + close;
-}
-
-std::string utf16le_with_bom(const std::string& ascii) {
-    std::string out = "\xFF\xFE";
-    for (char c : ascii) out += std::string{c, '\0'};
-    return out;
 }
 
 AppManifest sampleRecord() {
@@ -218,24 +210,6 @@ TEST_F(XmlAttack, CreationTimesOutsideTheDateRangeNeverEscapeTheFacade) {
         expectManifestRefused(manifest);
         EXPECT_EQ(loadError(manifest).rfind("out_of_range: ", 0), 0u);
     }
-}
-
-TEST_F(XmlAttack, Utf16DocumentsWithAByteOrderMarkReadLikeUtf8Ones) {
-    const auto utf16 = [](const std::string& xml) {
-        return utf16le_with_bom(replaced(xml, "encoding=\"UTF-8\"", "encoding=\"UTF-16\""));
-    };
-    // The one non-ASCII character as a reference, so that utf16() may
-    // widen byte by byte.
-    const std::string manifest = replaced(signedManifest(), "\xC3\xA4", "&#xE4;");
-    ASSERT_TRUE(std::all_of(manifest.begin(), manifest.end(),
-                            [](char c) { return static_cast<unsigned char>(c) < 0x80; }));
-    package(utf16(manifest), utf16(defaultTypes()), utf16(defaultRels()));
-    const AppManifest record = facade.getAppInfo(u16(pkg()));
-    EXPECT_EQ(record.name, sampleRecord().name);
-    EXPECT_EQ(record.numFiles, 3u);
-    std::string printed;
-    EXPECT_TRUE(extractPart(pkg(), printed));
-    EXPECT_EQ(printed, "");
 }
 
 }  // namespace

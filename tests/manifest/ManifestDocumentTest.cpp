@@ -100,11 +100,32 @@ std::string textOf(const std::function<void(AppManifest&)>& edit) {
 
 }  // namespace
 
-TEST(ManifestDocument, EmptyAndFullRecordsGiveTheGoldenTexts) {
+// The seals were computed once with sha1sum over the GUID followed by the
+// golden text (empty record: empty key; full record in UTC+2).
+TEST(ManifestDocument, RecordsGiveTheGoldenTextsSealedOverGuidAndText) {
     ScopedTimeZone zone("Etc/GMT-2");
     AppManifestSerializer serializer;
     EXPECT_EQ(serialized(serializer, AppManifest()), kEmptyRecordText);
     EXPECT_EQ(serialized(serializer, fullRecord()), kFullRecordText);
+    const std::string seal = "f750a47571a9cacd0b28bdcf772de77c6d1e8173";
+    EXPECT_EQ(serializer.signDocument("", build(serializer, AppManifest()).get()),
+              "15d373f071794da14567ed72683ede715ff6cf2a");
+    const auto full = build(serializer, fullRecord());
+    EXPECT_EQ(serializer.signDocument(kFullGuid, full.get()), seal);
+
+    std::string upper = seal, flipped = seal;
+    for (char& c : upper) c = static_cast<char>(std::toupper(c));
+    flipped[39] = '4';
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), seal));
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), upper));
+    for (const auto& [key, wrong] : {std::pair<std::string, std::string>{kFullGuid, seal + "0"},
+                                     {kFullGuid, seal.substr(0, 39)},
+                                     {kFullGuid, ""},
+                                     {kFullGuid, flipped},
+                                     {"", seal},
+                                     {kFullGuid + "x", seal}}) {
+        EXPECT_FALSE(serializer.verifyDocument(key, full.get(), wrong)) << key << " " << wrong;
+    }
 }
 
 // How single fields shape the text: each edit of an empty record must

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <boost/lexical_cast.hpp>
-
 #include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
@@ -83,22 +81,6 @@ TEST_F(ManifestLoadSave, AnyChangeToWhatTheSealCoversFailsValidationButLayoutDoe
     unwritten.extraText1 = u"x";
     unwritten.created += boost::posix_time::milliseconds(500);
     EXPECT_EQ(signed_manifest(unwritten), text);
-}
-
-TEST_F(ManifestLoadSave, NumFilesFollowsLexicalCastRules) {
-    const auto withNumFiles = [&](std::uint64_t count, const std::string& numFiles) {
-        AppManifest record = fullRecord();
-        record.numFiles = count;
-        return replaced(signed_manifest(record), "<numFiles>" + std::to_string(count) + "<",
-                        "<numFiles>" + numFiles + "<");
-    };
-    EXPECT_EQ(loaded(withNumFiles(12, "+12")).numFiles, 12u);
-    EXPECT_EQ(loaded(withNumFiles(UINT64_MAX, "-1")).numFiles, UINT64_MAX);
-    for (const char* bad : {" 12", "12a", "+", "", "18446744073709551616"}) {
-        EXPECT_THROW(loaded(withNumFiles(12, bad)), boost::bad_lexical_cast) << bad;
-    }
-    EXPECT_THROW(loaded(replaced(text, "<numFiles>42</numFiles>", "")), boost::bad_lexical_cast);
-    EXPECT_THROW(loaded(withNumFiles(12, "1\xd9\xa3")), opc::Exception);
 }
 
 // Fields the manifest lacks keep the caller's values and products are
