@@ -1,13 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <typeinfo>
 #include <vector>
 
-#include "facade/GetAppInfoTestSupport.hpp"
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/facade/Tsappinstall.hpp"
 
 using namespace tsapp::test;
-using Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE;
+using namespace Corvane::addons::apps;
 
 namespace {
 
@@ -28,24 +31,65 @@ AppManifest variant(int i) {
     return record;
 }
 
+// Good packages (neither the extension nor the content type is examined),
+// packages without exactly one manifest relationship of their own, and
+// everything else, which is the internal error with the cause dropped.
 std::vector<Case> writeCases(const TempDir& dir) {
     std::vector<Case> cases;
+    const char* targets[] = {"manifest.xml", "/manifest.xml", "./x/../manifest.xml",
+                             "manifest.xml"};
     for (int i = 0; i < 4; ++i) {
-        const std::string path = dir.file("app" + std::to_string(i) + ".tsappinstall");
-        app_package_with(signed_manifest(variant(i)), i % 2 == 0 ? "manifest.xml" : "/manifest.xml")
+        const std::string path =
+            dir.file("app" + std::to_string(i) + (i == 3 ? ".zip" : ".tsappinstall"));
+        app_package_with(signed_manifest(variant(i)), targets[i])
+            .overrideType("/manifest.xml", "application/octet-stream")
             .write(path);
         cases.push_back({path, variant(i), ""});
     }
     const std::string manifest = signed_manifest(variant(0));
-    app_package_with(manifest)
-        .relationship("rManifest2", APP_PROPERTIES_RELATIONSHIP_TYPE, "/manifest.xml")
-        .write(dir.file("two.tsappinstall"));
-    cases.push_back(
-        {dir.file("two.tsappinstall"), {}, invalid_package_text(dir.file("two.tsappinstall"))});
-    app_package_with(replaced(manifest, "<summary>Short<", "<summary>Short.<"))
-        .write(dir.file("signature.tsappinstall"));
-    cases.push_back({dir.file("signature.tsappinstall"), {}, internal_error_text()});
-    cases.push_back({dir.file("missing.tsappinstall"), {}, internal_error_text()});
+    std::string upper = APP_PROPERTIES_RELATIONSHIP_TYPE;
+    upper.replace(upper.rfind("appProperties"), 3, "APP");  // types compare exactly
+    const std::pair<const char*, PackageBuilder> invalid[] = {
+        {"none", PackageBuilder().part("manifest.xml", manifest)},
+        {"norels", PackageBuilder().part("manifest.xml", manifest).withoutRelationships()},
+        {"twice", app_package_with(manifest).relationship("r2", APP_PROPERTIES_RELATIONSHIP_TYPE,
+                                                          "manifest.xml")},
+        {"case",
+         PackageBuilder().part("manifest.xml", manifest).relationship("m", upper, "manifest.xml")},
+        {"partlevel",
+         PackageBuilder()
+             .part("manifest.xml", manifest)
+             .part("_rels/manifest.xml.rels",
+                   std::string("<Relationships xmlns=\"http://schemas.openxmlformats.org/"
+                               "package/2006/relationships\"><Relationship Id=\"r\" Type=\"") +
+                       APP_PROPERTIES_RELATIONSHIP_TYPE +
+                       "\" Target=\"manifest.xml\"/></Relationships>")
+             .withoutRelationships()},
+    };
+    for (const auto& [name, builder] : invalid) {
+        builder.write(dir.file(std::string(name) + ".tsappinstall"));
+        const std::string path = dir.file(std::string(name) + ".tsappinstall");
+        cases.push_back({path, {}, invalid_package_text(path)});
+    }
+    const std::pair<const char*, PackageBuilder> internal[] = {
+        {"schema", app_package_with(replaced(manifest, "<GUID>", "<name/><GUID>"))},
+        {"broken", app_package_with("<?xml version=\"1.0\"?><appProperties")},
+        {"signature", app_package_with(replaced(manifest, "<summary>Short<", "<summary>Short.<"))},
+        {"count", app_package_with(replaced(manifest, "<numFiles>0<", "<numFiles>0x<"))},
+        {"target", app_package_with(manifest, "missing.xml")},
+        {"scheme", app_package_with(manifest, "http://example.com/manifest.xml")},
+        {"external",
+         PackageBuilder()
+             .part("manifest.xml", manifest)
+             .relationship("m", APP_PROPERTIES_RELATIONSHIP_TYPE, "manifest.xml", "External")},
+    };
+    for (const auto& [name, builder] : internal) {
+        builder.write(dir.file(std::string(name) + ".tsappinstall"));
+        cases.push_back({dir.file(std::string(name) + ".tsappinstall"), {}, internal_error_text()});
+    }
+    write_file(dir.file("text.tsappinstall"), "not a ZIP container\n");
+    for (const char* name : {"text.tsappinstall", "missing.tsappinstall", ""})
+        cases.push_back({dir.file(name), {}, internal_error_text()});
     return cases;
 }
 
@@ -55,42 +99,56 @@ bool readsAsExpected(Tsappinstall& facade, const Case& c) {
         const AppManifest record = facade.getAppInfo(u16(c.path));
         return c.failure.empty() && same_record(record, c.expected);
     } catch (const std::runtime_error& e) {
-        return !c.failure.empty() && c.failure == e.what();
+        return typeid(e) == typeid(std::runtime_error) && c.failure == e.what();
     }
 }
 
 }  // namespace
 
-// Every thread walks all packages, each from a different start, so that the
-// same package and different ones are read at the same moment; one facade
-// object is shared as callers may share it.
-TEST(GetAppInfoConcurrency, ThreadsReadingPackagesAtOnceEachGetTheirOwnAnswer) {
+// Each package alone first, then every thread walks all packages, each from
+// a different start, so that the same package and different ones are read
+// at the same moment; one facade object is shared as callers may share it.
+TEST(GetAppInfoConcurrency, EveryPackageGivesItsOwnAnswerAloneAndInThreads) {
     ScopedTimeZone zone{"Europe/Berlin"};  // set before the threads start, never while they run
     TempDir dir;
     const std::vector<Case> cases = writeCases(dir);
+    const std::string good = read_file(cases[0].path);
     Tsappinstall facade;
-    for (const Case& c : cases) ASSERT_TRUE(readsAsExpected(facade, c)) << c.path;
+    readsAsExpected(facade, cases[0]);  // first-use allocations out of the count
+    const int descriptors = open_descriptor_count();
+    for (const Case& c : cases) EXPECT_TRUE(readsAsExpected(facade, c)) << c.path;
+    EXPECT_EQ(open_descriptor_count(), descriptors);
+    EXPECT_EQ(read_file(cases[0].path), good);  // only read
 
-    constexpr int kThreads = 6;
-    constexpr int kRounds = 4;
-    const int perThread = kRounds * static_cast<int>(cases.size());
-    std::vector<char> results(static_cast<std::size_t>(kThreads * perThread), 0);
+    constexpr int kThreads = 4;
+    std::vector<std::vector<std::string>> wrong(kThreads);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            for (int k = 0; k < perThread; ++k) {
-                const Case& c = cases[static_cast<std::size_t>(t + k) % cases.size()];
-                results[static_cast<std::size_t>(t * perThread + k)] =
-                    readsAsExpected(facade, c) ? 1 : 0;
+            for (std::size_t k = 0; k < 2 * cases.size(); ++k) {
+                const Case& c = cases[(t + k) % cases.size()];
+                if (!readsAsExpected(facade, c)) wrong[t].push_back(c.path);
             }
         });
     }
     for (auto& thread : threads) thread.join();
-    for (int t = 0; t < kThreads; ++t) {
-        for (int k = 0; k < perThread; ++k) {
-            EXPECT_EQ(results[static_cast<std::size_t>(t * perThread + k)], 1)
-                << "thread " << t << ": "
-                << cases[static_cast<std::size_t>(t + k) % cases.size()].path;
-        }
+    for (const auto& paths : wrong) EXPECT_TRUE(paths.empty()) << paths.front();
+}
+
+TEST(GetAppInfo, TextsFollowTheMessagesLocaleAndNameTheNativePath) {
+    TempDir dir;
+    Tsappinstall facade;
+    PackageBuilder().part("manifest.xml", kManifestXml).write(dir.file("none.tsappinstall"));
+    ScopedMessagesLocale german("de_DE.UTF-8");
+    const std::string text = invalid_package_text(dir.file("none.tsappinstall"));
+    EXPECT_NE(text.find("ungültig"), std::string::npos) << text;
+    try {
+        facade.getAppInfo(u16(dir.file("sub/.././/none.tsappinstall")));
+        ADD_FAILURE() << "read";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), text);
     }
+    EXPECT_THROW(facade.getAppInfo(std::u16string(u"a\0b.tsappinstall", 16)),
+                 std::invalid_argument);
+    EXPECT_THROW(facade.getAppInfo(u"a\xD800.tsappinstall"), fl::i18n::ConversionError);
 }

@@ -6,47 +6,89 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "facade/FacadeFixture.hpp"
 #include "support/TestSupport.hpp"
-#include "support/TreeSnapshot.hpp"
 #include "tsappinstall/facade/Tsappinstall.hpp"
 
 namespace tsapp::test {
 
 class Hostile : public ::testing::Test {
   protected:
-    Hostile();
+    // The destination already holds a file of its own: a refused extraction
+    // must leave it, and add nothing beside it.
+    Hostile() {
+        std::filesystem::create_directories(dest() + "/files");
+        write_file(dest() + "/files/own.txt", "the caller's own file");
+        write_file(iconOut(), "an older icon");
+    }
 
     std::string pkg() const { return dir.file("app.tsappinstall"); }
     std::string dest() const { return dir.file("dest"); }
     std::string iconOut() const { return dir.file("icon.out"); }
 
     // What the calls say: "" when getAppInfo/extractAppFile return normally.
-    std::string appInfoError(const std::string& package);
-    std::string extractError(const std::string& package);
-    // extractAppIcon's result, and what it printed in `printed`.
-    bool extractIcon(const std::string& package, std::string& printed);
-
-    static std::string internalErrorText();
-    std::string extractionErrorText(const std::string& package) const;
+    std::string appInfoError(const std::string& package) {
+        try {
+            facade.getAppInfo(u16(package));
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "";
+    }
+    std::string extractError(const std::string& package) {
+        try {
+            facade.extractAppFile(u16(package), u16(dest()));
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "";
+    }
+    // extractPartContentFromTessalApp's result; what it printed goes to `printed`.
+    bool extractPart(
+        const std::string& package, std::string& printed,
+        const std::string& type = Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE) {
+        CerrCapture err;
+        const bool copied =
+            facade.extractPartContentFromTessalApp(u16(package), u16(type), u16(iconOut()));
+        printed = err.text();
+        return copied;
+    }
 
     // The package does not open: isAppFile is false, getAppInfo raises the
-    // internal error, extractAppIcon prints it and answers false, and
+    // internal error, extracting the icon prints it and answers false, and
     // extractAppFile raises the extraction error; nothing changes anywhere.
-    void expectRefusedEverywhere(const std::string& package, const std::string& label = "");
+    void expectRefusedEverywhere(const std::string& package, const std::string& label = "") {
+        SCOPED_TRACE(label);
+        EXPECT_FALSE(facade.isAppFile(u16(package)));
+        expectReadsRefused(package);
+    }
+    // The package opens, but reading any of its parts fails.
+    void expectReadsRefused(
+        const std::string& package,
+        const std::string& type = Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE) {
+        const auto before = snapshot_tree(dir.path());
+        EXPECT_EQ(appInfoError(package), internal_error_text());
+        std::string printed;
+        EXPECT_FALSE(extractPart(package, printed, type));
+        EXPECT_EQ(printed, internal_error_text());
+        EXPECT_EQ(extractError(package), extraction_error_text(package, dest()));
+        EXPECT_TRUE(snapshot_tree(dir.path()) == before) << "the folder changed";
+    }
     // The package opens, but extracting it fails and changes nothing.
-    void expectOpensButExtractionRefused(const std::string& package, const std::string& label = "");
+    void expectOpensButExtractionRefused(const std::string& package,
+                                         const std::string& label = "") {
+        SCOPED_TRACE(label);
+        const auto before = snapshot_tree(dir.path());
+        EXPECT_TRUE(facade.isAppFile(u16(package)));
+        EXPECT_EQ(extractError(package), extraction_error_text(package, dest()));
+        EXPECT_TRUE(snapshot_tree(dir.path()) == before) << "the folder changed";
+    }
 
     TempDir dir;
     Corvane::addons::apps::Tsappinstall facade;
 };
-
-// A ZIP local header with no extra field, followed by `data`, stored.
-std::string stored_local_entry(const std::string& name, const std::string& data);
-
-// The little-endian form of `value` in `bytes` bytes.
-std::string little_endian(std::uint64_t value, int bytes);
 
 }  // namespace tsapp::test

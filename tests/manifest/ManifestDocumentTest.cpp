@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
 
@@ -89,115 +91,83 @@ const std::string kFullRecordText =
     "</appProperties>\n";
 
 // The serialized text of a record that differs from the empty one by `edit`.
-template <typename Edit>
-std::string textOf(Edit edit) {
+std::string textOf(const std::function<void(AppManifest&)>& edit) {
     AppManifestSerializer serializer;
     AppManifest record;
     edit(record);
     return serialized(serializer, record);
 }
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 }  // namespace
 
-TEST(ManifestDocument, EmptyRecordGivesTheGoldenText) {
+// The seals were computed once with sha1sum over the GUID followed by the
+// golden text (empty record: empty key; full record in UTC+2).
+TEST(ManifestDocument, RecordsGiveTheGoldenTextsSealedOverGuidAndText) {
+    ScopedTimeZone zone("Etc/GMT-2");
     AppManifestSerializer serializer;
     EXPECT_EQ(serialized(serializer, AppManifest()), kEmptyRecordText);
-}
-
-TEST(ManifestDocument, FullRecordGivesTheGoldenTextInUtcWholeSeconds) {
-    ScopedTimeZone zone("Etc/GMT-2");
-    AppManifestSerializer serializer;
     EXPECT_EQ(serialized(serializer, fullRecord()), kFullRecordText);
-}
+    const std::string seal = "f750a47571a9cacd0b28bdcf772de77c6d1e8173";
+    EXPECT_EQ(serializer.signDocument("", build(serializer, AppManifest()).get()),
+              "15d373f071794da14567ed72683ede715ff6cf2a");
+    const auto full = build(serializer, fullRecord());
+    EXPECT_EQ(serializer.signDocument(kFullGuid, full.get()), seal);
 
-TEST(ManifestDocument, BuildingTwiceGivesTheSameText) {
-    ScopedTimeZone zone("Etc/GMT-2");
-    AppManifestSerializer serializer;
-    EXPECT_EQ(serialized(serializer, fullRecord()), serialized(serializer, fullRecord()));
-}
-
-TEST(ManifestDocument, AuthorBlockStandsOrFallsWithTheName) {
-    const std::string contactOnly = textOf([](AppManifest& m) {
-        m.authorContact = u"c";
-        m.authorOrganization = u"o";
-    });
-    EXPECT_FALSE(contains(contactOnly, "<author")) << contactOnly;
-
-    const std::string nameOnly = textOf([](AppManifest& m) { m.authorName = u"n"; });
-    EXPECT_TRUE(contains(
-        nameOnly,
-        "  <author>\n    <name>n</name>\n    <contact/>\n    <organization/>\n  </author>\n"))
-        << nameOnly;
-}
-
-TEST(ManifestDocument, OnlyTheEmptyStringOmitsAnOptionalText) {
-    const std::string blank = textOf([](AppManifest& m) {
-        m.summary = u" ";
-        m.maxTESSALVer = u"9";
-    });
-    EXPECT_TRUE(contains(blank, "<summary> </summary>"));
-    EXPECT_TRUE(contains(blank, "<maxTESSALVer>9</maxTESSALVer>"));
-    EXPECT_FALSE(contains(blank, "<description"));
-    EXPECT_FALSE(contains(blank, "<minTESSALVer"));
-}
-
-TEST(ManifestDocument, ListEntriesAreWrittenEvenWhenEmpty) {
-    const std::string text = textOf([](AppManifest& m) {
-        m.supportedPlatforms = {u""};
-        m.pathEntries = {u""};
-        m.appEntries = {u"", u"x"};
-        m.requiredProducts = {RequiredProduct()};
-    });
-    EXPECT_TRUE(
-        contains(text, "  <supportedPlatforms>\n    <platform/>\n  </supportedPlatforms>\n"));
-    EXPECT_TRUE(contains(text, "  <pathEntries>\n    <path/>\n  </pathEntries>\n"));
-    EXPECT_TRUE(contains(
-        text, "  <appEntries>\n    <appFile/>\n    <appFile>x</appFile>\n  </appEntries>\n"));
-    EXPECT_TRUE(contains(text, "<product identifier=\"\" name=\"\" version=\"\"/>"));
-}
-
-TEST(ManifestDocument, NumFilesIsPlainDecimalUnderTheClassicLocale) {
-    EXPECT_TRUE(contains(textOf([](AppManifest& m) { m.numFiles = 1234567; }),
-                         "<numFiles>1234567</numFiles>"));
-    EXPECT_TRUE(contains(textOf([](AppManifest& m) { m.numFiles = UINT64_MAX; }),
-                         "<numFiles>18446744073709551615</numFiles>"));
-}
-
-TEST(ManifestDocument, NonAsciiGuidIsWrittenAsUtf8AndInvalidUtf8Raises) {
-    EXPECT_TRUE(
-        contains(textOf([](AppManifest& m) { m.GUID = "g\xc3\xa9"; }), "<GUID>g\xc3\xa9</GUID>"));
-    AppManifestSerializer serializer;
-    AppManifest bad;
-    bad.GUID = "\xff";
-    EXPECT_THROW(serializer.createDOMDocument(bad), std::runtime_error);
-}
-
-TEST(ManifestDocument, InfiniteCreationTimeFailsWithBoostsMessage) {
-    AppManifestSerializer serializer;
-    AppManifest record;
-    record.created = boost::posix_time::ptime(boost::date_time::pos_infin);
-    try {
-        serializer.createDOMDocument(record);
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "tm unable to handle +infinity date value");
+    std::string upper = seal, flipped = seal;
+    for (char& c : upper) c = static_cast<char>(std::toupper(c));
+    flipped[39] = '4';
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), seal));
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), upper));
+    for (const auto& [key, wrong] : {std::pair<std::string, std::string>{kFullGuid, seal + "0"},
+                                     {kFullGuid, seal.substr(0, 39)},
+                                     {kFullGuid, ""},
+                                     {kFullGuid, flipped},
+                                     {"", seal},
+                                     {kFullGuid + "x", seal}}) {
+        EXPECT_FALSE(serializer.verifyDocument(key, full.get(), wrong)) << key << " " << wrong;
     }
 }
 
-TEST(ManifestDocument, AppendChildElementHonoursOmitIfEmpty) {
-    AppManifestSerializer serializer;
-    const auto document = opc::model::XercesHelper::createDocument();
-    const opc::model::XercesString ns(AppManifestSerializer::NAMESPACE);
-    const opc::model::XercesString name(AppManifestSerializer::SUMMARY_ELEMENT);
-    auto* root = opc::model::XercesHelper::appendElementNS(document.get(), ns, name);
-    serializer.appendChildElement(root, ns, name, u"", true);
-    EXPECT_EQ(root->getChildElementCount(), 0u);
-    serializer.appendChildElement(root, ns, name, u"", false);
-    serializer.appendChildElementList(root, ns, name, {});
-    EXPECT_EQ(root->getChildElementCount(), 1u);
-    EXPECT_EQ(root->getFirstElementChild()->getFirstChild(), nullptr);
+// How single fields shape the text: each edit of an empty record must
+// produce `present` and must not produce `absent`.
+TEST(ManifestDocument, FieldsShapeTheText) {
+    struct Case {
+        std::function<void(AppManifest&)> edit;
+        std::string present;
+        std::string absent;
+    };
+    const Case cases[] = {
+        // The author block stands or falls with the name.
+        {[](AppManifest& m) { m.authorContact = u"c", m.authorOrganization = u"o"; }, "<name/>",
+         "<author"},
+        {[](AppManifest& m) { m.authorName = u"n"; },
+         "  <author>\n    <name>n</name>\n    <contact/>\n    <organization/>\n  </author>\n", ""},
+        // Only the empty string omits an optional text.
+        {[](AppManifest& m) { m.summary = u" "; }, "<summary> </summary>", "<description"},
+        {[](AppManifest& m) { m.maxTESSALVer = u"9"; }, "<maxTESSALVer>9</maxTESSALVer>",
+         "<minTESSALVer"},
+        // List entries are written even when empty.
+        {[](AppManifest& m) { m.supportedPlatforms = {u""}; },
+         "  <supportedPlatforms>\n    <platform/>\n  </supportedPlatforms>\n", ""},
+        {[](AppManifest& m) { m.pathEntries = {u""}; },
+         "  <pathEntries>\n    <path/>\n  </pathEntries>\n", ""},
+        {[](AppManifest& m) {
+             m.appEntries = {u"", u"x"};
+         },
+         "  <appEntries>\n    <appFile/>\n    <appFile>x</appFile>\n  </appEntries>\n", ""},
+        {[](AppManifest& m) { m.requiredProducts = {RequiredProduct()}; },
+         "<product identifier=\"\" name=\"\" version=\"\"/>", ""},
+        // Plain decimal whatever the global locale.
+        {[](AppManifest& m) { m.numFiles = UINT64_MAX; },
+         "<numFiles>18446744073709551615</numFiles>", ""},
+        {[](AppManifest& m) { m.GUID = "g\xc3\xa9"; }, "<GUID>g\xc3\xa9</GUID>", ""},
+    };
+    for (const Case& c : cases) {
+        const std::string text = textOf(c.edit);
+        EXPECT_NE(text.find(c.present), std::string::npos) << text;
+        if (!c.absent.empty()) {
+            EXPECT_EQ(text.find(c.absent), std::string::npos) << text;
+        }
+    }
+    EXPECT_THROW(textOf([](AppManifest& m) { m.GUID = "\xff"; }), std::runtime_error);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Records and helpers shared by the manifest tests.
+// Records and helpers shared by the manifest and app information tests.
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -10,12 +10,6 @@
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
-
-struct AppManifestSerializerTestPeer {
-    static xercesc::DOMLSParser* parser(AppManifestSerializer& serializer) {
-        return serializer.parser_.get();
-    }
-};
 
 namespace tsapp::test {
 
@@ -46,11 +40,19 @@ inline AppManifest fullRecord() {
     return m;
 }
 
+// What reading fullRecord() back gives: the document keeps whole seconds.
+inline AppManifest fullRecordAsRead() {
+    AppManifest record = fullRecord();
+    record.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
+    return record;
+}
+
 inline opc::model::XercesPtr<xercesc::DOMDocument> build(AppManifestSerializer& serializer,
                                                          const AppManifest& record) {
     return opc::model::XercesPtr<xercesc::DOMDocument>(serializer.createDOMDocument(record));
 }
 
+// The canonical (unsigned) text of `record`.
 inline std::string serialized(AppManifestSerializer& serializer, const AppManifest& record) {
     const auto document = build(serializer, record);
     std::ostringstream out;
@@ -58,41 +60,19 @@ inline std::string serialized(AppManifestSerializer& serializer, const AppManife
     return out.str();
 }
 
-// Parses and validates `text` with the serializer's own parser; "" when the
-// document is valid, else the parser's description of the first problem.
-inline std::string validationFailure(AppManifestSerializer& serializer, const std::string& text) {
-    xercesc::DOMLSParser* parser = AppManifestSerializerTestPeer::parser(serializer);
-    std::istringstream in(text);
-    opc::StdIStreamAdaptor stream(in);
-    std::string failure;
-    try {
-        opc::model::XercesHelper::readDocumentFromStream(parser, stream, true, u"", u"");
-    } catch (const opc::model::InvalidXMLDocument& e) {
-        failure = e.what();
-        if (failure.empty()) failure = "(no description)";
-    }
-    parser->resetDocumentPool();
-    return failure;
+// The signed manifest text `save` writes for `record`.
+inline std::string signed_manifest(const AppManifest& record) {
+    AppManifestSerializer serializer;
+    std::vector<unsigned char> bytes;
+    opc::ByteArrayOutAdaptor out(bytes);
+    serializer.save(out, record);
+    return std::string(bytes.begin(), bytes.end());
 }
 
-// Every field of the two records, the extra fields included, is equal.
+// The two records write the same text and were created at the same instant.
 inline bool same_record(const AppManifest& a, const AppManifest& b) {
-    const auto products = [](const AppManifest& m) {
-        std::vector<std::u16string> flat;
-        for (const auto& p : m.requiredProducts)
-            flat.insert(flat.end(), {p.identifier, p.name, p.version});
-        return flat;
-    };
-    return a.GUID == b.GUID && a.entryPoint == b.entryPoint && a.name == b.name &&
-           a.version == b.version && a.createdByTESSALRelease == b.createdByTESSALRelease &&
-           a.summary == b.summary && a.description == b.description &&
-           a.minTESSALVer == b.minTESSALVer && a.maxTESSALVer == b.maxTESSALVer &&
-           a.authorName == b.authorName && a.authorContact == b.authorContact &&
-           a.authorOrganization == b.authorOrganization && a.numFiles == b.numFiles &&
-           a.supportedPlatforms == b.supportedPlatforms && products(a) == products(b) &&
-           a.pathEntries == b.pathEntries && a.appEntries == b.appEntries &&
-           a.created == b.created && a.extraText1 == b.extraText1 &&
-           a.extraTextList == b.extraTextList && a.extraText2 == b.extraText2;
+    AppManifestSerializer serializer;
+    return serialized(serializer, a) == serialized(serializer, b) && a.created == b.created;
 }
 
 }  // namespace tsapp::test

@@ -6,8 +6,6 @@
 #include <memory>
 #include <stdexcept>
 
-#include "support/TestSupport.hpp"
-
 namespace tsapp::test {
 namespace {
 
@@ -15,18 +13,46 @@ struct ZipDiscarder {
     void operator()(zip_t* archive) const { zip_discard(archive); }
 };
 
-std::string le(std::uint64_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
-    return out;
-}
-
 std::uint32_t crc_of(const std::string& data) {
     return static_cast<std::uint32_t>(
         crc32(0L, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
 }
 
 }  // namespace
+
+std::string le(std::uint64_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return out;
+}
+
+std::string zip_item(const std::string& path, const std::string& name) {
+    int error = 0;
+    std::unique_ptr<zip_t, ZipDiscarder> archive(zip_open(path.c_str(), ZIP_RDONLY, &error));
+    zip_stat_t st;
+    if (!archive || zip_stat(archive.get(), name.c_str(), 0, &st) != 0) return "(missing)";
+    std::string bytes(st.size, '\0');
+    zip_file_t* file = zip_fopen(archive.get(), name.c_str(), 0);
+    const zip_int64_t n = zip_fread(file, bytes.data(), bytes.size());
+    zip_fclose(file);
+    return n == static_cast<zip_int64_t>(st.size) ? bytes : "(short)";
+}
+
+std::string raw_deflate(const std::string& bytes, int level) {
+    z_stream z{};
+    if (deflateInit2(&z, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK)
+        throw std::runtime_error("deflateInit2 failed");
+    std::string out(deflateBound(&z, bytes.size()), '\0');
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    z.avail_in = static_cast<uInt>(bytes.size());
+    z.next_out = reinterpret_cast<Bytef*>(out.data());
+    z.avail_out = static_cast<uInt>(out.size());
+    const int status = deflate(&z, Z_FINISH);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    if (status != Z_STREAM_END) throw std::runtime_error("deflate failed");
+    return out;
+}
 
 void write_zip(const std::string& path, const std::vector<ZipItem>& items) {
     int error = 0;
@@ -80,83 +106,39 @@ void write_zip64(const std::string& path, const std::vector<ZipItem>& items) {
     write_file(path, file);
 }
 
-PackageBuilder& PackageBuilder::part(const std::string& itemName, std::string data, bool deflate) {
-    parts_.push_back({itemName, std::move(data), deflate});
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::defaultType(const std::string& extension,
-                                            const std::string& contentType) {
-    defaults_.emplace_back(extension, contentType);
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::overrideType(const std::string& partName,
-                                             const std::string& contentType) {
-    overrides_.emplace_back(partName, contentType);
-    return *this;
-}
-
 PackageBuilder& PackageBuilder::relationship(const std::string& id, const std::string& type,
                                              const std::string& target,
                                              const std::string& targetMode) {
-    relationshipElements_ +=
+    relationships_ +=
         "<Relationship Id=\"" + id + "\" Type=\"" + type + "\" Target=\"" + target + "\"";
-    if (!targetMode.empty()) relationshipElements_ += " TargetMode=\"" + targetMode + "\"";
-    relationshipElements_ += "/>";
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::contentTypesXml(std::string xml) {
-    contentTypesXml_ = std::move(xml);
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::relationshipsXml(std::string xml) {
-    relationshipsXml_ = std::move(xml);
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::withoutContentTypes() {
-    withContentTypes_ = false;
-    return *this;
-}
-
-PackageBuilder& PackageBuilder::withoutRelationships() {
-    withRelationships_ = false;
+    if (!targetMode.empty()) relationships_ += " TargetMode=\"" + targetMode + "\"";
+    relationships_ += "/>";
     return *this;
 }
 
 std::string PackageBuilder::contentTypesText() const {
-    if (!contentTypesXml_.empty()) return contentTypesXml_;
-    std::string xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
-        "<Default Extension=\"rels\" ContentType=\"" +
-        std::string(kRelationshipsContentType) +
-        "\"/><Default Extension=\"xml\" ContentType=\"application/xml\"/>"
-        "<Default Extension=\"png\" ContentType=\"image/png\"/>";
-    for (const auto& [extension, type] : defaults_) {
-        xml += "<Default Extension=\"" + extension + "\" ContentType=\"" + type + "\"/>";
-    }
-    for (const auto& [name, type] : overrides_) {
-        xml += "<Override PartName=\"" + name + "\" ContentType=\"" + type + "\"/>";
-    }
-    return xml + "</Types>";
+    if (!typesXml_.empty()) return typesXml_;
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+           "<Default Extension=\"rels\" ContentType=\"" +
+           std::string(kRelationshipsContentType) +
+           "\"/><Default Extension=\"xml\" ContentType=\"application/xml\"/>"
+           "<Default Extension=\"png\" ContentType=\"image/png\"/>" +
+           types_ + "</Types>";
 }
 
 std::string PackageBuilder::relationshipsText() const {
-    if (!relationshipsXml_.empty()) return relationshipsXml_;
+    if (!relsXml_.empty()) return relsXml_;
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<Relationships "
            "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">" +
-           relationshipElements_ + "</Relationships>";
+           relationships_ + "</Relationships>";
 }
 
 std::vector<ZipItem> PackageBuilder::items() const {
     std::vector<ZipItem> items;
-    if (withContentTypes_) items.push_back({"[Content_Types].xml", contentTypesText(), true});
-    if (withRelationships_) items.push_back({"_rels/.rels", relationshipsText(), true});
+    if (typesXml_ != "(none)") items.push_back({"[Content_Types].xml", contentTypesText(), true});
+    if (relsXml_ != "(none)") items.push_back({"_rels/.rels", relationshipsText(), true});
     items.insert(items.end(), parts_.begin(), parts_.end());
     return items;
 }
@@ -188,33 +170,12 @@ std::size_t ZipPatcher::endRecord() const {
     return bytes_.rfind(le(0x06054b50, 4));
 }
 
-std::uint16_t ZipPatcher::get16(std::size_t at) const {
-    return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes_.at(at)) |
-                                      (static_cast<unsigned char>(bytes_.at(at + 1)) << 8));
-}
-
-std::uint32_t ZipPatcher::get32(std::size_t at) const {
-    return get16(at) | (static_cast<std::uint32_t>(get16(at + 2)) << 16);
-}
-
-void ZipPatcher::put16(std::size_t at, std::uint16_t value) {
-    bytes_.replace(at, 2, le(value, 2));
-}
-
-void ZipPatcher::put32(std::size_t at, std::uint32_t value) {
-    bytes_.replace(at, 4, le(value, 4));
-}
-
 void ZipPatcher::put16Both(const std::string& itemName, std::size_t centralAt, std::size_t localAt,
                            std::uint16_t value) {
     const std::size_t central = centralHeader(itemName);
     const std::size_t local = localHeader(itemName);
     put16(central + centralAt, value);
     put16(local + localAt, value);
-}
-
-void ZipPatcher::save() const {
-    write_file(path_, bytes_);
 }
 
 }  // namespace tsapp::test

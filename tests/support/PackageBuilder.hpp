@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.hpp"
+
 namespace tsapp::test {
 
 struct ZipItem {
@@ -25,6 +27,15 @@ void write_zip(const std::string& path, const std::vector<ZipItem>& items);
 // field, and the end records include the ZIP64 pair.
 void write_zip64(const std::string& path, const std::vector<ZipItem>& items);
 
+// The bytes of the item `name` of the ZIP file at `path`, read through libzip.
+std::string zip_item(const std::string& path, const std::string& name);
+
+// Raw DEFLATE (no zlib header), as a ZIP entry stores it.
+std::string raw_deflate(const std::string& bytes, int level = 6);
+
+// The little-endian form of `value` in `bytes` bytes.
+std::string le(std::uint64_t value, int bytes);
+
 inline constexpr const char* kRelationshipsContentType =
     "application/vnd.openxmlformats-package.relationships+xml";
 
@@ -34,15 +45,22 @@ inline constexpr const char* kRelationshipsContentType =
 // raw text or left out.
 class PackageBuilder {
   public:
-    PackageBuilder& part(const std::string& itemName, std::string data, bool deflate = true);
-    PackageBuilder& defaultType(const std::string& extension, const std::string& contentType);
-    PackageBuilder& overrideType(const std::string& partName, const std::string& contentType);
+    PackageBuilder& part(const std::string& itemName, std::string data, bool deflate = true) {
+        return parts_.push_back({itemName, std::move(data), deflate}), *this;
+    }
+    PackageBuilder& defaultType(const std::string& extension, const std::string& contentType) {
+        return typeEntry("Default Extension", extension, contentType);
+    }
+    PackageBuilder& overrideType(const std::string& partName, const std::string& contentType) {
+        return typeEntry("Override PartName", partName, contentType);
+    }
     PackageBuilder& relationship(const std::string& id, const std::string& type,
                                  const std::string& target, const std::string& targetMode = "");
-    PackageBuilder& contentTypesXml(std::string xml);
-    PackageBuilder& relationshipsXml(std::string xml);
-    PackageBuilder& withoutContentTypes();
-    PackageBuilder& withoutRelationships();
+    // Raw texts for the two XML parts, or "(none)" to leave one out.
+    PackageBuilder& contentTypesXml(std::string xml) { return typesXml_ = std::move(xml), *this; }
+    PackageBuilder& relationshipsXml(std::string xml) { return relsXml_ = std::move(xml), *this; }
+    PackageBuilder& withoutContentTypes() { return contentTypesXml("(none)"); }
+    PackageBuilder& withoutRelationships() { return relationshipsXml("(none)"); }
 
     std::string contentTypesText() const;
     std::string relationshipsText() const;
@@ -50,14 +68,17 @@ class PackageBuilder {
     void write(const std::string& path) const { write_zip(path, items()); }
 
   private:
+    PackageBuilder& typeEntry(const std::string& key, const std::string& value,
+                         const std::string& contentType) {
+        return types_ += "<" + key + "=\"" + value + "\" ContentType=\"" + contentType + "\"/>",
+               *this;
+    }
+
     std::vector<ZipItem> parts_;
-    std::vector<std::pair<std::string, std::string>> defaults_;
-    std::vector<std::pair<std::string, std::string>> overrides_;
-    std::string relationshipElements_;
-    std::string contentTypesXml_;
-    std::string relationshipsXml_;
-    bool withContentTypes_ = true;
-    bool withRelationships_ = true;
+    std::string types_;
+    std::string relationships_;
+    std::string typesXml_;
+    std::string relsXml_;
 };
 
 // Edits a written ZIP file in place: finds headers by item name and
@@ -70,15 +91,18 @@ class ZipPatcher {
     std::size_t centralHeader(const std::string& itemName) const;
     std::size_t endRecord() const;
 
-    std::uint16_t get16(std::size_t at) const;
-    std::uint32_t get32(std::size_t at) const;
-    void put16(std::size_t at, std::uint16_t value);
-    void put32(std::size_t at, std::uint32_t value);
+    std::uint16_t get16(std::size_t at) const {
+        return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes_.at(at)) |
+                                          (static_cast<unsigned char>(bytes_.at(at + 1)) << 8));
+    }
+    std::uint32_t get32(std::size_t at) const { return get16(at) | (get16(at + 2) * 0x10000u); }
+    void put16(std::size_t at, std::uint16_t value) { bytes_.replace(at, 2, le(value, 2)); }
+    void put32(std::size_t at, std::uint32_t value) { bytes_.replace(at, 4, le(value, 4)); }
     // Sets a field in the central header and, at `localAt`, in the local one.
     void put16Both(const std::string& itemName, std::size_t centralAt, std::size_t localAt,
                    std::uint16_t value);
     std::string& bytes() { return bytes_; }
-    void save() const;
+    void save() const { write_file(path_, bytes_); }
 
   private:
     std::size_t find(std::uint32_t signature, std::size_t nameLengthAt, std::size_t nameAt,

@@ -103,6 +103,39 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     return text;
 }
 
+std::map<std::string, std::string> snapshot_tree(const std::string& root) {
+    namespace fs = std::filesystem;
+    std::map<std::string, std::string> tree;
+    if (!fs::exists(fs::symlink_status(root))) return tree;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string relative = fs::relative(entry.path(), root).string();
+        const auto status = entry.symlink_status();
+        struct stat info {};
+        ::lstat(entry.path().c_str(), &info);
+        tree[relative] =
+            fs::is_symlink(status) ? "link:" + fs::read_symlink(entry.path()).string()
+            : fs::is_directory(status)
+                ? "dir"
+                : "file:" + std::to_string(info.st_mode & 07777) + ":" + read_file(entry.path());
+    }
+    return tree;
+}
+
+std::string sample_bytes(std::size_t size, unsigned seed) {
+    static const char* const words[] = {"alpha ", "beta ", "gamma\n", "delta ", "\r\n", "epsilon "};
+    std::string out;
+    unsigned state = seed * 2654435761u + 1;
+    while (out.size() < size) {
+        state = state * 1103515245u + 12345u;
+        if ((state >> 16) % 4 == 0)
+            out += static_cast<char>(state >> 24);
+        else
+            out += words[(state >> 16) % 6];
+    }
+    out.resize(size);
+    return out;
+}
+
 std::string read_all(opc::InputStream& in, std::size_t chunk) {
     std::string bytes;
     std::vector<unsigned char> buffer(chunk);

@@ -3,6 +3,7 @@
 // Small helpers shared by the tests: temporary folders, files, locales.
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,11 @@ int open_descriptor_count();
 // `text` with its first `from` replaced by `to`; the test fails when `text`
 // holds no `from`.
 std::string replaced(std::string text, const std::string& from, const std::string& to);
+// Everything below a folder: relative path -> "dir", "link:<target>" or
+// "file:<mode>:<bytes>". Two equal snapshots mean nothing was changed.
+std::map<std::string, std::string> snapshot_tree(const std::string& root);
+// A reproducible mix of text-like and random-looking bytes.
+std::string sample_bytes(std::size_t size, unsigned seed);
 // Everything `in` still yields, read `chunk` bytes at a time.
 std::string read_all(opc::InputStream& in, std::size_t chunk = 4096);
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 
 #ifdef TSAPP_TOOL
@@ -61,19 +62,6 @@ void replaceItem(const std::string& package, const std::string& item, const std:
     ASSERT_EQ(zip_close(za), 0);
 }
 
-std::string itemOf(const std::string& package, const std::string& item) {
-    int error = 0;
-    zip_t* za = zip_open(package.c_str(), ZIP_RDONLY, &error);
-    zip_stat_t st;
-    zip_stat(za, item.c_str(), 0, &st);
-    std::string bytes(st.size, '\0');
-    zip_file_t* file = zip_fopen(za, item.c_str(), 0);
-    zip_fread(file, bytes.data(), bytes.size());
-    zip_fclose(file);
-    zip_discard(za);
-    return bytes;
-}
-
 TEST_F(TsappTool, PackedSampleChecksAndShowsItsManifest) {
     const std::string package = packSample();
     const ToolRun check = tsapp({"check", package});
@@ -102,7 +90,7 @@ TEST_F(TsappTool, PackedSampleChecksAndShowsItsManifest) {
 
 TEST_F(TsappTool, ATamperedManifestFailsTheCheckWithTheSignatureReason) {
     const std::string package = packSample();
-    std::string manifest = itemOf(package, "manifest.xml");
+    std::string manifest = zip_item(package, "manifest.xml");
     const std::size_t at = manifest.find("A small sample app");
     ASSERT_NE(at, std::string::npos);
     manifest.replace(at, 5, "A big");

@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
-#include "tsappinstall/platform/opc/XercesHelper.hpp"
 #include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 
 using opc::interfaces::OpenMode;
@@ -102,41 +98,9 @@ TEST(Package, NonAsciiItemNamesAreTheirPercentEncodedPartNames) {
                    "ignoring case");
 }
 
-TEST(Package, ReadsWhatOurWriterWrites) {
-    TempDir dir;
-    using opc::zippackage::PackageWriter;
-    PackageWriter writer(dir.file("w.zip"));
-    const std::vector<unsigned char> bytes{0, '\r', '\n', 0xFF, 'a'};
-    writer.addPart("lib/a b.bin", "application/octet-stream", bytes);
-    writer.addPart("run", "application/x-run", {'#', '!'}, PackageWriter::Compression::Stored);
-    writer.addRelationship("r1", "urn:x", "/lib/a%20b.bin");
-    writer.commit();
-
-    Opened opened(dir.file("w.zip"));
-    const auto relationships = opened.package.getRelationshipsByType(u"urn:x");
-    ASSERT_EQ(relationships.size(), 1u);
-    auto part = opened.package.getPart(PartName(relationships[0].getTargetURI()));
-    EXPECT_EQ(part.getContentType(), "application/octet-stream");
-    EXPECT_EQ(read_all(part.getInputStream()), std::string(bytes.begin(), bytes.end()));
-    EXPECT_EQ(opened.package.getPart(PartName(u"/run")).getContentType(), "application/x-run");
-}
-
-TEST(Package, PackageWithoutRelationshipsPartHasNone) {
-    TempDir dir;
-    PackageBuilder().withoutRelationships().part("a.xml", "<a/>").write(dir.file("p.zip"));
-    Opened opened(dir.file("p.zip"));
-    EXPECT_TRUE(opened.package.getRelationships().empty());
-    EXPECT_THROW(opened.package.open(OpenMode::Read), opc::Exception);
-    EXPECT_THROW(Package(opened.physical).open(static_cast<OpenMode>(1)), opc::Exception);
-}
-
 TEST(Package, RefusesInvalidAndCollidingPartNames) {
     expect_refused(PackageBuilder().withoutContentTypes().part("a.xml", "<a/>"),
                    "[Content_Types].xml\" is missing");
-    expect_refused(with_part("a b.xml"), "is not a valid part name: it holds the character ' '");
-    expect_refused(with_part("a/./b.xml"), "ends with a dot");
-    expect_refused(with_part("x%2Fy.xml"), "percent-encoded \"/\"");
-    expect_refused(with_part("%41.xml"), "unreserved");
     expect_refused(with_part("/abs.xml"), "empty segment");
     expect_refused(with_part("a.xml").part("A.XML", "y"),
                    "two items are named \"/a.xml\" ignoring case");
@@ -144,16 +108,6 @@ TEST(Package, RefusesInvalidAndCollidingPartNames) {
                    "lies above");
     expect_refused(with_part("dir/[0].piece").part("dir/[1].last.piece", "y"), "interleaved");
     expect_refused(PackageBuilder().part("[content_types].XML", "<x/>"), "twice");
-
-    // Byte-exact duplicates cannot be written through libzip: rename one.
-    TempDir dir;
-    with_part("one.xml").part("two.xml", "y").write(dir.file("p.zip"));
-    ZipPatcher z(dir.file("p.zip"));
-    for (std::size_t at = z.bytes().find("two.xml"); at != std::string::npos;
-         at = z.bytes().find("two.xml"))
-        z.bytes().replace(at, 7, "one.xml");
-    z.save();
-    EXPECT_THROW(Opened{dir.file("p.zip")}, opc::Exception);
 }
 
 TEST(Package, RefusesMissingOrMalformedContentTypes) {
@@ -175,14 +129,8 @@ TEST(Package, RefusesMissingOrMalformedContentTypes) {
     expect_refused(PackageBuilder().contentTypesXml("<Types"), "[Content_Types].xml");
 }
 
-TEST(Package, RelationshipsPartIsParsedHardened) {
+TEST(Package, RefusesMalformedRelationships) {
     const std::string ns = "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"";
-    expect_refused(PackageBuilder().relationshipsXml(
-                       "<!DOCTYPE Relationships [<!ENTITY x \"y\">]><Relationships " + ns + "/>"),
-                   "/_rels/.rels, line 1, column 10");
-    expect_refused(
-        PackageBuilder().relationshipsXml("<!DOCTYPE r SYSTEM \"http://127.0.0.1:9/x.dtd\"><r/>"),
-        "/_rels/.rels, line 1, column 10");
     expect_refused(
         PackageBuilder().relationship("r1", "urn:a", "a.xml").relationship("r1", "urn:b", "b.xml"),
         "used twice");
@@ -197,45 +145,4 @@ TEST(Package, RelationshipsPartIsParsedHardened) {
         "other than Relationship");
     expect_refused(PackageBuilder().relationshipsXml("<Relationships/>"),
                    "has no Relationships element");
-}
-
-TEST(Package, DamagedXmlPartFailsTheOpen) {
-    TempDir dir;
-    PackageBuilder().relationship("r1", "urn:a", "a.xml").write(dir.file("p.zip"));
-    ZipPatcher z(dir.file("p.zip"));
-    z.put32(z.centralHeader("_rels/.rels") + 16, 0x12345678);
-    z.save();
-    EXPECT_THROW(Opened{dir.file("p.zip")}, opc::Exception);
-}
-
-// Damaged copies of a valid package either open and read, or fail with an
-// opc::Exception; nothing else escapes and nothing crashes (run under ASan).
-TEST(Package, RandomlyDamagedPackagesFailCleanly) {
-    TempDir dir;
-    PackageBuilder()
-        .part("manifest.xml", "<m>" + std::string(300, 'x') + "</m>")
-        .part("icon.png", std::string(200, '\x89'), false)
-        .part("lib/a.xml", "<a/>")
-        .relationship("r1", "urn:m", "manifest.xml")
-        .write(dir.file("good.zip"));
-    const std::string good = read_file(dir.file("good.zip"));
-    std::mt19937 random(20261123);
-    int opened = 0;
-    for (int round = 0; round < 300; ++round) {
-        std::string bytes = good;
-        const int flips = 1 + static_cast<int>(random() % 4);
-        for (int i = 0; i < flips; ++i)
-            bytes[random() % bytes.size()] = static_cast<char>(random());
-        write_file(dir.file("bad.zip"), bytes);
-        try {
-            Opened package(dir.file("bad.zip"));
-            for (const PartName& name : package.package.getPartNames()) {
-                auto part = package.package.getPart(name);
-                read_all(part.getInputStream());
-            }
-            ++opened;
-        } catch (const opc::Exception&) {
-        }
-    }
-    EXPECT_LT(opened, 300);
 }

@@ -5,7 +5,7 @@
 #include <zlib.h>
 
 #include "platform/base/UniqueFd.hpp"
-#include "support/Deflate.hpp"
+#include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
@@ -31,97 +31,59 @@ class ChoppyStream : public opc::InputStream {
     std::size_t pos_ = 0;
 };
 
-std::uint32_t crcOf(const std::string& bytes) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
+EntryFacts factsOf(int method, const std::string& plain, const std::string& raw) {
+    const auto crc =
+        crc32(0, reinterpret_cast<const Bytef*>(plain.data()), static_cast<uInt>(plain.size()));
+    return EntryFacts{static_cast<std::uint16_t>(method), plain.size(), raw.size(),
+                      static_cast<std::uint32_t>(crc)};
 }
 
-EntryFacts deflatedFacts(const std::string& plain, const std::string& packed) {
-    return EntryFacts{8, plain.size(), packed.size(), crcOf(plain)};
-}
-
-class EntryDecoderTest : public ::testing::Test {
-  protected:
-    // Decodes into a fresh file and returns what landed in it.
-    std::string decode(EntryDecoder& decoder, const EntryFacts& facts, const std::string& raw) {
-        const std::string path = dir.file("out" + std::to_string(++count));
-        opc::detail::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        ChoppyStream stream(raw);
-        decoder.decodeTo(facts, stream, fd.get(), "x.bin");
-        return read_file(path);
-    }
-    std::string decodeError(EntryDecoder& decoder, const EntryFacts& facts,
-                            const std::string& raw) {
-        try {
-            decode(decoder, facts, raw);
-        } catch (const opc::Exception& e) {
-            return e.what();
-        }
-        return "no error";
-    }
-
+// What decoding `raw` into a fresh file gives: its bytes, or the error.
+std::string decode(EntryDecoder& decoder, const EntryFacts& facts, const std::string& raw) {
     TempDir dir;
-    int count = 0;
-};
-
-TEST_F(EntryDecoderTest, StoredAndDeflatedEntriesComeOutByteForByte) {
-    const std::string plain = std::string("\x00\r\n\r\x0a", 5) + sample_bytes(300000, 1);
-    EntryDecoder whole;
-    EntryDecoder streaming(/*wholeEntryLimit=*/1000);
-    EXPECT_EQ(decode(whole, EntryFacts{0, plain.size(), plain.size(), crcOf(plain)}, plain), plain);
-    const std::string packed = raw_deflate(plain);
-    EXPECT_EQ(decode(whole, deflatedFacts(plain, packed), packed), plain);
-    EXPECT_EQ(decode(streaming, deflatedFacts(plain, packed), packed), plain);
-    // The same decoder serves the next entry with its reused buffers.
-    const std::string small = "tiny";
-    EXPECT_EQ(decode(whole, deflatedFacts(small, raw_deflate(small)), raw_deflate(small)), small);
-    EXPECT_EQ(decode(whole, deflatedFacts("", raw_deflate("")), raw_deflate("")), "");
-}
-
-TEST_F(EntryDecoderTest, CorruptOrMisdeclaredDataIsRefusedOnBothPaths) {
-    const std::string plain = sample_bytes(50000, 2);
-    const std::string packed = raw_deflate(plain);
-    for (std::uint64_t limit : {std::uint64_t{1} << 20, std::uint64_t{100}}) {
-        SCOPED_TRACE(limit);
-        EntryDecoder decoder(limit);
-        EntryFacts facts = deflatedFacts(plain, packed);
-        facts.crc32 ^= 1;
-        EXPECT_EQ(decodeError(decoder, facts, packed),
-                  "cannot extract \"x.bin\": CRC-32 mismatch, the data is corrupt");
-
-        facts = deflatedFacts(plain, packed);
-        facts.size -= 1;  // a bomb declares less than it holds
-        EXPECT_EQ(
-            decodeError(decoder, facts, packed),
-            "cannot extract \"x.bin\": the data decodes to more bytes than the archive declares");
-
-        facts = deflatedFacts(plain, packed);
-        facts.size += 1;
-        EXPECT_EQ(
-            decodeError(decoder, facts, packed),
-            "cannot extract \"x.bin\": the data decodes to fewer bytes than the archive declares");
-
-        std::string broken = packed;
-        broken[broken.size() / 2] ^= 0x55;
-        EXPECT_NE(decodeError(decoder, deflatedFacts(plain, broken), broken), "no error");
-
-        facts = deflatedFacts(plain, packed);
-        EXPECT_EQ(decodeError(decoder, facts, packed.substr(0, packed.size() - 10)),
-                  "cannot extract \"x.bin\": the archive ends inside the entry's data");
+    opc::detail::UniqueFd fd(::open(dir.file("out").c_str(), O_WRONLY | O_CREAT, 0644));
+    ChoppyStream stream(raw);
+    try {
+        decoder.decodeTo(facts, stream, fd.get(), "x.bin");
+    } catch (const opc::Exception& e) {
+        return e.what();
     }
-}
-
-TEST_F(EntryDecoderTest, StoredEntriesAreCheckedToo) {
-    EntryDecoder decoder;
-    const std::string plain = "stored bytes";
-    EXPECT_EQ(
-        decodeError(decoder, EntryFacts{0, plain.size(), plain.size(), crcOf(plain) + 1}, plain),
-        "cannot extract \"x.bin\": CRC-32 mismatch, the data is corrupt");
-    EXPECT_EQ(
-        decodeError(decoder, EntryFacts{0, plain.size(), plain.size() + 1, crcOf(plain)}, plain),
-        "cannot extract \"x.bin\": stored entry with two different sizes");
-    EXPECT_EQ(decodeError(decoder, EntryFacts{12, plain.size(), plain.size(), crcOf(plain)}, plain),
-              "cannot extract \"x.bin\": compression method 12 is not supported");
+    return read_file(dir.file("out"));
 }
 
 }  // namespace
+
+// Whole entries and entries streamed past the limit, one decoder reused.
+TEST(EntryDecoder, EntriesComeOutByteForByteOrWithTheirFault) {
+    const std::string plain = std::string("\x00\r\n\r\x0a", 5) + sample_bytes(300000, 1);
+    const std::string packed = raw_deflate(plain);
+    std::string broken = packed;
+    broken[broken.size() / 2] ^= 0x55;
+    const std::string cannot = "cannot extract \"x.bin\": ";
+    for (std::uint64_t limit : {std::uint64_t{1} << 20, std::uint64_t{1000}}) {
+        SCOPED_TRACE(limit);
+        EntryDecoder decoder(limit);
+        EXPECT_TRUE(decode(decoder, factsOf(0, plain, plain), plain) == plain);
+        EXPECT_TRUE(decode(decoder, factsOf(8, plain, packed), packed) == plain);
+        EXPECT_EQ(decode(decoder, factsOf(8, "", raw_deflate("")), raw_deflate("")), "");
+        EntryFacts facts = factsOf(8, plain, packed);
+        facts.crc32 ^= 1;
+        EXPECT_EQ(decode(decoder, facts, packed), cannot + "CRC-32 mismatch, the data is corrupt");
+        facts = factsOf(8, plain, packed);
+        facts.size -= 1;  // a bomb declares less than it holds
+        EXPECT_EQ(decode(decoder, facts, packed),
+                  cannot + "the data decodes to more bytes than the archive declares");
+        facts.size += 2;
+        EXPECT_EQ(decode(decoder, facts, packed),
+                  cannot + "the data decodes to fewer bytes than the archive declares");
+        EXPECT_EQ(decode(decoder, factsOf(8, plain, packed), packed.substr(0, packed.size() - 10)),
+                  cannot + "the archive ends inside the entry's data");
+        EXPECT_EQ(decode(decoder, factsOf(8, plain, broken), broken).rfind(cannot, 0), 0u);
+        facts = factsOf(0, "stored", "stored");
+        facts.compressedSize += 1;
+        EXPECT_EQ(decode(decoder, facts, "stored"),
+                  cannot + "stored entry with two different sizes");
+        EXPECT_EQ(decode(decoder, factsOf(12, "stored", "stored"), "stored"),
+                  cannot + "compression method 12 is not supported");
+    }
+}
