@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-#include "platform/extract/ExtractionPaths.hpp"
 #include "platform/zip/EntryDecoder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -13,7 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using opc::detail::FileSegments;
-using opc::detail::fileSegmentsFor;
 using opc::detail::StagedExtraction;
 using namespace tsapp::test;
 
@@ -31,16 +29,6 @@ std::string errorOf(const std::function<void()>& action) {
         return e.what();
     }
     return "no error";
-}
-
-TEST(ExtractionPaths, PartNamesBecomeDecodedSegments) {
-    EXPECT_EQ(fileSegmentsFor("/a%20b/%C3%A4.txt", true), (FileSegments{"a b", "\xC3\xA4.txt"}));
-    EXPECT_EQ(fileSegmentsFor("/a%20b/x", false), (FileSegments{"a%20b", "x"}));
-    EXPECT_EQ(fileSegmentsFor("/_rels/.rels", true), (FileSegments{"_rels", ".rels"}));
-    // What part names never hold still fails here rather than escaping.
-    for (const char* hostile : {"/a/%2F/b", "/%00", "/%2E%2E/x", "/a/../b", "/a//b", "/%zz"}) {
-        EXPECT_THROW(fileSegmentsFor(hostile, true), opc::Exception) << hostile;
-    }
 }
 
 class StagedExtractionTest : public ::testing::Test {
