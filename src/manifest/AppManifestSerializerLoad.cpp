@@ -3,7 +3,10 @@
 
 #include <boost/lexical_cast.hpp>
 
+#include <algorithm>
 #include <fstream>
+#include <optional>
+#include <typeinfo>
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
@@ -12,7 +15,9 @@
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
 using namespace xercesc;
+using boost::posix_time::ptime;
 using opc::model::XercesHelper;
+using opc::model::XercesPtr;
 using opc::model::XercesString;
 namespace ids = tsapp_builtins::tsapp_builtins;
 
@@ -41,6 +46,70 @@ DOMDocument* parse(DOMLSParser* parser, opc::InputStream& stream) {
     }
 }
 
+// The text as ASCII bytes, or nothing when it holds any other code unit: a
+// GUID or seal that is not ASCII cannot be right, and a count in other
+// digits is no number, so none of them may narrow to other bytes.
+std::optional<std::string> asciiText(const std::u16string& text) {
+    if (std::any_of(text.begin(), text.end(), [](char16_t c) { return c > 0x7F; }))
+        return std::nullopt;
+    return opc::toASCIIString(text);
+}
+
+std::uint64_t fileCount(const std::u16string& text) {
+    const std::optional<std::string> ascii = asciiText(text);
+    if (!ascii)
+        boost::throw_exception(
+            boost::bad_lexical_cast(typeid(std::u16string), typeid(std::uint64_t)));
+    return boost::lexical_cast<std::uint64_t>(*ascii);
+}
+
+// Takes out the empty text nodes of elements written with an empty value:
+// earlier releases built them without a child and sealed them as <x/>.
+void dropEmptyTexts(DOMNode* node) {
+    DOMNode* child = node->getFirstChild();
+    while (child != nullptr) {
+        DOMNode* next = child->getNextSibling();
+        if (child->getNodeType() == DOMNode::TEXT_NODE && *child->getNodeValue() == 0)
+            node->removeChild(child)->release();
+        else
+            dropEmptyTexts(child);
+        child = next;
+    }
+}
+
+// The document's seal is over its canonical text or, from earlier releases,
+// over that text with the empty elements written <x/>; nothing else.
+bool sealedInEitherForm(AppManifestSerializer& serializer, const std::string& key,
+                        DOMDocument* document, const std::string& signature) {
+    if (serializer.verifyDocument(key, document, signature)) return true;
+    dropEmptyTexts(document);
+    return serializer.verifyDocument(key, document, signature);
+}
+
+// True when mktime would not map the local creation time back to the
+// document's instant: a wall-clock time of the hour that repeats when
+// daylight-saving time ends, which mktime may place in the other pass.
+bool localTimeIsAmbiguous(const ptime& local, const ptime& utc) {
+    if (utc.is_special()) return false;
+    const ptime whole(utc.date(), boost::posix_time::seconds(utc.time_of_day().total_seconds()));
+    return convertLocalTimeToUTC(local) != whole;
+}
+
+// When the local creation time is ambiguous, the record cannot say which
+// instant was sealed; the document can, so its own UTC time is tried in the
+// canonical text. That text then states exactly what the document says.
+bool sealMatches(AppManifestSerializer& serializer, DOMDocument* rebuilt,
+                 const AppManifest& manifest, const ptime& created, const std::string& signature) {
+    if (sealedInEitherForm(serializer, manifest.GUID, rebuilt, signature)) return true;
+    if (!localTimeIsAmbiguous(manifest.created, created)) return false;
+    const XercesPtr<DOMDocument> stated(serializer.createDOMDocument(manifest));
+    XercesHelper::setElementText(
+        XercesHelper::getElement(stated->getDocumentElement(),
+                                 XercesString(AppManifestSerializer::CREATED_ELEMENT)),
+        opc::convertTimeToString(created));
+    return sealedInEitherForm(serializer, manifest.GUID, stated.get(), signature);
+}
+
 }  // namespace
 
 std::u16string AppManifestSerializer::getElementValueByTagName(const DOMElement* element,
@@ -63,7 +132,6 @@ std::vector<std::u16string> AppManifestSerializer::getElementValueListByTagName(
 }
 
 void AppManifestSerializer::readTexts(const DOMElement* root, AppManifest& manifest) {
-    manifest.GUID = opc::toASCIIString(getElementValueByTagName(root, guidElement_));
     manifest.entryPoint = getElementValueByTagName(root, entryPointElement_);
     manifest.name = getElementValueByTagName(root, nameElement_);
     manifest.version = getElementValueByTagName(root, versionElement_);
@@ -101,24 +169,25 @@ void AppManifestSerializer::load(opc::InputStream& stream, AppManifest& manifest
     const DocumentPoolReset poolReset(parser_.get());
     const DOMElement* root = parse(parser_.get(), stream)->getDocumentElement();
 
+    const std::optional<std::string> guid = asciiText(getElementValueByTagName(root, guidElement_));
+    manifest.GUID = guid.value_or(std::string());
     readTexts(root, manifest);
     readAuthor(root, manifest);
     manifest.supportedPlatforms = getElementValueListByTagName(root, platformElement_);
     readProducts(root, manifest);
     manifest.pathEntries = getElementValueListByTagName(root, pathElement_);
     manifest.appEntries = getElementValueListByTagName(root, appFileElement_);
-    manifest.numFiles = boost::lexical_cast<std::uint64_t>(
-        opc::toASCIIString(getElementValueByTagName(root, numFilesElement_)));
-    manifest.created = convertUTCToLocalTime(
-        opc::convertStringToTime(getElementValueByTagName(root, createdElement_)));
+    manifest.numFiles = fileCount(getElementValueByTagName(root, numFilesElement_));
+    const ptime created = opc::convertStringToTime(getElementValueByTagName(root, createdElement_));
+    manifest.created = convertUTCToLocalTime(created);
     const std::string signature =
-        opc::toASCIIString(XercesString(root->getAttribute(signatureAttribute_)));
+        asciiText(XercesString(root->getAttribute(signatureAttribute_))).value_or(std::string());
 
     // The seal is checked against the record as read, never the file's bytes.
-    const opc::model::XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
-    if (signature.empty() || !verifyDocument(manifest.GUID, rebuilt.get(), signature)) {
+    const XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
+    if (!guid || signature.empty() ||
+        !sealMatches(*this, rebuilt.get(), manifest, created, signature))
         ids::raise(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
-    }
 }
 
 // A file that does not open reads as an empty stream and fails as a

@@ -13,15 +13,15 @@ const std::string kEmptyRecordText =
     "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n"
     "<appProperties xmlns=\"http://schemas.corvane.com/tessal/app/2012/appProperties\">\n"
     "\n"
-    "  <entryPoint/>\n"
+    "  <entryPoint></entryPoint>\n"
     "\n"
-    "  <name/>\n"
+    "  <name></name>\n"
     "\n"
-    "  <version/>\n"
+    "  <version></version>\n"
     "\n"
-    "  <createdByTESSALRelease/>\n"
+    "  <createdByTESSALRelease></createdByTESSALRelease>\n"
     "\n"
-    "  <GUID/>\n"
+    "  <GUID></GUID>\n"
     "\n"
     "  <supportedPlatforms/>\n"
     "\n"
@@ -29,7 +29,7 @@ const std::string kEmptyRecordText =
     "\n"
     "  <numFiles>0</numFiles>\n"
     "\n"
-    "  <created/>\n"
+    "  <created></created>\n"
     "\n"
     "</appProperties>\n";
 
@@ -128,9 +128,9 @@ TEST(ManifestDocument, AuthorBlockStandsOrFallsWithTheName) {
     EXPECT_FALSE(contains(contactOnly, "<author")) << contactOnly;
 
     const std::string nameOnly = textOf([](AppManifest& m) { m.authorName = u"n"; });
-    EXPECT_TRUE(contains(
-        nameOnly,
-        "  <author>\n    <name>n</name>\n    <contact/>\n    <organization/>\n  </author>\n"))
+    EXPECT_TRUE(contains(nameOnly,
+                         "  <author>\n    <name>n</name>\n    <contact></contact>\n    "
+                         "<organization></organization>\n  </author>\n"))
         << nameOnly;
 }
 
@@ -152,11 +152,12 @@ TEST(ManifestDocument, ListEntriesAreWrittenEvenWhenEmpty) {
         m.appEntries = {u"", u"x"};
         m.requiredProducts = {RequiredProduct()};
     });
-    EXPECT_TRUE(
-        contains(text, "  <supportedPlatforms>\n    <platform/>\n  </supportedPlatforms>\n"));
-    EXPECT_TRUE(contains(text, "  <pathEntries>\n    <path/>\n  </pathEntries>\n"));
     EXPECT_TRUE(contains(
-        text, "  <appEntries>\n    <appFile/>\n    <appFile>x</appFile>\n  </appEntries>\n"));
+        text, "  <supportedPlatforms>\n    <platform></platform>\n  </supportedPlatforms>\n"));
+    EXPECT_TRUE(contains(text, "  <pathEntries>\n    <path></path>\n  </pathEntries>\n"));
+    EXPECT_TRUE(contains(
+        text,
+        "  <appEntries>\n    <appFile></appFile>\n    <appFile>x</appFile>\n  </appEntries>\n"));
     EXPECT_TRUE(contains(text, "<product identifier=\"\" name=\"\" version=\"\"/>"));
 }
 
@@ -199,5 +200,4 @@ TEST(ManifestDocument, AppendChildElementHonoursOmitIfEmpty) {
     serializer.appendChildElement(root, ns, name, u"", false);
     serializer.appendChildElementList(root, ns, name, {});
     EXPECT_EQ(root->getChildElementCount(), 1u);
-    EXPECT_EQ(root->getFirstElementChild()->getFirstChild(), nullptr);
 }
