@@ -8,6 +8,7 @@
 #include <optional>
 #include <typeinfo>
 
+#include "manifest/SealCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -61,53 +62,6 @@ std::uint64_t fileCount(const std::u16string& text) {
         boost::throw_exception(
             boost::bad_lexical_cast(typeid(std::u16string), typeid(std::uint64_t)));
     return boost::lexical_cast<std::uint64_t>(*ascii);
-}
-
-// Takes out the empty text nodes of elements written with an empty value:
-// earlier releases built them without a child and sealed them as <x/>.
-void dropEmptyTexts(DOMNode* node) {
-    DOMNode* child = node->getFirstChild();
-    while (child != nullptr) {
-        DOMNode* next = child->getNextSibling();
-        if (child->getNodeType() == DOMNode::TEXT_NODE && *child->getNodeValue() == 0)
-            node->removeChild(child)->release();
-        else
-            dropEmptyTexts(child);
-        child = next;
-    }
-}
-
-// The document's seal is over its canonical text or, from earlier releases,
-// over that text with the empty elements written <x/>; nothing else.
-bool sealedInEitherForm(AppManifestSerializer& serializer, const std::string& key,
-                        DOMDocument* document, const std::string& signature) {
-    if (serializer.verifyDocument(key, document, signature)) return true;
-    dropEmptyTexts(document);
-    return serializer.verifyDocument(key, document, signature);
-}
-
-// True when mktime would not map the local creation time back to the
-// document's instant: a wall-clock time of the hour that repeats when
-// daylight-saving time ends, which mktime may place in the other pass.
-bool localTimeIsAmbiguous(const ptime& local, const ptime& utc) {
-    if (utc.is_special()) return false;
-    const ptime whole(utc.date(), boost::posix_time::seconds(utc.time_of_day().total_seconds()));
-    return convertLocalTimeToUTC(local) != whole;
-}
-
-// When the local creation time is ambiguous, the record cannot say which
-// instant was sealed; the document can, so its own UTC time is tried in the
-// canonical text. That text then states exactly what the document says.
-bool sealMatches(AppManifestSerializer& serializer, DOMDocument* rebuilt,
-                 const AppManifest& manifest, const ptime& created, const std::string& signature) {
-    if (sealedInEitherForm(serializer, manifest.GUID, rebuilt, signature)) return true;
-    if (!localTimeIsAmbiguous(manifest.created, created)) return false;
-    const XercesPtr<DOMDocument> stated(serializer.createDOMDocument(manifest));
-    XercesHelper::setElementText(
-        XercesHelper::getElement(stated->getDocumentElement(),
-                                 XercesString(AppManifestSerializer::CREATED_ELEMENT)),
-        opc::convertTimeToString(created));
-    return sealedInEitherForm(serializer, manifest.GUID, stated.get(), signature);
 }
 
 }  // namespace
@@ -186,7 +140,7 @@ void AppManifestSerializer::load(opc::InputStream& stream, AppManifest& manifest
     // The seal is checked against the record as read, never the file's bytes.
     const XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
     if (!guid || signature.empty() ||
-        !sealMatches(*this, rebuilt.get(), manifest, created, signature))
+        !manifest_seal::sealMatches(*this, rebuilt.get(), manifest, created, signature))
         ids::raise(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
 }
 
