@@ -3,10 +3,14 @@
 
 #include <boost/lexical_cast.hpp>
 
+#include <algorithm>
 #include <fstream>
+#include <optional>
+#include <typeinfo>
 #include <utility>
 
 #include "manifest/ManifestFailure.hpp"
+#include "manifest/SealCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -14,7 +18,9 @@
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
 using namespace xercesc;
+using boost::posix_time::ptime;
 using opc::model::XercesHelper;
+using opc::model::XercesPtr;
 using opc::model::XercesString;
 namespace ids = tsapp_builtins::tsapp_builtins;
 using tsappinstall::ManifestFault;
@@ -45,6 +51,23 @@ DOMDocument* parse(DOMLSParser* parser, opc::InputStream& stream) {
     } catch (...) {
         fail(ManifestFault::Unreadable, ids::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
     }
+}
+
+// The text as ASCII bytes, or nothing when it holds any other code unit: a
+// GUID or seal that is not ASCII cannot be right, and a count in other
+// digits is no number, so none of them may narrow to other bytes.
+std::optional<std::string> asciiText(const std::u16string& text) {
+    if (std::any_of(text.begin(), text.end(), [](char16_t c) { return c > 0x7F; }))
+        return std::nullopt;
+    return opc::toASCIIString(text);
+}
+
+std::uint64_t fileCount(const std::u16string& text) {
+    const std::optional<std::string> ascii = asciiText(text);
+    if (!ascii)
+        boost::throw_exception(
+            boost::bad_lexical_cast(typeid(std::u16string), typeid(std::uint64_t)));
+    return boost::lexical_cast<std::uint64_t>(*ascii);
 }
 
 }  // namespace
@@ -80,7 +103,6 @@ void AppManifestSerializer::readTexts(const DOMElement* root, AppManifest& manif
         {&AppManifest::description, &S::descriptionElement_},
         {&AppManifest::minTESSALVer, &S::minTessalVerElement_},
         {&AppManifest::maxTESSALVer, &S::maxTessalVerElement_}};
-    manifest.GUID = opc::toASCIIString(getElementValueByTagName(root, guidElement_));
     for (const auto& [field, element] : kTexts)
         manifest.*field = getElementValueByTagName(root, this->*element);
 }
@@ -111,22 +133,24 @@ void AppManifestSerializer::read(opc::InputStream& stream, AppManifest& manifest
     const DocumentPoolReset poolReset(parser_.get());
     const DOMElement* root = parse(parser_.get(), stream)->getDocumentElement();
 
+    const std::optional<std::string> guid = asciiText(getElementValueByTagName(root, guidElement_));
+    manifest.GUID = guid.value_or(std::string());
     readTexts(root, manifest);
     readAuthor(root, manifest);
     manifest.supportedPlatforms = getElementValueListByTagName(root, platformElement_);
     readProducts(root, manifest);
     manifest.pathEntries = getElementValueListByTagName(root, pathElement_);
     manifest.appEntries = getElementValueListByTagName(root, appFileElement_);
-    manifest.numFiles = boost::lexical_cast<std::uint64_t>(
-        opc::toASCIIString(getElementValueByTagName(root, numFilesElement_)));
-    manifest.created = convertUTCToLocalTime(
-        opc::convertStringToTime(getElementValueByTagName(root, createdElement_)));
+    manifest.numFiles = fileCount(getElementValueByTagName(root, numFilesElement_));
+    const ptime created = opc::convertStringToTime(getElementValueByTagName(root, createdElement_));
+    manifest.created = convertUTCToLocalTime(created);
     const std::string signature =
-        opc::toASCIIString(XercesString(root->getAttribute(signatureAttribute_)));
+        asciiText(XercesString(root->getAttribute(signatureAttribute_))).value_or(std::string());
 
     // The seal is checked against the record as read, never the file's bytes.
-    const opc::model::XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
-    if (signature.empty() || !verifyDocument(manifest.GUID, rebuilt.get(), signature)) {
+    const XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
+    if (!guid || signature.empty() ||
+        !manifest_seal::sealMatches(*this, rebuilt.get(), manifest, created, signature)) {
         fail(ManifestFault::BadSignature,
              ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
     }

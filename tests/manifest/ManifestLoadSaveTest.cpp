@@ -54,7 +54,7 @@ TEST_F(ManifestLoadSave, SavedRecordCarriesItsSealAndLoadsBackEqualSaveTheFracti
     AppManifest undated = fullRecord();
     undated.created = boost::posix_time::ptime();
     EXPECT_TRUE(
-        loaded(replaced(signed_manifest(undated), "<created/>", "")).created.is_not_a_date_time());
+        loaded(replaced(signed_manifest(undated), "<created></created>", "")).created.is_not_a_date_time());
 }
 
 TEST_F(ManifestLoadSave, AnyChangeToWhatTheSealCoversFailsValidationButLayoutDoesNot) {
@@ -66,6 +66,8 @@ TEST_F(ManifestLoadSave, AnyChangeToWhatTheSealCoversFailsValidationButLayoutDoe
         {replaced(text, seal, " signature=\"\""), validation},
         {replaced(text, "<summary>Short<", "<summary>Short.<"), validation},
         {replaced(text, "<GUID>{3F", "<GUID>{3E"), validation},
+        {replaced(text, "<GUID>{", "<GUID>\xc3\xa9{"), validation},
+        {replaced(text, "signature=\"", "signature=\"\xc3\xa9"), validation},
         {replaced(text, "</requiredProducts>",
                   "<product identifier=\"x\" name=\"\" version=\"\"/></requiredProducts>"),
          validation},

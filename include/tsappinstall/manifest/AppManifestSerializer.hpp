@@ -64,14 +64,16 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
 
     // Reading. Validates against the cached grammar, fills `manifest` field
     // by field (the creation time moved to local time) and checks the seal
-    // against the document rebuilt from the record, never the file's bytes.
+    // against the document rebuilt from the record, never the file's bytes
+    // (also in the empty-element form of earlier releases, and with the
+    // document's own UTC time when the local creation time is ambiguous).
     // Raises std::runtime_error with the catalog text of XML_READ_ERROR (not
     // well formed or not valid; the parser's description as argument),
     // XML_READ_INTERNAL_ERROR (the stream failed) or
-    // GET_APP_PROPERTIES_ERROR_VALIDATION (seal missing or wrong). Passes on
-    // boost::bad_lexical_cast for a numFiles that is not an unsigned decimal,
-    // opc::Exception for a non-ASCII GUID, numFiles or signature, and the
-    // time conversions' errors. Fields read before a failure keep their new
+    // GET_APP_PROPERTIES_ERROR_VALIDATION (seal missing or wrong, or a
+    // non-ASCII GUID or seal). Passes on boost::bad_lexical_cast for a
+    // numFiles that is not an unsigned ASCII decimal, and the time
+    // conversions' errors. Fields read before a failure keep their new
     // values. A path that does not open reads as an empty document.
     void load(opc::InputStream& stream, AppManifest& manifest);
     void load(const std::u16string& path, AppManifest& manifest);

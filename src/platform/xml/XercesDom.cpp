@@ -83,13 +83,11 @@ DOMElement* XercesHelper::appendElementNS(DOMElement* parent, const XercesString
     return element;
 }
 
-// An empty text leaves the element without children, so that it is written
-// as an empty-element tag rather than as a start and an end tag around an
-// empty text node.
+// setTextContent keeps an empty text as an empty text node, so the element
+// is written <x></x>: the form every writer built on that DOM call produces,
+// which a signed manifest's canonical text must reproduce byte for byte.
 void XercesHelper::setElementText(DOMElement* element, const std::u16string& text) {
-    while (DOMNode* child = element->getFirstChild()) element->removeChild(child)->release();
-    if (!text.empty())
-        element->appendChild(element->getOwnerDocument()->createTextNode(text.c_str()));
+    element->setTextContent(text.c_str());
 }
 
 void XercesHelper::setElementAttribute(DOMElement* element, const XercesString& name,

@@ -89,8 +89,9 @@ class TSAPP_API XercesHelper {
                                                 const XercesString& ns, const XercesString& name);
     static xercesc::DOMElement* appendElementNS(xercesc::DOMElement* parent, const XercesString& ns,
                                                 const XercesString& name);
-    // Replaces the element's children with the text; an empty text leaves no
-    // child at all, so the element is written as "<name/>".
+    // Replaces the element's children with the text, as setTextContent does:
+    // an empty text stays an empty text node, so the element is written
+    // "<name></name>".
     static void setElementText(xercesc::DOMElement* element, const std::u16string& text);
     static void setElementAttribute(xercesc::DOMElement* element, const XercesString& name,
                                     const std::u16string& value);
