@@ -9,8 +9,10 @@
 #include <regex>
 #include <tuple>
 
-#include "facade/GetAppInfoTestSupport.hpp"
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/facade/Tsappinstall.hpp"
 
 using namespace tsapp::test;
 using boost::posix_time::time_from_string;
@@ -93,7 +95,7 @@ TEST(ManifestSeal, PlainXercesManifestIsCanonicalAndVerifiesEverywhere) {
     EXPECT_TRUE(same_record(record, fixtureRecord("2013-10-27 02:30:00")));
     TempDir dir;
     app_package_with(manifest).write(dir.file("app.tsappinstall"));
-    EXPECT_EQ(Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name, u"Hello");
+    EXPECT_EQ(Corvane::addons::apps::Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name, u"Hello");
 #ifdef TSAPP_TOOL
     const std::string check =
         std::string("'") + TSAPP_TOOL + "' check '" + dir.file("app.tsappinstall") + "' >/dev/null";
