@@ -65,19 +65,19 @@ _tsapp_complete_argument() {
     case $name in
         PKG* | PACKAGE*)
             compopt -o filenames 2>/dev/null
-            COMPREPLY=($(compgen -d -- "$cur") $(compgen -f -X '!*.tsappinstall' -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur"; compgen -f -X '!*.tsappinstall' -- "$cur")
             ;;
         DIR* | SRC* | DEST* | FOLDER*)
             compopt -o filenames 2>/dev/null
-            COMPREPLY=($(compgen -d -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur")
             ;;
         CMD* | COMMAND*)
             _tsapp_lookup "$tool" =
-            COMPREPLY=($(compgen -W "$_tsapp_reply" -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -W "$_tsapp_reply" -- "$cur")
             ;;
         OUT* | FILE* | PATH*)
             compopt -o filenames 2>/dev/null
-            COMPREPLY=($(compgen -f -- "$cur"))
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             ;;
     esac
 }
@@ -94,7 +94,7 @@ _tsapp() {
     COMPREPLY=()
     if [[ -z $command && $cur != -* ]]; then
         _tsapp_lookup "$tool" =
-        COMPREPLY=($(compgen -W "$_tsapp_reply" -- "$cur"))
+        mapfile -t COMPREPLY < <(compgen -W "$_tsapp_reply" -- "$cur")
         return
     fi
 
@@ -102,13 +102,13 @@ _tsapp() {
     _tsapp_lookup "$tool" "$command"
     { read -r opts; read -r valued; read -r args; read -r numeric; } <<<"$_tsapp_reply"
     if [[ $cur == -* ]]; then
-        COMPREPLY=($(compgen -W "$opts" -- "$cur"))
+        mapfile -t COMPREPLY < <(compgen -W "$opts" -- "$cur")
         return
     fi
     if [[ " $valued " == *" $prev "* ]]; then
         [[ " $numeric " == *" $prev "* ]] && return
         compopt -o filenames 2>/dev/null
-        COMPREPLY=($(compgen -f -- "$cur"))
+        mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         return
     fi
 
@@ -122,12 +122,15 @@ _tsapp() {
             ((position++))
         fi
     done
-    local -a names=($args)
+    local -a names
+    read -ra names <<<"$args"
     local name=${names[position]}
-    if [[ -z $name && ${names[-1]:-} == *... ]]; then
+    if [[ -z $name && ${#names[@]} -gt 0 && ${names[-1]} == *... ]]; then
         name=${names[-1]}
     fi
-    [[ -n $name ]] && _tsapp_complete_argument "$name" "$cur" "$tool"
+    if [[ -n $name ]]; then
+        _tsapp_complete_argument "$name" "$cur" "$tool"
+    fi
 }
 
 complete -F _tsapp tsapp
