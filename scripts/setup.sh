@@ -13,6 +13,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   python3 locales tzdata
   libarchive-tools time
+  dpkg-dev file lintian help2man man-db
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: once plain (warnings as errors), once
-# under AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency
-# tests once more under ThreadSanitizer.
+# Sets up, builds and runs every test: once plain (warnings as errors), then
+# the Debian packages (scripts/packaging-test.sh), once under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency tests
+# once more under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,6 +19,8 @@ run_suite() {
 
 echo "== plain build =="
 run_suite build ""
+echo "== Debian packages =="
+bash scripts/packaging-test.sh
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan "" -DTSAPP_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

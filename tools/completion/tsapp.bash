@@ -1,0 +1,136 @@
+# bash completion for tsapp                                -*- shell-script -*-
+#
+# Commands, options and what each argument is are read from `tsapp --help`
+# and `tsapp CMD --help` the first time a shell needs them, so a new command
+# or option completes without a change here. The list below is used only
+# when the help text cannot be read (tsapp missing or not runnable).
+_tsapp_fallback_commands="info check icon screenshot part extract pack"
+
+# The command names: the first word of each line of the section whose
+# heading ends in "commands:" ("name, alias" counts as two names).
+_tsapp_read_commands() {
+    "$1" --help 2>/dev/null | awk '
+        /^[^ ].*[Cc]ommands?:$/ { inside = 1; next }
+        /^[^ ]/ { inside = 0 }
+        inside && /^  +[a-z]/ {
+            sub(/^ +/, ""); sub(/  .*/, ""); gsub(/,/, " "); print
+        }'
+}
+
+# Four lines about one command (the tool itself when $2 is empty): its
+# option names, the options that take a value, its argument names from the
+# usage line ("PKG..." repeats) and the options whose value is a number.
+_tsapp_read_command() {
+    "$1" ${2:+"$2"} --help 2>/dev/null | awk '
+        /^Usage:/ {
+            for (i = 1; i <= NF; i++) {
+                w = $i; gsub(/[][]/, "", w)
+                if (w ~ /^[A-Z][A-Z_]*(\.\.\.)?$/ && w != "OPTIONS") args = args " " w
+            }
+        }
+        /^ +-/ {
+            sub(/^ +/, ""); sub(/  .*/, "")
+            n = split($1, names, ",")
+            for (i = 1; i <= n; i++) opts = opts " " names[i]
+            if ($2 ~ /^[A-Z]+$/ && $2 !~ /INT|NUM|FLOAT/)
+                for (i = 1; i <= n; i++) valued = valued " " names[i]
+            else if ($2 ~ /^[A-Z]+$/)
+                for (i = 1; i <= n; i++) numeric = numeric " " names[i]
+        }
+        END { print opts; print valued numeric; print args; print numeric }'
+}
+
+declare -gA _tsapp_cache
+_tsapp_reply=""
+
+# Sets _tsapp_reply to what is known about $2: a command, "" for the tool's
+# own options, "=" for the command names. Runs in the completing shell, not
+# in a subshell, so that the cache lasts.
+_tsapp_lookup() {
+    local key="$1 $2"
+    if [[ -z ${_tsapp_cache[$key]+set} ]]; then
+        if [[ $2 == = ]]; then
+            _tsapp_cache[$key]=$(_tsapp_read_commands "$1")
+            [[ -n ${_tsapp_cache[$key]} ]] || _tsapp_cache[$key]=$_tsapp_fallback_commands
+        else
+            _tsapp_cache[$key]=$(_tsapp_read_command "$1" "$2")
+        fi
+    fi
+    _tsapp_reply=${_tsapp_cache[$key]}
+}
+
+# Fills COMPREPLY for an argument named $1 (from the usage line).
+_tsapp_complete_argument() {
+    local name=$1 cur=$2 tool=$3
+    case $name in
+        PKG* | PACKAGE*)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur"; compgen -f -X '!*.tsappinstall' -- "$cur")
+            ;;
+        DIR* | SRC* | DEST* | FOLDER*)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+            ;;
+        CMD* | COMMAND*)
+            _tsapp_lookup "$tool" =
+            mapfile -t COMPREPLY < <(compgen -W "$_tsapp_reply" -- "$cur")
+            ;;
+        OUT* | FILE* | PATH*)
+            compopt -o filenames 2>/dev/null
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            ;;
+    esac
+}
+
+_tsapp() {
+    local tool=${COMP_WORDS[0]} cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local i command="" at=0
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        if [[ ${COMP_WORDS[i]} != -* ]]; then
+            command=${COMP_WORDS[i]} at=$i
+            break
+        fi
+    done
+    COMPREPLY=()
+    if [[ -z $command && $cur != -* ]]; then
+        _tsapp_lookup "$tool" =
+        mapfile -t COMPREPLY < <(compgen -W "$_tsapp_reply" -- "$cur")
+        return
+    fi
+
+    local opts valued args numeric
+    _tsapp_lookup "$tool" "$command"
+    { read -r opts; read -r valued; read -r args; read -r numeric; } <<<"$_tsapp_reply"
+    if [[ $cur == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$opts" -- "$cur")
+        return
+    fi
+    if [[ " $valued " == *" $prev "* ]]; then
+        [[ " $numeric " == *" $prev "* ]] && return
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+        return
+    fi
+
+    # Which argument is this? Count the words before it that are not
+    # options or option values.
+    local position=0
+    for ((i = at + 1; i < COMP_CWORD; i++)); do
+        if [[ ${COMP_WORDS[i]} == -* ]]; then
+            [[ " $valued " == *" ${COMP_WORDS[i]} "* ]] && ((i++))
+        else
+            ((position++))
+        fi
+    done
+    local -a names
+    read -ra names <<<"$args"
+    local name=${names[position]}
+    if [[ -z $name && ${#names[@]} -gt 0 && ${names[-1]} == *... ]]; then
+        name=${names[-1]}
+    fi
+    if [[ -n $name ]]; then
+        _tsapp_complete_argument "$name" "$cur" "$tool"
+    fi
+}
+
+complete -F _tsapp tsapp
