@@ -1,10 +1,10 @@
-// Content digests and author signatures: keys made by the openssl command
-// at test time, packages tampered with as an attacker would.
+// Digests and signatures: keys made at test time, packages tampered with.
 
 #include <gtest/gtest.h>
 #include <zip.h>
 
 #include <functional>
+#include <optional>
 
 #include "support/TestSupport.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
@@ -20,8 +20,7 @@ using namespace tsapp::test;
 using namespace tsappinstall::integrity;
 using Faults = std::vector<std::pair<FaultKind, std::string>>;
 
-const std::string kSig = std::string(SIGNATURE_PART_NAME).substr(1);
-const std::string kList = std::string(DIGESTS_PART_NAME).substr(1);
+const std::string kSig = &SIGNATURE_PART_NAME[1], kList = &DIGESTS_PART_NAME[1];
 
 int sh(const std::string& command) {
     return std::system(("(" + command + ") >/dev/null 2>&1").c_str());
@@ -73,8 +72,8 @@ std::string item(const std::string& package, const std::string& name) {
     return bytes;
 }
 
-// Replaces, adds (when missing) or with null removes one item.
-void edit(const std::string& package, const std::string& name, const std::string* bytes) {
+// Replaces, adds (when missing) or without bytes removes one item.
+void edit(const std::string& package, const std::string& name, std::optional<std::string> bytes) {
     zip_t* za = zip_open(package.c_str(), 0, nullptr);
     const zip_int64_t at = zip_name_locate(za, name.c_str(), 0);
     zip_source_t* s = bytes ? zip_source_buffer(za, bytes->data(), bytes->size(), 0) : nullptr;
@@ -84,22 +83,17 @@ void edit(const std::string& package, const std::string& name, const std::string
               0);
     ASSERT_EQ(zip_close(za), 0);
 }
-void edit(const std::string& package, const std::string& name, const std::string& bytes) {
-    edit(package, name, &bytes);
-}
 
-Faults faultsOf(const std::string& package, std::vector<std::string> trust = {}) {
-    Faults faults;
-    for (const Fault& f : verifyPackage(package, {trust}).faults)
-        faults.emplace_back(f.kind, f.partName);
-    return faults;
+Faults pairs(const std::vector<Fault>& faults) {
+    Faults pairs;
+    for (const Fault& f : faults) pairs.emplace_back(f.kind, f.partName);
+    return pairs;
 }
 
 TEST(Integrity, TamperingFailsWithTheRightFault) {
     TempDir dir;
     const std::string pkg = dir.file("p.tsappinstall"), other = dir.file("o.tsappinstall");
-    const Signer ec = keys().signer("EC"),
-                 rogue(keys().dir.file("rogue.key"), keys().dir.file("rogue.pem"));
+    const Signer ec = keys().signer("EC"), rogue = keys().signer("rogue");
     const std::string sig = SIGNATURE_PART_NAME;
     struct Case {
         const char* name;
@@ -110,7 +104,7 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
          [&] { edit(pkg, "files/a.txt", "A"); },
          {{FaultKind::DigestMismatch, "/files/a.txt"}}},
         {"removed part",
-         [&] { edit(pkg, "files/b.txt", nullptr); },
+         [&] { edit(pkg, "files/b.txt", std::nullopt); },
          {{FaultKind::MissingItem, "/files/b.txt"}}},
         {"added part",
          [&] { edit(pkg, "files/c.txt", "c"); },
@@ -156,10 +150,11 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
     for (const Case& c : cases) {
         writePackage(pkg, "a", &ec);
         c.tamper();
-        EXPECT_EQ(faultsOf(pkg, {keys().dir.file("ca.pem")}), c.expected) << c.name;
+        EXPECT_EQ(pairs(verifyPackage(pkg, {{keys().dir.file("ca.pem")}}).faults), c.expected)
+            << c.name;
     }
     writePackage(pkg, "a", &ec);  // no trust anchors: no system store either
-    EXPECT_EQ(faultsOf(pkg), (Faults{{FaultKind::UntrustedSigner, sig}}));
+    EXPECT_EQ(pairs(verifyPackage(pkg, {}).faults), (Faults{{FaultKind::UntrustedSigner, sig}}));
 }
 
 TEST(Integrity, DigestListParsingIsStrict) {
@@ -173,24 +168,18 @@ TEST(Integrity, DigestListParsingIsStrict) {
 }
 
 TEST(Integrity, DigestCheckTakesItemsInPieces) {
-    Sha256 hash;
-    hash.update("ab", 2);
-    hash.update("c", 1);
-    const std::string abc = hash.finishHex();
-    EXPECT_EQ(abc, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    const std::string abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
     DigestCheck check({{"a", abc}, {"b", abc}, {"d", abc}, {"e", abc}});
     for (const std::string item : {"a", "c", "d", "e", "a"}) {
         check.begin(item);
         check.update(item == "e" ? "abd" : "abc", 3);
         item == "d" ? check.abandon("CRC") : check.end();
     }
-    Faults faults;
-    for (const Fault& f : check.finish()) faults.emplace_back(f.kind, f.partName);
-    EXPECT_EQ(faults, (Faults{{FaultKind::UnlistedItem, "/c"},
-                              {FaultKind::UnreadableItem, "/d"},
-                              {FaultKind::DigestMismatch, "/e"},
-                              {FaultKind::UnlistedItem, "/a"},
-                              {FaultKind::MissingItem, "/b"}}));
+    EXPECT_EQ(pairs(check.finish()), (Faults{{FaultKind::UnlistedItem, "/c"},
+                                             {FaultKind::UnreadableItem, "/d"},
+                                             {FaultKind::DigestMismatch, "/e"},
+                                             {FaultKind::UnlistedItem, "/a"},
+                                             {FaultKind::MissingItem, "/b"}}));
 }
 
 #ifdef TSAPP_TOOL
