@@ -20,9 +20,11 @@ int runVerify(const std::vector<std::string>& packages, const std::vector<std::s
     for (const std::string& path : packages) {
         const VerificationReport report = verifyPackage(path, policy);
         std::cout << path << ": " << (report.ok() ? "OK" : "BAD");
+        const bool unreadable =
+            !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
         if (!report.signer.empty())
             std::cout << ", signed by " << report.signer;
-        else if (!report.isSigned)
+        else if (!report.isSigned && !unreadable)
             std::cout << ", unsigned";
         std::cout << '\n';
         for (const Fault& fault : report.faults) {

@@ -80,7 +80,8 @@ int main(int argc, char** argv) {
     auto* verify =
         app.add_subcommand("verify", "Check each package's content digests and author signature.");
     verify->add_option("PKG", packages, "App packages")->required();
-    verify->add_option("--trust", trust, "PEM file of trusted certificates (repeatable)");
+    verify->add_option("--trust", trust, "PEM file of trusted certificates (repeatable)")
+        ->allow_extra_args(false);
     verify->add_flag("--allow-unsigned", allowUnsigned,
                      "Accept a package without a signature when its digests match");
 
