@@ -17,7 +17,10 @@ int runScreenshot(const std::string& package, const std::string& output);
 int runPart(const std::string& package, const std::string& relationshipType,
             const std::string& output);
 int runExtract(const std::string& package, const std::string& folder);
-int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid);
+int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
+            const std::string& keyFile, const std::string& certificateFile);
+int runVerify(const std::vector<std::string>& packages, const std::vector<std::string>& trust,
+              bool allowUnsigned);
 
 // One clear line on stderr: "tsapp: <what>".
 void printError(const std::string& what);

@@ -1,4 +1,5 @@
-// tsapp pack: builds a signed app package from a source folder.
+// tsapp pack: builds a sealed app package from a source folder, with its
+// content digests and, when asked, the author's signature over them.
 //
 // The folder holds tsapp.json (the manifest fields, see the README), the
 // icon and screenshot it names, and a folder of app files. The tool fills
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -18,6 +20,7 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
@@ -195,7 +198,11 @@ std::string requiredFile(const json& d, const char* key, const fs::path& source)
 }  // namespace
 
 int runPack(const std::string& sourceFolder, const std::string& output,
-            const std::string& givenGuid) {
+            const std::string& givenGuid, const std::string& keyFile,
+            const std::string& certificateFile) {
+    // Read the key first: a wrong one should stop the tool before any work.
+    std::optional<tsappinstall::integrity::Signer> signer;
+    if (!keyFile.empty()) signer.emplace(keyFile, certificateFile);
     const fs::path source(sourceFolder);
     const json description = readDescription(source / "tsapp.json");
     const std::string icon = requiredFile(description, "icon", source);
@@ -226,6 +233,7 @@ int runPack(const std::string& sourceFolder, const std::string& output,
     writer.addRelationship("manifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestPart);
     writer.addRelationship("icon", PRIMARY_ICON_RELATIONSHIP_TYPE, iconPart);
     writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
+    writer.addDigests(signer ? &*signer : nullptr);
     writer.commit();
     return kGood;
 }

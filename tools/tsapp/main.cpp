@@ -33,9 +33,9 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("tsapp ") + TSAPP_VERSION);
     app.require_subcommand(1);
 
-    std::string package, output, folder, relType, guid;
-    std::vector<std::string> packages;
-    bool json = false;
+    std::string package, output, folder, relType, guid, key, cert;
+    std::vector<std::string> packages, trust;
+    bool json = false, allowUnsigned = false;
     unsigned jobs = 0;
 
     auto* info = app.add_subcommand("info", "Show the app's manifest.");
@@ -67,10 +67,23 @@ int main(int argc, char** argv) {
     extract->add_option("DIR", folder, "Destination folder (created when missing)")->required();
 
     auto* pack = app.add_subcommand(
-        "pack", "Build a signed app package from a source folder holding tsapp.json.");
+        "pack",
+        "Build a sealed app package with content digests from a folder holding tsapp.json.");
     pack->add_option("SRC", folder, "Source folder")->required();
     pack->add_option("-o,--output", output, "Package to write")->required();
     pack->add_option("--guid", guid, "GUID of the app (default: a fresh one)");
+    auto* signKey = pack->add_option("--sign", key, "Sign the digests with this PEM private key");
+    auto* signCert = pack->add_option("--cert", cert, "The signer's PEM certificate (and chain)");
+    signKey->needs(signCert);
+    signCert->needs(signKey);
+
+    auto* verify =
+        app.add_subcommand("verify", "Check each package's content digests and author signature.");
+    verify->add_option("PKG", packages, "App packages")->required();
+    verify->add_option("--trust", trust, "PEM file of trusted certificates (repeatable)")
+        ->allow_extra_args(false);
+    verify->add_flag("--allow-unsigned", allowUnsigned,
+                     "Accept a package without a signature when its digests match");
 
     for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
 
@@ -93,7 +106,8 @@ int main(int argc, char** argv) {
         if (shot->parsed()) return runScreenshot(package, output);
         if (part->parsed()) return runPart(package, relType, output);
         if (extract->parsed()) return runExtract(package, folder);
-        if (pack->parsed()) return runPack(folder, output, guid);
+        if (pack->parsed()) return runPack(folder, output, guid, key, cert);
+        if (verify->parsed()) return runVerify(packages, trust, allowUnsigned);
     } catch (const std::exception& e) {
         printError(e.what());
         return kBad;

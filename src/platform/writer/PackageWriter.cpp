@@ -2,11 +2,14 @@
 
 #include <zip.h>
 
+#include <fstream>
 #include <map>
 #include <utility>
 
 #include "platform/base/Ascii.hpp"
 #include "platform/opc/OpcNames.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage {
@@ -103,6 +106,8 @@ struct PackageWriter::Impl {
     std::map<std::string, std::string> lowerNames;  // equivalence of part names
     std::vector<PendingRelationship> relationships;
     std::time_t modificationTime = std::time(nullptr);
+    bool digests = false;
+    const tsappinstall::integrity::Signer* signer = nullptr;
 
     std::string add(const std::string& path, const std::string& contentType,
                     std::vector<unsigned char> bytes, std::string sourceFile,
@@ -114,6 +119,20 @@ struct PackageWriter::Impl {
         parts.push_back({name, contentType, std::move(bytes), std::move(sourceFile), compression});
         return name;
     }
+
+    void addDigestPlaceholders() {
+        namespace integrity = tsappinstall::integrity;
+        using C = Compression;
+        add(integrity::DIGESTS_PART_NAME + 1, integrity::DIGESTS_CONTENT_TYPE, {}, {}, C::Deflate);
+        relationships.push_back(
+            {"tsappDigests", integrity::DIGESTS_RELATIONSHIP_TYPE, integrity::DIGESTS_PART_NAME});
+        if (signer == nullptr) return;
+        add(integrity::SIGNATURE_PART_NAME + 1, integrity::SIGNATURE_CONTENT_TYPE, {}, {},
+            C::Stored);
+        relationships.push_back({"tsappSignature", integrity::SIGNATURE_RELATIONSHIP_TYPE,
+                                 integrity::SIGNATURE_PART_NAME});
+    }
+    void addDigestParts(const std::string& contentTypes, const std::string& rels);
 
     std::string contentTypesXml() const {
         std::map<std::string, std::string> defaults{{"rels", kRelationshipsContentType}};
@@ -205,6 +224,11 @@ void PackageWriter::addRelationship(const std::string& id, const std::string& ty
     impl_->relationships.push_back({id, type, targetPartName});
 }
 
+void PackageWriter::addDigests(const tsappinstall::integrity::Signer* signer) {
+    impl_->digests = true;
+    impl_->signer = signer;
+}
+
 void PackageWriter::setModificationTime(std::time_t when) {
     impl_->modificationTime = when;
 }
@@ -231,9 +255,48 @@ void add_entry(zip_t* archive, const std::string& zipName, zip_source_t* source,
     }
 }
 
+// The bytes in memory, or those of `sourceFile` when it is given.
+std::string sha256Of(const std::vector<unsigned char>& bytes, const std::string& sourceFile) {
+    tsappinstall::integrity::Sha256 hash;
+    if (sourceFile.empty()) {
+        hash.update(bytes.data(), bytes.size());
+        return hash.finishHex();
+    }
+    std::ifstream in(sourceFile, std::ios::binary);
+    std::vector<char> buffer(1 << 16);
+    while (in) {
+        in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+        hash.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (!in.eof()) throw opc::Exception("cannot read \"" + sourceFile + "\"");
+    return hash.finishHex();
+}
+
+std::string sha256Of(const std::string& bytes) {
+    tsappinstall::integrity::Sha256 hash;
+    hash.update(bytes.data(), bytes.size());
+    return hash.finishHex();
+}
+
 }  // namespace
 
+// The digest and signature parts are added as placeholders first, so that
+// the content types and relationships that the digests cover name them;
+// their bytes are filled in once everything else is final.
+void PackageWriter::Impl::addDigestParts(const std::string& contentTypes, const std::string& rels) {
+    namespace integrity = tsappinstall::integrity;
+    std::vector<integrity::DigestEntry> list{
+        {integrity::CONTENT_TYPES_ITEM, sha256Of(contentTypes)}, {"_rels/.rels", sha256Of(rels)}};
+    const std::size_t covered = parts.size() - (signer != nullptr ? 2 : 1);
+    for (std::size_t i = 0; i < covered; ++i)
+        list.push_back({parts[i].name.substr(1), sha256Of(parts[i].bytes, parts[i].sourceFile)});
+    const std::string text = integrity::formatDigestList(list);
+    parts[covered].bytes.assign(text.begin(), text.end());
+    if (signer != nullptr) parts[covered + 1].bytes = signer->sign(text);
+}
+
 void PackageWriter::commit() {
+    if (impl_->digests) impl_->addDigestPlaceholders();
     int error = 0;
     ArchivePtr archive(zip_open(impl_->outputPath.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
     if (!archive) {
@@ -247,6 +310,7 @@ void PackageWriter::commit() {
     const std::string contentTypes = impl_->contentTypesXml();
     const std::string rels = impl_->relationshipsXml();
     // Buffers stay alive in the strings/parts until zip_close has read them.
+    if (impl_->digests) impl_->addDigestParts(contentTypes, rels);
     add_entry(za, "[Content_Types].xml",
               zip_source_buffer(za, contentTypes.data(), contentTypes.size(), 0), true,
               impl_->modificationTime);

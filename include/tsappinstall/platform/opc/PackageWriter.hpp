@@ -11,6 +11,10 @@
 
 #include "tsappinstall/export.hpp"
 
+namespace tsappinstall::integrity {
+class Signer;
+}
+
 namespace opc::zippackage {
 
 // Collects parts and package relationships, then writes them in commit().
@@ -48,6 +52,12 @@ class TSAPP_API PackageWriter {
     // Every entry gets this modification time (default: now), so that two
     // runs over the same input can write identical files.
     void setModificationTime(std::time_t when);
+
+    // Makes commit add a digest part listing the SHA-256 of the final bytes
+    // of [Content_Types].xml and of every other part, /_rels/.rels included,
+    // and, given a signer, a detached CMS signature over that list; both
+    // with their package relationships. The signer must outlive commit.
+    void addDigests(const tsappinstall::integrity::Signer* signer = nullptr);
 
     // Writes [Content_Types].xml, /_rels/.rels and every part, and renames
     // the result into place. Throws opc::Exception; nothing is at the output

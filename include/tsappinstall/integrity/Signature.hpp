@@ -1,0 +1,45 @@
+#pragma once
+
+// Author signatures: a detached CMS (PKCS#7) signed-data structure, DER,
+// over the bytes of the digest part, carrying the signer's certificate.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/integrity/Fault.hpp"
+
+namespace tsappinstall::integrity {
+
+class TSAPP_API Signer {
+  public:
+    // PEM files: the private key (RSA, EC or Ed25519) and the signer's
+    // certificate, optionally followed by intermediate certificates, which
+    // go into every signature. Throws IntegrityError when either cannot be
+    // read or the key does not belong to the certificate.
+    Signer(const std::string& keyFile, const std::string& certificateFile);
+    ~Signer();
+    Signer(const Signer&) = delete;
+    Signer& operator=(const Signer&) = delete;
+
+    std::vector<unsigned char> sign(const std::string& content) const;
+
+  private:
+    struct Keys;
+    std::unique_ptr<Keys> keys_;
+};
+
+struct SignatureCheck {
+    std::optional<Fault> fault;
+    std::string signer;  // the signer's subject (RFC 2253), when it could be read
+};
+
+// Checks `signature` over `content` and the signer's chain against the
+// certificates in the PEM files `trustAnchors` only; the system's store is
+// never consulted. Throws IntegrityError when a trust file cannot be read.
+TSAPP_API SignatureCheck checkSignature(const std::string& signature, const std::string& content,
+                                        const std::vector<std::string>& trustAnchors);
+
+}  // namespace tsappinstall::integrity

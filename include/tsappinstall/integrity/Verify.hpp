@@ -1,0 +1,32 @@
+#pragma once
+
+// Checks a package's content digests and author signature.
+
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/integrity/Fault.hpp"
+
+namespace tsappinstall::integrity {
+
+struct VerificationPolicy {
+    std::vector<std::string> trustAnchors;  // PEM files
+    // When false, a package without a signature passes on its digests; a
+    // signature that is there is checked all the same.
+    bool requireSignature = true;
+};
+
+struct VerificationReport {
+    std::vector<Fault> faults;  // empty when the package is good
+    bool isSigned = false;
+    std::string signer;  // the signer's subject, when a signature could be read
+    bool ok() const { return faults.empty(); }
+};
+
+// Reads the package once. Every fault is reported, not only the first.
+// Throws IntegrityError when a trust file cannot be read.
+TSAPP_API VerificationReport verifyPackage(const std::string& path,
+                                           const VerificationPolicy& policy);
+
+}  // namespace tsappinstall::integrity

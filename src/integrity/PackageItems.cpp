@@ -1,0 +1,45 @@
+#include "PackageItems.hpp"
+
+#include <strings.h>
+#include <algorithm>
+
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+
+namespace tsappinstall::integrity::detail {
+
+using opc::model::PartName;
+
+std::vector<PartName> targetsOf(const opc::model::Package& package, const char* type) {
+    std::vector<PartName> targets;
+    for (const auto& relationship : package.getRelationshipsByType(fl::i18n::to_ustring(type))) {
+        if (relationship.getTargetMode() == opc::model::TargetMode::Internal)
+            targets.emplace_back(relationship.getTargetURI());
+    }
+    return targets;
+}
+
+std::vector<PartName> integrityParts(const opc::model::Package& package) {
+    std::vector<PartName> parts = targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
+    const std::vector<PartName> signatures = targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
+    parts.insert(parts.end(), signatures.begin(), signatures.end());
+    return parts;
+}
+
+void forEachItem(opc::model::Package& package, const std::vector<PartName>& excluded,
+                 const std::function<void(const std::string&, opc::InputStream&)>& visit) {
+    auto& container = package.getPhysicalPackage();
+    for (const auto& entry : container.getEntries()) {
+        if (::strcasecmp(entry.name.c_str(), CONTENT_TYPES_ITEM) == 0) {
+            visit(entry.name, *container.openEntry(entry.index));
+            break;
+        }
+    }
+    for (const PartName& name : package.getPartNames()) {
+        if (std::find(excluded.begin(), excluded.end(), name) != excluded.end()) continue;
+        opc::model::Part part = package.getPart(name);
+        visit(name.zipItemName(), part.getInputStream());
+    }
+}
+
+}  // namespace tsappinstall::integrity::detail

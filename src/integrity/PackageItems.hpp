@@ -1,0 +1,24 @@
+#pragma once
+
+// Walking the items a digest list covers in an open package.
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/platform/opc/Package.hpp"
+
+namespace tsappinstall::integrity::detail {
+
+// The internal targets of the package relationships of `type`.
+std::vector<opc::model::PartName> targetsOf(const opc::model::Package& package, const char* type);
+
+// Calls `visit` with the item name and a stream of its bytes for
+// [Content_Types].xml and every part not in `excluded`, in container order.
+void forEachItem(opc::model::Package& package, const std::vector<opc::model::PartName>& excluded,
+                 const std::function<void(const std::string&, opc::InputStream&)>& visit);
+
+// The digest and signature parts: never themselves covered.
+std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);
+
+}  // namespace tsappinstall::integrity::detail

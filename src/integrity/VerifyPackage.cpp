@@ -1,0 +1,106 @@
+#include "PackageItems.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/integrity/Verify.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+
+namespace tsappinstall::integrity {
+namespace {
+
+using opc::model::PartName;
+
+std::string readPart(opc::model::Package& package, const PartName& name) {
+    opc::model::Part part = package.getPart(name);
+    opc::InputStream& in = part.getInputStream();
+    std::string bytes;
+    unsigned char buffer[1 << 14];
+    for (std::size_t n; (n = in.read(buffer, sizeof buffer)) > 0;)
+        bytes.append(reinterpret_cast<const char*>(buffer), n);
+    return bytes;
+}
+
+// One relationship of `type` to a part that is there, or a fault.
+const PartName* single(const std::vector<PartName>& targets, const opc::model::Package& package,
+                       const char* what, std::vector<Fault>& faults, FaultKind kind) {
+    std::string why;
+    if (targets.size() != 1)
+        why = std::to_string(targets.size()) + " relationships to " + what + " (one expected)";
+    else if (!package.containsPart(targets.front()))
+        why = std::string("the ") + what + " is not in the package";
+    if (why.empty()) return &targets.front();
+    faults.push_back({kind, targets.empty() ? std::string() : targets.front().ascii(), why});
+    return nullptr;
+}
+
+void checkDigests(opc::model::Package& package, const std::string& list,
+                  std::vector<Fault>& faults) {
+    DigestCheck check(parseDigestList(list));
+    std::vector<unsigned char> buffer(1 << 16);
+    detail::forEachItem(package, detail::integrityParts(package),
+                        [&](const std::string& item, opc::InputStream& in) {
+                            check.begin(item);
+                            try {
+                                for (std::size_t n;
+                                     (n = in.read(buffer.data(), buffer.size())) > 0;)
+                                    check.update(buffer.data(), n);
+                                check.end();
+                            } catch (const opc::Exception& e) {
+                                check.abandon(e.what());
+                            }
+                        });
+    const std::vector<Fault>& found = check.finish();
+    faults.insert(faults.end(), found.begin(), found.end());
+}
+
+void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
+                VerificationReport& report) {
+    auto& faults = report.faults;
+    const auto digestParts = detail::targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
+    const PartName* digests =
+        single(digestParts, package, "the digest list", faults, FaultKind::NoDigestList);
+    if (digests == nullptr) return;
+    const std::string list = readPart(package, *digests);
+    try {
+        checkDigests(package, list, faults);
+    } catch (const IntegrityError& e) {
+        faults.push_back({FaultKind::MalformedDigestList, digests->ascii(), e.what()});
+    }
+
+    const auto signatureParts = detail::targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
+    if (signatureParts.empty()) {
+        if (policy.requireSignature)
+            faults.push_back({FaultKind::Unsigned, {}, "the package carries no signature"});
+        return;
+    }
+    const PartName* signature =
+        single(signatureParts, package, "the signature", faults, FaultKind::MalformedSignature);
+    if (signature == nullptr) return;
+    report.isSigned = true;
+    SignatureCheck check = checkSignature(readPart(package, *signature), list, policy.trustAnchors);
+    report.signer = check.signer;
+    if (check.fault) {
+        check.fault->partName = signature->ascii();
+        faults.push_back(*check.fault);
+    }
+}
+
+}  // namespace
+
+VerificationReport verifyPackage(const std::string& path, const VerificationPolicy& policy) {
+    VerificationReport report;
+    try {
+        opc::zippackage::ZipPhysicalPackage container(fl::i18n::to_ustring(path), true);
+        opc::model::Package package(container);
+        package.open(opc::interfaces::OpenMode::Read);
+        verifyOpen(package, policy, report);
+    } catch (const opc::Exception& e) {
+        // Only opening and the two integrity parts' reads get here: every
+        // other item's read failure is a fault of its own.
+        report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});
+    }
+    return report;
+}
+
+}  // namespace tsappinstall::integrity
