@@ -53,6 +53,9 @@ class TSAPP_API Package : public RelationshipSource {
     std::vector<Relationship> getRelationshipsByType(const std::u16string& type) const override;
     const std::vector<Relationship>& getRelationships() const override;
 
+    // The container, for readers of items that are not parts ("[Content_Types].xml").
+    opc::interfaces::IPhysicalPackage& getPhysicalPackage() const { return container_; }
+
   private:
     struct State;
     const State& openState() const;
