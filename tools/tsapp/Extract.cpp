@@ -110,7 +110,11 @@ int runExtract(const std::string& package, const std::string& folder,
             std::cerr << "tsapp: warning: could not remove " << left << "\n";
     } catch (const std::exception& e) {
         if (caughtSignal) {
-            printError("interrupted; the folder " + utf8(nativeFolder) + " is as it was");
+            // Rolled back, unless the library says what it could not undo.
+            const bool clean = std::string(e.what()) == "the extraction was cancelled";
+            printError("interrupted; " + (clean
+                                              ? "the folder " + utf8(nativeFolder) + " is as it was"
+                                              : std::string(e.what())));
             return 128 + caughtSignal;
         }
         namespace ids = tsapp_builtins::tsapp_builtins;

@@ -174,7 +174,7 @@ TEST_F(FaultInjection, KillNineAtAnyMomentIsRepairedByTheNextRun) {
         const auto took = std::chrono::steady_clock::now() - start;
         const Tree complete = snapshot_tree(root());
         const Tree completeDest = snapshot_tree(dest());
-        constexpr int kRuns = 40;
+        constexpr int kRuns = 30;
         for (int run = 0; run < kRuns; ++run) {
             SCOPED_TRACE(testing::Message() << "existing " << existing << ", run " << run);
             reset(existing);
