@@ -107,7 +107,7 @@ int runExtract(const std::string& package, const std::string& folder,
     catchStopSignals();
     try {
         for (const auto& left : extract(nativePath, nativeFolder, settings))
-            std::cerr << "tsapp: warning: could not remove " << left << "\n";
+            std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const std::exception& e) {
         if (caughtSignal) {
             // Rolled back, unless the library says what it could not undo.

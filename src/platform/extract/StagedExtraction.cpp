@@ -200,7 +200,7 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
 void StagedExtraction::flush(int fd, const std::string& what, bool warnOnly) {
     if (ops_.fsync(fd) == 0) return;
     if (!warnOnly) failErrno("cannot flush \"" + what + "\" to disk");
-    warnings_.push_back(what + " (not flushed to disk: " + std::strerror(errno) + ")");
+    warnings_.push_back("could not flush " + what + " to disk: " + std::strerror(errno));
 }
 
 void StagedExtraction::commit() {
@@ -311,12 +311,12 @@ void StagedExtraction::commitExisting() {
     for (std::size_t i = 0; i < staged_.size(); ++i) {
         if (!staged_[i].aside || remove(staging, asideName(i), 0)) continue;
         allRemoved = false;
-        warnings_.push_back(stagingPath() + "/" + asideName(i) + " (the old " +
-                            joinSegments(staged_[i].path) + ")");
+        warnings_.push_back("could not remove " + stagingPath() + "/" + asideName(i) +
+                            " (the old " + joinSegments(staged_[i].path) + ")");
     }
     if (allRemoved &&
         (!remove(staging, kJournal, 0) || !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
-        warnings_.push_back(stagingPath());
+        warnings_.push_back("could not remove " + stagingPath());
 }
 
 // Puts the destination back as it was; returns what could not be, one line each.

@@ -32,10 +32,11 @@ struct Options {
 };
 
 struct Outcome {
-    // Absolute paths of old copies of replaced files that could not be
-    // removed after the new files were in place (tried twice). They sit in
-    // a hidden ".~tsapp-*" folder in the destination, which the next
-    // extraction into it, or recover(), removes.
+    // What could not be cleaned up or flushed once the new files were in
+    // place, one line each naming the file: old copies of replaced files
+    // that could not be removed (tried twice) stay in a hidden ".~tsapp-*"
+    // folder in the destination, which the next extraction into it, or
+    // recover(), removes.
     std::vector<std::string> leftAside;
 };
 
