@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 
 namespace tsapp::fuzz {
@@ -40,6 +41,26 @@ void writeBytes(const std::string& path, const std::uint8_t* data, std::size_t s
 void removeTree(const std::string& path) {
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
+}
+
+std::map<std::string, std::string> snapshotTree(const std::string& path) {
+    namespace fs = std::filesystem;
+    std::map<std::string, std::string> tree;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(path, error), end; !error && it != end;
+         it.increment(error)) {
+        std::string& entry = tree[it->path().string()];
+        if (it->is_symlink()) {
+            entry = "link:" + fs::read_symlink(it->path(), error).string();
+        } else if (it->is_regular_file()) {
+            std::ifstream in(it->path(), std::ios::binary);
+            entry.assign(std::istreambuf_iterator<char>(in), {});
+            entry.insert(0, "file:");
+        } else {
+            entry = "dir";
+        }
+    }
+    return tree;
 }
 
 SilencedErrors::SilencedErrors() {

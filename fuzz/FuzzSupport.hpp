@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace tsapp::fuzz {
@@ -18,6 +19,9 @@ void writeBytes(const std::string& path, const std::uint8_t* data, std::size_t s
 
 // Removes everything below `path` (not following links) and `path` itself.
 void removeTree(const std::string& path);
+
+// Every entry below `path` with its type and contents ("" when absent).
+std::map<std::string, std::string> snapshotTree(const std::string& path);
 
 // Sends std::cerr to nowhere for as long as it lives.
 class SilencedErrors {

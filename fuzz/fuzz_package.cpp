@@ -1,11 +1,14 @@
 // Arbitrary bytes as an app package file, through every facade operation.
 // Afterwards the scratch folder must hold exactly the package, the output
 // file and the destination folder: anything else was written outside the
-// places the calls were given. Each input runs a second time with the
-// CRCs of its stored entries made right.
+// places the calls were given. An extraction that fails must leave the
+// destination exactly as it was: absent, or (for every other input) a
+// folder holding an earlier version. Each input runs a second time with
+// the CRCs of its stored entries made right.
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <set>
 
@@ -18,6 +21,14 @@ namespace {
 
 std::u16string wide(const std::string& ascii) {
     return std::u16string(ascii.begin(), ascii.end());
+}
+
+// What a failed extraction must leave in place when the folder existed.
+void writeEarlierVersion(const std::string& dest) {
+    std::filesystem::create_directories(dest + "/lib");
+    for (const char* name : {"manifest.xml", "main.js", "lib/util.js", "keep.txt"})
+        tsapp::fuzz::writeBytes(dest + "/" + name, reinterpret_cast<const std::uint8_t*>(name),
+                                std::strlen(name));
 }
 
 void checkNothingStrayed(const std::string& folder) {
@@ -51,9 +62,16 @@ void runEveryCall(const std::string& bytes) {
     facade.extractPartContentFromTessalApp(
         wide(package), wide(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE),
         wide(folder + "/part.out"));
+    const std::string dest = folder + "/dest";
+    if (bytes.size() % 2) writeEarlierVersion(dest);
+    const auto before = snapshotTree(dest);
     try {
-        facade.extractAppFile(wide(package), wide(folder + "/dest"));
+        facade.extractAppFile(wide(package), wide(dest));
     } catch (const std::runtime_error&) {
+        if (snapshotTree(dest) != before) {
+            std::fprintf(stderr, "a failed extraction changed the destination\n");
+            std::abort();
+        }
     }
     checkNothingStrayed(folder);
     removeTree(folder + "/dest");

@@ -5,6 +5,7 @@
 //   make_seeds <corpus folder>   (fills <folder>/package, /manifest, /names)
 
 #include <zip.h>
+#include <zlib.h>
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <filesystem>
@@ -147,6 +148,113 @@ void writePackages(const fs::path& folder) {
     odd.commit();
 }
 
+// Hostile ZIP layouts no writer produces, built byte by byte: every entry
+// stored, at fixed times, so that the seeds never change.
+std::string le(std::uint64_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return out;
+}
+
+struct RawEntry {
+    std::string name;
+    std::string data;
+    std::uint32_t crc = 0;  // the entry's real CRC-32 unless a seed spoils it
+    std::uint64_t offset = 0;
+};
+
+RawEntry rawEntry(const std::string& name, const std::string& data) {
+    const auto* bytes = reinterpret_cast<const Bytef*>(data.data());
+    return {name, data, static_cast<std::uint32_t>(crc32(0, bytes, data.size())), 0};
+}
+
+std::string localHeader(const RawEntry& e, bool descriptor) {
+    const std::uint64_t size = descriptor ? 0 : e.data.size();
+    return le(0x04034b50, 4) + le(20, 2) + le(descriptor ? 8 : 0, 2) + le(0, 2) + le(0, 2) +
+           le(0x21, 2) + le(descriptor ? 0 : e.crc, 4) + le(size, 4) + le(size, 4) +
+           le(e.name.size(), 2) + le(0, 2) + e.name;
+}
+
+// Sizes and offset in a ZIP64 extra field cut to `zip64Extra` bytes (0: none).
+std::string centralHeader(const RawEntry& e, bool descriptor, int zip64Extra) {
+    const std::uint64_t big = 0xFFFFFFFF;
+    const std::string extra =
+        zip64Extra ? le(1, 2) + le(zip64Extra, 2) +
+                         (le(e.data.size(), 8) + le(e.data.size(), 8) + le(e.offset, 8))
+                             .substr(0, static_cast<std::size_t>(zip64Extra))
+                   : "";
+    return le(0x02014b50, 4) + le(45, 2) + le(zip64Extra ? 45 : 20, 2) + le(descriptor ? 8 : 0, 2) +
+           le(0, 2) + le(0, 2) + le(0x21, 2) + le(e.crc, 4) +
+           le(zip64Extra ? big : e.data.size(), 4) + le(zip64Extra ? big : e.data.size(), 4) +
+           le(e.name.size(), 2) + le(extra.size(), 2) + le(0, 2) + le(0, 2) + le(0, 2) + le(0, 4) +
+           le(zip64Extra ? big : e.offset, 4) + e.name + extra;
+}
+
+struct Layout {
+    bool descriptor = false;  // sizes and CRC after the data
+    int zip64Extra = 0;
+    bool zip64End = false;         // ZIP64 end record and locator
+    std::int64_t locatorSkew = 0;  // added to the locator's offset
+};
+
+// `hidden` entries are only in the central directory, at their own offsets.
+std::string rawZip(std::vector<RawEntry> entries, const Layout& layout,
+                   const std::vector<RawEntry>& hidden = {}) {
+    std::string out;
+    for (auto& e : entries) {
+        e.offset = out.size();
+        out += localHeader(e, layout.descriptor) + e.data;
+        if (layout.descriptor)
+            out += le(0x08074b50, 4) + le(e.crc, 4) + le(e.data.size(), 4) + le(e.data.size(), 4);
+    }
+    const std::uint64_t directory = out.size();
+    for (const auto& e : entries) out += centralHeader(e, layout.descriptor, layout.zip64Extra);
+    for (const auto& e : hidden) out += centralHeader(e, false, 0);
+    entries.insert(entries.end(), hidden.begin(), hidden.end());
+    const std::uint64_t directorySize = out.size() - directory;
+    if (layout.zip64End) {
+        const std::uint64_t record = out.size();
+        out += le(0x06064b50, 4) + le(44, 8) + le(45, 2) + le(45, 2) + le(0, 4) + le(0, 4) +
+               le(entries.size(), 8) + le(entries.size(), 8) + le(directorySize, 8) +
+               le(directory, 8);
+        out +=
+            le(0x07064b50, 4) + le(0, 4) +
+            le(static_cast<std::uint64_t>(static_cast<std::int64_t>(record) + layout.locatorSkew),
+               8) +
+            le(1, 4);
+    }
+    const std::uint64_t count = layout.zip64End ? 0xFFFF : entries.size();
+    out += le(0x06054b50, 4) + le(0, 4) + le(count, 2) + le(count, 2) +
+           le(layout.zip64End ? 0xFFFFFFFF : directorySize, 4) +
+           le(layout.zip64End ? 0xFFFFFFFF : directory, 4) + le(0, 2);
+    return out;
+}
+
+void writeHostileZips(const fs::path& folder) {
+    const std::string types =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Types xmlns=\"http://schemas.openxmlformats."
+        "org/package/2006/content-types\"><Default Extension=\"txt\" ContentType=\"text/"
+        "plain\"/></Types>";
+    const std::vector<RawEntry> base = {rawEntry("[Content_Types].xml", types),
+                                        rawEntry("a.txt", "first part"),
+                                        rawEntry("lib/b.txt", "second part")};
+    writeFile(folder / "zip-descriptors", rawZip(base, {true}));
+    writeFile(folder / "zip64-records", rawZip(base, {false, 24, true}));
+    writeFile(folder / "zip64-short-extra", rawZip(base, {false, 12, true}));
+    writeFile(folder / "zip64-bad-locator", rawZip(base, {false, 24, true, -7}));
+    auto wrongCrc = base;
+    wrongCrc[2].crc ^= 0x00010000;
+    writeFile(folder / "zip-wrong-crc", rawZip(wrongCrc, {}));
+    // b.txt's local header and data sit inside a.txt's data: the two
+    // entries overlap, as in overlap bombs.
+    RawEntry inner = rawEntry("lib/b.txt", "overlapping");
+    const RawEntry outer = rawEntry("a.txt", localHeader(inner, false) + inner.data);
+    inner.offset =
+        localHeader(base[0], false).size() + base[0].data.size() + localHeader(outer, false).size();
+    const std::string bytes = rawZip({base[0], outer}, {}, {inner});
+    writeFile(folder / "zip-overlapping", bytes);
+}
+
 void writeManifests(const fs::path& folder) {
     writeFile(folder / "full.xml", manifestText(fullRecord()));
     writeFile(folder / "minimal.xml", manifestText(minimalRecord()));
@@ -185,6 +293,7 @@ int main(int argc, char** argv) {
     const fs::path root(argv[1]);
     for (const char* name : {"package", "manifest", "names"}) fs::create_directories(root / name);
     writePackages(root / "package");
+    writeHostileZips(root / "package");
     writeManifests(root / "manifest");
     writeNames(root / "names");
     return 0;

@@ -1,19 +1,25 @@
-// tsapp extract: unpack every part into a folder.
+// tsapp extract: unpack every part into a folder; tsapp recover: repair a
+// folder whose extraction was killed.
 //
 // Runs the same steps as the facade's extractAppFile, with the same modes,
-// but through the file-system manager directly: that lets a terminal show
-// progress, and lets an error line carry the cause after the library's
-// own text.
+// but through the extractor directly: that lets a terminal show progress,
+// lets the user set the size limit and durability, lets SIGINT, SIGTERM
+// and SIGHUP roll the extraction back, and lets an error line carry the
+// cause after the library's own text.
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "Commands.hpp"
 #include "Text.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -49,30 +55,65 @@ class ProgressLine {
     bool shown_ = false;
 };
 
-void extract(const std::u16string& nativePath, const std::u16string& nativeFolder) {
+volatile sig_atomic_t caughtSignal = 0;
+
+void noteSignal(int signal) {
+    caughtSignal = signal;
+}
+
+// The signals that stop the tool become a request to roll back. A write
+// beyond `ulimit -f` then fails with EFBIG instead of killing the process
+// before it could clean up.
+void catchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = noteSignal;
+    sigemptyset(&action.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+    ::signal(SIGXFSZ, SIG_IGN);
+}
+
+std::vector<std::string> extract(const std::u16string& nativePath,
+                                 const std::u16string& nativeFolder,
+                                 const ExtractSettings& settings) {
     opc::model::OpenedPackage package(nativePath);
-    opc::qvservices::FileSystemManager manager(package.package(), opc::FileSystemOpsSelector());
+    opc::extraction::Options options;
+    options.maxBytes = settings.maxBytes;
+    options.sync = settings.sync;
+    options.cancelled = [] { return caughtSignal != 0; };
+    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(), options);
     ProgressLine progress;
     if (::isatty(STDERR_FILENO)) {
         manager.setProgress([&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {
             progress.update(b, tb, p, tp);
         });
     }
-    manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
-                       opc::qvservices::TransformMode::PercentDecode,
-                       opc::qvservices::ReplaceMode::Replace);
+    auto outcome = manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
+                                      opc::qvservices::TransformMode::PercentDecode,
+                                      opc::qvservices::ReplaceMode::Replace);
     package.close();
+    return outcome.leftAside;
 }
 
 }  // namespace
 
-int runExtract(const std::string& package, const std::string& folder) {
+int runExtract(const std::string& package, const std::string& folder,
+               const ExtractSettings& settings) {
     using fl::filesystem::detail::make_native_form;
     const std::u16string nativePath = make_native_form(utf16(package), true);
     const std::u16string nativeFolder = make_native_form(utf16(folder), true);
+    catchStopSignals();
     try {
-        extract(nativePath, nativeFolder);
+        for (const auto& left : extract(nativePath, nativeFolder, settings))
+            std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const std::exception& e) {
+        if (caughtSignal) {
+            // Rolled back, unless the library says what it could not undo.
+            const bool clean = std::string(e.what()) == "the extraction was cancelled";
+            printError("interrupted; " + (clean
+                                              ? "the folder " + utf8(nativeFolder) + " is as it was"
+                                              : std::string(e.what())));
+            return 128 + caughtSignal;
+        }
         namespace ids = tsapp_builtins::tsapp_builtins;
         printError(ids::message_text(ids::TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(
                        nativePath, nativeFolder)) +
@@ -80,6 +121,17 @@ int runExtract(const std::string& package, const std::string& folder) {
         return kBad;
     }
     return kGood;
+}
+
+int runRecover(const std::string& folder) {
+    using fl::filesystem::detail::make_native_form;
+    const std::string nativeFolder = utf8(make_native_form(utf16(folder), true));
+    const auto recovery = opc::extraction::recover(nativeFolder);
+    for (const auto& line : recovery.done) std::cout << line << "\n";
+    for (const auto& left : recovery.leftAside) printError("could not repair " + left);
+    if (recovery.done.empty() && recovery.leftAside.empty())
+        std::cout << "nothing to recover in " << nativeFolder << "\n";
+    return recovery.leftAside.empty() ? kGood : kBad;
 }
 
 }  // namespace tsapp::tool

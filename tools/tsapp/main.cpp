@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "Commands.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 
 namespace {
 
@@ -36,6 +37,7 @@ int main(int argc, char** argv) {
     std::string package, output, folder, relType, guid, key, cert;
     std::vector<std::string> packages, trust;
     bool json = false, allowUnsigned = false;
+    ExtractSettings extractSettings{opc::extraction::kDefaultMaxBytes, false};
     unsigned jobs = 0;
 
     auto* info = app.add_subcommand("info", "Show the app's manifest.");
@@ -65,6 +67,17 @@ int main(int argc, char** argv) {
         app.add_subcommand("extract", "Unpack every part of the package into a folder.");
     extract->add_option("PKG", package, "App package")->required();
     extract->add_option("DIR", folder, "Destination folder (created when missing)")->required();
+    extract
+        ->add_option("--max-size", extractSettings.maxBytes,
+                     "Most bytes the parts may add up to (default 2GiB; 0: no limit)")
+        ->transform(CLI::AsSizeValue(false));
+    extract->add_flag("--sync", extractSettings.sync,
+                      "Flush every file and folder to disk before the new files count");
+
+    auto* recover = app.add_subcommand(
+        "recover", "Complete an extraction into DIR that a crash interrupted, remove leftovers.");
+    recover->add_option("DIR", folder, "Destination folder of the interrupted extraction")
+        ->required();
 
     auto* pack = app.add_subcommand(
         "pack",
@@ -105,7 +118,8 @@ int main(int argc, char** argv) {
         if (icon->parsed()) return runIcon(package, output);
         if (shot->parsed()) return runScreenshot(package, output);
         if (part->parsed()) return runPart(package, relType, output);
-        if (extract->parsed()) return runExtract(package, folder);
+        if (extract->parsed()) return runExtract(package, folder, extractSettings);
+        if (recover->parsed()) return runRecover(folder);
         if (pack->parsed()) return runPack(folder, output, guid, key, cert);
         if (verify->parsed()) return runVerify(packages, trust, allowUnsigned);
     } catch (const std::exception& e) {

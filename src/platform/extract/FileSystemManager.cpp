@@ -1,16 +1,26 @@
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
 #include <vector>
 
-#include "platform/zip/EntryDecoder.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
+#include "platform/extract/Journal.hpp"
 #include "platform/extract/StagedExtraction.hpp"
+#include "platform/zip/EntryDecoder.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
-namespace opc::qvservices {
+namespace opc {
 namespace {
+
+using namespace qvservices;
 
 bool isRelationshipPart(const std::string& name) {
     const std::size_t slash = name.rfind('/');
@@ -34,10 +44,105 @@ struct PlannedPart {
     detail::FileSegments path;
 };
 
+[[noreturn]] void cancelled() {
+    throw Exception("the extraction was cancelled");
+}
+
+// Lets a cancellation reach into a large part: the decoder reads its
+// stored bytes in chunks through this.
+class CancellableInput : public InputStream {
+  public:
+    CancellableInput(InputStream& raw, const std::function<bool()>& stop)
+        : raw_(raw), stop_(stop) {}
+    std::size_t read(unsigned char* buffer, std::size_t size) override {
+        if (stop_ && stop_()) cancelled();
+        return raw_.read(buffer, size);
+    }
+
+  private:
+    InputStream& raw_;
+    const std::function<bool()>& stop_;
+};
+
 }  // namespace
 
-FileSystemManager::FileSystemManager(model::Package& package, const FileSystemOpsSelector&)
-    : package_(package) {}
+namespace extraction {
+
+Extractor::Extractor(model::Package& package, const FileSystemOpsSelector& selector,
+                     Options options)
+    : package_(package), ops_(&detail::fileOpsOf(selector)), options_(std::move(options)) {}
+
+void Extractor::setProgress(FileSystemManager::Progress progress) {
+    progress_ = std::move(progress);
+}
+
+Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
+                              TransformMode transform, ReplaceMode replace) {
+    checkModes(restore, transform, replace);
+    // Every path and the total size are checked before the first byte is written.
+    std::vector<PlannedPart> plan;
+    std::uint64_t bytesTotal = 0;
+    const std::uint64_t limit = options_.maxBytes ? options_.maxBytes : UINT64_MAX;
+    for (auto& name : package_.getPartNames()) {
+        if (restore == RestoreMode::ContentParts && isRelationshipPart(name.ascii())) continue;
+        auto path =
+            detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
+        const std::uint64_t size = package_.getPart(name).getEntry().size;
+        if (size > limit - bytesTotal)
+            throw Exception("the package would write more than the limit of " +
+                            std::to_string(limit) + " bytes");
+        bytesTotal += size;
+        plan.push_back({std::move(name), std::move(path)});
+    }
+
+    detail::StagedExtraction staging(fl::i18n::to_string(folder),
+                                     replace == ReplaceMode::Replace
+                                         ? detail::StagedExtraction::Existing::Replace
+                                         : detail::StagedExtraction::Existing::Refuse,
+                                     options_.sync, *ops_);
+    detail::EntryDecoder decoder;
+    std::uint64_t bytesDone = 0;
+    std::size_t partsDone = 0;
+    for (const auto& planned : plan) {
+        if (options_.cancelled && options_.cancelled()) cancelled();
+        model::Part part = package_.getPart(planned.name);
+        const auto& entry = part.getEntry();
+        const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize,
+                                       entry.crc32};
+        CancellableInput raw(part.getRawInputStream(), options_.cancelled);
+        staging.stage(planned.path,
+                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii()); });
+        bytesDone += entry.size;
+        if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
+    }
+    if (options_.cancelled && options_.cancelled()) cancelled();
+    staging.commit();
+    return Outcome{staging.warnings()};
+}
+
+Recovery recover(const std::string& destination, const FileSystemOpsSelector& selector) {
+    if (destination.empty() || destination[0] != '/')
+        throw Exception("the destination \"" + destination + "\" is not an absolute path");
+    std::string path = destination;
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    const std::size_t slash = path.rfind('/');
+    const std::string parentPath = slash == 0 ? "/" : path.substr(0, slash);
+    detail::UniqueFd parent(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    detail::UniqueFd dest(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dest && errno != ENOENT)
+        throw Exception("cannot open the folder \"" + path + "\": " + std::strerror(errno));
+    Recovery out;
+    detail::recoverDestination(detail::fileOpsOf(selector), parent ? parent.get() : -1,
+                               dest ? dest.get() : -1, path, path.substr(slash + 1), out);
+    return out;
+}
+
+}  // namespace extraction
+
+namespace qvservices {
+
+FileSystemManager::FileSystemManager(model::Package& package, const FileSystemOpsSelector& selector)
+    : package_(package), ops_(selector.ops()) {}
 
 FileSystemManager::~FileSystemManager() = default;
 
@@ -47,37 +152,12 @@ void FileSystemManager::setProgress(Progress progress) {
 
 void FileSystemManager::extractAll(const std::u16string& folder, RestoreMode restore,
                                    TransformMode transform, ReplaceMode replace) {
-    checkModes(restore, transform, replace);
-    // Every path is checked before the first byte is written.
-    std::vector<PlannedPart> plan;
-    std::uint64_t bytesTotal = 0;
-    for (auto& name : package_.getPartNames()) {
-        if (restore == RestoreMode::ContentParts && isRelationshipPart(name.ascii())) continue;
-        auto path =
-            detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
-        bytesTotal += package_.getPart(name).getEntry().size;
-        plan.push_back({std::move(name), std::move(path)});
-    }
-
-    detail::StagedExtraction staging(fl::i18n::to_string(folder),
-                                     replace == ReplaceMode::Replace
-                                         ? detail::StagedExtraction::Existing::Replace
-                                         : detail::StagedExtraction::Existing::Refuse);
-    detail::EntryDecoder decoder;
-    std::uint64_t bytesDone = 0;
-    std::size_t partsDone = 0;
-    for (const auto& planned : plan) {
-        model::Part part = package_.getPart(planned.name);
-        const auto& entry = part.getEntry();
-        const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize,
-                                       entry.crc32};
-        InputStream& raw = part.getRawInputStream();
-        staging.stage(planned.path,
-                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii()); });
-        bytesDone += entry.size;
-        if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
-    }
-    staging.commit();
+    extraction::Extractor extractor(package_, FileSystemOpsSelector(ops_));
+    extractor.setProgress(progress_);
+    // Old copies that could not be removed stay in a hidden staging folder
+    // that the next extraction into the folder removes.
+    extractor.extractAll(folder, restore, transform, replace);
 }
 
-}  // namespace opc::qvservices
+}  // namespace qvservices
+}  // namespace opc

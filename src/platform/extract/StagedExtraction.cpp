@@ -1,19 +1,23 @@
 #include "platform/extract/StagedExtraction.hpp"
 
 #include <fcntl.h>
-#include <stdio.h>  // renameat2
+#include <stdio.h>  // RENAME_NOREPLACE
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
 #include "platform/base/Ascii.hpp"
+#include "platform/extract/Journal.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
 namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+const char kJournalDraft[] = "journal.new";
 
 [[noreturn]] void fail(const std::string& what, Reason reason = Reason::CannotWrite) {
     throw Exception(reason, what);
@@ -23,63 +27,87 @@ namespace {
     fail(what + ": " + std::strerror(errno));
 }
 
-std::string temporaryName() {
-    static std::atomic<unsigned long> counter{0};
-    static const std::string prefix = ".~tsapp-" + std::to_string(::getpid()) + "-";
-    return prefix + std::to_string(counter++);
+FileSegments folderOf(const FileSegments& path) {
+    return FileSegments(path.begin(), path.end() - 1);
 }
 
-int openFolderBelow(int parent, const std::string& name) {
-    return ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-}
-
-bool existsNoFollow(int dirFd, const std::string& name, struct stat& info) {
-    if (::fstatat(dirFd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0) return true;
-    if (errno != ENOENT) failErrno("cannot inspect \"" + name + "\"");
-    return false;
+std::string quoted(const FileSegments& path) {
+    return "\"" + joinSegments(path) + "\"";
 }
 
 }  // namespace
 
-StagedExtraction::StagedExtraction(const std::string& destination, Existing existing)
-    : destination_(destination), existing_(existing) {
+StagedExtraction::StagedExtraction(const std::string& destination, Existing existing, bool sync,
+                                   const FileOps& ops)
+    : ops_(ops), destination_(destination), existing_(existing), sync_(sync) {
     if (destination.empty() || destination[0] != '/')
         fail("the destination \"" + destination + "\" is not an absolute path");
-    // The destination path itself comes from the caller and is trusted as
-    // given; only what lies below it is guarded against links.
-    for (std::size_t slash = destination.find('/', 1);; slash = destination.find('/', slash + 1)) {
-        const std::string prefix = destination.substr(0, slash);
-        if (::mkdir(prefix.c_str(), 0777) == 0)
-            createdRoots_.push_back(prefix);
-        else if (errno != EEXIST) {
-            const int saved = errno;
-            removeCreatedFolders();
-            errno = saved;
-            failErrno("cannot create the folder \"" + prefix + "\"");
+    while (destination_.size() > 1 && destination_.back() == '/') destination_.pop_back();
+    const std::size_t slash = destination_.rfind('/');
+    name_ = destination_.substr(slash + 1);
+    try {
+        // The destination path itself comes from the caller and is trusted
+        // as given; only what lies below it is guarded against links.
+        for (std::size_t at = destination_.find('/', 1); at != std::string::npos && at <= slash;
+             at = destination_.find('/', at + 1)) {
+            const std::string prefix = destination_.substr(0, at);
+            if (::mkdir(prefix.c_str(), 0777) == 0)
+                createdRoots_.push_back(prefix);
+            else if (errno != EEXIST)
+                failErrno("cannot create the folder \"" + prefix + "\"");
         }
-        if (slash == std::string::npos) break;
-    }
-    if (!createdRoots_.empty() && createdRoots_.back() == destination) freshFolders_.insert({});
-    root_ = UniqueFd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!root_) {
-        const int saved = errno;
-        removeCreatedFolders();
-        errno = saved;
-        failErrno("cannot open the folder \"" + destination + "\"");
+        const std::string parentPath = slash == 0 ? "/" : destination_.substr(0, slash);
+        if (!name_.empty())
+            parent_ = UniqueFd(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        dest_ = UniqueFd(::open(destination_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!dest_ && (errno != ENOENT || !parent_))
+            failErrno("cannot open the folder \"" + (parent_ ? destination_ : parentPath) + "\"");
+
+        extraction::Recovery recovery;
+        recoverDestination(ops_, parent_ ? parent_.get() : -1, dest_ ? dest_.get() : -1,
+                           destination_, name_, recovery);
+        if (!recovery.leftAside.empty())
+            fail("the folder \"" + destination_ +
+                 "\" holds what an interrupted extraction left, and it could not be repaired: " +
+                 recovery.leftAside.front());
+
+        const int where = fresh() ? parent_.get() : dest_.get();
+        const std::string stagingName = stagingFolderName(fresh() ? name_ : "");
+        if (ops_.mkdirat(where, stagingName.c_str()) != 0)
+            failErrno("cannot create a staging folder for \"" + destination_ + "\"");
+        stagingName_ = stagingName;
+        staging_ = UniqueFd(ops_.openat(where, stagingName_.c_str(), kFolderFlags));
+        if (!staging_ || ::flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
+            failErrno("cannot open the staging folder \"" + stagingPath() + "\"");
+    } catch (...) {
+        removeStaging();
+        removeCreatedRoots();
+        throw;
     }
 }
 
 StagedExtraction::~StagedExtraction() {
-    if (!committed_) rollback();
+    if (committed_) return;
+    if (journaled_ && !keepStaging_ && !undoCommit().empty()) keepStaging_ = true;
+    if (keepStaging_) return;
+    removeStaging();
+    removeCreatedRoots();
+}
+
+std::string StagedExtraction::stagingPath() const {
+    const std::string where =
+        fresh() ? destination_.substr(0, destination_.rfind('/')) : destination_;
+    return (where == "/" ? "" : where) + "/" + stagingName_;
 }
 
 int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
-    if (folder.empty()) return root_.get();
+    const int root = fresh() ? staging_.get() : dest_.get();
+    if (folder.empty()) return root;
     if (auto cached = folders_.find(folder); cached != folders_.end()) return cached->second.get();
     if (folders_.size() >= kMaxCachedFolders) folders_.clear();
     // Start from the deepest folder on the way that is already open.
     std::size_t depth = folder.size() - 1;
-    int parent = root_.get();
+    int parent = root;
     FileSegments walked(folder.begin(), folder.begin() + static_cast<std::ptrdiff_t>(depth));
     for (; depth > 0; --depth, walked.pop_back()) {
         if (auto cached = folders_.find(walked); cached != folders_.end()) {
@@ -90,19 +118,19 @@ int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
     for (; depth < folder.size(); ++depth) {
         const std::string& name = folder[depth];
         walked.push_back(name);
-        UniqueFd next(openFolderBelow(parent, name));
-        if (!next && errno == ENOENT && create) {
-            if (::mkdirat(parent, name.c_str(), 0777) != 0)
-                failErrno("cannot create the folder \"" + joinSegments(walked) + "\"");
+        UniqueFd next(ops_.openat(parent, name.c_str(), kFolderFlags));
+        if (!next && errno == ENOENT) {
+            if (!create) return -1;
+            if (ops_.mkdirat(parent, name.c_str()) != 0)
+                failErrno("cannot create the folder " + quoted(walked));
             createdFolders_.push_back(walked);
-            freshFolders_.insert(walked);
-            next = UniqueFd(openFolderBelow(parent, name));
+            next = UniqueFd(ops_.openat(parent, name.c_str(), kFolderFlags));
         }
         if (!next) {
             if (errno == ELOOP || errno == ENOTDIR)
-                fail("\"" + joinSegments(walked) +
-                     "\" in the destination is not a folder (a file or a symbolic link)");
-            failErrno("cannot open the folder \"" + joinSegments(walked) + "\"");
+                fail(quoted(walked) +
+                     " in the destination is not a folder (a file or a symbolic link)");
+            failErrno("cannot open the folder " + quoted(walked));
         }
         parent = next.get();
         folders_[walked] = std::move(next);
@@ -113,135 +141,244 @@ int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
 void StagedExtraction::reservePath(const FileSegments& path) {
     const std::string key = opc::detail::ascii_lower(joinSegments(path));
     if (folderPaths_.count(key) || !filePaths_.insert(key).second)
-        fail("the package names \"" + joinSegments(path) +
-                 "\" twice, or as both a file and a folder",
+        fail("the package names " + quoted(path) + " twice, or as both a file and a folder",
              Reason::BadPath);
     FileSegments prefix;
     for (std::size_t i = 0; i + 1 < path.size(); ++i) {
         prefix.push_back(path[i]);
         const std::string folderKey = opc::detail::ascii_lower(joinSegments(prefix));
         if (filePaths_.count(folderKey))
-            fail("the package names \"" + joinSegments(prefix) + "\" as both a file and a folder",
+            fail("the package names " + quoted(prefix) + " as both a file and a folder",
                  Reason::BadPath);
         folderPaths_.insert(folderKey);
     }
 }
 
-void StagedExtraction::checkTarget(int dirFd, const FileSegments& path) const {
-    // A folder this extraction made holds only what it put there, and
-    // reservePath() has already ruled out clashes among those.
-    if (freshFolders_.count(FileSegments(path.begin(), path.end() - 1))) return;
-    struct stat info {};
-    if (!existsNoFollow(dirFd, path.back(), info)) return;
-    if (S_ISDIR(info.st_mode))
-        fail("a folder is in the way of the file \"" + joinSegments(path) + "\"");
-    if (existing_ == Existing::Refuse)
-        fail("the file \"" + joinSegments(path) + "\" already exists");
-}
-
-std::string StagedExtraction::createTemporary(int dirFd, UniqueFd& file) {
-    for (;;) {
-        std::string name = temporaryName();
-        file = UniqueFd(::openat(dirFd, name.c_str(),
-                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-        if (file) return name;
-        if (errno != EEXIST) failErrno("cannot create a file in the destination");
+// True when something is at the path in an existing destination now.
+bool StagedExtraction::checkTarget(const FileSegments& path) {
+    if (fresh()) return false;
+    const FileSegments folder = folderOf(path);
+    if (missingFolders_.count(folder)) return false;
+    const int dirFd = folderFd(folder, false);
+    if (dirFd < 0) {
+        missingFolders_.insert(folder);
+        return false;
     }
+    struct stat info {};
+    if (ops_.lstatat(dirFd, path.back().c_str(), &info) != 0) {
+        if (errno != ENOENT) failErrno("cannot inspect " + quoted(path));
+        return false;
+    }
+    if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file " + quoted(path));
+    if (existing_ == Existing::Refuse) fail("the file " + quoted(path) + " already exists");
+    return true;
 }
 
 void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
     if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
     StagedFile file;
-    file.folder.assign(path.begin(), path.end() - 1);
-    file.name = path.back();
-    const int dirFd = folderFd(file.folder, true);
-    checkTarget(dirFd, path);
-    UniqueFd out;
-    file.temporary = createTemporary(dirFd, out);
+    file.path = path;
+    file.existed = checkTarget(path);
+    // A new destination is staged as the tree it becomes; files for an
+    // existing one wait flat in the staging folder inside it.
+    const int dirFd = fresh() ? folderFd(folderOf(path), true) : staging_.get();
+    const std::string name = fresh() ? path.back() : stagedName(staged_.size());
+    UniqueFd out(ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
+    if (!out) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
     write(out.get());
     // close() is where some file systems report a failed write.
-    if (::close(out.release()) != 0)
-        failErrno("cannot write the file \"" + joinSegments(path) + "\"");
+    if (ops_.dataWritten() != 0 || (sync_ && ops_.fsync(out.get()) != 0) ||
+        ops_.close(out.release()) != 0)
+        failErrno("cannot write the file " + quoted(path));
 }
 
-void StagedExtraction::placeFile(StagedFile& file) {
-    const int dirFd = folderFd(file.folder, false);
-    // Most targets are new: one rename that refuses to replace anything
-    // settles those without looking first. Only when something is in the
-    // way (or the file system cannot make that promise) is the old file
-    // moved aside, so that a rollback can bring it back.
-    if (::renameat2(dirFd, file.temporary.c_str(), dirFd, file.name.c_str(), RENAME_NOREPLACE) ==
-        0) {
+void StagedExtraction::flush(int fd, const std::string& what, bool warnOnly) {
+    if (ops_.fsync(fd) == 0) return;
+    if (!warnOnly) failErrno("cannot flush \"" + what + "\" to disk");
+    warnings_.push_back("could not flush " + what + " to disk: " + std::strerror(errno));
+}
+
+void StagedExtraction::commit() {
+    if (fresh())
+        commitFresh();
+    else
+        commitExisting();
+}
+
+void StagedExtraction::commitFresh() {
+    if (sync_) {
+        for (const auto& folder : createdFolders_)
+            flush(folderFd(folder, false), stagingPath() + "/" + joinSegments(folder), false);
+        flush(staging_.get(), stagingPath(), false);
+    }
+    const int parent = parent_.get();
+    int moved =
+        ops_.renameat(parent, stagingName_.c_str(), parent, name_.c_str(), RENAME_NOREPLACE);
+    if (moved != 0 && errno == EINVAL)  // a file system that cannot promise NOREPLACE
+        moved = ops_.renameat(parent, stagingName_.c_str(), parent, name_.c_str());
+    if (moved != 0) {
+        if (errno == EEXIST || errno == ENOTEMPTY)
+            fail("the folder \"" + destination_ + "\" appeared during the extraction");
+        failErrno("cannot move the new folder into place as \"" + destination_ + "\"");
+    }
+    committed_ = true;
+    if (sync_) flush(parent, destination_ + "/..", true);
+}
+
+void StagedExtraction::writeJournal() {
+    std::vector<JournalEntry> entries;
+    std::set<FileSegments> newFolders;
+    for (const auto& folder : missingFolders_)
+        for (std::size_t depth = 1; depth <= folder.size(); ++depth)
+            newFolders.insert(FileSegments(folder.begin(), folder.begin() + depth));
+    // Parents sort before their children.
+    for (const auto& folder : newFolders)
+        if (folderFd(folder, false) < 0) entries.push_back({true, false, joinSegments(folder)});
+    for (const auto& file : staged_)
+        entries.push_back({false, file.existed, joinSegments(file.path)});
+    const std::string text = encodeJournal(entries);
+
+    UniqueFd out(ops_.openat(staging_.get(), kJournalDraft, O_WRONLY | O_CREAT | O_EXCL, 0666));
+    if (!out || ops_.writeAll(out.get(), text.data(), text.size()) != 0 ||
+        (sync_ && ops_.fsync(out.get()) != 0) || ops_.close(out.release()) != 0 ||
+        ops_.renameat(staging_.get(), kJournalDraft, staging_.get(), kJournal) != 0)
+        failErrno("cannot write the journal in \"" + stagingPath() + "\"");
+    journaled_ = true;
+    if (sync_) flush(staging_.get(), stagingPath(), false);
+}
+
+// Renames are ordered so that any single one that fails can be undone:
+// the old file is moved into the staging folder before the new one takes
+// its name.
+void StagedExtraction::place(std::size_t index) {
+    StagedFile& file = staged_[index];
+    const int dirFd = folderFd(folderOf(file.path), true);
+    const char* name = file.path.back().c_str();
+    const std::string staged = stagedName(index);
+    const int staging = staging_.get();
+    if (ops_.renameat(staging, staged.c_str(), dirFd, name, RENAME_NOREPLACE) == 0) {
         file.placed = true;
         return;
     }
     if (errno != EEXIST && errno != EINVAL && errno != ENOSYS)
-        failErrno("cannot move \"" + file.name + "\" into place");
-    if (errno == EEXIST && existing_ == Existing::Refuse) {
-        FileSegments path = file.folder;
-        path.push_back(file.name);
-        fail("the file \"" + joinSegments(path) + "\" already exists");
-    }
-    moveAsideAndPlace(dirFd, file);
-}
-
-void StagedExtraction::moveAsideAndPlace(int dirFd, StagedFile& file) {
+        failErrno("cannot move " + quoted(file.path) + " into place");
+    if (errno == EEXIST && existing_ == Existing::Refuse)
+        fail("the file " + quoted(file.path) + " already exists");
     struct stat info {};
-    if (existsNoFollow(dirFd, file.name, info)) {
-        if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file \"" + file.name + "\"");
-        std::string backup = temporaryName();
-        if (::renameat(dirFd, file.name.c_str(), dirFd, backup.c_str()) != 0)
-            failErrno("cannot move the old \"" + file.name + "\" aside");
-        file.backup = std::move(backup);
+    if (ops_.lstatat(dirFd, name, &info) == 0) {
+        if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file " + quoted(file.path));
+        if (ops_.renameat(dirFd, name, staging, asideName(index).c_str()) != 0)
+            failErrno("cannot move the old " + quoted(file.path) + " aside");
+        file.aside = true;
     }
-    if (::renameat(dirFd, file.temporary.c_str(), dirFd, file.name.c_str()) != 0)
-        failErrno("cannot move \"" + file.name + "\" into place");
+    if (ops_.renameat(staging, staged.c_str(), dirFd, name) != 0)
+        failErrno("cannot move " + quoted(file.path) + " into place");
     file.placed = true;
 }
 
-void StagedExtraction::commit() {
-    for (auto& file : staged_) placeFile(file);
-    committed_ = true;
-    for (const auto& file : staged_) {
-        if (file.backup.empty()) continue;
-        try {
-            ::unlinkat(folderFd(file.folder, false), file.backup.c_str(), 0);
-        } catch (const Exception&) {
-            // The new files are in place; a leftover old copy is all that is lost.
-        }
+void StagedExtraction::commitExisting() {
+    if (sync_) flush(staging_.get(), stagingPath(), false);
+    writeJournal();
+    try {
+        for (std::size_t i = 0; i < staged_.size(); ++i) place(i);
+    } catch (const Exception& e) {
+        const std::vector<std::string> problems = undoCommit();
+        if (problems.empty()) throw;
+        keepStaging_ = true;
+        std::string text = std::string(e.what()) + "; could not undo:";
+        for (const auto& problem : problems) text += " " + problem + ";";
+        fail(text + " the destination may need `tsapp recover`");
     }
+    committed_ = true;
+    if (sync_) {
+        std::set<FileSegments> touched;
+        for (const auto& file : staged_) touched.insert(folderOf(file.path));
+        for (const auto& folder : touched)
+            flush(folderFd(folder, false), destination_ + "/" + joinSegments(folder), true);
+    }
+    // Cleaning up: each removal gets a second chance before it is reported.
+    const int staging = staging_.get();
+    auto remove = [&](int dir, const std::string& name, int flags) {
+        return ops_.unlinkat(dir, name.c_str(), flags) == 0 ||
+               ops_.unlinkat(dir, name.c_str(), flags) == 0 || errno == ENOENT;
+    };
+    bool allRemoved = true;
+    for (std::size_t i = 0; i < staged_.size(); ++i) {
+        if (!staged_[i].aside || remove(staging, asideName(i), 0)) continue;
+        allRemoved = false;
+        warnings_.push_back("could not remove " + stagingPath() + "/" + asideName(i) +
+                            " (the old " + joinSegments(staged_[i].path) + ")");
+    }
+    if (allRemoved &&
+        (!remove(staging, kJournal, 0) || !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
+        warnings_.push_back("could not remove " + stagingPath());
 }
 
-void StagedExtraction::rollback() noexcept {
-    for (auto it = staged_.rbegin(); it != staged_.rend(); ++it) {
+// Puts the destination back as it was; returns what could not be, one line each.
+std::vector<std::string> StagedExtraction::undoCommit() noexcept {
+    std::vector<std::string> problems;
+    bool touched = false;
+    for (const auto& file : staged_) touched = touched || file.placed || file.aside;
+    // From here a crash, or a staging folder that cannot be removed, must
+    // lead to undoing, not completing.
+    if (journaled_ && ops_.renameat(staging_.get(), kJournal, staging_.get(), kUndoJournal) != 0) {
+        for (const auto& file : staged_)
+            if (file.placed || file.aside)
+                problems.push_back(joinSegments(file.path) + " (left as the new version)");
+        if (touched) return problems;
+        if (ops_.unlinkat(staging_.get(), kJournal, 0) != 0)
+            problems.push_back(stagingPath() + "/" + kJournal + " (could not be removed)");
+    }
+    journaled_ = false;
+    for (std::size_t i = staged_.size(); i-- > 0;) {
+        StagedFile& file = staged_[i];
+        if (!file.placed && !file.aside) continue;
         int dirFd = -1;
         try {
-            dirFd = folderFd(it->folder, false);
+            dirFd = folderFd(folderOf(file.path), false);
         } catch (const Exception&) {
+        }
+        const char* name = file.path.back().c_str();
+        if (file.aside) {
+            if (dirFd < 0 ||
+                ops_.renameat(staging_.get(), asideName(i).c_str(), dirFd, name) != 0) {
+                problems.push_back(joinSegments(file.path) + " (old copy kept as " + stagingPath() +
+                                   "/" + asideName(i) + ")");
+                continue;
+            }
+        } else if (dirFd < 0 || ops_.unlinkat(dirFd, name, 0) != 0) {
+            problems.push_back(joinSegments(file.path) + " (the new file is still in place)");
             continue;
         }
-        if (it->placed)
-            ::unlinkat(dirFd, it->name.c_str(), 0);
-        else
-            ::unlinkat(dirFd, it->temporary.c_str(), 0);
-        if (!it->backup.empty()) ::renameat(dirFd, it->backup.c_str(), dirFd, it->name.c_str());
+        file.placed = file.aside = false;
     }
-    removeCreatedFolders();
-}
-
-void StagedExtraction::removeCreatedFolders() noexcept {
     for (auto it = createdFolders_.rbegin(); it != createdFolders_.rend(); ++it) {
-        const FileSegments parent(it->begin(), it->end() - 1);
+        int parent = -1;
         try {
-            ::unlinkat(folderFd(parent, false), it->back().c_str(), AT_REMOVEDIR);
+            parent = folderFd(folderOf(*it), false);
         } catch (const Exception&) {
         }
+        if (parent < 0 || ops_.unlinkat(parent, it->back().c_str(), AT_REMOVEDIR) != 0)
+            problems.push_back(joinSegments(*it) + " (a new folder)");
+        folders_.erase(*it);
     }
     createdFolders_.clear();
+    return problems;
+}
+
+void StagedExtraction::removeStaging() noexcept {
     folders_.clear();
-    root_.reset();
+    const int where = fresh() ? parent_.get() : dest_.get();
+    // What cannot be removed now, the next extraction removes: the lock
+    // goes with this process.
+    if (!stagingName_.empty() && where >= 0) removeTree(ops_, where, stagingName_);
+    staging_.reset();
+}
+
+void StagedExtraction::removeCreatedRoots() noexcept {
+    parent_.reset();
     for (auto it = createdRoots_.rbegin(); it != createdRoots_.rend(); ++it) ::rmdir(it->c_str());
     createdRoots_.clear();
 }

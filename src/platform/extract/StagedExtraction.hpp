@@ -1,13 +1,17 @@
 #pragma once
 
-// All-or-nothing writing of many files below one folder.
+// All-or-nothing writing of many files below one folder, that a crash
+// cannot leave half done (see Journal.hpp for the staging folders).
 //
-// Each file is first written to a temporary name beside its target; only
-// commit() renames them into place. Until commit() has returned, the
-// destructor undoes everything: temporary files are removed, files that
-// were replaced get their old contents back, and every folder that this
-// object created (the destination itself included) is removed again. The
-// folder then holds exactly what it held before.
+// Nothing the destination shows changes before commit(). A new
+// destination is built whole in a staging folder beside it and renamed
+// into place; into an existing one the files are staged in a hidden folder
+// inside it, then moved one by one under a journal. Until commit() has
+// returned, the destructor undoes everything: the staging folder goes,
+// files that were replaced get their old contents back, and every folder
+// this object created is removed. The destination then holds exactly what
+// it held before. Before staging, the staging folders of dead extractions
+// into the same destination are completed or removed.
 //
 // Below the destination every folder is opened with openat() and
 // O_NOFOLLOW, one component at a time, so a symbolic link that sits inside
@@ -22,8 +26,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/extract/ExtractionPaths.hpp"
 #include "platform/base/UniqueFd.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
+#include "platform/extract/FileOps.hpp"
 
 namespace opc::detail {
 
@@ -31,58 +36,78 @@ class StagedExtraction {
   public:
     enum class Existing { Replace, Refuse };
 
-    // Opens `destination` (an absolute path), creating it and any missing
-    // parent folders. Throws opc::Exception when that fails.
-    StagedExtraction(const std::string& destination, Existing existing);
+    // Opens `destination` (an absolute path), creating its missing parent
+    // folders, and repairs what dead extractions into it left. Throws
+    // opc::Exception when that fails. With `sync`, every file and folder
+    // is flushed to disk before the new files count as installed.
+    StagedExtraction(const std::string& destination, Existing existing, bool sync = false,
+                     const FileOps& ops = posixFileOps());
     ~StagedExtraction();
     StagedExtraction(const StagedExtraction&) = delete;
     StagedExtraction& operator=(const StagedExtraction&) = delete;
 
-    // Creates the folders of `path` and a temporary file beside its target,
-    // and calls `write` with the open descriptor. Throws opc::Exception when
-    // the path clashes with another staged file or folder (ignoring ASCII
-    // case), with a folder or a symbolic link on the way, or with an
-    // existing file under Existing::Refuse.
+    // Creates a staged file for `path` and calls `write` with the open
+    // descriptor. Throws opc::Exception when the path clashes with another
+    // staged file or folder (ignoring ASCII case), with a folder or a
+    // symbolic link on the way, or with an existing file under
+    // Existing::Refuse.
     void stage(const FileSegments& path, const std::function<void(int fd)>& write);
 
     // Moves every staged file into place. After it returns the extraction
-    // is final; when it throws, the destructor restores the old state.
+    // is final. When it throws, everything is already undone, or the text
+    // names each file that could not be put back.
     void commit();
+
+    // What could not be cleaned up or flushed after a successful commit:
+    // one line each, naming the file or folder.
+    const std::vector<std::string>& warnings() const { return warnings_; }
 
   private:
     struct StagedFile {
-        FileSegments folder;
-        std::string name;
-        std::string temporary;
-        std::string backup;  // the old file's temporary name once moved aside
+        FileSegments path;
+        bool existed = false;  // something was at the path when staged
+        bool aside = false;    // the old file was moved into the staging folder
         bool placed = false;
     };
 
+    bool fresh() const { return !dest_; }
     int folderFd(const FileSegments& folder, bool create);
-    std::string createTemporary(int dirFd, UniqueFd& file);
-    void checkTarget(int dirFd, const FileSegments& path) const;
     void reservePath(const FileSegments& path);
-    void placeFile(StagedFile& file);
-    void moveAsideAndPlace(int dirFd, StagedFile& file);
-    void rollback() noexcept;
-    void removeCreatedFolders() noexcept;
+    bool checkTarget(const FileSegments& path);
+    void writeJournal();
+    void place(std::size_t index);
+    void commitFresh();
+    void commitExisting();
+    std::vector<std::string> undoCommit() noexcept;
+    void flush(int fd, const std::string& what, bool warnOnly);
+    void removeStaging() noexcept;
+    void removeCreatedRoots() noexcept;
+    std::string stagingPath() const;
 
+    const FileOps& ops_;
     std::string destination_;
+    std::string name_;  // the destination's last component
     Existing existing_;
+    bool sync_;
     std::vector<std::string> createdRoots_;     // absolute, outermost first
     std::vector<FileSegments> createdFolders_;  // below the destination, parents first
-    std::set<FileSegments> freshFolders_;       // made by this object, the destination included
+    std::set<FileSegments> missingFolders_;     // not in the destination when staged
     std::vector<StagedFile> staged_;
     std::set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
     std::set<std::string> folderPaths_;  // ASCII-lowercased
-    UniqueFd root_;
-    // Every folder opened so far, by its path below the destination, so
-    // that parts spread over many folders cost one openat() per folder
-    // rather than one per path component per part. Bounded by
-    // kMaxCachedFolders; past that the cache starts afresh.
+    std::vector<std::string> warnings_;
+    UniqueFd parent_;
+    UniqueFd dest_;  // an existing destination; invalid for a new one
+    std::string stagingName_;
+    UniqueFd staging_;  // also holds the lock that marks the extraction alive
+    // Open folders by their path below the staging folder (new destination)
+    // or the destination, so that parts spread over many folders cost one
+    // openat() per folder. Bounded; past that the cache starts afresh.
     static constexpr std::size_t kMaxCachedFolders = 512;
     std::map<FileSegments, UniqueFd> folders_;
+    bool journaled_ = false;
     bool committed_ = false;
+    bool keepStaging_ = false;  // it holds what a failed undo left
 };
 
 }  // namespace opc::detail

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "platform/extract/ExtractionPaths.hpp"
 #include "platform/zip/EntryDecoder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -82,13 +83,15 @@ TEST_F(StagedExtractionTest, ClashesAreErrorsNotOverwrites) {
     EXPECT_EQ(snapshot_tree(dest()), before);
 }
 
-// Folders this extraction made are not searched for files in the way; a file
-// someone else puts there before commit() must still never be lost.
+// Folders missing when a file is staged are not searched for files in the
+// way; a file someone else puts there before commit() must still never be lost.
 TEST_F(StagedExtractionTest, AFileThatAppearsInAFolderTheCallMadeIsNeverLost) {
     auto stageThenIntrude = [&](StagedExtraction::Existing existing) {
         return errorOf([&] {
+            fs::create_directories(dest());
             StagedExtraction extraction(dest(), existing);
             extraction.stage({"lib", "a.js"}, writes("ours"));
+            fs::create_directories(dest() + "/lib");
             write_file(dest() + "/lib/a.js", "theirs");
             extraction.commit();
         });

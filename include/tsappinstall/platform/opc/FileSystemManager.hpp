@@ -13,6 +13,9 @@ namespace opc {
 namespace model {
 class Package;
 }
+namespace detail {
+class FileOps;
+}
 
 // Selects the file-system operations the manager uses. The default (and,
 // on Linux, only) selection is the process's own POSIX calls, used through
@@ -20,6 +23,13 @@ class Package;
 class TSAPP_API FileSystemOpsSelector {
   public:
     FileSystemOpsSelector() = default;
+    // Other operations, for the library's own fault-injection tests; they
+    // must outlive every manager built with this selector.
+    explicit FileSystemOpsSelector(const detail::FileOps* ops) : ops_(ops) {}
+    const detail::FileOps* ops() const { return ops_; }
+
+  private:
+    const detail::FileOps* ops_ = nullptr;
 };
 
 namespace qvservices {
@@ -46,11 +56,15 @@ enum class ReplaceMode : int {
 // creating the folder and sub-folders as needed. "[Content_Types].xml" is
 // not a part and is never written.
 //
-// All or nothing: every part is first written into a temporary file beside
-// its target and checked (size and CRC-32); only when every part succeeded
-// are they renamed into place. When anything fails, every temporary file
-// and every folder the call created is removed, replaced files get their
-// old contents back, and the folder holds exactly what it held before.
+// All or nothing: every part is first written into a staging folder and
+// checked (size and CRC-32); only when every part succeeded are they
+// renamed into place (a new folder in one rename). When anything fails,
+// the staging folder and every folder the call created are removed,
+// replaced files get their old contents back, and the folder holds exactly
+// what it held before. A crash leaves a staging folder that the next
+// extraction into the same folder completes or removes first (see
+// tsappinstall/platform/extract/Extraction.hpp, which also offers a size
+// limit, durability and cancellation).
 //
 // Never outside the folder: part names are checked again as file paths;
 // every folder below the destination is opened with O_NOFOLLOW, so a
@@ -62,7 +76,9 @@ enum class ReplaceMode : int {
 // placed. Memory stays flat: entries above 16 MiB are streamed.
 //
 // Enumerator values outside those declared throw opc::Exception; so does
-// every failure, with a text that names the part or folder concerned.
+// every failure, with a text that names the part or folder concerned, and
+// so does a package whose parts add up to more than
+// opc::extraction::kDefaultMaxBytes.
 class TSAPP_API FileSystemManager {
   public:
     // Called after each part with the bytes and parts written so far and the
@@ -83,6 +99,7 @@ class TSAPP_API FileSystemManager {
 
   private:
     opc::model::Package& package_;
+    const detail::FileOps* ops_;
     Progress progress_;
 };
 

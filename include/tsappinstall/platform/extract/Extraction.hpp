@@ -1,0 +1,78 @@
+#pragma once
+
+// Extraction with the choices FileSystemManager makes for its callers
+// left open: a limit on the bytes written, durability, cancellation, and
+// recovery of a folder whose extraction was interrupted by a crash.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/platform/opc/FileSystemManager.hpp"
+
+namespace opc::extraction {
+
+// The most bytes one extraction writes unless told otherwise: 2 GiB. The
+// per-entry ratio limit still lets a small package declare gigabytes;
+// this stops it before the first byte is written.
+inline constexpr std::uint64_t kDefaultMaxBytes = std::uint64_t{2} << 30;
+
+struct Options {
+    // The sum of the parts' declared sizes may not exceed this; 0 lifts the limit.
+    std::uint64_t maxBytes = kDefaultMaxBytes;
+    // fsync() every file and every folder touched before the new files
+    // count as installed, so that they survive a power cut too.
+    bool sync = false;
+    // Asked between parts and while a large part is being read; when it
+    // returns true the extraction is rolled back and throws opc::Exception.
+    // It may read a flag set by a signal handler.
+    std::function<bool()> cancelled;
+};
+
+struct Outcome {
+    // What could not be cleaned up or flushed once the new files were in
+    // place, one line each naming the file: old copies of replaced files
+    // that could not be removed (tried twice) stay in a hidden ".~tsapp-*"
+    // folder in the destination, which the next extraction into it, or
+    // recover(), removes.
+    std::vector<std::string> leftAside;
+};
+
+class TSAPP_API Extractor {
+  public:
+    Extractor(opc::model::Package& package, const FileSystemOpsSelector& selector,
+              Options options = {});
+
+    void setProgress(qvservices::FileSystemManager::Progress progress);
+
+    // What FileSystemManager::extractAll() does, with these options. When
+    // an interrupted commit cannot be undone either (a persistent fault),
+    // the error names each file left aside and says that the folder needs
+    // recover().
+    Outcome extractAll(const std::u16string& folder, qvservices::RestoreMode restore,
+                       qvservices::TransformMode transform, qvservices::ReplaceMode replace);
+
+  private:
+    opc::model::Package& package_;
+    const detail::FileOps* ops_;
+    Options options_;
+    qvservices::FileSystemManager::Progress progress_;
+};
+
+struct Recovery {
+    std::vector<std::string> done;       // one line per repaired or removed leftover
+    std::vector<std::string> leftAside;  // what could not be repaired or removed
+};
+
+// What every extraction into `destination` (an absolute path) does first:
+// an extraction that crashed while moving its files into place is
+// completed from its journal, so that the folder holds the new version
+// whole; staging folders of extractions that no longer run, inside the
+// folder or beside it, are removed. Staging folders still locked by a live
+// extraction are left alone.
+TSAPP_API Recovery recover(const std::string& destination,
+                           const FileSystemOpsSelector& selector = FileSystemOpsSelector());
+
+}  // namespace opc::extraction
