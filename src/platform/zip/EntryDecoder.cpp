@@ -3,13 +3,13 @@
 #include <libdeflate.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/zip/Inflater.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -32,22 +32,6 @@ void readExactly(InputStream& raw, unsigned char* buffer, std::size_t size,
 void checkCrc(std::uint32_t actual, const EntryFacts& facts, const std::string& name) {
     if (actual != facts.crc32) fail(name, "CRC-32 mismatch, the data is corrupt");
 }
-
-// Owns a zlib inflate stream for raw DEFLATE data.
-class RawInflater {
-  public:
-    explicit RawInflater(const std::string& name) {
-        std::memset(&stream_, 0, sizeof stream_);
-        if (inflateInit2(&stream_, -MAX_WBITS) != Z_OK) fail(name, "cannot start the decompressor");
-    }
-    ~RawInflater() { inflateEnd(&stream_); }
-    RawInflater(const RawInflater&) = delete;
-    RawInflater& operator=(const RawInflater&) = delete;
-    z_stream& stream() { return stream_; }
-
-  private:
-    z_stream stream_;
-};
 
 }  // namespace
 
@@ -160,37 +144,19 @@ void EntryDecoder::inflateWhole(const EntryFacts& facts, InputStream& raw, int f
 
 void EntryDecoder::inflateStreaming(const EntryFacts& facts, InputStream& raw, int fd,
                                     const std::string& name) {
-    unsigned char* in = in_.reserve(kChunk);
     unsigned char* out = out_.reserve(kChunk);
-    RawInflater inflater(name);
-    z_stream& z = inflater.stream();
-    std::uint64_t inLeft = facts.compressedSize;
+    Inflater inflater(raw, facts.compressedSize, in_.reserve(kChunk), kChunk,
+                      "cannot extract \"" + name + "\": ");
     std::uint64_t produced = 0;
-    std::uint32_t crc = 0;
-    int status = Z_OK;
-    while (status != Z_STREAM_END) {
-        if (z.avail_in == 0) {
-            if (inLeft == 0) fail(name, "the compressed data ends too early");
-            const std::size_t size = inLeft < kChunk ? static_cast<std::size_t>(inLeft) : kChunk;
-            readExactly(raw, in, size, name);
-            inLeft -= size;
-            z.next_in = in;
-            z.avail_in = static_cast<uInt>(size);
-        }
-        z.next_out = out;
-        z.avail_out = static_cast<uInt>(kChunk);
-        status = inflate(&z, Z_NO_FLUSH);
-        if (status != Z_OK && status != Z_STREAM_END) fail(name, "the compressed data is corrupt");
-        const std::size_t size = kChunk - z.avail_out;
+    for (std::size_t size; (size = inflater.read(out, kChunk)) > 0;) {
         produced += size;
         if (produced > facts.size)
             fail(name, "the data decodes to more bytes than the archive declares");
-        crc = libdeflate_crc32(crc, out, size);
         writeFully(fd, out, size, name);
     }
     if (produced != facts.size)
         fail(name, "the data decodes to fewer bytes than the archive declares");
-    checkCrc(crc, facts, name);
+    checkCrc(inflater.crc32(), facts, name);
 }
 
 }  // namespace opc::detail

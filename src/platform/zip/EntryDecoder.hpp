@@ -23,9 +23,9 @@ struct EntryFacts {
 
 // Reused across the entries of one extraction: one decompressor and two
 // buffers that only ever grow up to kWholeEntryLimit. Entries up to that
-// size are inflated in one call with libdeflate, which is about twice as
-// fast as zlib; larger ones are streamed through zlib in fixed chunks, so
-// memory stays flat whatever the package declares.
+// size are inflated in one call with libdeflate; larger ones are streamed
+// through ISA-L (see Inflater) in fixed chunks, so memory stays flat
+// whatever the package declares.
 class EntryDecoder {
   public:
     static constexpr std::uint64_t kWholeEntryLimit = 16u << 20;

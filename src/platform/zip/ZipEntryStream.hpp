@@ -1,21 +1,23 @@
 #pragma once
 
-#include <zip.h>
-
 #include <cstdint>
+#include <memory>
+#include <vector>
 
+#include "platform/zip/Inflater.hpp"
+#include "platform/zip/RawEntryStream.hpp"
 #include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
 
 namespace opc::zippackage {
 
-// Streams one ZIP entry through libzip and owns its zip_file_t. Decoded
-// streams count the bytes and keep a running CRC-32; the read that reaches
-// the declared size also checks the CRC and that nothing follows, before it
-// hands over its bytes. Raw streams only count.
+// The decoded bytes of one ZIP entry, read with pread() at the offsets the
+// directory check established and inflated here. Counts the bytes and keeps
+// a running CRC-32; the read that reaches the declared size also checks the
+// CRC and that nothing follows, before it hands over its bytes.
 class ZipEntryStream : public InputStream {
   public:
-    ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry, bool raw);
+    ZipEntryStream(int fd, const opc::interfaces::PhysicalEntry& entry);
     ~ZipEntryStream() override;
     ZipEntryStream(const ZipEntryStream&) = delete;
     ZipEntryStream& operator=(const ZipEntryStream&) = delete;
@@ -27,12 +29,12 @@ class ZipEntryStream : public InputStream {
     std::size_t readSome(unsigned char* buffer, std::size_t size);
     void checkComplete();
 
-    zip_file_t* file_;
     const opc::interfaces::PhysicalEntry& entry_;
-    bool raw_;
-    std::uint64_t expected_;
+    RawEntryStream raw_;
+    std::vector<unsigned char> chunk_;            // compressed bytes, deflated entries only
+    std::unique_ptr<detail::Inflater> inflater_;  // null for stored entries
     std::uint64_t count_ = 0;
-    unsigned long crc_;
+    std::uint32_t crc_ = 0;
     bool finished_ = false;
 };
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <cerrno>
 #include <cstring>
@@ -39,43 +38,16 @@ class FileDescriptor {
     int fd_;
 };
 
-std::string zip_error_text(int code) {
-    zip_error_t error;
-    zip_error_init_with_code(&error, code);
-    std::string text = zip_error_strerror(&error);
-    zip_error_fini(&error);
-    return text;
-}
-
-// libzip reads the same central directory again; its view must be ours.
-void check_libzip_agrees(zip_t* archive, const std::vector<PhysicalEntry>& entries) {
-    if (zip_get_num_entries(archive, 0) != static_cast<zip_int64_t>(entries.size())) {
-        throw opc::Exception("not a usable ZIP file: libzip counts its entries differently");
-    }
-    for (const PhysicalEntry& entry : entries) {
-        zip_stat_t st;
-        if (zip_stat_index(archive, entry.index, ZIP_FL_ENC_RAW, &st) != 0 || st.name == nullptr ||
-            entry.name != st.name || st.size != entry.size ||
-            st.comp_size != entry.compressedSize || st.crc != entry.crc32 ||
-            st.comp_method != entry.compressionMethod) {
-            throw opc::Exception("not a usable ZIP file: libzip reads the entry \"" + entry.name +
-                                 "\" differently");
-        }
-    }
-}
-
 }  // namespace
 
+// The descriptor the directory was checked on; every read uses it, so all
+// of them see that file even if the path is replaced meanwhile.
 struct ZipPhysicalPackage::Archive {
-    Archive(zip_t* za, int fd) : handle(za), checkedFd(fd) {}
-    ~Archive() {
-        zip_discard(handle);
-        ::close(checkedFd);
-    }
+    explicit Archive(int fd) : checkedFd(fd) {}
+    ~Archive() { ::close(checkedFd); }
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
-    zip_t* handle;
-    int checkedFd;  // the descriptor the directory was checked on; raw reads use it
+    int checkedFd;
 };
 
 ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) : path_(path) {
@@ -90,20 +62,8 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly
     entries_ = readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
                                 {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
 
-    // libzip gets a duplicate of the descriptor we checked, so both read the
-    // same file even if the path is replaced meanwhile.
-    FileDescriptor forLibzip(::fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
-    if (forLibzip.get() < 0)
-        throw opc::Exception("cannot open \"" + file + "\": " + std::strerror(errno));
-    int error = 0;
-    zip_t* za = zip_fdopen(forLibzip.get(), 0, &error);
-    if (za == nullptr)
-        throw opc::Exception("cannot open \"" + file +
-                             "\" as a ZIP file: " + zip_error_text(error));
-    forLibzip.release();  // zip_fdopen closed it and holds its own
-    archive_ = std::make_unique<Archive>(za, fd.get());
+    archive_ = std::make_unique<Archive>(fd.get());
     fd.release();
-    check_libzip_agrees(za, entries_);
 }
 
 ZipPhysicalPackage::~ZipPhysicalPackage() = default;
@@ -120,7 +80,7 @@ const PhysicalEntry& ZipPhysicalPackage::entryAt(std::uint64_t index) const {
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<ZipEntryStream>(archive_->handle, entry, false);
+    return std::make_unique<ZipEntryStream>(archive_->checkedFd, entry);
 }
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openRawEntry(std::uint64_t index) {
