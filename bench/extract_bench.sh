@@ -9,8 +9,9 @@
 #   bench/extract_bench.sh [build-dir] [runs]
 #
 # Prints the median wall time of each tool, its ratio to bsdtar and to the
-# floor, and its peak resident memory; checks that all tools wrote the same
-# files.
+# floor, its median CPU time (user + system: steadier than wall time when
+# other work shares the machine) and its peak resident memory; checks that
+# all tools wrote the same files.
 set -euo pipefail
 build=${1:-build-release}
 runs=${2:-5}
@@ -24,20 +25,22 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
 
 # time_tool NAME COMMAND...: runs the command (OUT stands for a fresh
-# folder) $runs times; sets med[NAME] and mem[NAME] (peak KB).
-declare -A med mem
+# folder) $runs times; sets med[NAME], cpu[NAME] and mem[NAME] (peak KB).
+declare -A med cpu mem
 time_tool() {
-  local tool=$1 times=() peak=0 secs kb
+  local tool=$1 times=() cpus=() peak=0 secs kb user sys
   shift
   for ((r = 0; r < runs; r++)); do
     out=$work/out-$tool
     rm -rf "$out" && mkdir -p "$out"
-    /usr/bin/time -f "%e %M" -o "$work/time" "${@//OUT/$out}"
-    read -r secs kb <"$work/time"
+    /usr/bin/time -f "%e %M %U %S" -o "$work/time" "${@//OUT/$out}"
+    read -r secs kb user sys <"$work/time"
     times+=("$secs")
+    cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {print u + s}')")
     ((kb > peak)) && peak=$kb
   done
   med[$tool]=$(printf '%s\n' "${times[@]}" | median)
+  cpu[$tool]=$(printf '%s\n' "${cpus[@]}" | median)
   mem[$tool]=$peak
 }
 
@@ -55,10 +58,13 @@ bench_package() {
     diff -r "$work/out-tsapp" "$work/out-$tool" >/dev/null || { echo "output of $tool differs" >&2; exit 1; }
   done
   echo "all outputs identical (the floor writes flat, unnamed files)"
-  printf '%-8s %10s %10s %10s %12s\n' tool "median s" "vs bsdtar" "vs floor" "peak RSS MB"
+  printf '%-8s %9s %9s %9s %9s %9s %9s %12s\n' tool "median s" "vs bsdtar" "vs floor" \
+    "cpu s" "vs bsdtar" "vs floor" "peak RSS MB"
   for tool in tsapp floor bsdtar unzip python; do
-    printf '%-8s %10s %10s %10s %12s\n' "$tool" "${med[$tool]}" "$(ratio "${med[$tool]}" "${med[bsdtar]}")" \
-      "$(ratio "${med[$tool]}" "${med[floor]}")" "$((mem[$tool] / 1024))"
+    printf '%-8s %9s %9s %9s %9s %9s %9s %12s\n' "$tool" "${med[$tool]}" \
+      "$(ratio "${med[$tool]}" "${med[bsdtar]}")" "$(ratio "${med[$tool]}" "${med[floor]}")" \
+      "${cpu[$tool]}" "$(ratio "${cpu[$tool]}" "${cpu[bsdtar]}")" \
+      "$(ratio "${cpu[$tool]}" "${cpu[floor]}")" "$((mem[$tool] / 1024))"
   done
   echo "goal: tsapp <= 0.45x bsdtar (2.2 times as fast) and <= 1.25x floor"
   rm -rf "$work/out-"*

@@ -31,7 +31,6 @@ void Inflater::fail(const std::string& why) const {
 }
 
 void Inflater::refill() {
-    if (inLeft_ == 0) fail("the compressed data ends too early");
     const std::size_t size = inLeft_ < chunkSize_ ? static_cast<std::size_t>(inLeft_) : chunkSize_;
     std::size_t done = 0;
     while (done < size) {
@@ -50,14 +49,17 @@ std::size_t Inflater::read(unsigned char* out, std::size_t size) {
     z.next_out = out;
     z.avail_out = wanted;
     while (z.avail_out > 0 && z.block_state != ISAL_BLOCK_FINISH) {
-        if (z.avail_in == 0) refill();
+        if (z.avail_in == 0 && inLeft_ > 0) refill();
         const std::uint32_t inBefore = z.avail_in;
         const std::uint32_t outBefore = z.avail_out;
         if (isal_inflate(&z) != ISAL_DECOMP_OK) fail("the compressed data is corrupt");
-        // A call that neither consumed, produced nor finished never will.
+        // ISA-L holds back input it cannot decode yet, so a call that neither
+        // consumed, produced nor finished has run out of data.
         if (z.avail_in == inBefore && z.avail_out == outBefore &&
-            z.block_state != ISAL_BLOCK_FINISH)
-            fail("the compressed data is corrupt");
+            z.block_state != ISAL_BLOCK_FINISH) {
+            fail(z.avail_in == 0 ? "the compressed data ends too early"
+                                 : "the compressed data is corrupt");
+        }
     }
     return wanted - z.avail_out;
 }
