@@ -47,7 +47,9 @@ time_tool() {
 bench_package() {
   local pkg=$1 tool
   echo
-  echo "package: $(du -m "$pkg" | cut -f1) MB, $(unzip -Z1 "$pkg" | wc -l) entries, largest part $(($(unzip -Zl "$pkg" | awk '$4 ~ /^[0-9]+$/ {print $4}' | sort -n | tail -1) >> 20)) MB; uptime:$(uptime | sed 's/.*load/ load/')"
+  local largest
+  largest=$(python3 -c 'import sys, zipfile; print(max(i.file_size for i in zipfile.ZipFile(sys.argv[1]).infolist()) >> 20)' "$pkg")
+  echo "package: $(du -m "$pkg" | cut -f1) MB, $(unzip -Z1 "$pkg" | wc -l) entries, largest part $largest MB;$(uptime | sed 's/.*load/ load/')"
   time_tool tsapp "$tsapp" extract "$pkg" OUT
   time_tool floor "$floor" "$pkg" OUT
   time_tool bsdtar bsdtar -xf "$pkg" -C OUT
