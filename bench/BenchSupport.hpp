@@ -5,8 +5,10 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -66,6 +68,37 @@ double microsecondsPerCall(const char* what, int iterations, Work work) {
     const double each = spent.count() / iterations;
     std::printf("%-52s %9.1f us\n", what, each);
     return each;
+}
+
+// One thing to time, and what it is compared with.
+struct Row {
+    std::string name;
+    std::function<void()> work;
+};
+
+// Times every row `rounds` times, taking turns so that a machine busy with
+// other work slows all of them alike; returns each row's median time per
+// call in microseconds.
+inline std::vector<double> medianMicroseconds(const std::vector<Row>& rows, int rounds,
+                                              int iterations) {
+    for (const Row& row : rows)
+        for (int i = 0; i < 10; ++i) row.work();
+    std::vector<std::vector<double>> samples(rows.size());
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t r = 0; r < rows.size(); ++r) {
+            const auto start = std::chrono::steady_clock::now();
+            for (int i = 0; i < iterations; ++i) rows[r].work();
+            const std::chrono::duration<double, std::micro> spent =
+                std::chrono::steady_clock::now() - start;
+            samples[r].push_back(spent.count() / iterations);
+        }
+    }
+    std::vector<double> medians;
+    for (auto& s : samples) {
+        std::sort(s.begin(), s.end());
+        medians.push_back(s[s.size() / 2]);
+    }
+    return medians;
 }
 
 }  // namespace tsapp::bench

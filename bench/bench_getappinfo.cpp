@@ -1,13 +1,15 @@
 // Time of one getAppInfo on a typical package (50 parts, a 2 KB manifest)
 // beside the work no reader of that package can avoid, measured in the same
-// run: opening the ZIP as a package, compiling the schema (constructing a
-// serializer), and parsing, validating and verifying the manifest once on an
-// existing serializer. The ratio shows what the facade adds on top.
+// run: opening the ZIP as a package, and parsing, validating and verifying
+// the manifest once on an existing serializer. The ratio shows what the
+// facade adds on top. The schema is compiled once per process, by the first
+// serializer; that one-off cost is printed first.
 //
-//   bench_getappinfo [iterations]
+//   bench_getappinfo [iterations] [rounds]
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
@@ -52,7 +54,13 @@ void writePackage(const std::string& path, const std::vector<unsigned char>& man
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int iterations = argc > 1 ? std::atoi(argv[1]) : 500;
+    const int iterations = argc > 1 ? std::atoi(argv[1]) : 300;
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 5;
+    const auto firstStart = std::chrono::steady_clock::now();
+    { AppManifestSerializer first; }
+    const std::chrono::duration<double, std::micro> first =
+        std::chrono::steady_clock::now() - firstStart;
+
     char folder[] = "/tmp/bench-getappinfo-XXXXXX";
     if (::mkdtemp(folder) == nullptr) return 1;
     struct Cleanup {
@@ -66,38 +74,43 @@ int main(int argc, char** argv) {
     const std::string path = cleanup.path + "/app.tsappinstall";
     writePackage(path, manifest);
     const std::u16string upath(path.begin(), path.end());
-    std::printf("package: 50 parts, %ju bytes; manifest %zu bytes; %d iterations\n",
+    std::printf("package: 50 parts, %ju bytes; manifest %zu bytes; median of %d rounds of %d\n",
                 static_cast<std::uintmax_t>(std::filesystem::file_size(path)), manifest.size(),
-                iterations);
+                rounds, iterations);
 
     volatile std::size_t sink = 0;
     Corvane::addons::apps::Tsappinstall facade;
-    const double whole = tsapp::bench::microsecondsPerCall("getAppInfo", iterations, [&] {
-        sink = sink + facade.getAppInfo(upath).appEntries.size();
-    });
-    const double open = tsapp::bench::microsecondsPerCall(
-        "open: ZipPhysicalPackage + Package::open", iterations, [&] {
-            opc::model::OpenedPackage package(upath);
-            sink = sink + package->getPartNames().size();
-            package.close();
-        });
-    const double compile = tsapp::bench::microsecondsPerCall(
-        "schema: construct AppManifestSerializer", iterations, [&] {
-            AppManifestSerializer serializer;
-            sink = sink + 1;
-        });
     AppManifestSerializer serializer;
     const std::string text(manifest.begin(), manifest.end());
-    const double load = tsapp::bench::microsecondsPerCall(
-        "manifest: load on an existing serializer", iterations, [&] {
-            std::istringstream in(text);
-            opc::StdIStreamAdaptor stream(in);
-            AppManifest back;
-            serializer.load(stream, back);
-            sink = sink + back.appEntries.size();
-        });
-    const double floor = open + compile + load;
-    std::printf("%-52s %9.1f us\n", "sum of the unavoidable parts", floor);
-    std::printf("%-52s %9.2f\n", "ratio getAppInfo / sum", whole / floor);
+    const std::vector<tsapp::bench::Row> rows = {
+        {"getAppInfo", [&] { sink = sink + facade.getAppInfo(upath).appEntries.size(); }},
+        {"open: ZipPhysicalPackage + Package::open",
+         [&] {
+             opc::model::OpenedPackage package(upath);
+             sink = sink + package->getPartNames().size();
+             package.close();
+         }},
+        {"load: on an existing serializer",
+         [&] {
+             std::istringstream in(text);
+             opc::StdIStreamAdaptor stream(in);
+             AppManifest back;
+             serializer.load(stream, back);
+             sink = sink + back.appEntries.size();
+         }},
+        {"construct a serializer (schema compiled)",
+         [&] {
+             AppManifestSerializer fresh;
+             sink = sink + 1;
+         }},
+    };
+    const std::vector<double> us = tsapp::bench::medianMicroseconds(rows, rounds, iterations);
+    const double floor = us[1] + us[2];
+    std::printf("%-44s %9.1f us (once per process)\n", "first serializer: compiles the schema",
+                first.count());
+    for (std::size_t r = 0; r < rows.size(); ++r)
+        std::printf("%-44s %9.1f us\n", rows[r].name.c_str(), us[r]);
+    std::printf("%-44s %9.1f us\n", "floor: open + load", floor);
+    std::printf("%-44s %9.2f   (goal <= 1.10)\n", "ratio getAppInfo / floor", us[0] / floor);
     return 0;
 }

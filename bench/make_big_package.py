@@ -2,8 +2,15 @@
 """Writes a large, deterministic app package for the extraction benchmark.
 
 About 200 MB in about 2,000 parts: mostly text-like data of mixed sizes,
-some incompressible data, a few big files; DEFLATE level 6, as packaging
-tools write by default.
+one part in seven incompressible, a few big files; DEFLATE level 6, as
+packaging tools write by default.
+
+    make_big_package.py PATH [TOTAL_MB [PARTS [BIG_MB]]]
+    make_big_package.py PATH --one-part MB
+
+BIG_MB adds one text part of that size (the other parts share what is left
+of TOTAL_MB); --one-part writes a package holding a single text part, for
+measuring memory.
 """
 import random
 import sys
@@ -34,7 +41,19 @@ def text_corpus(rng, size):
     return "".join(out).encode()[:size]
 
 
-def main(path, total_mb=200, parts=2000):
+def one_part(path, megabytes):
+    corpus = text_corpus(random.Random(20261123), 8 << 20)
+    with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED, compresslevel=6) as z:
+        z.writestr("[Content_Types].xml", CONTENT_TYPES)
+        z.writestr("_rels/.rels", RELS)
+        info = zipfile.ZipInfo("files/huge.txt", date_time=(2026, 1, 1, 0, 0, 0))
+        info.compress_type = zipfile.ZIP_DEFLATED
+        with z.open(info, "w", force_zip64=True) as out:
+            for _ in range(megabytes // 8):
+                out.write(corpus)
+
+
+def main(path, total_mb=200, parts=2000, big_mb=0):
     rng = random.Random(20261123)
     corpus = text_corpus(rng, 8 << 20)
     sizes = []
@@ -43,10 +62,15 @@ def main(path, total_mb=200, parts=2000):
             sizes.append(rng.randint(4 << 20, 12 << 20))
         else:
             sizes.append(int(2 ** rng.uniform(9, 18.5)))
-    scale = (total_mb << 20) / sum(sizes)
+    scale = ((total_mb - big_mb) << 20) / sum(sizes)
     with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED, compresslevel=6) as z:
         z.writestr("[Content_Types].xml", CONTENT_TYPES)
         z.writestr("_rels/.rels", RELS)
+        if big_mb:
+            data = (corpus * (big_mb // 8 + 1))[:big_mb << 20]
+            info = zipfile.ZipInfo("files/big.txt", date_time=(2026, 1, 1, 0, 0, 0))
+            info.compress_type = zipfile.ZIP_DEFLATED
+            z.writestr(info, data, compresslevel=6)
         for i, size in enumerate(sizes):
             size = max(1, int(size * scale))
             folder = "files/d%02d/s%d" % (i % 37, i % 5)
@@ -62,4 +86,7 @@ def main(path, total_mb=200, parts=2000):
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], *(int(a) for a in sys.argv[2:]))
+    if len(sys.argv) == 4 and sys.argv[2] == "--one-part":
+        one_part(sys.argv[1], int(sys.argv[3]))
+    else:
+        main(sys.argv[1], *(int(a) for a in sys.argv[2:]))

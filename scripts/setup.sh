@@ -8,7 +8,7 @@ packages=(
   libxerces-c-dev
   libboost-dev libboost-date-time-dev libboost-program-options-dev
   libzip-dev zip unzip
-  libssl-dev openssl zlib1g-dev libdeflate-dev
+  libssl-dev openssl zlib1g-dev libdeflate-dev libisal-dev
   libgtest-dev googletest
   nlohmann-json3-dev libcli11-dev
   python3 locales tzdata

@@ -1,10 +1,11 @@
-// The serializer object: a parser holding the compiled manifest schema and
-// a pretty-printing writer.
+// The serializer object: a parser validating against the manifest schema,
+// compiled once per process, and a pretty-printing writer.
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/Wrapper4InputSource.hpp>
+#include <xercesc/framework/XMLGrammarPoolImpl.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
@@ -33,11 +34,38 @@ XercesPtr<DOMLSInput> schemaInput() {
     return input;
 }
 
+// Only the grammars of a locked pool are used, never added to; Xerces-C
+// lets any number of parsers, in any threads, share such a pool.
+std::unique_ptr<XMLGrammarPool> compile_schema() {
+    auto pool = std::make_unique<XMLGrammarPoolImpl>(XMLPlatformUtils::fgMemoryManager);
+    const XercesPtr<DOMLSParser> loader(opc::model::XercesHelper::createParser(pool.get()));
+    loader->getDomConfig()->setParameter(XMLUni::fgXercesSchema, true);
+    opc::model::XercesErrorHandler handler;
+    const opc::model::detail::ScopedErrorHandler scoped(loader.get(), &handler);
+    loader->loadGrammar(schemaInput().get(), Grammar::SchemaGrammarType, true);
+    pool->lockPool();
+    return pool;
+}
+
+// Compiling the schema costs more than reading a typical manifest, so it is
+// done by the first serializer of the process; a failed compile is retried
+// by the next one.
+XMLGrammarPool* manifest_grammar() {
+    static const std::unique_ptr<XMLGrammarPool> pool = compile_schema();
+    return pool.get();
+}
+
 }  // namespace
 
 AppManifestSerializer::AppManifestSerializer() {
-    parser_.reset(opc::model::XercesHelper::createParser());
-    const XercesPtr<DOMLSInput> schema = schemaInput();
+    XMLGrammarPool* grammar = nullptr;
+    try {
+        grammar = manifest_grammar();
+    } catch (const opc::model::InvalidXMLDocument&) {
+        tsapp_builtins::tsapp_builtins::raise(
+            tsapp_builtins::tsapp_builtins::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
+    }
+    parser_.reset(opc::model::XercesHelper::createParser(grammar));
 
     // Validation runs against the cached grammar only: the parser's refusal
     // to load schemas named by a document stays in force.
@@ -45,15 +73,6 @@ AppManifestSerializer::AppManifestSerializer() {
     config->setParameter(XMLUni::fgDOMValidate, true);
     config->setParameter(XMLUni::fgXercesUseCachedGrammarInParse, true);
     config->setParameter(XMLUni::fgXercesSchema, true);
-
-    try {
-        opc::model::XercesErrorHandler handler;
-        const opc::model::detail::ScopedErrorHandler scoped(parser_.get(), &handler);
-        parser_->loadGrammar(schema.get(), Grammar::SchemaGrammarType, true);
-    } catch (const opc::model::InvalidXMLDocument&) {
-        tsapp_builtins::tsapp_builtins::raise(
-            tsapp_builtins::tsapp_builtins::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
-    }
 
     writer_.reset(opc::model::XercesHelper::createWriter());
     writer_->getDomConfig()->setParameter(XMLUni::fgDOMWRTFormatPrettyPrint, true);

@@ -2,9 +2,11 @@
 
 // Reads, validates, builds, signs, verifies and writes app manifests.
 //
-// One serializer holds one Xerces parser (with the manifest schema compiled
-// into its grammar cache) and one pretty-printing DOM writer, so an object
-// serves one thread at a time; separate objects are independent.
+// One serializer holds one Xerces parser and one pretty-printing DOM writer,
+// so an object serves one thread at a time; separate objects are
+// independent. The manifest schema is compiled once per process, by the
+// first serializer, into a locked grammar pool that every serializer's
+// parser reads and none changes.
 
 #include <boost/core/noncopyable.hpp>
 #include <xercesc/dom/DOM.hpp>
@@ -56,8 +58,9 @@ class TSAPP_API AppManifestSerializer : private boost::noncopyable {
     // The W3C XML Schema of the manifest, NUL-terminated UTF-8.
     static const char* const SCHEMA;
 
-    // Compiles SCHEMA into the parser's grammar cache and sets the writer to
-    // pretty-print. A schema that does not compile raises the catalog's
+    // Makes a parser validating against SCHEMA (compiled by the first
+    // serializer of the process) and sets the writer to pretty-print. A
+    // schema that does not compile raises the catalog's
     // TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR as std::runtime_error.
     AppManifestSerializer();
     virtual ~AppManifestSerializer();

@@ -41,6 +41,25 @@ bool is_interleaved_piece(const std::string& itemName) {
     return rest == ".piece" || rest == ".last.piece";
 }
 
+// Making a parser costs more than parsing the two documents, so each thread
+// keeps one for every package it opens.
+xercesc::DOMLSParser* package_xml_parser() {
+    thread_local const XercesPtr<xercesc::DOMLSParser> parser(XercesHelper::createParser());
+    return parser.get();
+}
+
+// Frees the documents the parser made, on every way out of an open.
+class DocumentPoolReset {
+  public:
+    explicit DocumentPoolReset(xercesc::DOMLSParser* parser) : parser_(parser) {}
+    ~DocumentPoolReset() { parser_->resetDocumentPool(); }
+    DocumentPoolReset(const DocumentPoolReset&) = delete;
+    DocumentPoolReset& operator=(const DocumentPoolReset&) = delete;
+
+  private:
+    xercesc::DOMLSParser* parser_;
+};
+
 }  // namespace
 
 struct Package::State {
@@ -106,11 +125,10 @@ void Package::open(opc::interfaces::OpenMode mode) {
     }
     if (contentTypes == nullptr) refuse("\"[Content_Types].xml\" is missing");
     state->refuseNestedNames();
-    // One parser for both documents: making a parser costs more than
-    // parsing either of them.
-    XercesPtr<xercesc::DOMLSParser> parser(XercesHelper::createParser());
+    xercesc::DOMLSParser* parser = package_xml_parser();
+    const DocumentPoolReset poolReset(parser);
     state->assignContentTypes(
-        detail::readContentTypes(parser.get(), *container_.openEntry(contentTypes->index)));
+        detail::readContentTypes(parser, *container_.openEntry(contentTypes->index)));
 
     const auto rels = state->byKey.find(kPackageRelationshipsKey);
     if (rels != state->byKey.end()) {
@@ -118,8 +136,7 @@ void Package::open(opc::interfaces::OpenMode mode) {
             refuse("\"/_rels/.rels\" does not have the relationships content type");
         }
         const auto stream = container_.openEntry(state->parts[rels->second].entryIndex);
-        state->relationships =
-            detail::readRelationships(parser.get(), *stream, u"/_rels/.rels", u"/");
+        state->relationships = detail::readRelationships(parser, *stream, u"/_rels/.rels", u"/");
     }
     state_ = std::move(state);
 }

@@ -20,7 +20,7 @@ const opc::interfaces::PhysicalEntry& Part::getEntry() const {
 }
 
 InputStream& Part::getInputStream() {
-    stream_.reset();  // one open libzip file per part at a time
+    stream_.reset();  // one open stream per part at a time
     stream_ = container_->openEntry(entryIndex_);
     return *stream_;
 }

@@ -141,11 +141,16 @@ bool XercesErrorHandler::handleError(const DOMError& error) {
 }
 
 DOMLSParser* XercesHelper::createParser() {
+    return createParser(nullptr);
+}
+
+DOMLSParser* XercesHelper::createParser(XMLGrammarPool* grammars) {
     XercesGuard guard;
     static const XMLCh ls[] = u"LS";
     auto* impl =
         static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(ls));
-    DOMLSParser* parser = impl->createLSParser(DOMImplementationLS::MODE_SYNCHRONOUS, nullptr);
+    DOMLSParser* parser = impl->createLSParser(DOMImplementationLS::MODE_SYNCHRONOUS, nullptr,
+                                               XMLPlatformUtils::fgMemoryManager, grammars);
     DOMConfiguration* config = parser->getDomConfig();
     config->setParameter(XMLUni::fgDOMNamespaces, true);
     config->setParameter(XMLUni::fgDOMDisallowDoctype, true);

@@ -9,8 +9,6 @@
 
 #include "tsappinstall/platform/opc/Streams.hpp"
 
-struct libdeflate_decompressor;
-
 namespace opc::detail {
 
 // What the central directory says about an entry.
@@ -21,21 +19,16 @@ struct EntryFacts {
     std::uint32_t crc32 = 0;
 };
 
-// Reused across the entries of one extraction: one decompressor and two
-// buffers that only ever grow up to kWholeEntryLimit. Entries up to that
-// size are inflated in one call with libdeflate, which is about twice as
-// fast as zlib; larger ones are streamed through zlib in fixed chunks, so
-// memory stays flat whatever the package declares.
+// Reused across the entries of one extraction: two fixed chunks. Deflated
+// entries are streamed through ISA-L (see Inflater), which here inflates
+// faster than libdeflate does in one call (about 1,000 against 760 MB/s of
+// output on the benchmark packages) and needs no buffer of the entry's
+// size, so memory stays flat whatever the package declares.
 class EntryDecoder {
   public:
-    static constexpr std::uint64_t kWholeEntryLimit = 16u << 20;
     static constexpr std::size_t kChunk = 256u << 10;
-    // Buffers this large or larger are allocated in whole, aligned huge pages.
-    static constexpr std::size_t kHugePage = 2u << 20;
 
-    // `wholeEntryLimit` only exists so that tests can reach the streaming
-    // path with small data.
-    explicit EntryDecoder(std::uint64_t wholeEntryLimit = kWholeEntryLimit);
+    EntryDecoder();
     ~EntryDecoder();
     EntryDecoder(const EntryDecoder&) = delete;
     EntryDecoder& operator=(const EntryDecoder&) = delete;
@@ -48,27 +41,11 @@ class EntryDecoder {
     void decodeTo(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
 
   private:
-    struct Buffer {
-        struct Free {
-            void operator()(unsigned char* bytes) const;
-        };
-        std::unique_ptr<unsigned char, Free> bytes;
-        std::size_t capacity = 0;
-        unsigned char* reserve(std::size_t size);
-    };
-
     void copyStored(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
-    void inflateWhole(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
-    void inflateStreaming(const EntryFacts& facts, InputStream& raw, int fd,
-                          const std::string& name);
+    void inflate(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
 
-    struct DecompressorDeleter {
-        void operator()(libdeflate_decompressor* d) const;
-    };
-    std::unique_ptr<libdeflate_decompressor, DecompressorDeleter> decompressor_;
-    std::uint64_t wholeEntryLimit_;
-    Buffer in_;
-    Buffer out_;
+    std::unique_ptr<unsigned char[]> in_;
+    std::unique_ptr<unsigned char[]> out_;
 };
 
 // Writes all of `data` to `fd`, retrying short writes and EINTR.

@@ -1,6 +1,6 @@
 #include "platform/zip/ZipEntryStream.hpp"
 
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <algorithm>
 #include <string>
@@ -8,22 +8,26 @@
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage {
+namespace {
 
-ZipEntryStream::ZipEntryStream(zip_t* archive, const opc::interfaces::PhysicalEntry& entry)
-    : file_(zip_fopen_index(archive, entry.index, 0)),
-      entry_(entry),
-      expected_(entry.size),
-      crc_(crc32(0L, Z_NULL, 0)) {
-    if (file_ == nullptr) {
-        throw opc::Exception(
-            opc::Reason::DamagedEntry,
-            "cannot open the ZIP entry \"" + entry.name + "\": " + zip_strerror(archive));
+// Package XML parts and icons are small; a big part is read in pieces of
+// this size, which keeps the pread calls few.
+constexpr std::uint64_t kChunk = 64 * 1024;
+
+}  // namespace
+
+ZipEntryStream::ZipEntryStream(int fd, const opc::interfaces::PhysicalEntry& entry)
+    : entry_(entry), raw_(fd, entry) {
+    if (entry.compressionMethod == opc::interfaces::PhysicalEntry::kDeflated) {
+        chunk_.resize(static_cast<std::size_t>(
+            std::min(std::max<std::uint64_t>(entry.compressedSize, 1), kChunk)));
+        inflater_ = std::make_unique<detail::Inflater>(
+            raw_, entry.compressedSize, chunk_.data(), chunk_.size(),
+            "cannot read the ZIP entry \"" + entry.name + "\": ");
     }
 }
 
-ZipEntryStream::~ZipEntryStream() {
-    zip_fclose(file_);
-}
+ZipEntryStream::~ZipEntryStream() = default;
 
 void ZipEntryStream::fail(const std::string& why) const {
     throw opc::Exception(opc::Reason::DamagedEntry,
@@ -31,9 +35,7 @@ void ZipEntryStream::fail(const std::string& why) const {
 }
 
 std::size_t ZipEntryStream::readSome(unsigned char* buffer, std::size_t size) {
-    const zip_int64_t n = zip_fread(file_, buffer, size);
-    if (n < 0) fail(zip_file_strerror(file_));
-    return static_cast<std::size_t>(n);
+    return inflater_ ? inflater_->read(buffer, size) : raw_.read(buffer, size);
 }
 
 void ZipEntryStream::checkComplete() {
@@ -45,17 +47,17 @@ void ZipEntryStream::checkComplete() {
 
 std::size_t ZipEntryStream::read(unsigned char* buffer, std::size_t size) {
     if (finished_ || size == 0) return 0;
-    if (count_ == expected_) {
+    if (count_ == entry_.size) {
         checkComplete();
         return 0;
     }
     const std::size_t wanted =
-        static_cast<std::size_t>(std::min<std::uint64_t>(size, expected_ - count_));
+        static_cast<std::size_t>(std::min<std::uint64_t>(size, entry_.size - count_));
     const std::size_t n = readSome(buffer, wanted);
     if (n == 0) fail("it holds fewer bytes than its declared size");
     count_ += n;
-    crc_ = crc32_z(crc_, buffer, n);
-    if (count_ == expected_) checkComplete();
+    crc_ = libdeflate_crc32(crc_, buffer, n);
+    if (count_ == entry_.size) checkComplete();
     return n;
 }
 

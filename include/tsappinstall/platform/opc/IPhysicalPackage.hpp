@@ -58,8 +58,8 @@ class TSAPP_API IPhysicalPackage {
     virtual std::unique_ptr<InputStream> openEntry(std::uint64_t index) = 0;
 
     // The entry's bytes exactly as stored (compressed when the method is
-    // deflate). Their count is checked against compressedSize; libzip also
-    // checks the CRC-32 of a stored entry, whose bytes are the content.
+    // deflate). Their count is checked against compressedSize; the CRC-32
+    // is left to the caller, who decodes them.
     virtual std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) = 0;
 
     // Releases the container. Entries cannot be opened afterwards; streams

@@ -62,6 +62,9 @@ class TSAPP_API XercesHelper {
     // and validation is off until the caller configures it. Owned by the
     // caller (release()).
     static xercesc::DOMLSParser* createParser();
+    // The same, taking its grammars from `grammars` (may be null), which
+    // must outlive the parser.
+    static xercesc::DOMLSParser* createParser(xercesc::XMLGrammarPool* grammars);
 
     // A DOM serializer (owned by the caller, release()). Nothing is set
     // beyond Xerces-C's defaults.

@@ -1,6 +1,7 @@
 #pragma once
 
-// A ZIP file as the container of a package, read through libzip.
+// A ZIP file as the container of a package, read with positioned reads on
+// the descriptor its directory was checked on.
 
 #include <cstdint>
 #include <memory>
