@@ -40,12 +40,7 @@ class ExtractAppFile : public ::testing::Test {
     std::string pkg() const { return dir.file("app.tsappinstall"); }
     std::string dest() const { return dir.file("dest"); }
     std::string error(const std::string& package, const std::string& folder) {
-        try {
-            facade.extractAppFile(u16(package), u16(folder));
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "no error";
+        return error_of([&] { facade.extractAppFile(u16(package), u16(folder)); });
     }
     // Extracts through the manager with modes the facade does not use.
     void extractWith(qv::RestoreMode restore, qv::TransformMode transform, qv::ReplaceMode replace,
