@@ -8,8 +8,7 @@
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace {
 
@@ -45,10 +44,8 @@ class ExtractAppFile : public ::testing::Test {
     // Extracts through the manager with modes the facade does not use.
     void extractWith(qv::RestoreMode restore, qv::TransformMode transform, qv::ReplaceMode replace,
                      std::size_t* progressCalls = nullptr) {
-        opc::zippackage::ZipPhysicalPackage physical(u16(pkg()), true);
-        opc::model::Package package(physical);
-        package.open(opc::interfaces::OpenMode::Read);
-        qv::FileSystemManager manager(package, opc::FileSystemOpsSelector());
+        opc::model::OpenedPackage opened(u16(pkg()));
+        qv::FileSystemManager manager(opened.package(), opc::FileSystemOpsSelector());
         manager.setProgress([=](std::uint64_t done, std::uint64_t total, std::size_t parts,
                                 std::size_t partsTotal) {
             if (progressCalls != nullptr) ++*progressCalls;
