@@ -8,8 +8,7 @@
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
-#include "tsappinstall/platform/opc/Package.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace {
 
@@ -40,20 +39,13 @@ class ExtractAppFile : public ::testing::Test {
     std::string pkg() const { return dir.file("app.tsappinstall"); }
     std::string dest() const { return dir.file("dest"); }
     std::string error(const std::string& package, const std::string& folder) {
-        try {
-            facade.extractAppFile(u16(package), u16(folder));
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "no error";
+        return error_of([&] { facade.extractAppFile(u16(package), u16(folder)); });
     }
     // Extracts through the manager with modes the facade does not use.
     void extractWith(qv::RestoreMode restore, qv::TransformMode transform, qv::ReplaceMode replace,
                      std::size_t* progressCalls = nullptr) {
-        opc::zippackage::ZipPhysicalPackage physical(u16(pkg()), true);
-        opc::model::Package package(physical);
-        package.open(opc::interfaces::OpenMode::Read);
-        qv::FileSystemManager manager(package, opc::FileSystemOpsSelector());
+        opc::model::OpenedPackage opened(u16(pkg()));
+        qv::FileSystemManager manager(opened.package(), opc::FileSystemOpsSelector());
         manager.setProgress([=](std::uint64_t done, std::uint64_t total, std::size_t parts,
                                 std::size_t partsTotal) {
             if (progressCalls != nullptr) ++*progressCalls;

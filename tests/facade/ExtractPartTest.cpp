@@ -68,8 +68,7 @@ TEST(ExtractPart, PackageFailuresPrintTheInternalErrorWithoutNewline) {
     Extraction x;
     write_file(x.dir.file("out.png"), "untouched");
     const int before = open_descriptor_count();
-    for (const char* target :
-         {"gone.png", "http://example.com/icon.png\" TargetMode=\"External"}) {
+    for (const char* target : {"gone.png", "http://example.com/icon.png\" TargetMode=\"External"}) {
         CerrCapture err;
         EXPECT_FALSE(
             x.facade.extractAppIcon(x.package(app_package(target)), x.dir.ufile("out.png")));
@@ -83,4 +82,20 @@ TEST(ExtractPart, PackageFailuresPrintTheInternalErrorWithoutNewline) {
     EXPECT_THROW(x.facade.extractAppIcon(std::u16string(u"a\0b", 3), x.dir.ufile("out.png")),
                  std::invalid_argument);
     EXPECT_EQ(err.text(), internal_error_text());  // nothing more printed
+}
+
+// What does not open is covered by the hostile-input tests.
+TEST(IsAppFile, AnOpeningPackageWithTheExactExtensionIsAnApp) {
+    TempDir dir;
+    Corvane::addons::apps::Tsappinstall facade;
+    PackageBuilder().part("readme.xml", "<r/>").write(dir.file("bare.tsappinstall"));
+    EXPECT_TRUE(facade.isAppFile(dir.ufile("sub/../bare.tsappinstall")));  // no manifest needed
+    for (const char* name : {"app.TSAPPINSTALL", "app.Tsappinstall", "app.zip", "app",
+                             "app.tsappinstall.zip", "app.tsappinstal", ".tsappinstall"}) {
+        app_package().write(dir.file(name));
+        EXPECT_FALSE(facade.isAppFile(dir.ufile(name))) << name;
+    }
+    EXPECT_FALSE(facade.isAppFile(u""));
+    // The path conversion's own failure is not the package's.
+    EXPECT_THROW(facade.isAppFile(std::u16string(u"a\0b.tsappinstall", 16)), std::invalid_argument);
 }

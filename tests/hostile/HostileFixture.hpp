@@ -31,20 +31,10 @@ class Hostile : public ::testing::Test {
 
     // What the calls say: "" when getAppInfo/extractAppFile return normally.
     std::string appInfoError(const std::string& package) {
-        try {
-            facade.getAppInfo(u16(package));
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "";
+        return error_of([&] { facade.getAppInfo(u16(package)); });
     }
     std::string extractError(const std::string& package) {
-        try {
-            facade.extractAppFile(u16(package), u16(dest()));
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "";
+        return error_of([&] { facade.extractAppFile(u16(package), u16(dest())); });
     }
     // extractPartContentFromTessalApp's result; what it printed goes to `printed`.
     bool extractPart(

@@ -37,38 +37,43 @@ long peak_rss_kib() {
 
 using Patch = std::function<void(ZipPatcher&)>;
 
-void add32(ZipPatcher& z, std::size_t at, std::int64_t delta) {
-    z.put32(at, static_cast<std::uint32_t>(z.get32(at) + delta));
+// Sets (or with `add`, moves by `value`) the `width`-byte field at `at` in
+// the end record ('e'), the item's central record ('c'), or both its records
+// ('b': local fields from the version to the sizes sit two bytes earlier).
+// Width 8 means both four-byte size fields.
+Patch field(char where, const char* item, std::size_t at, int width, std::int64_t value,
+            bool add = false) {
+    if (width == 8) {
+        return [=](ZipPatcher& z) {
+            field(where, item, at, 4, value, add)(z), field(where, item, at + 4, 4, value, add)(z);
+        };
+    }
+    return [=](ZipPatcher& z) {
+        std::vector<std::size_t> places = {where == 'e' ? z.endRecord() : z.centralHeader(item)};
+        if (where == 'b') places.push_back(z.localHeader(item) - 2);
+        for (std::size_t place : places) {
+            const std::int64_t old = width == 2 ? z.get16(place + at) : z.get32(place + at);
+            z.bytes().replace(place + at, width, le(add ? old + value : value, width));
+        }
+    };
 }
 
 TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefused) {
+    const char* icon = "images/icon.png";
+    const char* shot = "images/shot.png";
     const std::vector<std::pair<const char*, Patch>> cases = {
         {"two central records, one local header",
          [](ZipPatcher& z) {
              z.put32(z.centralHeader("images/shot.png") + 42,
                      z.get32(z.centralHeader("images/icon.png") + 42));
          }},
-        {"stored data running over the next local header",
-         [](ZipPatcher& z) {
-             for (std::size_t at : {z.centralHeader("images/icon.png") + 20,
-                                    z.localHeader("images/icon.png") + 18}) {
-                 z.put32(at, 10001);
-                 z.put32(at + 4, 10001);
-             }
-         }},
-        {"last data reaching into the directory",
-         [](ZipPatcher& z) { add32(z, z.centralHeader("images/shot.png") + 20, 200); }},
-        {"stored entry with two sizes",
-         [](ZipPatcher& z) { add32(z, z.centralHeader("images/icon.png") + 20, -1); }},
-        {"size deflate cannot reach",
-         [](ZipPatcher& z) { z.put32(z.centralHeader("manifest.xml") + 24, 0x7FFFFFFF); }},
-        {"directory beyond the end",
-         [](ZipPatcher& z) {
-             z.put32(z.endRecord() + 16, static_cast<std::uint32_t>(z.bytes().size() + 100));
-         }},
-        {"directory before its start", [](ZipPatcher& z) { add32(z, z.endRecord() + 16, -1); }},
-        {"local header offset beyond the end",
-         [](ZipPatcher& z) { z.put32(z.centralHeader("images/icon.png") + 42, 0x7FFFFFF0); }},
+        {"stored data running over the next local header", field('b', icon, 20, 8, 10001)},
+        {"last data reaching into the directory", field('c', shot, 20, 4, 200, true)},
+        {"stored entry with two sizes", field('c', icon, 20, 4, -1, true)},
+        {"size deflate cannot reach", field('c', "manifest.xml", 24, 4, 0x7FFFFFFF)},
+        {"directory beyond the end", field('e', "", 16, 4, 100000)},
+        {"directory before its start", field('e', "", 16, 4, -1, true)},
+        {"local header offset beyond the end", field('c', icon, 42, 4, 0x7FFFFFF0)},
         {"local and central names differ",
          [](ZipPatcher& z) { z.bytes()[z.localHeader("images/icon.png") + 30] = 'I'; }},
         {"raw NUL in a name",
@@ -78,18 +83,14 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
          }},
         {"local header missing",
          [](ZipPatcher& z) { z.put32(z.localHeader("images/icon.png"), 0x08074b50); }},
-        {"encrypted", [](ZipPatcher& z) { z.put16Both("images/icon.png", 8, 6, 1); }},
-        {"strong encryption", [](ZipPatcher& z) { z.put16Both("images/icon.png", 8, 6, 0x41); }},
-        {"bzip2", [](ZipPatcher& z) { z.put16Both("images/icon.png", 10, 8, 12); }},
-        {"lzma", [](ZipPatcher& z) { z.put16Both("manifest.xml", 10, 8, 14); }},
-        {"unknown method", [](ZipPatcher& z) { z.put16Both("images/shot.png", 10, 8, 99); }},
-        {"65535 entries in a directory of five",
-         [](ZipPatcher& z) {
-             z.put16(z.endRecord() + 8, 0xFFFF);
-             z.put16(z.endRecord() + 10, 0xFFFF);
-         }},
-        {"split archive", [](ZipPatcher& z) { z.put16(z.endRecord() + 6, 3); }},
-        {"split archive disk", [](ZipPatcher& z) { z.put16(z.endRecord() + 4, 1); }},
+        {"encrypted", field('b', icon, 8, 2, 1)},
+        {"strong encryption", field('b', icon, 8, 2, 0x41)},
+        {"bzip2", field('b', icon, 10, 2, 12)},
+        {"lzma", field('b', "manifest.xml", 10, 2, 14)},
+        {"unknown method", field('b', shot, 10, 2, 99)},
+        {"65535 entries in a directory of five", field('e', "", 8, 4, 0xFFFFFFFF)},
+        {"split archive", field('e', "", 6, 2, 3)},
+        {"split archive disk", field('e', "", 4, 2, 1)},
         {"junk before", [](ZipPatcher& z) { z.bytes().insert(0, 100, 'J'); }},
         {"junk after", [](ZipPatcher& z) { z.bytes() += "junk"; }},
         {"text", [](ZipPatcher& z) { z.bytes() = "just some text, certainly no ZIP file at all"; }},
@@ -148,39 +149,23 @@ TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
 TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
     using Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE;
     using Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
-    const std::vector<
-        std::tuple<const char*, const char*, std::function<void(ZipPatcher&, const std::string&)>>>
-        cases = {
-            {"stored size smaller than its data", "images/icon.png",
-             [](ZipPatcher& z, const std::string& item) {
-                 for (std::size_t sizes : {z.centralHeader(item) + 20, z.localHeader(item) + 18}) {
-                     add32(z, sizes, -1);
-                     add32(z, sizes + 4, -1);
-                 }
-             }},
-            {"deflated size larger than its data", "images/shot.png",
-             [](ZipPatcher& z, const std::string& item) {
-                 add32(z, z.centralHeader(item) + 24, 1);
-             }},
-            {"deflated size smaller than its data", "images/shot.png",
-             [](ZipPatcher& z, const std::string& item) {
-                 add32(z, z.centralHeader(item) + 24, -1);
-             }},
-            {"CRC mismatch", "images/icon.png",
-             [](ZipPatcher& z, const std::string& item) {
-                 z.put32(z.centralHeader(item) + 16, z.get32(z.centralHeader(item) + 16) ^ 1);
-                 z.put32(z.localHeader(item) + 14, z.get32(z.localHeader(item) + 14) ^ 1);
-             }},
-            {"one data bit", "images/icon.png",
-             [&](ZipPatcher& z, const std::string& item) {
-                 z.bytes()[dataOffset(z, item) + 5] ^= 1;
-             }},
-        };
-    for (const auto& [label, image, patch] : cases) {
+    // Label, image, where the field sits ('d': a bit of the data), offset, width, change.
+    const std::tuple<const char*, const char*, char, std::size_t, int, int> cases[] = {
+        {"stored size smaller than its data", "images/icon.png", 'b', 20, 8, -1},
+        {"deflated size larger than its data", "images/shot.png", 'c', 24, 4, 1},
+        {"deflated size smaller than its data", "images/shot.png", 'c', 24, 4, -1},
+        {"CRC mismatch", "images/icon.png", 'b', 16, 4, 1},
+        {"one data bit", "images/icon.png", 'd', 5, 1, 1},
+    };
+    for (const auto& [label, image, where, at, width, by] : cases) {
         SCOPED_TRACE(label);
         patched([&](ZipPatcher& z) {
-            patch(z, "manifest.xml");
-            patch(z, image);
+            for (const char* item : {"manifest.xml", image}) {
+                if (where == 'd')
+                    z.bytes()[dataOffset(z, item) + at] ^= 1;
+                else
+                    field(where, item, at, width, by, true)(z);
+            }
         });
         EXPECT_TRUE(facade.isAppFile(u16(pkg())));  // opening reads no data
         expectReadsRefused(pkg(), std::string(image) == "images/icon.png"
@@ -192,7 +177,7 @@ TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
 // A ZIP64 package written by hand: the same OPC content, every size and
 // offset in the ZIP64 extra fields.
 TEST_F(ZipStructure, Zip64PackagesOpenButAbsurdZip64ValuesAreRefused) {
-    write_zip64(pkg(), app_package().items());
+    write_zip(pkg(), app_package().items(), true);
     EXPECT_TRUE(facade.isAppFile(u16(pkg())));
     std::string printed;
     EXPECT_TRUE(extractPart(pkg(), printed));
@@ -223,7 +208,7 @@ TEST_F(ZipStructure, Zip64PackagesOpenButAbsurdZip64ValuesAreRefused) {
         {{locator}, huge},                  // offset of the ZIP64 end record
     };
     for (const auto& [fields, value] : cases) {
-        write_zip64(pkg(), app_package().items());
+        write_zip(pkg(), app_package().items(), true);
         ZipPatcher z(pkg());
         for (const Field& field : fields) {
             z.put32(field(z), static_cast<std::uint32_t>(value));
@@ -232,7 +217,7 @@ TEST_F(ZipStructure, Zip64PackagesOpenButAbsurdZip64ValuesAreRefused) {
         z.save();
         expectRefusedEverywhere(pkg(), std::to_string(value));
     }
-    write_zip64(pkg(), app_package().items());
+    write_zip(pkg(), app_package().items(), true);
     ZipPatcher z(pkg());
     z.put16(extra("images/icon.png", 0)(z) - 2, 8);  // extra field shorter than its values
     z.save();
@@ -251,8 +236,7 @@ TEST_F(ZipStructure, AGibibyteDeclaredSizeIsNeverAllocated) {
     bomb.relationship("rBomb", "urn:bomb", "bomb.bin");
     bomb.write(pkg());
     ZipPatcher z(pkg());
-    z.put32(z.centralHeader("bomb.bin") + 24, 1u << 30);
-    z.put32(z.localHeader("bomb.bin") + 22, 1u << 30);
+    field('b', "bomb.bin", 24, 4, 1 << 30)(z);
     z.save();
 
     const long before = peak_rss_kib();
@@ -300,9 +284,8 @@ TEST_F(ZipStructure, AGibibyteDeflateBombAsTheManifestIsCutOff) {
                       "/manifest.xml")
         .write(pkg());
     ZipPatcher z(pkg());
-    z.put16Both("manifest.xml", 10, 8, 8);
-    z.put32(z.centralHeader("manifest.xml") + 24, 1u << 30);
-    z.put32(z.localHeader("manifest.xml") + 22, 1u << 30);
+    field('b', "manifest.xml", 10, 2, 8)(z);
+    field('b', "manifest.xml", 24, 4, 1 << 30)(z);
     z.save();
 
     const long before = peak_rss_kib();

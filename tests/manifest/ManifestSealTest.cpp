@@ -30,19 +30,6 @@ std::string sha1Hex(const std::string& text) {
     return boost::algorithm::hex_lower(std::string(digest, digest + sizeof digest));
 }
 
-// "(loaded)" with `*record` filled, or the runtime_error's text.
-std::string loadResult(const std::string& text, AppManifest* record = nullptr) {
-    std::istringstream in(text);
-    opc::StdIStreamAdaptor stream(in);
-    AppManifest scratch;
-    try {
-        AppManifestSerializer().load(stream, record != nullptr ? *record : scratch);
-        return "(loaded)";
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-}
-
 // The fixture's record: optional fields, a required one and list entries empty.
 AppManifest fixtureRecord(const char* created) {
     AppManifest r;
@@ -91,11 +78,12 @@ TEST(ManifestSeal, PlainXercesManifestIsCanonicalAndVerifiesEverywhere) {
     }
     ScopedTimeZone zone("Europe/Berlin");
     AppManifest record;
-    ASSERT_EQ(loadResult(manifest, &record), "(loaded)");
+    ASSERT_EQ(load_result(manifest, &record), "(loaded)");
     EXPECT_TRUE(same_record(record, fixtureRecord("2013-10-27 02:30:00")));
     TempDir dir;
     app_package_with(manifest).write(dir.file("app.tsappinstall"));
-    EXPECT_EQ(Corvane::addons::apps::Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name, u"Hello");
+    EXPECT_EQ(Corvane::addons::apps::Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name,
+              u"Hello");
 #ifdef TSAPP_TOOL
     const std::string check =
         std::string("'") + TSAPP_TOOL + "' check '" + dir.file("app.tsappinstall") + "' >/dev/null";
@@ -119,7 +107,7 @@ TEST(ManifestSeal, SealOverTheFormerEmptyElementFormVerifiesAndNothingElse) {
         {"<contact/>", "<contact> </contact>", kValidationError},
     };
     for (const auto& [from, to, expected] : rows)
-        EXPECT_EQ(loadResult(replaced(text, from, to)), expected) << to;
+        EXPECT_EQ(load_result(replaced(text, from, to)), expected) << to;
 }
 
 // Saved in UTC, read where the clocks go back or forward.
@@ -144,7 +132,8 @@ TEST(ManifestSeal, CreationTimesAroundClockChangesVerifyInTheirZone) {
                             xsd(record.created + boost::posix_time::hours(by)));
         }(moved);
         ScopedTimeZone reader(zone);
-        EXPECT_EQ(loadResult(text, &back), local ? "(loaded)" : kValidationError) << zone << sealed;
+        EXPECT_EQ(load_result(text, &back), local ? "(loaded)" : kValidationError)
+            << zone << sealed;
         EXPECT_TRUE(!local || back.created == time_from_string(local)) << zone << sealed;
     }
 }

@@ -2,10 +2,14 @@
 
 // Records and helpers shared by the manifest and app information tests.
 
+#include <gtest/gtest.h>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <vector>
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
@@ -67,6 +71,23 @@ inline std::string signed_manifest(const AppManifest& record) {
     opc::ByteArrayOutAdaptor out(bytes);
     serializer.save(out, record);
     return std::string(bytes.begin(), bytes.end());
+}
+
+// "(loaded)" with `*record` filled, or the text load raised: exactly a
+// std::runtime_error, or "out_of_range: " and the date library's text.
+inline std::string load_result(const std::string& text, AppManifest* record = nullptr) {
+    std::istringstream in(text);
+    opc::StdIStreamAdaptor stream(in);
+    AppManifest scratch;
+    try {
+        AppManifestSerializer().load(stream, record != nullptr ? *record : scratch);
+        return "(loaded)";
+    } catch (const std::out_of_range& e) {
+        return std::string("out_of_range: ") + e.what();
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(typeid(e), typeid(std::runtime_error));
+        return e.what();
+    }
 }
 
 // The two records write the same text and were created at the same instant.

@@ -54,55 +54,40 @@ std::string raw_deflate(const std::string& bytes, int level) {
     return out;
 }
 
-void write_zip(const std::string& path, const std::vector<ZipItem>& items) {
-    int error = 0;
-    std::unique_ptr<zip_t, ZipDiscarder> archive(
-        zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
-    if (!archive) throw std::runtime_error("zip_open failed for " + path);
-    for (const ZipItem& item : items) {
-        zip_source_t* source =
-            zip_source_buffer(archive.get(), item.data.data(), item.data.size(), 0);
-        const zip_int64_t index =
-            zip_file_add(archive.get(), item.name.c_str(), source, ZIP_FL_ENC_RAW);
-        if (index < 0) {
-            zip_source_free(source);
-            throw std::runtime_error("zip_file_add failed for " + item.name);
-        }
-        zip_set_file_compression(archive.get(), static_cast<zip_uint64_t>(index),
-                                 item.deflate ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
-        zip_file_set_mtime(archive.get(), static_cast<zip_uint64_t>(index), 1600000000, 0);
-    }
-    if (zip_close(archive.get()) != 0) throw std::runtime_error("zip_close failed for " + path);
-    archive.release();
-}
-
-void write_zip64(const std::string& path, const std::vector<ZipItem>& items) {
-    const std::string max32 = le(0xFFFFFFFFu, 4);
-    std::string file;
-    std::string directory;
+void write_zip(const std::string& path, const std::vector<ZipItem>& items, bool zip64) {
+    const auto sizes = [&](std::uint64_t packed, std::uint64_t size) {
+        return zip64 ? le(0xFFFFFFFFFFFFFFFFull, 8) : le(packed, 4) + le(size, 4);
+    };
+    std::string file, directory;
     for (const ZipItem& item : items) {
         const std::uint64_t offset = file.size();
-        const std::string crc = le(crc_of(item.data), 4);
-        const std::string localExtra =
-            le(1, 2) + le(16, 2) + le(item.data.size(), 8) + le(item.data.size(), 8);
-        file += le(0x04034b50, 4) + le(45, 2) + le(0, 2) + le(0, 2) + le(0, 4) + crc + max32 +
-                max32 + le(item.name.size(), 2) + le(localExtra.size(), 2) + item.name +
-                localExtra + item.data;
-        const std::string extra = le(1, 2) + le(24, 2) + le(item.data.size(), 8) +
-                                  le(item.data.size(), 8) + le(offset, 8);
-        directory += le(0x02014b50, 4) + le(45, 2) + le(45, 2) + le(0, 2) + le(0, 2) + le(0, 4) +
-                     crc + max32 + max32 + le(item.name.size(), 2) + le(extra.size(), 2) +
-                     le(0, 2) + le(0, 2) + le(0, 2) + le(0, 4) + max32 + item.name + extra;
+        const std::string data = item.deflate ? raw_deflate(item.data) : item.data;
+        const std::string head = le(zip64 ? 45 : 20, 2) + le(0, 2) + le(item.deflate ? 8 : 0, 2) +
+                                 le(0, 4) + le(crc_of(item.data), 4) +
+                                 sizes(data.size(), item.data.size()) + le(item.name.size(), 2);
+        const std::string extra =
+            le(1, 2) + le(16, 2) + le(item.data.size(), 8) + le(data.size(), 8);
+        file += le(0x04034b50, 4) + head + le(zip64 ? extra.size() : 0, 2) + item.name +
+                (zip64 ? extra : "") + data;
+        const std::string central =
+            zip64 ? le(1, 2) + le(24, 2) + extra.substr(4) + le(offset, 8) : "";
+        directory += le(0x02014b50, 4) + le(45, 2) + head + le(central.size(), 2) + le(0, 6) +
+                     le(0, 4) + (zip64 ? le(0xFFFFFFFF, 4) : le(offset, 4)) + item.name + central;
     }
     const std::uint64_t directoryOffset = file.size();
     file += directory;
     const std::uint64_t zip64End = file.size();
-    file += le(0x06064b50, 4) + le(44, 8) + le(45, 2) + le(45, 2) + le(0, 4) + le(0, 4) +
-            le(items.size(), 8) + le(items.size(), 8) + le(directory.size(), 8) +
-            le(directoryOffset, 8);
-    file += le(0x07064b50, 4) + le(0, 4) + le(zip64End, 8) + le(1, 4);
-    file += le(0x06054b50, 4) + le(0, 2) + le(0, 2) + le(0xFFFF, 2) + le(0xFFFF, 2) + max32 +
-            max32 + le(0, 2);
+    if (zip64) {
+        file += le(0x06064b50, 4) + le(44, 8) + le(45, 2) + le(45, 2) + le(0, 8) +
+                le(items.size(), 8) + le(items.size(), 8) + le(directory.size(), 8) +
+                le(directoryOffset, 8);
+        file += le(0x07064b50, 4) + le(0, 4) + le(zip64End, 8) + le(1, 4);
+    }
+    const std::uint64_t count = zip64 ? 0xFFFF : items.size();
+    file +=
+        le(0x06054b50, 4) + le(0, 4) + le(count, 2) + le(count, 2) +
+        (zip64 ? le(0xFFFFFFFFFFFFFFFFull, 8) : le(directory.size(), 4) + le(directoryOffset, 4)) +
+        le(0, 2);
     write_file(path, file);
 }
 
@@ -168,14 +153,6 @@ std::size_t ZipPatcher::centralHeader(const std::string& itemName) const {
 
 std::size_t ZipPatcher::endRecord() const {
     return bytes_.rfind(le(0x06054b50, 4));
-}
-
-void ZipPatcher::put16Both(const std::string& itemName, std::size_t centralAt, std::size_t localAt,
-                           std::uint16_t value) {
-    const std::size_t central = centralHeader(itemName);
-    const std::size_t local = localHeader(itemName);
-    put16(central + centralAt, value);
-    put16(local + localAt, value);
 }
 
 }  // namespace tsapp::test

@@ -18,14 +18,11 @@ struct ZipItem {
     bool deflate = true;
 };
 
-// Writes the items through libzip, in order (a deflated item that would
-// not shrink is still deflated).
-void write_zip(const std::string& path, const std::vector<ZipItem>& items);
-
-// Writes the items stored, by hand, as a ZIP64 file: every size and offset
-// in the headers is 0xFFFFFFFF with the real value in the ZIP64 extra
-// field, and the end records include the ZIP64 pair.
-void write_zip64(const std::string& path, const std::vector<ZipItem>& items);
+// Writes the items in order, by hand (a deflated item that would not shrink
+// is still deflated). With `zip64`, every size and offset in the headers is
+// all ones with the real value in the ZIP64 extra field, and the end records
+// include the ZIP64 pair.
+void write_zip(const std::string& path, const std::vector<ZipItem>& items, bool zip64 = false);
 
 // The bytes of the item `name` of the ZIP file at `path`, read through libzip.
 std::string zip_item(const std::string& path, const std::string& name);
@@ -69,7 +66,7 @@ class PackageBuilder {
 
   private:
     PackageBuilder& typeEntry(const std::string& key, const std::string& value,
-                         const std::string& contentType) {
+                              const std::string& contentType) {
         return types_ += "<" + key + "=\"" + value + "\" ContentType=\"" + contentType + "\"/>",
                *this;
     }
@@ -98,9 +95,6 @@ class ZipPatcher {
     std::uint32_t get32(std::size_t at) const { return get16(at) | (get16(at + 2) * 0x10000u); }
     void put16(std::size_t at, std::uint16_t value) { bytes_.replace(at, 2, le(value, 2)); }
     void put32(std::size_t at, std::uint32_t value) { bytes_.replace(at, 4, le(value, 4)); }
-    // Sets a field in the central header and, at `localAt`, in the local one.
-    void put16Both(const std::string& itemName, std::size_t centralAt, std::size_t localAt,
-                   std::uint16_t value);
     std::string& bytes() { return bytes_; }
     void save() const { write_file(path_, bytes_); }
 

@@ -7,6 +7,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <typeinfo>
+
 #include "tsappinstall/platform/opc/Streams.hpp"
 
 namespace tsapp::test {
@@ -66,6 +71,18 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 std::map<std::string, std::string> snapshot_tree(const std::string& root);
 // A reproducible mix of text-like and random-looking bytes.
 std::string sample_bytes(std::size_t size, unsigned seed);
+// What `call` raised as a std::runtime_error (the exact type: anything
+// derived fails the test), or "" when it returned.
+template <class Call>
+std::string error_of(Call call) {
+    try {
+        call();
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(typeid(e), typeid(std::runtime_error)) << e.what();
+        return e.what();
+    }
+    return "";
+}
 // Everything `in` still yields, read `chunk` bytes at a time.
 std::string read_all(opc::InputStream& in, std::size_t chunk = 4096);
 
