@@ -1,9 +1,9 @@
 // tsapp extract: unpack every part into a folder.
 //
-// Runs the same steps as the facade's extractAppFile, with the same modes,
-// but through the file-system manager directly: that lets a terminal show
-// progress, and lets an error line carry the cause after the library's
-// own text.
+// Runs the same steps as the facade's extractAppFile, with the same modes
+// (--keep chooses FailIfExists), but through the file-system manager
+// directly: that lets a terminal show progress, and lets an error line
+// carry the cause by kind.
 
 #include <unistd.h>
 
@@ -13,8 +13,8 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
@@ -49,7 +49,8 @@ class ProgressLine {
     bool shown_ = false;
 };
 
-void extract(const std::u16string& nativePath, const std::u16string& nativeFolder) {
+void extract(const std::u16string& nativePath, const std::u16string& nativeFolder,
+             opc::qvservices::ReplaceMode replace) {
     opc::model::OpenedPackage package(nativePath);
     opc::qvservices::FileSystemManager manager(package.package(), opc::FileSystemOpsSelector());
     ProgressLine progress;
@@ -59,25 +60,24 @@ void extract(const std::u16string& nativePath, const std::u16string& nativeFolde
         });
     }
     manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
-                       opc::qvservices::TransformMode::PercentDecode,
-                       opc::qvservices::ReplaceMode::Replace);
+                       opc::qvservices::TransformMode::PercentDecode, replace);
     package.close();
 }
 
 }  // namespace
 
-int runExtract(const std::string& package, const std::string& folder) {
+int runExtract(const std::string& package, const std::string& folder, bool keep) {
     using fl::filesystem::detail::make_native_form;
     const std::u16string nativePath = make_native_form(utf16(package), true);
     const std::u16string nativeFolder = make_native_form(utf16(folder), true);
     try {
-        extract(nativePath, nativeFolder);
-    } catch (const std::exception& e) {
-        namespace ids = tsapp_builtins::tsapp_builtins;
-        printError(ids::message_text(ids::TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(
-                       nativePath, nativeFolder)) +
-                   " (" + e.what() + ")");
-        return kBad;
+        extract(nativePath, nativeFolder,
+                keep ? opc::qvservices::ReplaceMode::FailIfExists
+                     : opc::qvservices::ReplaceMode::Replace);
+    } catch (const opc::Exception& e) {
+        const bool atDestination =
+            e.reason() == opc::Reason::CannotWrite || e.reason() == opc::Reason::BadPath;
+        throw Failure(atDestination ? folder : package, causeOf(e));
     }
     return kGood;
 }
