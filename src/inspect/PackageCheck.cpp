@@ -181,8 +181,11 @@ Report checkPackage(const std::u16string& path, AppManifestSerializer& serialize
         if (report.manifest) checkAgainstManifest(package, manifestPart, report);
         opened.close();
     } catch (const opc::Exception& e) {
-        report.faults.push_back(
-            {FaultKind::NotPackage, std::string("not an app package: ") + e.what()});
+        // The kind first ("cannot be read", "not a ZIP file"), then the detail.
+        const std::string kind = e.reason() == opc::Reason::Other
+                                     ? std::string()
+                                     : std::string(opc::describe(e.reason())) + ": ";
+        report.faults.push_back({FaultKind::NotPackage, "not an app package: " + kind + e.what()});
     }
     return report;
 }
