@@ -120,14 +120,22 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
         (destination.parent_path() /
          ("." + destination.stem().string() + "." + std::to_string(::getpid()) + ".tsappinstall"))
             .string()};
-    writePackage(plan, temporary.path);
-    AppManifestSerializer serializer;
-    const auto report = tsappinstall::inspect::checkPackage(utf16(temporary.path), serializer);
-    if (!report.good())
-        throw Failure(output, "the written package fails its check: " + report.faults.front().text);
-    const auto size = fs::file_size(temporary.path);
-    const std::string digest = sha256Of(temporary.path);
-    fs::rename(temporary.path, output);
+    // From here on a failure is about the package being written.
+    std::uintmax_t size = 0;
+    std::string digest;
+    try {
+        writePackage(plan, temporary.path);
+        AppManifestSerializer serializer;
+        const auto report = tsappinstall::inspect::checkPackage(utf16(temporary.path), serializer);
+        if (!report.good())
+            throw std::runtime_error("the written package fails its check: " +
+                                     report.faults.front().text);
+        size = fs::file_size(temporary.path);
+        digest = sha256Of(temporary.path);
+        fs::rename(temporary.path, output);
+    } catch (const std::exception& e) {
+        throw Failure(output, causeOf(e));
+    }
     temporary.path.clear();
     std::cout << output << ": " << plan.files.size() + 4 << " parts, " << size << " bytes, GUID "
               << plan.manifest.GUID << ", SHA-256 " << digest << '\n';

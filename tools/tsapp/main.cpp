@@ -147,6 +147,9 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         printError(subject + ": " + causeOf(e));
         return kBad;
+    } catch (...) {
+        printError(subject + ": failed for a reason the library does not name");
+        return kBad;
     }
     return kUsage;
 }
