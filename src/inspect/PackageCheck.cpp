@@ -1,8 +1,8 @@
 #include "tsappinstall/inspect/PackageCheck.hpp"
 
-#include <algorithm>
 #include <iterator>
 #include <memory>
+#include <set>
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/ManifestFault.hpp"
@@ -98,6 +98,7 @@ void checkRelationship(opc::model::Package& package, const char* type, const cha
         try {
             if (package.containsPart(PartName(relationship.getTargetURI()))) continue;
         } catch (const opc::Exception&) {
+            // a target that cannot be a part name names no part either
         }
         report.faults.push_back({FaultKind::BrokenRelationship,
                                  std::string("the ") + what + " relationship names no part (" +
@@ -111,22 +112,23 @@ bool startsWith(const std::string& text, const char* prefix) {
 
 // The packer writes app entry E as the part /files/E and nothing else there.
 void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest, Report& report) {
-    std::vector<std::string> listed;
+    std::set<std::string> listed;
     for (const auto& entry : manifest.appEntries) {
         const std::string path = fl::i18n::to_string(entry);
         try {
             const PartName name(fl::i18n::to_ustring(
                 opc::zippackage::PackageWriter::partNameFor(kAppFilesFolder + 1 + path)));
-            listed.push_back(name.key());
+            listed.insert(name.key());
             if (package.containsPart(name)) continue;
         } catch (const opc::Exception&) {
+            // an entry that cannot be a part name cannot be a part either
         }
         report.faults.push_back(
             {FaultKind::MissingAppFile, "the app entry " + path + " is not a part of the package"});
     }
     for (const PartName& name : package.getPartNames()) {
         if (!startsWith(name.ascii(), kAppFilesFolder)) continue;
-        if (std::find(listed.begin(), listed.end(), name.key()) == listed.end())
+        if (!listed.count(name.key()))
             report.faults.push_back({FaultKind::UnlistedAppFile,
                                      "the part " + name.ascii() + " is not among the app entries"});
     }
