@@ -1,14 +1,17 @@
-// End-to-end tests of the command-line tool: they run the built binary.
+// End-to-end tests of the command-line tool: they run the built binary in a
+// temporary folder, so file names in its messages are the short ones given.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <zip.h>
 
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
 
 #ifdef TSAPP_TOOL
 
@@ -16,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tsapp::test;
+using Args = std::vector<std::string>;
 
 struct ToolRun {
     int status = -1;
@@ -29,10 +33,48 @@ std::string quoted(const std::string& arg) {
     return q + "'";
 }
 
+// Replaces, adds (`bytes` given, no such item) or deletes (no `bytes`) one
+// item of a ZIP file in place, as someone tampering with a package would.
+void editItem(const std::string& package, const std::string& item, const char* bytes = nullptr) {
+    int error = 0;
+    zip_t* za = zip_open(package.c_str(), 0, &error);
+    ASSERT_NE(za, nullptr);
+    const zip_int64_t at = zip_name_locate(za, item.c_str(), 0);
+    if (bytes) {
+        zip_source_t* source = zip_source_buffer(za, bytes, std::strlen(bytes), 0);
+        ASSERT_GE(at < 0 ? zip_file_add(za, item.c_str(), source, 0)
+                         : zip_file_replace(za, at, source, 0),
+                  0);
+    } else {
+        ASSERT_EQ(zip_delete(za, at), 0);
+    }
+    ASSERT_EQ(zip_close(za), 0);
+}
+
+// Flips a stored byte of `item` behind the ZIP's back: its CRC no longer fits.
+void flipByte(const std::string& package, const std::string& item) {
+    std::string bytes = read_file(package);
+    const std::size_t name = bytes.find(item);  // the local header comes first
+    const auto extra = static_cast<unsigned char>(bytes[name - 2]);
+    bytes[name + item.size() + extra + 1] ^= 0x20;
+    write_file(package, bytes);
+}
+
+// The manifest re-sealed with a wrong numFiles.
+std::string miscountedManifest(const std::string& package, TempDir& dir) {
+    write_file(dir.file("m.xml"), zip_item(package, "manifest.xml"));
+    AppManifestSerializer serializer;
+    AppManifest manifest;
+    serializer.load(dir.ufile("m.xml"), manifest);
+    manifest.numFiles = 5;
+    serializer.save(dir.ufile("m.xml"), manifest);
+    return read_file(dir.file("m.xml"));
+}
+
 class TsappTool : public ::testing::Test {
   protected:
-    ToolRun tsapp(const std::vector<std::string>& args, const std::string& env = "") {
-        std::string command = env + " " + quoted(TSAPP_TOOL);
+    ToolRun tsapp(const Args& args, const std::string& env = "") {
+        std::string command = "cd " + quoted(dir.path()) + " && " + env + " " + quoted(TSAPP_TOOL);
         for (const auto& arg : args) command += " " + quoted(arg);
         command += " >" + quoted(dir.file("stdout")) + " 2>" + quoted(dir.file("stderr"));
         const int raw = std::system(command.c_str());
@@ -43,143 +85,256 @@ class TsappTool : public ::testing::Test {
         return std::string(TSAPP_SOURCE_DIR) + "/sample/app" + (path.empty() ? "" : "/" + path);
     }
     std::string packSample(const std::string& name = "hello.tsappinstall") {
-        const std::string package = dir.file(name);
-        const ToolRun run = tsapp({"pack", sample(), "-o", package});
+        const ToolRun run = tsapp({"pack", sample(), "-o", name}, "SOURCE_DATE_EPOCH=1700000000");
         EXPECT_EQ(run.status, 0) << run.err;
-        return package;
+        return dir.file(name);
     }
     TempDir dir;
 };
 
-// Replaces one item of a ZIP file in place, as someone tampering with a
-// package would.
-void replaceItem(const std::string& package, const std::string& item, const std::string& bytes) {
-    int error = 0;
-    zip_t* za = zip_open(package.c_str(), 0, &error);
-    ASSERT_NE(za, nullptr);
-    zip_source_t* source = zip_source_buffer(za, bytes.data(), bytes.size(), 0);
-    ASSERT_GE(zip_file_replace(za, zip_name_locate(za, item.c_str(), 0), source, 0), 0);
-    ASSERT_EQ(zip_close(za), 0);
-}
-
-TEST_F(TsappTool, PackedSampleChecksAndShowsItsManifest) {
-    const std::string package = packSample();
-    const ToolRun check = tsapp({"check", package});
-    EXPECT_EQ(check.status, 0) << check.err;
-    EXPECT_EQ(check.out, package + ": OK\n");
-
-    const ToolRun json = tsapp({"info", "--json", package});
+TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
+    packSample();
+    EXPECT_EQ(tsapp({"check", "hello.tsappinstall"}).out,
+              "hello.tsappinstall: OK\n0 of 1 packages bad\n");
+    const ToolRun json = tsapp({"info", "--json", "hello.tsappinstall"}, "TZ=Europe/Berlin");
     ASSERT_EQ(json.status, 0) << json.err;
     const auto info = nlohmann::json::parse(json.out);
     EXPECT_EQ(info["name"], "Hello Tessal");
-    EXPECT_EQ(info["version"], "1.2.0");
-    EXPECT_EQ(info["entryPoint"], "main.js");
     EXPECT_EQ(info["author"]["organization"], "Example Works");
-    EXPECT_EQ(info["numFiles"], 4);
     EXPECT_EQ(info["appEntries"],
               nlohmann::json::array({"README.txt", "data/config.json", "lib/util.js", "main.js"}));
-    EXPECT_EQ(info["requiredProducts"][0]["identifier"], "tessal.core");
-    EXPECT_EQ(info["GUID"].get<std::string>().size(), 36u);
+    EXPECT_EQ(info["created"], "2023-11-14T23:13:20+01:00");
+    EXPECT_EQ(info["verified"], true);
+    EXPECT_NE(tsapp({"info", "hello.tsappinstall"}).out.find("Name:              Hello Tessal\n"),
+              std::string::npos);
 
-    const ToolRun human = tsapp({"info", package});
-    EXPECT_EQ(human.status, 0);
-    EXPECT_NE(human.out.find("Name:              Hello Tessal\n"), std::string::npos) << human.out;
-    EXPECT_NE(human.out.find("Platforms:         linux-x86_64, windows-x86_64\n"),
+    const auto list =
+        nlohmann::json::parse(tsapp({"ls", "-r", "--json", "hello.tsappinstall"}).out);
+    EXPECT_EQ(list["parts"].size(), 8u);
+    EXPECT_EQ(list["parts"][2], nlohmann::json::parse(R"({"name": "/icon.png", "size": 248,
+        "compressedSize": 248, "method": "stored", "crc32": "41b7fc61", "contentType": "image/png"})"));
+    EXPECT_EQ(list["relationships"][1]["target"], "/icon.png");
+    EXPECT_NE(tsapp({"list", "hello.tsappinstall"}).out.find(" /files/lib/util.js\n"),
               std::string::npos);
 }
 
-TEST_F(TsappTool, ATamperedManifestFailsTheCheckWithTheSignatureReason) {
-    const std::string package = packSample();
-    std::string manifest = zip_item(package, "manifest.xml");
-    const std::size_t at = manifest.find("A small sample app");
-    ASSERT_NE(at, std::string::npos);
-    manifest.replace(at, 5, "A big");
-    replaceItem(package, "manifest.xml", manifest);
-
-    const ToolRun check = tsapp({"check", package});
-    EXPECT_EQ(check.status, 1);
-    EXPECT_EQ(check.out, package + ": the manifest's signature is missing or wrong\n");
-    EXPECT_EQ(tsapp({"info", package}).status, 1);
-}
-
-TEST_F(TsappTool, CheckGivesOneVerdictPerPackageInOrder) {
+TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
     const std::string good = packSample();
-    write_file(dir.file("junk.tsappinstall"), "not a zip");
-    write_file(dir.file("other.zip"), "whatever");
-    fs::copy_file(good, dir.file("broken.tsappinstall"));
-    replaceItem(dir.file("broken.tsappinstall"), "manifest.xml", "<appProperties");
-
-    const ToolRun check = tsapp({"check", "-j", "2", dir.file("junk.tsappinstall"), good,
-                                 dir.file("other.zip"), dir.file("broken.tsappinstall"), good});
+    const struct {
+        const char* name;
+        std::function<void(const std::string&)> tamper;
+        std::string verdict;  // the start of the line
+    } cases[] = {
+        {"flip.tsappinstall", [](auto& p) { flipByte(p, "files/main.js"); },
+         "damaged part /files/main.js: "},
+        {"crc.tsappinstall", [](auto& p) { flipByte(p, "icon.png"); },
+         "damaged part /icon.png: cannot read the ZIP entry \"icon.png\": CRC error"},
+        {"removed.tsappinstall", [](auto& p) { editItem(p, "files/lib/util.js"); },
+         "the app entry lib/util.js is not a part of the package"},
+        {"added.tsappinstall", [](auto& p) { editItem(p, "files/extra.txt", "x"); },
+         "the part /files/extra.txt is not among the app entries"},
+        {"noicon.tsappinstall", [](auto& p) { editItem(p, "icon.png"); },
+         "the icon relationship names no part (/icon.png)"},
+        {"count.tsappinstall",
+         [&](auto& p) { editItem(p, "manifest.xml", miscountedManifest(p, dir).c_str()); },
+         "numFiles is 5 but the manifest lists 4 app entries"},
+        {"seal.tsappinstall",
+         [](auto& p) {
+             editItem(p, "manifest.xml",
+                      replaced(zip_item(p, "manifest.xml"), "A small", "A big").c_str());
+         },
+         "the manifest's signature is missing or wrong"},
+        {"other.zip", [](auto&) {}, "not an app file: the extension is not .tsappinstall"},
+    };
+    Args args = {"check", "-j", "2", "--all"};
+    for (const auto& c : cases) {
+        const std::string name = c.name;
+        fs::copy_file(good, dir.file(name));
+        c.tamper(dir.file(name));
+        args.push_back(name);
+    }
+    args.push_back("hello.tsappinstall");
+    const ToolRun check = tsapp(args);
     EXPECT_EQ(check.status, 1);
     std::istringstream lines(check.out);
-    std::vector<std::string> verdicts;
-    for (std::string line; std::getline(lines, line);) verdicts.push_back(line);
-    ASSERT_EQ(verdicts.size(), 5u) << check.out;
-    EXPECT_EQ(verdicts[0].rfind(dir.file("junk.tsappinstall") + ": not an app package: ", 0), 0u)
-        << verdicts[0];
-    EXPECT_EQ(verdicts[1], good + ": OK");
-    EXPECT_EQ(verdicts[2],
-              dir.file("other.zip") + ": not an app file: the extension is not .tsappinstall");
-    EXPECT_EQ(verdicts[3].rfind(
-                  dir.file("broken.tsappinstall") + ": the manifest is not well-formed XML: ", 0),
-              0u)
-        << verdicts[3];
-    EXPECT_EQ(verdicts[4], good + ": OK");
+    std::string line;
+    for (const auto& c : cases) {
+        std::getline(lines, line);
+        EXPECT_EQ(line.find(std::string(": ") + c.verdict), line.find(": ")) << line;
+    }
+    std::getline(lines, line);
+    EXPECT_EQ(line, "hello.tsappinstall: OK");
+    std::getline(lines, line);
+    EXPECT_EQ(line, "8 of 9 packages bad");
+
+    const ToolRun quiet =
+        tsapp({"check", "-q", "--json", "hello.tsappinstall", "seal.tsappinstall"});
+    EXPECT_EQ(nlohmann::json::parse(quiet.out)["faults"][0]["kind"], "bad signature");
+    EXPECT_EQ(quiet.out.find('\n'), quiet.out.size() - 1);
+
+    const ToolRun shown = tsapp({"info", "--no-verify", "--json", "seal.tsappinstall"});
+    EXPECT_EQ(shown.status, 0) << shown.err;
+    EXPECT_EQ(nlohmann::json::parse(shown.out)["summary"], "A big sample app");
+    EXPECT_EQ(nlohmann::json::parse(shown.out)["fault"], cases[6].verdict);
+    EXPECT_EQ(tsapp({"info", "--no-verify", "seal.tsappinstall"})
+                  .out.rfind("NOT VERIFIED: " + cases[6].verdict + "\n", 0),
+              0u);
 }
 
-TEST_F(TsappTool, IconScreenshotAndExtractGiveBackTheSourceBytes) {
-    const std::string package = packSample();
-    EXPECT_EQ(tsapp({"icon", package, dir.file("icon.png")}).status, 0);
-    EXPECT_TRUE(read_file(dir.file("icon.png")) == read_file(sample("icon.png")));
-    EXPECT_EQ(tsapp({"screenshot", package, dir.file("shot.png")}).status, 0);
+TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
+    packSample();
+    write_file(dir.file("empty.tsappinstall"), "");
+    fs::create_directory(dir.file("folder.tsappinstall"));
+    write_file(dir.file("cut.tsappinstall"),
+               read_file(dir.file("hello.tsappinstall")).substr(0, 900));
+    fs::copy_file(dir.file("hello.tsappinstall"), dir.file("schema.tsappinstall"));
+    editItem(dir.file("schema.tsappinstall"), "manifest.xml",
+             "<appProperties xmlns='http://schemas.corvane.com/tessal/app/2012/appProperties'/>");
+    fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
+    write_file(dir.file("src/files/back\\slash.txt"), "");
+    write_file(dir.file("src/tsapp.json"),
+               R"({"name": "n", "version": "1", "author": {"email": "e"}, "icon": "/etc/passwd",
+                   "screenshot": "screenshot.png", "files": "../..", "requiredProducts": [{"nm": 1}]})");
+    const struct {
+        Args args;
+        int status;
+        std::string err;  // the line, up to the library's detail
+    } cases[] = {
+        {{"icon", "missing.tsappinstall", "x.png"},
+         1,
+         "tsapp: missing.tsappinstall: cannot be read: "},
+        {{"part", "hello.tsappinstall", "urn:x", "o"},
+         1,
+         "tsapp: hello.tsappinstall: no package relationship of type urn:x\n"},
+        {{"icon", "hello.tsappinstall", "/nonexistent/x.png"},
+         1,
+         "tsapp: /nonexistent/x.png: No such file or directory\n"},
+        {{"screenshot", "hello.tsappinstall", "."}, 1, "tsapp: .: Is a directory\n"},
+        {{"info", "missing.tsappinstall"},
+         1,
+         "tsapp: missing.tsappinstall: not an app package: cannot be read: cannot open "},
+        {{"info", "empty.tsappinstall"},
+         1,
+         "tsapp: empty.tsappinstall: not an app package: not a ZIP file: "},
+        {{"info", "folder.tsappinstall"},
+         1,
+         "tsapp: folder.tsappinstall: not an app package: cannot be read: "},
+        {{"info", "cut.tsappinstall"},
+         1,
+         "tsapp: cut.tsappinstall: not an app package: not a ZIP file: "},
+        {{"info", "schema.tsappinstall"},
+         1,
+         "tsapp: schema.tsappinstall: the manifest does not match the schema: "},
+        {{"extract", "hello.tsappinstall", ""}, 2, "tsapp: DIR: must not be empty"},
+        {{"extract", "--keep", "hello.tsappinstall", "src"},
+         1,
+         "tsapp: src: cannot be written: the file \"_rels/.rels\" already exists\n"},
+        {{"pack", "src", "-o", "out.zip"},
+         1,
+         "tsapp: out.zip: the package's name must end in .tsappinstall\n"},
+        {{"pack", "src", "-o", "a.tsappinstall", "--guid", "not-a-guid"},
+         1,
+         "tsapp: src/tsapp.json: entryPoint: is required\n"
+         "tsapp: --guid: not 8-4-4-4-12 hex digits: not-a-guid\n"
+         "tsapp: src/tsapp.json: author.email: unknown field\n"
+         "tsapp: src/tsapp.json: author.name: is required\n"
+         "tsapp: src/tsapp.json: requiredProducts[0].nm: unknown field\n"
+         "tsapp: src/tsapp.json: requiredProducts[0].identifier: is required\n"
+         "tsapp: src/tsapp.json: icon: /etc/passwd lies outside the source folder\n"
+         "tsapp: src/tsapp.json: files: ../.. lies outside the source folder\n"},
+    };
+    fs::create_directories(dir.file("src/_rels"));
+    write_file(dir.file("src/_rels/.rels"), "mine");
+    for (const auto& c : cases) {
+        const ToolRun run = tsapp(c.args);
+        EXPECT_EQ(run.status, c.status) << c.args[1];
+        EXPECT_EQ(run.err.rfind(c.err, 0), 0u) << run.err;
+        if (c.args[0] != "pack") {
+            EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+        }
+    }
+    EXPECT_EQ(read_file(dir.file("src/_rels/.rels")), "mine");
+    fs::remove_all(dir.file("src/_rels"));
+    write_file(dir.file("src/tsapp.json"), read_file(sample("tsapp.json")));
+    EXPECT_EQ(tsapp({"pack", "src", "-o", "a.tsappinstall"}, "SOURCE_DATE_EPOCH=abc").err,
+              "tsapp: src/tsapp.json: files: back\\slash.txt cannot be a part name: it holds a "
+              "percent-encoded \"/\" or \"\\\"\n"
+              "tsapp: SOURCE_DATE_EPOCH: not a number of seconds since 1980: abc\n");
+    EXPECT_FALSE(file_exists(dir.file("a.tsappinstall")));
+}
+
+TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
+    packSample();
+    for (const Args& args :
+         {Args{"icon", "hello.tsappinstall", "-"}, Args{"part", "hello.tsappinstall", "icon", "-"}})
+        EXPECT_TRUE(tsapp(args).out == read_file(sample("icon.png")));
+    EXPECT_EQ(tsapp({"part", "hello.tsappinstall", "manifest", "m.xml"}).status, 0);
+    EXPECT_TRUE(read_file(dir.file("m.xml")) ==
+                zip_item(dir.file("hello.tsappinstall"), "manifest.xml"));
+    EXPECT_EQ(tsapp({"screenshot", "hello.tsappinstall", "shot.png"}).status, 0);
     EXPECT_TRUE(read_file(dir.file("shot.png")) == read_file(sample("screenshot.png")));
 
-    const ToolRun extract = tsapp({"extract", package, dir.file("out")});
+    const ToolRun extract = tsapp({"extract", "hello.tsappinstall", "out"});
     ASSERT_EQ(extract.status, 0) << extract.err;
-    EXPECT_EQ(extract.out, "");  // not a terminal: no progress
+    EXPECT_EQ(extract.out + extract.err, "");  // not a terminal: no progress
     for (const auto& entry : fs::recursive_directory_iterator(sample("files"))) {
         if (!entry.is_regular_file()) continue;
         const std::string relative = fs::relative(entry.path(), sample("files")).string();
         EXPECT_TRUE(read_file(dir.file("out/files/" + relative)) == read_file(entry.path()))
             << relative;
     }
+    write_file(dir.file("out/icon.png"), "old");
+    EXPECT_EQ(tsapp({"extract", "--keep", "hello.tsappinstall", "out"}).status, 1);
+    EXPECT_EQ(read_file(dir.file("out/icon.png")), "old");
+    EXPECT_EQ(tsapp({"extract", "hello.tsappinstall", "out"}).status, 0);
     EXPECT_TRUE(read_file(dir.file("out/icon.png")) == read_file(sample("icon.png")));
-    EXPECT_EQ(tsapp({"part", package, "urn:no-such-type", dir.file("none")}).status, 1);
 }
 
 TEST_F(TsappTool, PackIsReproducibleAndAtomic) {
-    const std::string env = "SOURCE_DATE_EPOCH=1700000000";
-    ASSERT_EQ(
-        tsapp({"pack", sample(), "-o", dir.file("a.tsappinstall"), "--guid", "g-1"}, env).status,
-        0);
-    ASSERT_EQ(
-        tsapp({"pack", sample(), "-o", dir.file("b.tsappinstall"), "--guid", "g-1"}, env).status,
-        0);
+    const Args pack = {"pack", sample(), "--guid", "0123abcd-0000-4000-8000-00000000000f", "-o"};
+    auto packTo = [&](const std::string& out) {
+        Args args = pack;
+        args.push_back(out);
+        return tsapp(args, "SOURCE_DATE_EPOCH=1700000000");
+    };
+    const ToolRun first = packTo("a.tsappinstall");
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_EQ(first.out.rfind("a.tsappinstall: 8 parts, " +
+                                  std::to_string(fs::file_size(dir.file("a.tsappinstall"))) +
+                                  " bytes, GUID 0123abcd-0000-4000-8000-00000000000f, SHA-256 ",
+                              0),
+              0u)
+        << first.out;
+    ASSERT_EQ(packTo("b.tsappinstall").status, 0);
     EXPECT_TRUE(read_file(dir.file("a.tsappinstall")) == read_file(dir.file("b.tsappinstall")));
 
-    // A source folder that fails half-way leaves the old package as it was.
+    // A source folder that fails leaves the old package as it was, and no
+    // temporary file behind.
     fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
     fs::remove(dir.file("src/screenshot.png"));
-    const ToolRun failed = tsapp({"pack", dir.file("src"), "-o", dir.file("a.tsappinstall")});
+    const ToolRun failed = tsapp({"pack", "src", "-o", "a.tsappinstall"});
     EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.err, "tsapp: " + dir.file("src") + "/screenshot.png is not a file\n");
+    EXPECT_EQ(failed.err,
+              "tsapp: src/tsapp.json: screenshot: screenshot.png is not a regular file\n");
     EXPECT_TRUE(read_file(dir.file("a.tsappinstall")) == read_file(dir.file("b.tsappinstall")));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
 }
 
 TEST_F(TsappTool, UsageErrorsExitTwoAndHelpAndVersionZero) {
-    for (const std::vector<std::string>& args : {std::vector<std::string>{},
-                                                 {"frobnicate"},
-                                                 {"info"},
-                                                 {"icon", "a.tsappinstall"},
-                                                 {"check", "-j", "x", "a"}}) {
+    for (const Args& args : {Args{},
+                             {"frobnicate"},
+                             {"info"},
+                             {"icon", "a.tsappinstall"},
+                             {"check", "-j", "x", "a"},
+                             {"info", ""},
+                             {"help", "nope"}}) {
         const ToolRun run = tsapp(args);
         EXPECT_EQ(run.status, 2) << (args.empty() ? "" : args[0]);
         EXPECT_EQ(run.err.rfind("tsapp: ", 0), 0u) << run.err;
+        EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
     }
-    EXPECT_EQ(tsapp({"--help"}).status, 0);
-    EXPECT_EQ(tsapp({"extract", "--help"}).status, 0);
+    EXPECT_EQ(tsapp({"help", "extract"}).out, tsapp({"extract", "--help"}).out);
+    EXPECT_NE(tsapp({"help", "extract"}).out.find("--keep"), std::string::npos);
     const ToolRun version = tsapp({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out.rfind("tsapp ", 0), 0u);

@@ -1,70 +1,58 @@
-// tsapp check: one verdict line per package, in the order given.
+// tsapp check: one verdict per package, in the order given, then a count.
 //
-// The facade folds every manifest problem into one error; the check reads
-// the package and the manifest through the package layer and the
-// serializer's fault kinds so it can say which rule a package breaks. Packages
-// are checked by a pool of workers, each with its own serializer, so the
-// schema is compiled once per worker rather than once per package.
+// The analysis is the library's package check; this file only runs it on a
+// pool of workers, each with its own serializer so the schema is compiled
+// once per worker rather than once per package, and prints the reports.
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 
 #include "Commands.hpp"
 #include "Text.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
-#include "tsappinstall/manifest/ManifestFault.hpp"
-#include "tsappinstall/manifest/PackageLayout.hpp"
-#include "tsappinstall/platform/filesystem/Path.hpp"
-#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
 namespace {
 
-const char* const kGoodVerdict = "OK";
+namespace inspect = tsappinstall::inspect;
 
-std::string manifestVerdict(AppManifestSerializer& serializer, opc::model::Part& part) {
-    using tsappinstall::ManifestFault;
-    AppManifest record;
-    std::string text;
-    switch (tsappinstall::loadManifest(serializer, part.getInputStream(), record, text)) {
-        case ManifestFault::None:
-            return kGoodVerdict;
-        case ManifestFault::Unreadable:
-            return "the manifest cannot be read: " + text;
-        case ManifestFault::MalformedXml:
-            return "the manifest is not well-formed XML: " + text;
-        case ManifestFault::InvalidXml:
-            return "the manifest does not match the schema: " + text;
-        case ManifestFault::BadFileCount:
-            return "bad file count in the manifest (numFiles is not a decimal number)";
-        case ManifestFault::BadSignature:
-            return "the manifest's signature is missing or wrong";
+struct Verdict {
+    bool bad = false;
+    std::string text;  // what to print, possibly empty
+};
+
+Verdict format(const std::string& path, const inspect::Report& report,
+               const CheckOptions& options) {
+    Verdict verdict{!report.good(), {}};
+    if (options.quiet && !verdict.bad) return verdict;
+    if (options.json) {
+        auto faults = nlohmann::ordered_json::array();
+        for (const auto& fault : report.faults)
+            faults.push_back({{"kind", inspect::describe(fault.kind)}, {"text", fault.text}});
+        const nlohmann::ordered_json object = {
+            {"package", path}, {"good", report.good()}, {"faults", faults}};
+        verdict.text =
+            object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+        return verdict;
     }
-    return "the manifest cannot be read: " + text;
+    verdict.text = path + ": " + (report.good() ? "OK" : report.faults.front().text) + '\n';
+    if (options.all)
+        for (std::size_t i = 1; i < report.faults.size(); ++i)
+            verdict.text += "  " + report.faults[i].text + '\n';
+    return verdict;
 }
 
-std::string verdictFor(const std::string& path, AppManifestSerializer& serializer) {
-    const std::u16string native = fl::filesystem::detail::make_native_form(utf16(path), true);
-    if (fl::filesystem::detail::extract_extension(native) != u"tsappinstall")
-        return "not an app file: the extension is not .tsappinstall";
-    try {
-        opc::model::OpenedPackage package(native);
-        const auto manifests = package->getRelationshipsByType(
-            utf16(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
-        if (manifests.size() != 1)
-            return "no single manifest relationship (found " + std::to_string(manifests.size()) +
-                   ")";
-        opc::model::Part part =
-            package->getPart(opc::model::PartName(manifests.front().getTargetURI()));
-        return manifestVerdict(serializer, part);
-    } catch (const opc::Exception& e) {
-        return std::string("not an app package: ") + e.what();
-    }
+inspect::Report unchecked(const std::string& why) {
+    inspect::Report report;
+    report.faults.push_back({inspect::FaultKind::NotPackage, "cannot be checked: " + why});
+    return report;
 }
 
 // Verdicts are printed in input order as soon as they and all before them
@@ -72,16 +60,16 @@ std::string verdictFor(const std::string& path, AppManifestSerializer& serialize
 class OrderedPrinter {
   public:
     explicit OrderedPrinter(std::size_t count) : verdicts_(count) {}
-    void put(std::size_t index, std::string verdict) {
+    void put(std::size_t index, Verdict verdict) {
         std::lock_guard<std::mutex> lock(mutex_);
         verdicts_[index] = std::move(verdict);
     }
     // Prints whatever is ready from the front; returns the number of bad ones.
-    std::size_t flush(const std::vector<std::string>& paths) {
+    std::size_t flush() {
         std::lock_guard<std::mutex> lock(mutex_);
         for (; printed_ < verdicts_.size() && verdicts_[printed_]; ++printed_) {
-            if (*verdicts_[printed_] != kGoodVerdict) ++bad_;
-            std::cout << paths[printed_] << ": " << *verdicts_[printed_] << '\n';
+            if (verdicts_[printed_]->bad) ++bad_;
+            std::cout << verdicts_[printed_]->text;
         }
         std::cout.flush();
         return bad_;
@@ -89,14 +77,15 @@ class OrderedPrinter {
 
   private:
     std::mutex mutex_;
-    std::vector<std::optional<std::string>> verdicts_;
+    std::vector<std::optional<Verdict>> verdicts_;
     std::size_t printed_ = 0;
     std::size_t bad_ = 0;
 };
 
 }  // namespace
 
-int runCheck(const std::vector<std::string>& packages, unsigned jobs) {
+int runCheck(const std::vector<std::string>& packages, const CheckOptions& options) {
+    unsigned jobs = options.jobs;
     if (jobs == 0) jobs = std::max(1u, std::thread::hardware_concurrency());
     jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, packages.size()));
     OrderedPrinter printer(packages.size());
@@ -114,14 +103,14 @@ int runCheck(const std::vector<std::string>& packages, unsigned jobs) {
             setupError = e.what();
         }
         for (std::size_t i; (i = next++) < packages.size();) {
-            std::string verdict;
+            inspect::Report report;
             try {
-                verdict = serializer ? verdictFor(packages[i], *serializer)
-                                     : "cannot be checked: " + setupError;
+                report = serializer ? inspect::checkPackage(utf16(packages[i]), *serializer)
+                                    : unchecked(setupError);
             } catch (const std::exception& e) {
-                verdict = std::string("cannot be checked: ") + e.what();
+                report = unchecked(e.what());
             }
-            printer.put(i, std::move(verdict));
+            printer.put(i, format(packages[i], report, options));
             doneSignal.notify_one();
         }
         std::lock_guard<std::mutex> lock(doneMutex);
@@ -135,12 +124,14 @@ int runCheck(const std::vector<std::string>& packages, unsigned jobs) {
         while (finishedWorkers < pool.size()) {
             doneSignal.wait_for(lock, std::chrono::milliseconds(50));
             lock.unlock();
-            printer.flush(packages);
+            printer.flush();
             lock.lock();
         }
     }
     for (auto& thread : pool) thread.join();
-    return printer.flush(packages) == 0 ? kGood : kBad;
+    const std::size_t bad = printer.flush();
+    if (!options.json) std::cout << bad << " of " << packages.size() << " packages bad\n";
+    return bad == 0 ? kGood : kBad;
 }
 
 }  // namespace tsapp::tool

@@ -1,11 +1,11 @@
 // tsapp extract: unpack every part into a folder; tsapp recover: repair a
 // folder whose extraction was killed.
 //
-// Runs the same steps as the facade's extractAppFile, with the same modes,
-// but through the extractor directly: that lets a terminal show progress,
-// lets the user set the size limit and durability, lets SIGINT, SIGTERM
-// and SIGHUP roll the extraction back, and lets an error line carry the
-// cause after the library's own text.
+// Runs the same steps as the facade's extractAppFile, with the same modes
+// (--keep chooses FailIfExists), but through the extractor directly: that
+// lets a terminal show progress, lets the user set the size limit and
+// durability, lets SIGINT, SIGTERM and SIGHUP roll the extraction back, and
+// lets an error line carry the cause by kind.
 
 #include <signal.h>
 #include <unistd.h>
@@ -18,9 +18,9 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
@@ -89,7 +89,8 @@ std::vector<std::string> extract(const std::u16string& nativePath,
     }
     auto outcome = manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
                                       opc::qvservices::TransformMode::PercentDecode,
-                                      opc::qvservices::ReplaceMode::Replace);
+                                      settings.keep ? opc::qvservices::ReplaceMode::FailIfExists
+                                                    : opc::qvservices::ReplaceMode::Replace);
     package.close();
     return outcome.leftAside;
 }
@@ -114,11 +115,11 @@ int runExtract(const std::string& package, const std::string& folder,
                                               : std::string(e.what())));
             return 128 + caughtSignal;
         }
-        namespace ids = tsapp_builtins::tsapp_builtins;
-        printError(ids::message_text(ids::TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(
-                       nativePath, nativeFolder)) +
-                   " (" + e.what() + ")");
-        return kBad;
+        const auto* failure = dynamic_cast<const opc::Exception*>(&e);
+        const bool atDestination = failure != nullptr &&
+                                   (failure->reason() == opc::Reason::CannotWrite ||
+                                    failure->reason() == opc::Reason::BadPath);
+        throw Failure(atDestination ? folder : package, causeOf(e));
     }
     return kGood;
 }
@@ -128,7 +129,7 @@ int runRecover(const std::string& folder) {
     const std::string nativeFolder = utf8(make_native_form(utf16(folder), true));
     const auto recovery = opc::extraction::recover(nativeFolder);
     for (const auto& line : recovery.done) std::cout << line << "\n";
-    for (const auto& left : recovery.leftAside) printError("could not repair " + left);
+    for (const auto& left : recovery.leftAside) printError(folder + ": could not repair " + left);
     if (recovery.done.empty() && recovery.leftAside.empty())
         std::cout << "nothing to recover in " << nativeFolder << "\n";
     return recovery.leftAside.empty() ? kGood : kBad;

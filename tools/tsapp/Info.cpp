@@ -1,11 +1,17 @@
-// tsapp info: the manifest record as the library reads it.
+// tsapp info: the manifest record as the library reads it. The manifest and
+// its faults come from the library's package check, without decoding every
+// part, so --no-verify can show a record whose seal is wrong.
 
+#include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "tsappinstall/facade/Tsappinstall.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/timeconv/TimeConversion.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -16,13 +22,24 @@ nlohmann::ordered_json stringList(const std::vector<std::u16string>& list) {
     return array;
 }
 
+// "2026-11-23T14:05:09+01:00": the local time with its offset from UTC.
+std::string createdWithOffset(const boost::posix_time::ptime& local) {
+    const std::string text = isoLocalTime(local);
+    if (text.empty()) return text;
+    const long minutes = (local - convertLocalTimeToUTC(local)).total_seconds() / 60;
+    char offset[32];
+    std::snprintf(offset, sizeof offset, "%c%02ld:%02ld", minutes < 0 ? '-' : '+',
+                  std::labs(minutes) / 60, std::labs(minutes) % 60);
+    return text + offset;
+}
+
 nlohmann::ordered_json toJson(const AppManifest& m) {
     nlohmann::ordered_json products = nlohmann::ordered_json::array();
     for (const auto& p : m.requiredProducts)
         products.push_back({{"identifier", utf8(p.identifier)},
                             {"name", utf8(p.name)},
                             {"version", utf8(p.version)}});
-    const std::string created = isoLocalTime(m.created);
+    const std::string created = createdWithOffset(m.created);
     return {
         {"GUID", m.GUID},
         {"entryPoint", utf8(m.entryPoint)},
@@ -78,21 +95,28 @@ void printHuman(const AppManifest& m) {
     printLine("Requires:          ", products);
     printLine("Path entries:      ", joined(m.pathEntries));
     printLine("Files:             ", std::to_string(m.numFiles));
-    printLine("Created:           ", isoLocalTime(m.created));
+    printLine("Created:           ", createdWithOffset(m.created));
     for (const auto& entry : m.appEntries) std::cout << "  " << utf8(entry) << '\n';
 }
 
 }  // namespace
 
-int runInfo(const std::string& package, bool json) {
-    Corvane::addons::apps::Tsappinstall facade;
-    const AppManifest manifest = facade.getAppInfo(utf16(package));
-    if (json)
-        std::cout << toJson(manifest).dump(2, ' ', false,
-                                           nlohmann::ordered_json::error_handler_t::replace)
+int runInfo(const std::string& package, bool json, bool verify) {
+    AppManifestSerializer serializer;
+    const auto report = tsappinstall::inspect::checkPackage(utf16(package), serializer, false);
+    if (!report.manifest || (verify && !report.good()))
+        throw Failure(package, report.faults.front().text);
+    const std::string fault = report.good() ? "" : report.faults.front().text;
+    if (json) {
+        auto object = toJson(*report.manifest);
+        object["verified"] = report.good();
+        if (!report.good()) object["fault"] = fault;
+        std::cout << object.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
-    else
-        printHuman(manifest);
+    } else {
+        if (!report.good()) std::cout << "NOT VERIFIED: " << fault << '\n';
+        printHuman(*report.manifest);
+    }
     return kGood;
 }
 

@@ -1,8 +1,15 @@
 #include <iostream>
 
 #include "Commands.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace tsapp::tool {
+
+std::string causeOf(const std::exception& e) {
+    const auto* failure = dynamic_cast<const opc::Exception*>(&e);
+    if (!failure || failure->reason() == opc::Reason::Other) return e.what();
+    return std::string(opc::describe(failure->reason())) + ": " + e.what();
+}
 
 void printError(const std::string& what) {
     std::string line = what;

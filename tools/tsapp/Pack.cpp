@@ -2,115 +2,35 @@
 // content digests and, when asked, the author's signature over them.
 //
 // The folder holds tsapp.json (the manifest fields, see the README), the
-// icon and screenshot it names, and a folder of app files. The tool fills
-// GUID, numFiles, appEntries and created, saves the manifest through the
-// library's serializer, and writes the package with the package writer,
-// which renames the finished file into place.
+// icon and screenshot it names, and a folder of app files. Everything is
+// checked before anything is written; the package is then written to a
+// temporary file beside the output, given the same full check that
+// `tsapp check` runs, and only renamed into place when it passes, so pack
+// never leaves a package its own check rejects.
 
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <cstdlib>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
+#include <iostream>
 #include <optional>
-#include <random>
-#include <set>
-#include <sstream>
-#include <stdexcept>
 
 #include "Commands.hpp"
+#include "PackDescription.hpp"
 #include "Text.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
-#include "tsappinstall/timeconv/TimeConversion.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using opc::zippackage::PackageWriter;
-
-const std::set<std::string> kKnownKeys = {"entryPoint",
-                                          "name",
-                                          "version",
-                                          "createdByTESSALRelease",
-                                          "summary",
-                                          "description",
-                                          "minTESSALVer",
-                                          "maxTESSALVer",
-                                          "author",
-                                          "supportedPlatforms",
-                                          "requiredProducts",
-                                          "pathEntries",
-                                          "icon",
-                                          "screenshot",
-                                          "files"};
-
-[[noreturn]] void bad(const std::string& what) {
-    throw std::runtime_error(what);
-}
-
-json readDescription(const fs::path& file) {
-    std::ifstream in(file);
-    if (!in) bad("cannot read " + file.string());
-    try {
-        json description = json::parse(in);
-        if (!description.is_object()) bad(file.string() + ": the top level must be an object");
-        for (const auto& item : description.items())
-            if (!kKnownKeys.count(item.key()))
-                bad(file.string() + ": unknown field \"" + item.key() + "\"");
-        return description;
-    } catch (const json::exception& e) {
-        bad(file.string() + ": " + e.what());
-    }
-}
-
-std::u16string text(const json& object, const char* key) {
-    if (!object.contains(key)) return {};
-    if (!object[key].is_string()) bad(std::string("tsapp.json: \"") + key + "\" must be a string");
-    return utf16(object[key].get<std::string>());
-}
-
-std::vector<std::u16string> texts(const json& object, const char* key) {
-    std::vector<std::u16string> list;
-    if (!object.contains(key)) return list;
-    if (!object[key].is_array())
-        bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
-    for (const auto& item : object[key]) {
-        if (!item.is_string())
-            bad(std::string("tsapp.json: \"") + key + "\" must be a list of strings");
-        list.push_back(utf16(item.get<std::string>()));
-    }
-    return list;
-}
-
-std::string freshGuid() {
-    std::random_device random;
-    std::uniform_int_distribution<unsigned> byte(0, 255);
-    unsigned char b[16];
-    for (auto& value : b) value = static_cast<unsigned char>(byte(random));
-    b[6] = static_cast<unsigned char>((b[6] & 0x0F) | 0x40);  // version 4
-    b[8] = static_cast<unsigned char>((b[8] & 0x3F) | 0x80);  // RFC 4122 variant
-    static const char* hex = "0123456789abcdef";
-    std::string guid;
-    for (int i = 0; i < 16; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) guid += '-';
-        guid += hex[b[i] >> 4];
-        guid += hex[b[i] & 15];
-    }
-    return guid;
-}
-
-// SOURCE_DATE_EPOCH makes two builds of the same folder byte-identical.
-std::time_t buildTime() {
-    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH"))
-        return static_cast<std::time_t>(std::stoll(epoch));
-    return std::time(nullptr);
-}
 
 std::string contentTypeFor(const fs::path& file) {
     static const std::pair<const char*, const char*> types[] = {{".png", "image/png"},
@@ -129,56 +49,6 @@ std::string contentTypeFor(const fs::path& file) {
     return "application/octet-stream";
 }
 
-// Every regular file below `root`, as sorted relative UTF-8 paths.
-std::vector<std::string> appFilesBelow(const fs::path& root) {
-    if (!fs::is_directory(root)) bad(root.string() + " is not a folder");
-    std::vector<std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_symlink())
-            bad(entry.path().string() + " is a symbolic link; app files must be regular files");
-        if (entry.is_directory()) continue;
-        if (!entry.is_regular_file()) bad(entry.path().string() + " is not a regular file");
-        files.push_back(fs::relative(entry.path(), root).generic_string());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-AppManifest manifestFrom(const json& d, const std::string& guid,
-                         const std::vector<std::string>& files, std::time_t when) {
-    AppManifest m;
-    m.GUID = guid;
-    m.entryPoint = text(d, "entryPoint");
-    m.name = text(d, "name");
-    m.version = text(d, "version");
-    m.createdByTESSALRelease = text(d, "createdByTESSALRelease");
-    m.summary = text(d, "summary");
-    m.description = text(d, "description");
-    m.minTESSALVer = text(d, "minTESSALVer");
-    m.maxTESSALVer = text(d, "maxTESSALVer");
-    if (d.contains("author")) {
-        if (!d["author"].is_object()) bad("tsapp.json: \"author\" must be an object");
-        m.authorName = text(d["author"], "name");
-        m.authorContact = text(d["author"], "contact");
-        m.authorOrganization = text(d["author"], "organization");
-    }
-    m.supportedPlatforms = texts(d, "supportedPlatforms");
-    if (d.contains("requiredProducts")) {
-        if (!d["requiredProducts"].is_array())
-            bad("tsapp.json: \"requiredProducts\" must be a list");
-        for (const auto& p : d["requiredProducts"]) {
-            if (!p.is_object()) bad("tsapp.json: each required product must be an object");
-            m.requiredProducts.push_back(
-                {text(p, "identifier"), text(p, "name"), text(p, "version")});
-        }
-    }
-    m.pathEntries = texts(d, "pathEntries");
-    for (const auto& file : files) m.appEntries.push_back(utf16(file));
-    m.numFiles = files.size();
-    m.created = convertUTCToLocalTime(boost::posix_time::from_time_t(when));
-    return m;
-}
-
 std::vector<unsigned char> savedManifest(const AppManifest& manifest) {
     std::vector<unsigned char> bytes;
     opc::ByteArrayOutAdaptor out(bytes);
@@ -187,54 +57,91 @@ std::vector<unsigned char> savedManifest(const AppManifest& manifest) {
     return bytes;
 }
 
-std::string requiredFile(const json& d, const char* key, const fs::path& source) {
-    const std::u16string name = text(d, key);
-    if (name.empty()) bad(std::string("tsapp.json: \"") + key + "\" is required");
-    const fs::path file = source / utf8(name);
-    if (!fs::is_regular_file(file)) bad(file.string() + " is not a file");
-    return file.string();
-}
-
-}  // namespace
-
-int runPack(const std::string& sourceFolder, const std::string& output,
-            const std::string& givenGuid, const std::string& keyFile,
-            const std::string& certificateFile) {
-    // Read the key first: a wrong one should stop the tool before any work.
-    std::optional<tsappinstall::integrity::Signer> signer;
-    if (!keyFile.empty()) signer.emplace(keyFile, certificateFile);
-    const fs::path source(sourceFolder);
-    const json description = readDescription(source / "tsapp.json");
-    const std::string icon = requiredFile(description, "icon", source);
-    const std::string screenshot = requiredFile(description, "screenshot", source);
-    const std::u16string filesFolder = text(description, "files");
-    const fs::path filesRoot =
-        source / (filesFolder.empty() ? std::string("files") : utf8(filesFolder));
-    const std::vector<std::string> files = appFilesBelow(filesRoot);
-    const std::time_t when = buildTime();
-    const AppManifest manifest =
-        manifestFrom(description, givenGuid.empty() ? freshGuid() : givenGuid, files, when);
-    if (std::find(files.begin(), files.end(), utf8(manifest.entryPoint)) == files.end())
-        bad("the entry point \"" + utf8(manifest.entryPoint) + "\" is not among the app files");
-
+void writePackage(const PackPlan& plan, const std::string& path,
+                  const tsappinstall::integrity::Signer* signer) {
     using namespace Corvane::addons::apps;
-    PackageWriter writer(output);
-    writer.setModificationTime(when);
+    PackageWriter writer(path);
+    writer.setModificationTime(plan.when);
     const std::string manifestPart =
-        writer.addPart("manifest.xml", "application/xml", savedManifest(manifest));
+        writer.addPart("manifest.xml", "application/xml", savedManifest(plan.manifest));
     const std::string iconPart =
-        writer.addPartFromFile(fs::path(icon).filename().string(), contentTypeFor(icon), icon,
-                               PackageWriter::Compression::Stored);
+        writer.addPartFromFile(plan.icon.filename().string(), contentTypeFor(plan.icon),
+                               plan.icon.string(), PackageWriter::Compression::Stored);
     const std::string shotPart =
-        writer.addPartFromFile(fs::path(screenshot).filename().string(), contentTypeFor(screenshot),
-                               screenshot, PackageWriter::Compression::Stored);
-    for (const auto& file : files)
-        writer.addPartFromFile("files/" + file, contentTypeFor(file), (filesRoot / file).string());
+        writer.addPartFromFile(plan.screenshot.filename().string(), contentTypeFor(plan.screenshot),
+                               plan.screenshot.string(), PackageWriter::Compression::Stored);
+    for (const auto& file : plan.files)
+        writer.addPartFromFile("files/" + file, contentTypeFor(file),
+                               (plan.filesRoot / file).string());
     writer.addRelationship("manifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestPart);
     writer.addRelationship("icon", PRIMARY_ICON_RELATIONSHIP_TYPE, iconPart);
     writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
-    writer.addDigests(signer ? &*signer : nullptr);
+    writer.addDigests(signer);
     writer.commit();
+}
+
+std::string sha256Of(const std::string& path) {
+    tsappinstall::integrity::Sha256 sha;
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> buffer(1 << 16);
+    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
+        sha.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
+    return sha.finishHex();
+}
+
+// The package is written here first; removed unless it was renamed.
+struct TemporaryPackage {
+    std::string path;
+    ~TemporaryPackage() {
+        std::error_code ignored;
+        if (!path.empty()) fs::remove(path, ignored);
+    }
+};
+
+}  // namespace
+
+int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
+            const std::string& keyFile, const std::string& certificateFile) {
+    const fs::path destination(output);
+    if (destination.extension() != ".tsappinstall")
+        throw Failure(output, "the package's name must end in .tsappinstall");
+    PackPlan plan;
+    const std::vector<std::string> problems = planPack(sourceFolder, guid, plan);
+    for (const auto& problem : problems)
+        printError(problem.rfind("tsapp.json", 0) == 0 ? (fs::path(sourceFolder) / problem).string()
+                                                       : problem);
+    if (!problems.empty()) return kBad;
+    // Read the key before writing anything: a wrong one stops the tool here.
+    std::optional<tsappinstall::integrity::Signer> signer;
+    try {
+        if (!keyFile.empty()) signer.emplace(keyFile, certificateFile);
+    } catch (const std::exception& e) {
+        throw Failure(keyFile, causeOf(e));
+    }
+
+    TemporaryPackage temporary{
+        (destination.parent_path() /
+         ("." + destination.stem().string() + "." + std::to_string(::getpid()) + ".tsappinstall"))
+            .string()};
+    // From here on a failure is about the package being written.
+    std::uintmax_t size = 0;
+    std::string digest;
+    try {
+        writePackage(plan, temporary.path, signer ? &*signer : nullptr);
+        AppManifestSerializer serializer;
+        const auto report = tsappinstall::inspect::checkPackage(utf16(temporary.path), serializer);
+        if (!report.good())
+            throw std::runtime_error("the written package fails its check: " +
+                                     report.faults.front().text);
+        size = fs::file_size(temporary.path);
+        digest = sha256Of(temporary.path);
+        fs::rename(temporary.path, output);
+    } catch (const std::exception& e) {
+        throw Failure(output, causeOf(e));
+    }
+    temporary.path.clear();
+    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size << " bytes, GUID "
+              << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
     return kGood;
 }
 

@@ -1,29 +1,80 @@
-// tsapp icon / screenshot / part: the library prints its own reason on
-// stderr when it returns false.
+// tsapp icon / screenshot / part: copy the target of one package
+// relationship into a file, or to standard output for "-".
+//
+// Read through the package layer rather than the facade so that a failure
+// names its cause: no such relationship, a damaged part, an output that
+// cannot be written.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "tsappinstall/facade/Tsappinstall.hpp"
+#include "platform/base/UniqueFd.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
+namespace {
 
-int runIcon(const std::string& package, const std::string& output) {
-    Corvane::addons::apps::Tsappinstall facade;
-    return facade.extractAppIcon(utf16(package), utf16(output)) ? kGood : kBad;
+namespace apps = Corvane::addons::apps;
+
+std::string relationshipTypeFor(const std::string& typeOrAlias) {
+    if (typeOrAlias == "manifest") return apps::APP_PROPERTIES_RELATIONSHIP_TYPE;
+    if (typeOrAlias == "icon") return apps::PRIMARY_ICON_RELATIONSHIP_TYPE;
+    if (typeOrAlias == "screenshot") return apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
+    return typeOrAlias;
 }
 
-int runScreenshot(const std::string& package, const std::string& output) {
-    Corvane::addons::apps::Tsappinstall facade;
-    return facade.extractAppScreenshot(utf16(package), utf16(output)) ? kGood : kBad;
+[[noreturn]] void failWithErrno(const std::string& file) {
+    throw Failure(file, std::strerror(errno));
 }
 
-int runPart(const std::string& package, const std::string& relationshipType,
-            const std::string& output) {
-    Corvane::addons::apps::Tsappinstall facade;
-    return facade.extractPartContentFromTessalApp(utf16(package), utf16(relationshipType),
-                                                  utf16(output))
-               ? kGood
-               : kBad;
+void writeAll(int fd, const unsigned char* data, std::size_t size, const std::string& output) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) failWithErrno(output);
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+}  // namespace
+
+int runPart(const std::string& package, const std::string& typeOrAlias, const std::string& output) {
+    opc::model::OpenedPackage opened(
+        fl::filesystem::detail::make_native_form(utf16(package), true));
+    const std::string type = relationshipTypeFor(typeOrAlias);
+    const auto found = opened->getRelationshipsByType(utf16(type));
+    if (found.empty()) throw Failure(package, "no package relationship of type " + type);
+    opc::model::Part part = opened->getPart(opc::model::PartName(found.front().getTargetURI()));
+
+    opc::detail::UniqueFd file;
+    int fd = STDOUT_FILENO;
+    if (output != "-") {
+        file = opc::detail::UniqueFd(
+            ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+        if (!file) failWithErrno(output);
+        fd = file.get();
+    }
+    unsigned char buffer[1 << 16];
+    opc::InputStream& in = part.getInputStream();
+    try {
+        for (std::size_t n; (n = in.read(buffer, sizeof buffer)) != 0;)
+            writeAll(fd, buffer, n, output);
+    } catch (const Failure&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw Failure(package, part.getPartName().ascii() + ": " + causeOf(e));
+    }
+    if (file && ::close(file.release()) != 0) failWithErrno(output);
+    opened.close();
+    return kGood;
 }
 
 }  // namespace tsapp::tool

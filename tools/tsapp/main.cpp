@@ -5,6 +5,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 
 #include "Commands.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
@@ -34,39 +35,68 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("tsapp ") + TSAPP_VERSION);
     app.require_subcommand(1);
 
-    std::string package, output, folder, relType, guid, key, cert;
+    std::string package, output, folder, relType, guid, topic, key, cert;
     std::vector<std::string> packages, trust;
-    bool json = false, allowUnsigned = false;
-    ExtractSettings extractSettings{opc::extraction::kDefaultMaxBytes, false};
-    unsigned jobs = 0;
+    bool json = false, noVerify = false, relationships = false, allowUnsigned = false;
+    CheckOptions checking;
+    ExtractSettings extractSettings{opc::extraction::kDefaultMaxBytes, false, false};
+
+    // An empty path would otherwise mean the current folder.
+    const CLI::Validator nonEmpty(
+        [](std::string& value) { return value.empty() ? std::string("must not be empty") : ""; },
+        "", "");
 
     auto* info = app.add_subcommand("info", "Show the app's manifest.");
-    info->add_option("PKG", package, "App package")->required();
+    info->add_option("PKG", package, "App package")->required()->check(nonEmpty);
     info->add_flag("--json", json, "Print one JSON object (schema in the README)");
+    info->add_flag("--no-verify", noVerify,
+                   "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
 
     auto* check = app.add_subcommand(
-        "check", "Check that each package is a good, correctly signed app package.");
-    check->add_option("PKG", packages, "App packages")->required();
-    check->add_option("-j,--jobs", jobs, "Packages checked at once (default: one per core)");
+        "check", "Check every part, the manifest, its seal and the files it lists.");
+    check->add_option("PKG", packages, "App packages")->required()->check(nonEmpty);
+    check->add_option("-j,--jobs", checking.jobs,
+                      "Packages checked at once (default: one per core)");
+    check->add_flag("--json", checking.json, "One JSON object per line and package, every fault");
+    check->add_flag("-q,--quiet", checking.quiet, "Print only the bad packages");
+    check->add_flag("-a,--all,--verbose", checking.all, "List every fault, not only the first");
+
+    auto* list = app.add_subcommand("list", "List the parts (and relationships) of a package.");
+    list->alias("ls");
+    list->add_option("PKG", package, "App package")->required()->check(nonEmpty);
+    list->add_flag("-r,--relationships", relationships, "Also list every relationship");
+    list->add_flag("--json", json, "Print one JSON object");
 
     auto* icon = app.add_subcommand("icon", "Copy the app's primary icon into a file.");
-    icon->add_option("PKG", package, "App package")->required();
-    icon->add_option("OUT", output, "Output file")->required();
+    icon->add_option("PKG", package, "App package")->required()->check(nonEmpty);
+    icon->add_option("OUT", output, "Output file, - for standard output")
+        ->required()
+        ->check(nonEmpty);
 
     auto* shot = app.add_subcommand("screenshot", "Copy the app's primary screenshot into a file.");
-    shot->add_option("PKG", package, "App package")->required();
-    shot->add_option("OUT", output, "Output file")->required();
+    shot->add_option("PKG", package, "App package")->required()->check(nonEmpty);
+    shot->add_option("OUT", output, "Output file, - for standard output")
+        ->required()
+        ->check(nonEmpty);
 
     auto* part =
         app.add_subcommand("part", "Copy the target of a package relationship type into a file.");
-    part->add_option("PKG", package, "App package")->required();
-    part->add_option("RELTYPE", relType, "Relationship type URI")->required();
-    part->add_option("OUT", output, "Output file")->required();
+    part->add_option("PKG", package, "App package")->required()->check(nonEmpty);
+    part->add_option("RELTYPE", relType, "Relationship type URI, or manifest, icon or screenshot")
+        ->required()
+        ->check(nonEmpty);
+    part->add_option("OUT", output, "Output file, - for standard output")
+        ->required()
+        ->check(nonEmpty);
 
     auto* extract =
         app.add_subcommand("extract", "Unpack every part of the package into a folder.");
-    extract->add_option("PKG", package, "App package")->required();
-    extract->add_option("DIR", folder, "Destination folder (created when missing)")->required();
+    extract->add_option("PKG", package, "App package")->required()->check(nonEmpty);
+    extract->add_option("DIR", folder, "Destination folder (created when missing)")
+        ->required()
+        ->check(nonEmpty);
+    extract->add_flag("-k,--keep", extractSettings.keep,
+                      "Fail, changing nothing, when a file would be replaced");
     extract
         ->add_option("--max-size", extractSettings.maxBytes,
                      "Most bytes the parts may add up to (default 2GiB; 0: no limit)")
@@ -77,14 +107,18 @@ int main(int argc, char** argv) {
     auto* recover = app.add_subcommand(
         "recover", "Complete an extraction into DIR that a crash interrupted, remove leftovers.");
     recover->add_option("DIR", folder, "Destination folder of the interrupted extraction")
-        ->required();
+        ->required()
+        ->check(nonEmpty);
 
     auto* pack = app.add_subcommand(
         "pack",
         "Build a sealed app package with content digests from a folder holding tsapp.json.");
-    pack->add_option("SRC", folder, "Source folder")->required();
-    pack->add_option("-o,--output", output, "Package to write")->required();
-    pack->add_option("--guid", guid, "GUID of the app (default: a fresh one)");
+    pack->add_option("SRC", folder, "Source folder")->required()->check(nonEmpty);
+    pack->add_option("-o,--output", output, "Package to write (.tsappinstall)")
+        ->required()
+        ->check(nonEmpty);
+    pack->add_option("--guid", guid,
+                     "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)");
     auto* signKey = pack->add_option("--sign", key, "Sign the digests with this PEM private key");
     auto* signCert = pack->add_option("--cert", cert, "The signer's PEM certificate (and chain)");
     signKey->needs(signCert);
@@ -92,38 +126,59 @@ int main(int argc, char** argv) {
 
     auto* verify =
         app.add_subcommand("verify", "Check each package's content digests and author signature.");
-    verify->add_option("PKG", packages, "App packages")->required();
+    verify->add_option("PKG", packages, "App packages")->required()->check(nonEmpty);
     verify->add_option("--trust", trust, "PEM file of trusted certificates (repeatable)")
         ->allow_extra_args(false);
     verify->add_flag("--allow-unsigned", allowUnsigned,
                      "Accept a package without a signature when its digests match");
 
+    auto* help = app.add_subcommand("help", "Show the help of a command.");
+    help->add_option("CMD", topic, "Command");
+
     for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
 
     try {
         app.parse(argc, argv);
+        if (help->parsed() && !topic.empty() && topic != "help") {
+            CLI::App* sub = app.get_subcommand(topic);  // throws for an unknown one
+            std::cout << sub->help("tsapp");
+            return kGood;
+        }
+        if (help->parsed()) {
+            std::cout << app.help();
+            return kGood;
+        }
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
-    } catch (const CLI::ParseError& e) {
-        printError(e.what());
-        std::cerr << "Run 'tsapp --help' for usage.\n";
+    } catch (const CLI::Error& e) {
+        printError(std::string(e.what()) + " (see 'tsapp --help')");
         return kUsage;
     }
 
+    // Failures name the file they are about; anything the commands do not
+    // attribute themselves is about their first argument.
+    const std::string& subject = (pack->parsed() || recover->parsed()) ? folder : package;
     try {
-        if (info->parsed()) return runInfo(package, json);
-        if (check->parsed()) return runCheck(packages, jobs);
-        if (icon->parsed()) return runIcon(package, output);
-        if (shot->parsed()) return runScreenshot(package, output);
+        if (info->parsed()) return runInfo(package, json, !noVerify);
+        if (check->parsed()) return runCheck(packages, checking);
+        if (list->parsed()) return runList(package, relationships, json);
+        if (icon->parsed()) return runPart(package, "icon", output);
+        if (shot->parsed()) return runPart(package, "screenshot", output);
         if (part->parsed()) return runPart(package, relType, output);
         if (extract->parsed()) return runExtract(package, folder, extractSettings);
         if (recover->parsed()) return runRecover(folder);
         if (pack->parsed()) return runPack(folder, output, guid, key, cert);
         if (verify->parsed()) return runVerify(packages, trust, allowUnsigned);
+    } catch (const Failure& e) {
+        printError(e.file() + ": " + e.what());
+        return kBad;
     } catch (const std::exception& e) {
-        printError(e.what());
+        printError(subject + ": " + causeOf(e));
+        return kBad;
+    } catch (...) {
+        printError(subject + ": failed for a reason the library does not name");
         return kBad;
     }
     return kUsage;

@@ -1,0 +1,195 @@
+#include "tsappinstall/inspect/PackageCheck.hpp"
+
+#include <iterator>
+#include <memory>
+#include <set>
+
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/ManifestFault.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
+#include "tsappinstall/platform/opc/PackageWriter.hpp"
+
+namespace tsappinstall::inspect {
+namespace {
+
+namespace apps = Corvane::addons::apps;
+using opc::model::PartName;
+
+// Large reads keep decoding at the inflater's speed rather than the call
+// overhead's.
+constexpr std::size_t kDecodeBuffer = 1 << 20;
+
+// The folder the packer puts app files in, and where it puts the manifest:
+// packages with that manifest and that folder are held to its layout.
+const char* const kAppFilesFolder = "/files/";
+const char* const kPackedManifest = "/manifest.xml";
+
+void decodeEveryPart(opc::model::Package& package, Report& report) {
+    std::unique_ptr<unsigned char[]> buffer(new unsigned char[kDecodeBuffer]);
+    for (const PartName& name : package.getPartNames()) {
+        try {
+            opc::model::Part part = package.getPart(name);
+            opc::InputStream& in = part.getInputStream();
+            while (in.read(buffer.get(), kDecodeBuffer) != 0) {
+            }
+        } catch (const opc::Exception& e) {
+            report.faults.push_back(
+                {FaultKind::DamagedPart, "damaged part " + name.ascii() + ": " + e.what()});
+        }
+    }
+}
+
+std::string manifestText(ManifestFault fault, const std::string& text) {
+    switch (fault) {
+        case ManifestFault::Unreadable:
+            return "the manifest cannot be read: " + text;
+        case ManifestFault::MalformedXml:
+            return "the manifest is not well-formed XML: " + text;
+        case ManifestFault::InvalidXml:
+            return "the manifest does not match the schema: " + text;
+        case ManifestFault::BadFileCount:
+            return "bad file count in the manifest (numFiles is not a decimal number)";
+        default:
+            return "the manifest's signature is missing or wrong";
+    }
+}
+
+FaultKind manifestKind(ManifestFault fault) {
+    if (fault == ManifestFault::BadSignature) return FaultKind::BadSignature;
+    if (fault == ManifestFault::BadFileCount) return FaultKind::WrongFileCount;
+    return FaultKind::BadManifest;
+}
+
+// Returns the manifest's part name, empty when there is no single one.
+std::string readManifest(opc::model::Package& package, AppManifestSerializer& serializer,
+                         Report& report) {
+    const auto found = package.getRelationshipsByType(
+        fl::i18n::to_ustring(apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
+    if (found.size() != 1) {
+        report.faults.push_back({FaultKind::NoManifest, "no single manifest relationship (found " +
+                                                            std::to_string(found.size()) + ")"});
+        return {};
+    }
+    try {
+        const PartName name(found.front().getTargetURI());
+        opc::model::Part part = package.getPart(name);
+        AppManifest record;
+        std::string text;
+        const ManifestFault fault = loadManifest(serializer, part.getInputStream(), record, text);
+        if (fault == ManifestFault::None || fault == ManifestFault::BadSignature)
+            report.manifest = std::move(record);
+        if (fault != ManifestFault::None)
+            report.faults.push_back({manifestKind(fault), manifestText(fault, text)});
+        return name.ascii();
+    } catch (const opc::Exception& e) {
+        report.faults.push_back(
+            {FaultKind::NoManifest, std::string("the manifest part: ") + e.what()});
+        return {};
+    }
+}
+
+void checkRelationship(opc::model::Package& package, const char* type, const char* what,
+                       Report& report) {
+    for (const auto& relationship : package.getRelationshipsByType(fl::i18n::to_ustring(type))) {
+        try {
+            if (package.containsPart(PartName(relationship.getTargetURI()))) continue;
+        } catch (const opc::Exception&) {
+            // a target that cannot be a part name names no part either
+        }
+        report.faults.push_back({FaultKind::BrokenRelationship,
+                                 std::string("the ") + what + " relationship names no part (" +
+                                     fl::i18n::to_string(relationship.getTarget()) + ")"});
+    }
+}
+
+bool startsWith(const std::string& text, const char* prefix) {
+    return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
+}
+
+// The packer writes app entry E as the part /files/E and nothing else there.
+void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest, Report& report) {
+    std::set<std::string> listed;
+    for (const auto& entry : manifest.appEntries) {
+        const std::string path = fl::i18n::to_string(entry);
+        try {
+            const PartName name(fl::i18n::to_ustring(
+                opc::zippackage::PackageWriter::partNameFor(kAppFilesFolder + 1 + path)));
+            listed.insert(name.key());
+            if (package.containsPart(name)) continue;
+        } catch (const opc::Exception&) {
+            // an entry that cannot be a part name cannot be a part either
+        }
+        report.faults.push_back(
+            {FaultKind::MissingAppFile, "the app entry " + path + " is not a part of the package"});
+    }
+    for (const PartName& name : package.getPartNames()) {
+        if (!startsWith(name.ascii(), kAppFilesFolder)) continue;
+        if (!listed.count(name.key()))
+            report.faults.push_back({FaultKind::UnlistedAppFile,
+                                     "the part " + name.ascii() + " is not among the app entries"});
+    }
+}
+
+bool followsPackedLayout(opc::model::Package& package, const std::string& manifestPart) {
+    if (manifestPart != kPackedManifest) return false;
+    for (const PartName& name : package.getPartNames())
+        if (startsWith(name.ascii(), kAppFilesFolder)) return true;
+    return false;
+}
+
+void checkAgainstManifest(opc::model::Package& package, const std::string& manifestPart,
+                          Report& report) {
+    const AppManifest& manifest = *report.manifest;
+    if (manifest.numFiles != manifest.appEntries.size())
+        report.faults.push_back({FaultKind::WrongFileCount,
+                                 "numFiles is " + std::to_string(manifest.numFiles) +
+                                     " but the manifest lists " +
+                                     std::to_string(manifest.appEntries.size()) + " app entries"});
+    if (followsPackedLayout(package, manifestPart)) checkPackedLayout(package, manifest, report);
+}
+
+}  // namespace
+
+const char* describe(FaultKind kind) {
+    static const char* const kTexts[] = {
+        "not an app file",  "not an app package", "damaged part",     "no manifest",
+        "bad manifest",     "bad signature",      "wrong file count", "broken relationship",
+        "missing app file", "unlisted app file"};
+    const auto index = static_cast<std::size_t>(kind);
+    return index < std::size(kTexts) ? kTexts[index] : "fault";
+}
+
+Report checkPackage(const std::u16string& path, AppManifestSerializer& serializer,
+                    bool decodeParts) {
+    Report report;
+    const std::u16string native = fl::filesystem::detail::make_native_form(path, true);
+    if (fl::filesystem::detail::extract_extension(native) != u"tsappinstall") {
+        report.faults.push_back(
+            {FaultKind::NotAppFile, "not an app file: the extension is not .tsappinstall"});
+        return report;
+    }
+    try {
+        opc::model::OpenedPackage opened(native);
+        opc::model::Package& package = opened.package();
+        if (decodeParts) decodeEveryPart(package, report);
+        const std::string manifestPart = readManifest(package, serializer, report);
+        checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);
+        checkRelationship(package, apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",
+                          report);
+        if (report.manifest) checkAgainstManifest(package, manifestPart, report);
+        opened.close();
+    } catch (const opc::Exception& e) {
+        // The kind first ("cannot be read", "not a ZIP file"), then the detail.
+        const std::string kind = e.reason() == opc::Reason::Other
+                                     ? std::string()
+                                     : std::string(opc::describe(e.reason())) + ": ";
+        report.faults.push_back({FaultKind::NotPackage, "not an app package: " + kind + e.what()});
+    }
+    return report;
+}
+
+}  // namespace tsappinstall::inspect

@@ -1,0 +1,119 @@
+// tsapp list: the parts of a package with their ZIP entries, and with
+// --relationships the package's and every part's relationships.
+
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "Commands.hpp"
+#include "Text.hpp"
+#include "platform/base/Ascii.hpp"
+#include "platform/opc/PackageXml.hpp"
+#include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
+
+namespace tsapp::tool {
+namespace {
+
+using ojson = nlohmann::ordered_json;
+
+// "/lib/a%20b.js" as the file path it stands for: "/lib/a b.js".
+std::string decoded(const std::string& partName) {
+    std::string out;
+    for (std::size_t i = 0; i < partName.size(); ++i) {
+        const int octet = partName[i] == '%' ? opc::detail::percent_decoded_octet(partName, i) : -1;
+        if (octet < 0) {
+            out += partName[i];
+        } else {
+            out += static_cast<char>(octet);
+            i += 2;
+        }
+    }
+    return out;
+}
+
+ojson partsOf(opc::model::Package& package) {
+    ojson parts = ojson::array();
+    for (const auto& name : package.getPartNames()) {
+        const opc::model::Part part = package.getPart(name);
+        const auto& entry = part.getEntry();
+        char crc[9];
+        std::snprintf(crc, sizeof crc, "%08x", static_cast<unsigned>(entry.crc32));
+        parts.push_back(
+            {{"name", decoded(name.ascii())},
+             {"size", entry.size},
+             {"compressedSize", entry.compressedSize},
+             {"method", entry.compressionMethod == entry.kStored ? "stored" : "deflate"},
+             {"crc32", crc},
+             {"contentType", part.getContentType()}});
+    }
+    return parts;
+}
+
+ojson relationshipJson(const std::string& source, const opc::model::Relationship& r) {
+    return {{"source", source},
+            {"id", utf8(r.getId())},
+            {"type", utf8(r.getType())},
+            {"target", utf8(r.getTarget())},
+            {"external", r.getTargetMode() == opc::model::TargetMode::External}};
+}
+
+// "/dir/_rels/name.rels" holds the relationships of "/dir/name".
+ojson relationshipsOf(opc::model::Package& package) {
+    ojson list = ojson::array();
+    for (const auto& r : package.getRelationships()) list.push_back(relationshipJson("/", r));
+    const opc::model::XercesPtr<xercesc::DOMLSParser> parser(
+        opc::model::XercesHelper::createParser());
+    for (const auto& name : package.getPartNames()) {
+        const std::string& text = name.ascii();
+        const std::size_t rels = text.rfind("/_rels/");
+        if (rels == std::string::npos || rels == 0 || text.size() < 5 ||
+            text.compare(text.size() - 5, 5, ".rels") != 0)
+            continue;
+        const std::string base = text.substr(0, rels + 1);
+        const std::string source = base + text.substr(rels + 7, text.size() - rels - 12);
+        opc::model::Part part = package.getPart(name);
+        for (const auto& r : opc::model::detail::readRelationships(
+                 parser.get(), part.getInputStream(), utf16(text), utf16(base)))
+            list.push_back(relationshipJson(source, r));
+    }
+    return list;
+}
+
+void printParts(const ojson& parts) {
+    std::printf("%10s %10s %-7s %-8s  %-24s %s\n", "Size", "Packed", "Method", "CRC-32",
+                "Content type", "Name");
+    for (const auto& p : parts)
+        std::printf("%10llu %10llu %-7s %s  %-24s %s\n", p["size"].get<unsigned long long>(),
+                    p["compressedSize"].get<unsigned long long>(),
+                    p["method"].get<std::string>().c_str(), p["crc32"].get<std::string>().c_str(),
+                    p["contentType"].get<std::string>().c_str(),
+                    p["name"].get<std::string>().c_str());
+}
+
+void printRelationships(const ojson& list) {
+    std::printf("\n%-12s %-8s %-24s %s\n", "Source", "Id", "Target", "Type");
+    for (const auto& r : list)
+        std::printf("%-12s %-8s %-24s %s\n", r["source"].get<std::string>().c_str(),
+                    r["id"].get<std::string>().c_str(), r["target"].get<std::string>().c_str(),
+                    r["type"].get<std::string>().c_str());
+}
+
+}  // namespace
+
+int runList(const std::string& path, bool relationships, bool json) {
+    opc::model::OpenedPackage opened(fl::filesystem::detail::make_native_form(utf16(path), true));
+    ojson out = {{"parts", partsOf(opened.package())}};
+    if (relationships) out["relationships"] = relationshipsOf(opened.package());
+    opened.close();
+    if (json) {
+        std::cout << out.dump(2, ' ', false, ojson::error_handler_t::replace) << '\n';
+        return kGood;
+    }
+    printParts(out["parts"]);
+    if (relationships) printRelationships(out["relationships"]);
+    return kGood;
+}
+
+}  // namespace tsapp::tool
