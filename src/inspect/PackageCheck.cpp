@@ -29,12 +29,12 @@ const char* const kAppFilesFolder = "/files/";
 const char* const kPackedManifest = "/manifest.xml";
 
 void decodeEveryPart(opc::model::Package& package, Report& report) {
-    std::unique_ptr<unsigned char[]> buffer(new unsigned char[kDecodeBuffer]);
+    std::vector<unsigned char> buffer(kDecodeBuffer);
     for (const PartName& name : package.getPartNames()) {
         try {
             opc::model::Part part = package.getPart(name);
             opc::InputStream& in = part.getInputStream();
-            while (in.read(buffer.get(), kDecodeBuffer) != 0) {
+            while (in.read(buffer.data(), buffer.size()) != 0) {
             }
         } catch (const opc::Exception& e) {
             report.faults.push_back(

@@ -110,7 +110,7 @@ TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
 
     const auto list =
         nlohmann::json::parse(tsapp({"ls", "-r", "--json", "hello.tsappinstall"}).out);
-    EXPECT_EQ(list["parts"].size(), 8u);
+    EXPECT_EQ(list["parts"].size(), 9u);  // the digest part too
     EXPECT_EQ(list["parts"][2], nlohmann::json::parse(R"({"name": "/icon.png", "size": 248,
         "compressedSize": 248, "method": "stored", "crc32": "41b7fc61", "contentType": "image/png"})"));
     EXPECT_EQ(list["relationships"][1]["target"], "/icon.png");
@@ -128,7 +128,7 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
         {"flip.tsappinstall", [](auto& p) { flipByte(p, "files/main.js"); },
          "damaged part /files/main.js: "},
         {"crc.tsappinstall", [](auto& p) { flipByte(p, "icon.png"); },
-         "damaged part /icon.png: cannot read the ZIP entry \"icon.png\": CRC error"},
+         "damaged part /icon.png: cannot read the ZIP entry \"icon.png\": its CRC-32 does not match"},
         {"removed.tsappinstall", [](auto& p) { editItem(p, "files/lib/util.js"); },
          "the app entry lib/util.js is not a part of the package"},
         {"added.tsappinstall", [](auto& p) { editItem(p, "files/extra.txt", "x"); },
@@ -299,7 +299,7 @@ TEST_F(TsappTool, PackIsReproducibleAndAtomic) {
     };
     const ToolRun first = packTo("a.tsappinstall");
     ASSERT_EQ(first.status, 0) << first.err;
-    EXPECT_EQ(first.out.rfind("a.tsappinstall: 8 parts, " +
+    EXPECT_EQ(first.out.rfind("a.tsappinstall: 9 parts, " +
                                   std::to_string(fs::file_size(dir.file("a.tsappinstall"))) +
                                   " bytes, GUID 0123abcd-0000-4000-8000-00000000000f, SHA-256 ",
                               0),
