@@ -81,6 +81,7 @@ TEST_F(ManifestLoadSave, FailuresHaveTheirKindAndLoadsText) {
         {"not xml", ManifestFault::MalformedXml},
         {replaced(text, "2012/appProperties\"", "2013/appProperties\""), ManifestFault::InvalidXml},
         {replaced(text, "<numFiles>42<", "<numFiles>4x<"), ManifestFault::BadFileCount},
+        {replaced(text, "<numFiles>42<", "<numFiles>4\xd9\xa3<"), ManifestFault::BadFileCount},
     };
     for (const auto& [manifest, fault] : cases) {
         AppManifest record;
