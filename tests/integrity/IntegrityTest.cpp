@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 
+#include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -60,18 +61,6 @@ void writePackage(const std::string& path, const std::string& a, const Signer* s
     writer.commit();
 }
 
-std::string item(const std::string& package, const std::string& name) {
-    zip_t* za = zip_open(package.c_str(), ZIP_RDONLY, nullptr);
-    zip_stat_t st;
-    zip_stat(za, name.c_str(), 0, &st);
-    std::string bytes(st.size, '\0');
-    zip_file_t* file = zip_fopen(za, name.c_str(), 0);
-    zip_fread(file, bytes.data(), bytes.size());
-    zip_fclose(file);
-    zip_discard(za);
-    return bytes;
-}
-
 // Replaces, adds (when missing) or without bytes removes one item.
 void edit(const std::string& package, const std::string& name, std::optional<std::string> bytes) {
     zip_t* za = zip_open(package.c_str(), 0, nullptr);
@@ -114,16 +103,16 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
          {{FaultKind::DigestMismatch, "/files/a.txt"},
           {FaultKind::DigestMismatch, "/files/b.txt"}}},
         {"swapped content types",
-         [&] { edit(pkg, CONTENT_TYPES_ITEM, item(other, CONTENT_TYPES_ITEM)); },
+         [&] { edit(pkg, CONTENT_TYPES_ITEM, zip_item(other, CONTENT_TYPES_ITEM)); },
          {{FaultKind::DigestMismatch, CONTENT_TYPES_ITEM}}},
         {"untrusted signer",
          [&] { writePackage(pkg, "a", &rogue); },
          {{FaultKind::UntrustedSigner, sig}}},
         {"copied signature",
-         [&] { edit(pkg, kSig, item(other, kSig)); },
+         [&] { edit(pkg, kSig, zip_item(other, kSig)); },
          {{FaultKind::SignatureMismatch, sig}}},
         {"truncated signature",
-         [&] { edit(pkg, kSig, item(pkg, kSig).substr(0, 300)); },
+         [&] { edit(pkg, kSig, zip_item(pkg, kSig).substr(0, 300)); },
          {{FaultKind::MalformedSignature, sig}}},
         {"re-signed by another key",
          [&] {
@@ -145,7 +134,7 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
     writePackage(other, "other", &ec);
     edit(other, "files/c.bin", "c");  // changes its content types
     edit(other, CONTENT_TYPES_ITEM,
-         replaced(item(other, CONTENT_TYPES_ITEM), "<Default ",
+         replaced(zip_item(other, CONTENT_TYPES_ITEM), "<Default ",
                   "<Default Extension=\"bin\" ContentType=\"x/y\"/><Default "));
     for (const Case& c : cases) {
         writePackage(pkg, "a", &ec);

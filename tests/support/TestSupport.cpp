@@ -121,21 +121,6 @@ std::map<std::string, std::string> snapshot_tree(const std::string& root) {
     return tree;
 }
 
-std::string sample_bytes(std::size_t size, unsigned seed) {
-    static const char* const words[] = {"alpha ", "beta ", "gamma\n", "delta ", "\r\n", "epsilon "};
-    std::string out;
-    unsigned state = seed * 2654435761u + 1;
-    while (out.size() < size) {
-        state = state * 1103515245u + 12345u;
-        if ((state >> 16) % 4 == 0)
-            out += static_cast<char>(state >> 24);
-        else
-            out += words[(state >> 16) % 6];
-    }
-    out.resize(size);
-    return out;
-}
-
 std::string read_all(opc::InputStream& in, std::size_t chunk) {
     std::string bytes;
     std::vector<unsigned char> buffer(chunk);

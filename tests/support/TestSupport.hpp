@@ -69,8 +69,6 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 // Everything below a folder: relative path -> "dir", "link:<target>" or
 // "file:<mode>:<bytes>". Two equal snapshots mean nothing was changed.
 std::map<std::string, std::string> snapshot_tree(const std::string& root);
-// A reproducible mix of text-like and random-looking bytes.
-std::string sample_bytes(std::size_t size, unsigned seed);
 // What `call` raised as a std::runtime_error (the exact type: anything
 // derived fails the test), or "" when it returned.
 template <class Call>

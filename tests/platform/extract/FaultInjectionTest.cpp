@@ -15,7 +15,6 @@
 #include "platform/extract/FileOps.hpp"
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
-#include "support/TestSupport.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
