@@ -79,7 +79,7 @@ got=$(cd "$scratch/cwd" && bash -c 'source "$1"; complete -p tsapp
     c "$2" ch; c "$2" check --j; c "$2" check ""; c "$2" extract a.tsappinstall ""' _ "$completion" "$tsapp")
 expected="complete -F _tsapp tsapp
 check
---jobs
+--jobs --json
 folder a.tsappinstall
 folder"
 [ "$got" = "$expected" ] || { printf 'got:\n%s\n' "$got" >"$log"; fail "bash completion"; }
