@@ -120,14 +120,17 @@ bool isGuid(const std::string& text) {
     return true;
 }
 
-// A path named in tsapp.json, which must stay inside the source folder.
+// A path named in tsapp.json, which must stay inside the source folder;
+// empty when it does not, so that nothing outside is ever read or walked.
 fs::path inside(const fs::path& source, const std::u16string& name, const std::string& field,
                 Checker& check) {
     const fs::path path = fs::weakly_canonical(source / utf8(name));
     const fs::path root = fs::weakly_canonical(source);
     const auto mismatch = std::mismatch(root.begin(), root.end(), path.begin(), path.end());
-    if (fs::path(utf8(name)).is_absolute() || mismatch.first != root.end())
+    if (fs::path(utf8(name)).is_absolute() || mismatch.first != root.end()) {
         check.problem(field, utf8(name) + " lies outside the source folder");
+        return {};
+    }
     return path;
 }
 
@@ -135,6 +138,7 @@ fs::path regularFile(const fs::path& source, const json& d, const char* key, Che
     const std::u16string name = check.text(d, key, key);
     if (name.empty()) return {};
     const fs::path file = inside(source, name, key, check);
+    if (file.empty()) return {};
     if (!fs::is_regular_file(fs::symlink_status(source / utf8(name))))
         check.problem(key, utf8(name) + " is not a regular file");
     return file;
@@ -233,7 +237,7 @@ std::vector<std::string> planPack(const fs::path& source, const std::string& gui
     plan.screenshot = regularFile(source, d, "screenshot", check);
     const std::u16string folder = check.text(d, "files", "files");
     plan.filesRoot = inside(source, folder.empty() ? u"files" : folder, "files", check);
-    plan.files = appFiles(plan.filesRoot, check);
+    if (!plan.filesRoot.empty()) plan.files = appFiles(plan.filesRoot, check);
     if (d.contains("entryPoint") &&
         std::find(plan.files.begin(), plan.files.end(), utf8(m.entryPoint)) == plan.files.end())
         check.problem("entryPoint", utf8(m.entryPoint) + " is not among the app files");
