@@ -109,16 +109,17 @@ int runExtract(const std::string& package, const std::string& folder,
     } catch (const std::exception& e) {
         if (caughtSignal) {
             // Rolled back, unless the library says what it could not undo.
-            const bool clean = std::string(e.what()) == "the extraction was cancelled";
+            const auto* failure = dynamic_cast<const opc::Exception*>(&e);
+            const bool clean = failure != nullptr && failure->reason() == opc::Reason::Cancelled;
             printError("interrupted; " + (clean
                                               ? "the folder " + utf8(nativeFolder) + " is as it was"
                                               : std::string(e.what())));
             return 128 + caughtSignal;
         }
         const auto* failure = dynamic_cast<const opc::Exception*>(&e);
-        const bool atDestination = failure != nullptr &&
-                                   (failure->reason() == opc::Reason::CannotWrite ||
-                                    failure->reason() == opc::Reason::BadPath);
+        const bool atDestination =
+            failure != nullptr && (failure->reason() == opc::Reason::CannotWrite ||
+                                   failure->reason() == opc::Reason::BadPath);
         throw Failure(atDestination ? folder : package, causeOf(e));
     }
     return kGood;

@@ -13,7 +13,8 @@ const char* describe(Reason reason) {
                                          "not well-formed XML",
                                          "does not match the schema",
                                          "bad part path",
-                                         "cannot be written"};
+                                         "cannot be written",
+                                         "cancelled"};
     const auto index = static_cast<std::size_t>(reason);
     return index < std::size(kTexts) ? kTexts[index] : "failed";
 }

@@ -45,7 +45,7 @@ struct PlannedPart {
 };
 
 [[noreturn]] void cancelled() {
-    throw Exception("the extraction was cancelled");
+    throw Exception(Reason::Cancelled, "the extraction was cancelled");
 }
 
 // Lets a cancellation reach into a large part: the decoder reads its

@@ -19,6 +19,7 @@ enum class Reason : int {
     InvalidXml,    // an XML document breaks its schema
     BadPath,       // a part name cannot become a file path below the folder
     CannotWrite,   // writing a file or folder failed
+    Cancelled,     // the caller asked to stop; nothing was left changed
 };
 
 // A few words naming the kind, without the detail the exception's text
