@@ -2,7 +2,8 @@
 # Sets up, builds and runs every test: once plain (warnings as errors), then
 # the Debian packages (scripts/packaging-test.sh), once under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency tests
-# once more under ThreadSanitizer.
+# once more under ThreadSanitizer (with the test that hashes on a second
+# thread while extracting).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,7 +25,7 @@ bash scripts/packaging-test.sh
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan "" -DTSAPP_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-if [ -n "${TSAPP_TSAN_FILTER:-Concurren}" ]; then
+if [ -n "${TSAPP_TSAN_FILTER:-Concurren|Tampering}" ]; then
   echo "== ThreadSanitizer (concurrency tests) =="
-  TSAN_OPTIONS=halt_on_error=1 run_suite build-tsan "${TSAPP_TSAN_FILTER:-Concurren}" -DTSAPP_TSAN=ON
+  TSAN_OPTIONS=halt_on_error=1 run_suite build-tsan "${TSAPP_TSAN_FILTER:-Concurren|Tampering}" -DTSAPP_TSAN=ON
 fi

@@ -26,15 +26,19 @@ std::vector<PartName> integrityParts(const opc::model::Package& package) {
     return parts;
 }
 
-void forEachItem(opc::model::Package& package, const std::vector<PartName>& excluded,
-                 const std::function<void(const std::string&, opc::InputStream&)>& visit) {
+void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit) {
     auto& container = package.getPhysicalPackage();
     for (const auto& entry : container.getEntries()) {
         if (::strcasecmp(entry.name.c_str(), CONTENT_TYPES_ITEM) == 0) {
             visit(entry.name, *container.openEntry(entry.index));
-            break;
+            return;
         }
     }
+}
+
+void forEachItem(opc::model::Package& package, const std::vector<PartName>& excluded,
+                 const ItemVisitor& visit) {
+    visitContentTypes(package, visit);
     for (const PartName& name : package.getPartNames()) {
         if (std::find(excluded.begin(), excluded.end(), name) != excluded.end()) continue;
         opc::model::Part part = package.getPart(name);

@@ -13,10 +13,15 @@ namespace tsappinstall::integrity::detail {
 // The internal targets of the package relationships of `type`.
 std::vector<opc::model::PartName> targetsOf(const opc::model::Package& package, const char* type);
 
+using ItemVisitor = std::function<void(const std::string& item, opc::InputStream& bytes)>;
+
 // Calls `visit` with the item name and a stream of its bytes for
-// [Content_Types].xml and every part not in `excluded`, in container order.
+// [Content_Types].xml, then every part not in `excluded`.
 void forEachItem(opc::model::Package& package, const std::vector<opc::model::PartName>& excluded,
-                 const std::function<void(const std::string&, opc::InputStream&)>& visit);
+                 const ItemVisitor& visit);
+
+// [Content_Types].xml alone: it is an item of the container, not a part.
+void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit);
 
 // The digest and signature parts: never themselves covered.
 std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);

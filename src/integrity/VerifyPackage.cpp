@@ -1,4 +1,5 @@
 #include "PackageItems.hpp"
+#include "VerifySteps.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
@@ -9,6 +10,9 @@
 namespace tsappinstall::integrity {
 namespace {
 
+using detail::forEachItem;
+using detail::integrityParts;
+using detail::targetsOf;
 using opc::model::PartName;
 
 std::string readPart(opc::model::Package& package, const PartName& name) {
@@ -38,52 +42,68 @@ void checkDigests(opc::model::Package& package, const std::string& list,
                   std::vector<Fault>& faults) {
     DigestCheck check(parseDigestList(list));
     std::vector<unsigned char> buffer(1 << 16);
-    detail::forEachItem(package, detail::integrityParts(package),
-                        [&](const std::string& item, opc::InputStream& in) {
-                            check.begin(item);
-                            try {
-                                for (std::size_t n;
-                                     (n = in.read(buffer.data(), buffer.size())) > 0;)
-                                    check.update(buffer.data(), n);
-                                check.end();
-                            } catch (const opc::Exception& e) {
-                                check.abandon(e.what());
-                            }
-                        });
+    forEachItem(package, integrityParts(package),
+                [&](const std::string& item, opc::InputStream& in) {
+                    check.begin(item);
+                    try {
+                        for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) > 0;)
+                            check.update(buffer.data(), n);
+                        check.end();
+                    } catch (const opc::Exception& e) {
+                        check.abandon(e.what());
+                    }
+                });
     const std::vector<Fault>& found = check.finish();
     faults.insert(faults.end(), found.begin(), found.end());
 }
 
-void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
-                VerificationReport& report) {
-    auto& faults = report.faults;
-    const auto digestParts = detail::targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
-    const PartName* digests =
-        single(digestParts, package, "the digest list", faults, FaultKind::NoDigestList);
-    if (digests == nullptr) return;
-    const std::string list = readPart(package, *digests);
-    try {
-        checkDigests(package, list, faults);
-    } catch (const IntegrityError& e) {
-        faults.push_back({FaultKind::MalformedDigestList, digests->ascii(), e.what()});
-    }
+}  // namespace
 
-    const auto signatureParts = detail::targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
+namespace detail {
+
+std::optional<DigestListPart> readDigestList(opc::model::Package& package,
+                                             std::vector<Fault>& faults) {
+    const auto parts = targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
+    const PartName* part =
+        single(parts, package, "the digest list", faults, FaultKind::NoDigestList);
+    if (part == nullptr) return std::nullopt;
+    return DigestListPart{*part, readPart(package, *part)};
+}
+
+void checkAuthor(opc::model::Package& package, const std::string& list,
+                 const VerificationPolicy& policy, VerificationReport& report) {
+    const auto signatureParts = targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
     if (signatureParts.empty()) {
         if (policy.requireSignature)
-            faults.push_back({FaultKind::Unsigned, {}, "the package carries no signature"});
+            report.faults.push_back({FaultKind::Unsigned, {}, "the package carries no signature"});
         return;
     }
-    const PartName* signature =
-        single(signatureParts, package, "the signature", faults, FaultKind::MalformedSignature);
+    const PartName* signature = single(signatureParts, package, "the signature", report.faults,
+                                       FaultKind::MalformedSignature);
     if (signature == nullptr) return;
     report.isSigned = true;
     SignatureCheck check = checkSignature(readPart(package, *signature), list, policy.trustAnchors);
     report.signer = check.signer;
     if (check.fault) {
         check.fault->partName = signature->ascii();
-        faults.push_back(*check.fault);
+        report.faults.push_back(*check.fault);
     }
+}
+
+}  // namespace detail
+
+namespace {
+
+void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
+                VerificationReport& report) {
+    const auto list = detail::readDigestList(package, report.faults);
+    if (!list) return;
+    try {
+        checkDigests(package, list->text, report.faults);
+    } catch (const IntegrityError& e) {
+        report.faults.push_back({FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
+    }
+    detail::checkAuthor(package, list->text, policy, report);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Digests and signatures: keys made at test time, packages tampered with.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <zip.h>
 
 #include <functional>
@@ -10,6 +11,7 @@
 #include "support/TestSupport.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
@@ -136,12 +138,22 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
     edit(other, CONTENT_TYPES_ITEM,
          replaced(zip_item(other, CONTENT_TYPES_ITEM), "<Default ",
                   "<Default Extension=\"bin\" ContentType=\"x/y\"/><Default "));
+    // Extraction checks in its own single pass, and refuses without a trace.
+    const std::string dest = dir.file("dest");
+    ::mkdir(dest.c_str(), 0777);
+    write_file(dest + "/old", "old");
+    const auto before = snapshot_tree(dest);
     for (const Case& c : cases) {
         writePackage(pkg, "a", &ec);
         c.tamper();
-        EXPECT_EQ(pairs(verifyPackage(pkg, {{keys().dir.file("ca.pem")}}).faults), c.expected)
-            << c.name;
+        const VerificationPolicy policy{{keys().dir.file("ca.pem")}};
+        EXPECT_EQ(pairs(verifyPackage(pkg, policy).faults), c.expected) << c.name;
+        EXPECT_EQ(pairs(extractVerified(pkg, dest, policy).report.faults), c.expected) << c.name;
+        EXPECT_EQ(snapshot_tree(dest), before) << c.name;
     }
+    writePackage(pkg, "a", &ec);
+    EXPECT_TRUE(extractVerified(pkg, dest, {{keys().dir.file("ca.pem")}}).report.ok());
+    EXPECT_EQ(read_file(dest + "/files/a.txt"), "a");
     writePackage(pkg, "a", &ec);  // no trust anchors: no system store either
     EXPECT_EQ(pairs(verifyPackage(pkg, {}).faults), (Faults{{FaultKind::UntrustedSigner, sig}}));
 }
@@ -187,6 +199,10 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
                                    (t.empty() ? " --allow-unsigned " : " ") + pkg + " >" +
                                    dir.file("out");
         EXPECT_EQ(sh(verify), 0) << t;
+        EXPECT_EQ(sh(tool + " extract --trust " + ca + (t.empty() ? " --allow-unsigned " : " ") +
+                     pkg + " " + dir.file("e" + t)),
+                  0)
+            << t;
         EXPECT_EQ(read_file(dir.file("out")),
                   pkg + ": OK, " + (t.empty() ? "unsigned" : "signed by CN=" + t) + "\n");
         std::string check = "rm -rf " + dir.file("x") + " && unzip -q " + pkg + " -d " +
@@ -203,6 +219,8 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
     EXPECT_EQ(sh(tool + " verify --allow-unsigned " + pkg +
                  " | grep -qx '  digest-mismatch /files/main.js: .*'"),
               0);
+    EXPECT_NE(sh(tool + " extract --verify --allow-unsigned " + pkg + " " + dir.file("y")), 0);
+    EXPECT_FALSE(file_exists(dir.file("y")));
 }
 #endif
 

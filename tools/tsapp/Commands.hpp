@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tsappinstall/platform/extract/Extraction.hpp"
+
 namespace tsapp::tool {
 
 enum ExitStatus { kGood = 0, kBad = 1, kUsage = 2 };
@@ -25,9 +27,12 @@ int runList(const std::string& package, bool relationships, bool json);
 int runPart(const std::string& package, const std::string& relationshipType,
             const std::string& output);
 struct ExtractSettings {
-    std::uint64_t maxBytes;  // 0: no limit
-    bool sync;
-    bool keep;  // fail, changing nothing, when a file would be replaced
+    std::uint64_t maxBytes = opc::extraction::kDefaultMaxBytes;  // 0: no limit
+    bool sync = false;
+    bool keep = false;  // fail, changing nothing, when a file would be replaced
+    bool verify = false;
+    std::vector<std::string> trust;  // implies verify
+    bool allowUnsigned = false;
 };
 int runExtract(const std::string& package, const std::string& folder,
                const ExtractSettings& settings);

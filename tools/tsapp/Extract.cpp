@@ -18,6 +18,7 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
+#include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -72,27 +73,53 @@ void catchStopSignals() {
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-std::vector<std::string> extract(const std::u16string& nativePath,
-                                 const std::u16string& nativeFolder,
-                                 const ExtractSettings& settings) {
-    opc::model::OpenedPackage package(nativePath);
+opc::extraction::Options optionsOf(const ExtractSettings& settings) {
     opc::extraction::Options options;
     options.maxBytes = settings.maxBytes;
     options.sync = settings.sync;
     options.cancelled = [] { return caughtSignal != 0; };
-    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(), options);
+    return options;
+}
+
+opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
+    return settings.keep ? opc::qvservices::ReplaceMode::FailIfExists
+                         : opc::qvservices::ReplaceMode::Replace;
+}
+
+std::vector<std::string> extract(const std::u16string& nativePath,
+                                 const std::u16string& nativeFolder,
+                                 const ExtractSettings& settings) {
+    opc::model::OpenedPackage package(nativePath);
+    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
+                                       optionsOf(settings));
     ProgressLine progress;
     if (::isatty(STDERR_FILENO)) {
         manager.setProgress([&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {
             progress.update(b, tb, p, tp);
         });
     }
-    auto outcome = manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
-                                      opc::qvservices::TransformMode::PercentDecode,
-                                      settings.keep ? opc::qvservices::ReplaceMode::FailIfExists
-                                                    : opc::qvservices::ReplaceMode::Replace);
+    auto outcome =
+        manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
+                           opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
     package.close();
     return outcome.leftAside;
+}
+
+// Each fault on a line of its own, then a line saying that nothing changed.
+// `shown` is the package as the user named it.
+std::vector<std::string> extractVerified(const std::u16string& nativePath,
+                                         const std::u16string& nativeFolder,
+                                         const ExtractSettings& settings,
+                                         const std::string& shown) {
+    namespace integrity = tsappinstall::integrity;
+    const integrity::VerifiedExtraction result = integrity::extractVerified(
+        utf8(nativePath), utf8(nativeFolder), {settings.trust, !settings.allowUnsigned},
+        optionsOf(settings), replaceModeOf(settings));
+    if (result.report.ok()) return result.leftAside;
+    for (const integrity::Fault& fault : result.report.faults)
+        printError(shown + ": " + integrity::faultKindName(fault.kind) +
+                   (fault.partName.empty() ? "" : " " + fault.partName) + ": " + fault.detail);
+    throw Failure(shown, "verification failed; the folder " + utf8(nativeFolder) + " is as it was");
 }
 
 }  // namespace
@@ -104,8 +131,13 @@ int runExtract(const std::string& package, const std::string& folder,
     const std::u16string nativeFolder = make_native_form(utf16(folder), true);
     catchStopSignals();
     try {
-        for (const auto& left : extract(nativePath, nativeFolder, settings))
+        const bool verify = settings.verify || !settings.trust.empty();
+        for (const auto& left : verify
+                                    ? extractVerified(nativePath, nativeFolder, settings, package)
+                                    : extract(nativePath, nativeFolder, settings))
             std::cerr << "tsapp: warning: " << left << "\n";
+    } catch (const Failure&) {
+        throw;
     } catch (const std::exception& e) {
         if (caughtSignal) {
             // Rolled back, unless the library says what it could not undo.

@@ -18,9 +18,9 @@
 #include "Commands.hpp"
 #include "PackDescription.hpp"
 #include "Text.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
-#include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
@@ -140,8 +140,8 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
         throw Failure(output, causeOf(e));
     }
     temporary.path.clear();
-    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size << " bytes, GUID "
-              << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
+    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size
+              << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
     return kGood;
 }
 

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "Commands.hpp"
-#include "tsappinstall/platform/extract/Extraction.hpp"
 
 namespace {
 
@@ -39,7 +38,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> packages, trust;
     bool json = false, noVerify = false, relationships = false, allowUnsigned = false;
     CheckOptions checking;
-    ExtractSettings extractSettings{opc::extraction::kDefaultMaxBytes, false, false};
+    ExtractSettings extractSettings;
 
     // An empty path would otherwise mean the current folder.
     const CLI::Validator nonEmpty(
@@ -103,6 +102,15 @@ int main(int argc, char** argv) {
         ->transform(CLI::AsSizeValue(false));
     extract->add_flag("--sync", extractSettings.sync,
                       "Flush every file and folder to disk before the new files count");
+    extract->add_flag("--verify", extractSettings.verify,
+                      "Check the signature, then every part's digest as it is written; on any "
+                      "fault change nothing");
+    extract
+        ->add_option("--trust", extractSettings.trust,
+                     "PEM file of trusted certificates (repeatable; implies --verify)")
+        ->allow_extra_args(false);
+    extract->add_flag("--allow-unsigned", extractSettings.allowUnsigned,
+                      "With --verify, accept a package without a signature when its digests match");
 
     auto* recover = app.add_subcommand(
         "recover", "Complete an extraction into DIR that a crash interrupted, remove leftovers.");

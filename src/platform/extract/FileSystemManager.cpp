@@ -110,12 +110,22 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
         const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize,
                                        entry.crc32};
         CancellableInput raw(part.getRawInputStream(), options_.cancelled);
+        PartObserver* observer = options_.observer;
+        detail::EntryDecoder::Tap tap;
+        if (observer) {
+            observer->begin(planned.name);
+            tap = [observer](const unsigned char* data, std::size_t size) {
+                observer->update(data, size);
+            };
+        }
         staging.stage(planned.path,
-                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii()); });
+                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii(), tap); });
+        if (observer) observer->end();
         bytesDone += entry.size;
         if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
     }
     if (options_.cancelled && options_.cancelled()) cancelled();
+    if (options_.observer) options_.observer->beforeCommit();
     staging.commit();
     return Outcome{staging.warnings()};
 }

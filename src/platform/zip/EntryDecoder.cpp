@@ -53,13 +53,13 @@ EntryDecoder::EntryDecoder()
 EntryDecoder::~EntryDecoder() = default;
 
 void EntryDecoder::decodeTo(const EntryFacts& facts, InputStream& raw, int fd,
-                            const std::string& name) {
+                            const std::string& name, const Tap& tap) {
     switch (facts.method) {
         case 0:
-            copyStored(facts, raw, fd, name);
+            copyStored(facts, raw, fd, name, tap);
             return;
         case 8:
-            inflate(facts, raw, fd, name);
+            inflate(facts, raw, fd, name, tap);
             return;
         default:
             fail(name, "compression method " + std::to_string(facts.method) + " is not supported");
@@ -67,7 +67,7 @@ void EntryDecoder::decodeTo(const EntryFacts& facts, InputStream& raw, int fd,
 }
 
 void EntryDecoder::copyStored(const EntryFacts& facts, InputStream& raw, int fd,
-                              const std::string& name) {
+                              const std::string& name, const Tap& tap) {
     if (facts.compressedSize != facts.size) fail(name, "stored entry with two different sizes");
     unsigned char* chunk = in_.get();
     std::uint64_t left = facts.size;
@@ -77,13 +77,14 @@ void EntryDecoder::copyStored(const EntryFacts& facts, InputStream& raw, int fd,
         readExactly(raw, chunk, size, name);
         crc = libdeflate_crc32(crc, chunk, size);
         writeFully(fd, chunk, size, name);
+        if (tap) tap(chunk, size);
         left -= size;
     }
     checkCrc(crc, facts, name);
 }
 
 void EntryDecoder::inflate(const EntryFacts& facts, InputStream& raw, int fd,
-                           const std::string& name) {
+                           const std::string& name, const Tap& tap) {
     unsigned char* out = out_.get();
     Inflater inflater(raw, facts.compressedSize, in_.get(), kChunk,
                       "cannot extract \"" + name + "\": ");
@@ -93,6 +94,7 @@ void EntryDecoder::inflate(const EntryFacts& facts, InputStream& raw, int fd,
         if (produced > facts.size)
             fail(name, "the data decodes to more bytes than the archive declares");
         writeFully(fd, out, size, name);
+        if (tap) tap(out, size);
     }
     if (produced != facts.size)
         fail(name, "the data decodes to fewer bytes than the archive declares");

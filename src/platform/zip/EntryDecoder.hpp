@@ -4,6 +4,7 @@
 // the declared number of bytes comes out and that their CRC-32 matches.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -37,12 +38,17 @@ class EntryDecoder {
     // from `raw` and writes the decoded bytes to `fd`. Throws
     // opc::Exception, naming `name`, when the data is corrupt, decodes to
     // more or fewer bytes than declared, fails its CRC-32, uses a method
-    // other than stored or DEFLATE, or cannot be written.
-    void decodeTo(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
+    // other than stored or DEFLATE, or cannot be written. `tap`, when set,
+    // sees each decoded chunk once it is written.
+    using Tap = std::function<void(const unsigned char* data, std::size_t size)>;
+    void decodeTo(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name,
+                  const Tap& tap = {});
 
   private:
-    void copyStored(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
-    void inflate(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name);
+    void copyStored(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name,
+                    const Tap& tap);
+    void inflate(const EntryFacts& facts, InputStream& raw, int fd, const std::string& name,
+                 const Tap& tap);
 
     std::unique_ptr<unsigned char[]> in_;
     std::unique_ptr<unsigned char[]> out_;

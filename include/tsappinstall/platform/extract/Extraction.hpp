@@ -4,6 +4,7 @@
 // left open: a limit on the bytes written, durability, cancellation, and
 // recovery of a folder whose extraction was interrupted by a crash.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -12,12 +13,32 @@
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
+namespace opc::model {
+class PartName;
+}
+
 namespace opc::extraction {
 
 // The most bytes one extraction writes unless told otherwise: 2 GiB. The
 // per-entry ratio limit still lets a small package declare gigabytes;
 // this stops it before the first byte is written.
 inline constexpr std::uint64_t kDefaultMaxBytes = std::uint64_t{2} << 30;
+
+// Sees every part's decoded bytes in the one pass that writes them, so a
+// caller can check them (content digests) without reading the package
+// twice. The bytes are given before they are known to be whole: a part
+// whose CRC-32 or size turns out wrong fails the extraction after its
+// bytes went by.
+class PartObserver {
+  public:
+    virtual ~PartObserver() = default;
+    virtual void begin(const opc::model::PartName& part) = 0;
+    virtual void update(const unsigned char* data, std::size_t size) = 0;
+    virtual void end() = 0;
+    // Once every part is written and before any becomes visible in the
+    // destination: throwing here rolls the extraction back.
+    virtual void beforeCommit() = 0;
+};
 
 struct Options {
     // The sum of the parts' declared sizes may not exceed this; 0 lifts the limit.
@@ -29,6 +50,8 @@ struct Options {
     // returns true the extraction is rolled back and throws opc::Exception.
     // It may read a flag set by a signal handler.
     std::function<bool()> cancelled;
+    // Not owned; null for none.
+    PartObserver* observer = nullptr;
 };
 
 struct Outcome {

@@ -1,0 +1,55 @@
+#include "BackgroundDigestCheck.hpp"
+#include "PackageItems.hpp"
+#include "VerifySteps.hpp"
+#include "tsappinstall/integrity/VerifiedExtraction.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
+
+namespace tsappinstall::integrity {
+
+VerifiedExtraction extractVerified(const std::string& path, const std::string& folder,
+                                   const VerificationPolicy& policy,
+                                   opc::extraction::Options options,
+                                   opc::qvservices::ReplaceMode replace) {
+    VerifiedExtraction result;
+    VerificationReport& report = result.report;
+    opc::model::OpenedPackage package(fl::i18n::to_ustring(path));
+    const auto list = detail::readDigestList(package.package(), report.faults);
+    if (!list) return result;
+    std::vector<DigestEntry> expected;
+    try {
+        expected = parseDigestList(list->text);
+    } catch (const IntegrityError& e) {
+        report.faults.push_back({FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
+        return result;
+    }
+    detail::checkAuthor(package.package(), list->text, policy, report);
+    if (!report.ok()) return result;
+
+    DigestCheck check(expected);
+    std::vector<unsigned char> buffer(1 << 16);
+    detail::visitContentTypes(
+        package.package(), [&](const std::string& item, opc::InputStream& in) {
+            check.begin(item);
+            for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) > 0;)
+                check.update(buffer.data(), n);
+            check.end();
+        });
+    detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package.package()));
+    options.observer = &hashing;
+    opc::extraction::Extractor extractor(package.package(), opc::FileSystemOpsSelector(),
+                                         std::move(options));
+    try {
+        result.leftAside =
+            extractor
+                .extractAll(fl::i18n::to_ustring(folder), opc::qvservices::RestoreMode::AllParts,
+                            opc::qvservices::TransformMode::PercentDecode, replace)
+                .leftAside;
+    } catch (const detail::DigestFaults& found) {
+        report.faults = found.faults;
+    }
+    package.close();
+    return result;
+}
+
+}  // namespace tsappinstall::integrity
