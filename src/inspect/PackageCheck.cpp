@@ -1,5 +1,10 @@
 #include "tsappinstall/inspect/PackageCheck.hpp"
 
+#include "integrity/PackageItems.hpp"
+#include "integrity/VerifySteps.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+
+#include <algorithm>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -17,6 +22,8 @@ namespace tsappinstall::inspect {
 namespace {
 
 namespace apps = Corvane::addons::apps;
+namespace integrity = tsappinstall::integrity;
+using integrity::DigestCheck;
 using opc::model::PartName;
 
 // Large reads keep decoding at the inflater's speed rather than the call
@@ -28,19 +35,66 @@ constexpr std::size_t kDecodeBuffer = 1 << 20;
 const char* const kAppFilesFolder = "/files/";
 const char* const kPackedManifest = "/manifest.xml";
 
-void decodeEveryPart(opc::model::Package& package, Report& report) {
+// The package's digest list, when it has one; its faults otherwise.
+std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
+                                         std::vector<integrity::Fault>& faults) {
+    if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty())
+        return std::nullopt;
+    const auto list = integrity::detail::readDigestList(package, faults);
+    if (!list) return std::nullopt;
+    try {
+        return std::make_optional<DigestCheck>(integrity::parseDigestList(list->text));
+    } catch (const integrity::IntegrityError& e) {
+        faults.push_back({integrity::FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
+        return std::nullopt;
+    }
+}
+
+// Reads `item` to its end, hashing it for `digests` when given.
+void readThrough(const std::string& item, opc::InputStream& in, DigestCheck* digests,
+                 std::vector<unsigned char>& buffer) {
+    if (digests) digests->begin(item);
+    for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) != 0;)
+        if (digests) digests->update(buffer.data(), n);
+    if (digests) digests->end();
+}
+
+// Decodes every part, so that its size and CRC-32 are checked, and in the
+// same read checks the parts against the package's digest list, if any.
+// Returns the digest faults: they are reported after the others, which
+// name the cause more plainly (a removed app file, a changed manifest).
+std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report) {
+    std::vector<integrity::Fault> found;
+    std::optional<DigestCheck> digests = digestCheckOf(package, found);
+    const auto unlisted = integrity::detail::integrityParts(package);
     std::vector<unsigned char> buffer(kDecodeBuffer);
+    if (digests)
+        integrity::detail::visitContentTypes(
+            package, [&](auto& item, auto& in) { readThrough(item, in, &*digests, buffer); });
     for (const PartName& name : package.getPartNames()) {
+        const bool listed = std::find(unlisted.begin(), unlisted.end(), name) == unlisted.end();
+        DigestCheck* check = digests && listed ? &*digests : nullptr;
         try {
             opc::model::Part part = package.getPart(name);
-            opc::InputStream& in = part.getInputStream();
-            while (in.read(buffer.data(), buffer.size()) != 0) {
-            }
+            readThrough(name.zipItemName(), part.getInputStream(), check, buffer);
         } catch (const opc::Exception& e) {
+            if (check) check->abandon(e.what());
             report.faults.push_back(
                 {FaultKind::DamagedPart, "damaged part " + name.ascii() + ": " + e.what()});
         }
     }
+    if (digests) {
+        const auto& more = digests->finish();
+        found.insert(found.end(), more.begin(), more.end());
+    }
+    std::vector<Fault> faults;
+    for (const integrity::Fault& fault : found) {
+        if (fault.kind == integrity::FaultKind::UnreadableItem) continue;  // a damaged part
+        faults.push_back({FaultKind::BadDigest, std::string(integrity::faultKindName(fault.kind)) +
+                                                    (fault.partName.empty() ? "" : " ") +
+                                                    fault.partName + ": " + fault.detail});
+    }
+    return faults;
 }
 
 std::string manifestText(ManifestFault fault, const std::string& text) {
@@ -158,7 +212,7 @@ const char* describe(FaultKind kind) {
     static const char* const kTexts[] = {
         "not an app file",  "not an app package", "damaged part",     "no manifest",
         "bad manifest",     "bad signature",      "wrong file count", "broken relationship",
-        "missing app file", "unlisted app file"};
+        "missing app file", "unlisted app file",  "bad digest"};
     const auto index = static_cast<std::size_t>(kind);
     return index < std::size(kTexts) ? kTexts[index] : "fault";
 }
@@ -175,12 +229,14 @@ Report checkPackage(const std::u16string& path, AppManifestSerializer& serialize
     try {
         opc::model::OpenedPackage opened(native);
         opc::model::Package& package = opened.package();
-        if (decodeParts) decodeEveryPart(package, report);
+        std::vector<Fault> digestFaults;
+        if (decodeParts) digestFaults = decodeEveryPart(package, report);
         const std::string manifestPart = readManifest(package, serializer, report);
         checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);
         checkRelationship(package, apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",
                           report);
         if (report.manifest) checkAgainstManifest(package, manifestPart, report);
+        report.faults.insert(report.faults.end(), digestFaults.begin(), digestFaults.end());
         opened.close();
     } catch (const opc::Exception& e) {
         // The kind first ("cannot be read", "not a ZIP file"), then the detail.

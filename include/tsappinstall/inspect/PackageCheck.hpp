@@ -29,6 +29,7 @@ enum class FaultKind : int {
     BrokenRelationship,  // the icon or screenshot relationship names no part
     MissingAppFile,      // an app entry has no part (packer's layout only)
     UnlistedAppFile,     // a part in the app-files folder is no app entry (packer's layout)
+    BadDigest,           // the parts disagree with the package's digest list
 };
 
 struct Fault {
@@ -46,10 +47,12 @@ struct Report {
 TSAPP_API const char* describe(FaultKind kind);
 
 // Checks the package at `path` (a native UTF-16 path). Every part is fully
-// decoded unless `decodeParts` is false (a reader that wants the manifest
-// and its faults quickly); all faults are collected, except that a package
-// which does not open stops the check there. Throws only what the
-// serializer's load passes on (allocation, time conversion).
+// decoded and, when the package has a digest list, checked against it in
+// the same read (its signature is verifyPackage's business), unless
+// `decodeParts` is false (a reader that wants the manifest and its faults
+// quickly); all faults are collected, except that a package which does
+// not open stops the check there. Throws only what the serializer's load
+// passes on (allocation, time conversion).
 TSAPP_API Report checkPackage(const std::u16string& path, AppManifestSerializer& serializer,
                               bool decodeParts = true);
 
