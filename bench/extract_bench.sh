@@ -2,9 +2,11 @@
 # Times whole-package extraction against the archive tools people use and
 # against the floor (bench_inflate_floor: read, inflate, CRC and write every
 # entry, nothing else), on the same packages in the same run, into fresh
-# folders on /dev/shm (or $TSAPP_BENCH_DIR). Two packages of 200 MB in 2,000 parts: the mixed one,
-# and one where a single text part holds 50 MB. Then the peak memory of
-# extracting a package whose one part is 1 GiB.
+# folders on /dev/shm (or $TSAPP_BENCH_DIR). Two packages of 200 MB in
+# 2,000 parts: the mixed one, and one where a single text part holds 50 MB.
+# Then the peak memory of extracting a package whose one part is 1 GiB.
+# tsapp runs plain, with --sync, and with --verify (every part hashed
+# against the package's digest list while it is written).
 #
 #   bench/extract_bench.sh [build-dir] [runs]
 #
@@ -54,24 +56,27 @@ bench_package() {
   echo "package: $(du -m "$pkg" | cut -f1) MB, $(unzip -Z1 "$pkg" | wc -l) entries, largest part $largest MB;$(uptime | sed 's/.*load/ load/')"
   time_tool tsapp "$tsapp" extract "$pkg" OUT
   time_tool sync "$tsapp" extract --sync "$pkg" OUT
+  time_tool verify "$tsapp" extract --verify --allow-unsigned "$pkg" OUT
   time_tool floor "$floor" "$pkg" OUT
   time_tool bsdtar bsdtar -xf "$pkg" -C OUT
   time_tool unzip unzip -q "$pkg" -d OUT
   time_tool python python3 -m zipfile -e "$pkg" OUT
   rm -f "$work/out-"{bsdtar,unzip,python}"/[Content_Types].xml"
-  for tool in sync bsdtar unzip python; do
+  for tool in sync verify bsdtar unzip python; do
     diff -r "$work/out-tsapp" "$work/out-$tool" >/dev/null || { echo "output of $tool differs" >&2; exit 1; }
   done
   echo "all outputs identical (the floor writes flat, unnamed files)"
   printf '%-8s %9s %9s %9s %9s %9s %9s %12s\n' tool "median s" "vs bsdtar" "vs floor" \
     "cpu s" "vs bsdtar" "vs floor" "peak RSS MB"
-  for tool in tsapp sync floor bsdtar unzip python; do
+  for tool in tsapp sync verify floor bsdtar unzip python; do
     printf '%-8s %9s %9s %9s %9s %9s %9s %12s\n' "$tool" "${med[$tool]}" \
       "$(ratio "${med[$tool]}" "${med[bsdtar]}")" "$(ratio "${med[$tool]}" "${med[floor]}")" \
       "${cpu[$tool]}" "$(ratio "${cpu[$tool]}" "${cpu[bsdtar]}")" \
       "$(ratio "${cpu[$tool]}" "${cpu[floor]}")" "$((mem[$tool] / 1024))"
   done
   echo "goal: tsapp <= 0.45x bsdtar (2.2 times as fast) and <= 1.25x floor"
+  echo "extract --verify against extract: $(ratio "${med[verify]}" "${med[tsapp]}") wall," \
+    "$(ratio "${cpu[verify]}" "${cpu[tsapp]}") cpu (goal: <= 1.25x wall)"
   rm -rf "$work/out-"*
 }
 
@@ -88,10 +93,11 @@ echo
 echo "package: $(du -m "$pkg" | cut -f1) MB, one part of 1024 MB (one run each)"
 runs=1
 time_tool tsapp "$tsapp" extract "$pkg" OUT
+time_tool verify "$tsapp" extract --verify --allow-unsigned "$pkg" OUT
 time_tool bsdtar bsdtar -xf "$pkg" -C OUT
 cmp "$work/out-tsapp/files/huge.txt" "$work/out-bsdtar/files/huge.txt"
 printf '%-8s %10s %12s\n' tool "s" "peak RSS MB"
-for tool in tsapp bsdtar; do
+for tool in tsapp verify bsdtar; do
   printf '%-8s %10s %12s\n' "$tool" "${med[$tool]}" "$((mem[$tool] / 1024))"
 done
 echo "goal: tsapp peak RSS <= 64 MB"

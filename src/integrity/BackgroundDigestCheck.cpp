@@ -14,25 +14,22 @@ BackgroundDigestCheck::~BackgroundDigestCheck() {
 
 void BackgroundDigestCheck::begin(const opc::model::PartName& part) {
     skipping_ = std::find(skipped_.begin(), skipped_.end(), part) != skipped_.end();
-    if (!skipping_) post({Kind::Begin, part.zipItemName(), {}});
+    if (!skipping_) filling_.events.push_back({Event::Begin, part.zipItemName(), 0, 0});
 }
 
 void BackgroundDigestCheck::update(const unsigned char* data, std::size_t size) {
     if (skipping_ || size == 0) return;
-    Message message{Kind::Bytes, {}, {}};
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!spare_.empty()) {
-            message.bytes = std::move(spare_.back());
-            spare_.pop_back();
-        }
-    }
-    message.bytes.assign(data, data + size);
-    post(std::move(message));
+    auto& bytes = filling_.bytes;
+    auto& events = filling_.events;
+    if (events.empty() || events.back().kind != Event::Bytes)
+        events.push_back({Event::Bytes, {}, bytes.size(), bytes.size()});
+    bytes.insert(bytes.end(), data, data + size);
+    events.back().to = bytes.size();
+    if (bytes.size() >= kBatchBytes) post(false);
 }
 
 void BackgroundDigestCheck::end() {
-    if (!skipping_) post({Kind::End, {}, {}});
+    if (!skipping_) filling_.events.push_back({Event::End, {}, 0, 0});
     skipping_ = false;
 }
 
@@ -43,55 +40,72 @@ void BackgroundDigestCheck::beforeCommit() {
     if (!faults.empty()) throw DigestFaults{faults};
 }
 
-void BackgroundDigestCheck::post(Message message) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return queue_.size() < kMaxQueued; });
-    queue_.push_back(std::move(message));
+// Hands the batch being filled to the worker and starts another.
+void BackgroundDigestCheck::post(bool last) {
+    Batch next;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        // The last batch may pass the bound: the worker drains the queue
+        // whatever happens, so stopping never waits on a full queue.
+        if (!last) changed_.wait(lock, [this] { return queue_.size() < kMaxQueued; });
+        filling_.last = last;
+        queue_.push_back(std::move(filling_));
+        if (!spare_.empty()) {
+            next = std::move(spare_.back());
+            spare_.pop_back();
+        }
+    }
     changed_.notify_all();
+    next.events.clear();
+    next.bytes.clear();
+    filling_ = std::move(next);
 }
 
 void BackgroundDigestCheck::stop() noexcept {
     if (!worker_.joinable()) return;
-    {
-        // Past the bound if need be: the worker drains the queue whatever
-        // happens, so it will see this.
+    try {
+        post(true);
+    } catch (...) {
+        // Out of memory for the last batch: the worker must stop all the same.
         std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back({Kind::Stop, {}, {}});
+        if (!error_) error_ = std::current_exception();
+        queue_.push_back(Batch{{}, {}, true});
     }
     changed_.notify_all();
     worker_.join();
 }
 
 void BackgroundDigestCheck::run() {
-    for (;;) {
-        Message message;
+    for (bool last = false; !last;) {
+        Batch batch;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             changed_.wait(lock, [this] { return !queue_.empty(); });
-            message = std::move(queue_.front());
+            batch = std::move(queue_.front());
             queue_.pop_front();
-            changed_.notify_all();
         }
-        if (message.kind == Kind::Stop) return;
-        if (error_) continue;  // drain, so that the extraction never waits forever
-        try {
-            switch (message.kind) {
-                case Kind::Begin:
-                    check_.begin(message.item);
-                    break;
-                case Kind::Bytes:
-                    check_.update(message.bytes.data(), message.bytes.size());
-                    break;
-                default:
-                    check_.end();
+        changed_.notify_all();
+        last = batch.last;
+        if (!error_) {
+            try {
+                hash(batch);
+            } catch (...) {
+                error_ = std::current_exception();
             }
-        } catch (...) {
-            error_ = std::current_exception();
         }
-        if (message.kind == Kind::Bytes) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            spare_.push_back(std::move(message.bytes));
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        spare_.push_back(std::move(batch));
+    }
+}
+
+void BackgroundDigestCheck::hash(const Batch& batch) {
+    for (const Event& event : batch.events) {
+        if (event.kind == Event::Begin)
+            check_.begin(event.item);
+        else if (event.kind == Event::Bytes)
+            check_.update(batch.bytes.data() + event.from, event.to - event.from);
+        else
+            check_.end();
     }
 }
 
