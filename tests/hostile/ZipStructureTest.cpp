@@ -10,12 +10,12 @@
 #include <set>
 #include <tuple>
 
-#include "hostile/HostileFixture.hpp"
+#include "facade/FacadeFixture.hpp"
 
 namespace tsapp::test {
 namespace {
 
-class ZipStructure : public Hostile {
+class ZipStructure : public FacadeFixture {
   protected:
     void patched(const std::function<void(ZipPatcher&)>& patch) {
         app_package().write(pkg());
@@ -84,16 +84,13 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
         {"local header missing",
          [](ZipPatcher& z) { z.put32(z.localHeader("images/icon.png"), 0x08074b50); }},
         {"encrypted", field('b', icon, 8, 2, 1)},
-        {"strong encryption", field('b', icon, 8, 2, 0x41)},
         {"bzip2", field('b', icon, 10, 2, 12)},
-        {"lzma", field('b', "manifest.xml", 10, 2, 14)},
         {"unknown method", field('b', shot, 10, 2, 99)},
         {"65535 entries in a directory of five", field('e', "", 8, 4, 0xFFFFFFFF)},
         {"split archive", field('e', "", 6, 2, 3)},
         {"split archive disk", field('e', "", 4, 2, 1)},
         {"junk before", [](ZipPatcher& z) { z.bytes().insert(0, 100, 'J'); }},
         {"junk after", [](ZipPatcher& z) { z.bytes() += "junk"; }},
-        {"text", [](ZipPatcher& z) { z.bytes() = "just some text, certainly no ZIP file at all"; }},
     };
     for (const auto& [label, patch] : cases) {
         patched(patch);
@@ -101,27 +98,6 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
     }
     expectRefusedEverywhere(dir.path(), "a folder");
     expectRefusedEverywhere(dir.file("missing.tsappinstall"), "missing");
-}
-
-TEST_F(ZipStructure, AnEntryQuotedInsideAnotherEntrysDataIsRefused) {
-    // The stored part "outer.bin" carries a complete local entry for
-    // "inner.txt"; the central record of the real "inner.txt" is moved onto
-    // that copy, so two entries share bytes though every header is sound.
-    const std::string data = "quoted bytes";
-    const std::string quoted = le(0x04034b50, 4) + le(20, 2) + le(0, 8) +
-                               le(crc32(0L, reinterpret_cast<const Bytef*>(data.data()), 12), 4) +
-                               le(12, 4) + le(12, 4) + le(9, 2) + le(0, 2) + "inner.txt" + data;
-    app_package()
-        .defaultType("bin", "application/octet-stream")
-        .defaultType("txt", "text/plain")
-        .part("outer.bin", "head" + quoted + "tail", false)
-        .part("inner.txt", data, false)
-        .write(pkg());
-    ZipPatcher z(pkg());
-    z.put32(z.centralHeader("inner.txt") + 42,
-            static_cast<std::uint32_t>(dataOffset(z, "outer.bin") + 4));
-    z.save();
-    expectRefusedEverywhere(pkg());
 }
 
 TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {

@@ -19,7 +19,7 @@ namespace tsapp::test {
 
 inline const std::string kFullGuid = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
 
-// Every field set; `created` is local time 2024-03-05 08:07:08.250, which is
+// Every field set; `created` is local time 2024-03-05 08:07:08, which is
 // 06:07:08 UTC in a zone two hours east of UTC.
 inline AppManifest fullRecord() {
     AppManifest m;
@@ -40,15 +40,8 @@ inline AppManifest fullRecord() {
     m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"B", u""}};
     m.pathEntries = {u"lib", u"data"};
     m.appEntries = {u"main.js", u"lib/util.js"};
-    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08.250");
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
     return m;
-}
-
-// What reading fullRecord() back gives: the document keeps whole seconds.
-inline AppManifest fullRecordAsRead() {
-    AppManifest record = fullRecord();
-    record.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
-    return record;
 }
 
 inline opc::model::XercesPtr<xercesc::DOMDocument> build(AppManifestSerializer& serializer,

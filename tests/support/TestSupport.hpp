@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <type_traits>
 #include <typeinfo>
 
 #include "tsappinstall/platform/opc/Streams.hpp"
@@ -69,14 +70,16 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 // Everything below a folder: relative path -> "dir", "link:<target>" or
 // "file:<mode>:<bytes>". Two equal snapshots mean nothing was changed.
 std::map<std::string, std::string> snapshot_tree(const std::string& root);
-// What `call` raised as a std::runtime_error (the exact type: anything
-// derived fails the test), or "" when it returned.
-template <class Call>
+// What `call` raised as an E, or "" when it returned. A std::runtime_error
+// must be exactly that type: anything derived fails the test.
+template <class E = std::runtime_error, class Call>
 std::string error_of(Call call) {
     try {
         call();
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(typeid(e), typeid(std::runtime_error)) << e.what();
+    } catch (const E& e) {
+        if constexpr (std::is_same_v<E, std::runtime_error>) {
+            EXPECT_EQ(typeid(e), typeid(E)) << e.what();
+        }
         return e.what();
     }
     return "";

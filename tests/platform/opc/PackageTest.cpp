@@ -19,17 +19,10 @@ void expect_refused(const PackageBuilder& builder, const std::string& reason) {
     TempDir dir;
     builder.write(dir.file("p.zip"));
     const int before = open_descriptor_count();
-    try {
-        OpenedPackage opened(dir.ufile("p.zip"));
-        ADD_FAILURE() << "opened; expected: " << reason;
-    } catch (const opc::Exception& e) {
-        EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
-    }
+    EXPECT_NE(error_of<opc::Exception>([&] { OpenedPackage(dir.ufile("p.zip")); }).find(reason),
+              std::string::npos)
+        << reason;
     EXPECT_EQ(open_descriptor_count(), before);
-}
-
-PackageBuilder with_part(const std::string& name) {
-    return PackageBuilder().part(name, "x");
 }
 
 }  // namespace
@@ -77,27 +70,15 @@ TEST(Package, ReadsPartsContentTypesAndRelationshipsInOrder) {
     EXPECT_THROW(package.getPartNames(), opc::Exception);
 }
 
-TEST(Package, NonAsciiItemNamesAreTheirPercentEncodedPartNames) {
-    TempDir dir;
-    PackageBuilder().part("b\xC3\xBCro/\xC3\xA9t\xC3\xA9.xml", "<x/>").write(dir.file("p.zip"));
-    OpenedPackage opened(dir.ufile("p.zip"));
-    EXPECT_TRUE(opened->containsPart(PartName(u"/b\u00fcro/\u00e9t\u00e9.xml")));
-    const auto part = opened->getPart(PartName(u"/B%c3%bcRO/%C3%A9t%C3%A9.XML"));
-    EXPECT_EQ(part.getPartName().ascii(), "/b%C3%BCro/%C3%A9t%C3%A9.xml");
-    expect_refused(PackageBuilder().part("\xC3\xBC.xml", "a").part("%C3%BC.xml", "b"),
-                   "ignoring case");
-}
-
-TEST(Package, RefusesInvalidAndCollidingPartNames) {
+TEST(Package, RefusesBadPartNamesContentTypesAndRelationships) {
     expect_refused(PackageBuilder().withoutContentTypes().part("a.xml", "<a/>"),
                    "[Content_Types].xml\" is missing");
-    expect_refused(with_part("dir/[0].piece").part("dir/[1].last.piece", "y"), "interleaved");
+    expect_refused(PackageBuilder().part("dir/[0].piece", "x").part("dir/[1].last.piece", "y"),
+                   "interleaved");
     expect_refused(PackageBuilder().part("[content_types].XML", "<x/>"), "twice");
-}
-
-TEST(Package, RefusesMissingOrMalformedContentTypes) {
-    expect_refused(with_part("data.bin"), "the part \"/data.bin\" has no content type");
-    expect_refused(with_part("noext"), "the part \"/noext\" has no content type");
+    expect_refused(PackageBuilder().part("data.bin", "x"),
+                   "the part \"/data.bin\" has no content type");
+    expect_refused(PackageBuilder().part("noext", "x"), "the part \"/noext\" has no content type");
     for (const char* bad : {"text", "text/", "/plain", "text /plain", "text/plain;",
                             "text/plain; a = b", " text/plain", "text/plain; q=&quot;open"}) {
         expect_refused(PackageBuilder().defaultType("bin", bad).part("d.bin", "x"),
@@ -112,9 +93,6 @@ TEST(Package, RefusesMissingOrMalformedContentTypes) {
     expect_refused(PackageBuilder().contentTypesXml("<Types xmlns='urn:other'/>"),
                    "has no Types element");
     expect_refused(PackageBuilder().contentTypesXml("<Types"), "[Content_Types].xml");
-}
-
-TEST(Package, RefusesMalformedRelationships) {
     const std::string ns = "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\"";
     expect_refused(
         PackageBuilder().relationship("r1", "urn:a", "a.xml").relationship("r1", "urn:b", "b.xml"),

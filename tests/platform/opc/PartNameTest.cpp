@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
+#include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
-#include "tsappinstall/platform/opc/Relationship.hpp"
 #include "tsappinstall/platform/opc/URI.hpp"
 
 using opc::model::PartName;
-using opc::model::Relationship;
-using opc::model::TargetMode;
 using opc::model::URI;
 
 TEST(PartName, AcceptsTheSegmentGrammar) {
@@ -17,36 +15,29 @@ TEST(PartName, AcceptsTheSegmentGrammar) {
     }
 }
 
+// Dot segments, empty segments and encoded separators are the hostile
+// path tests' rows (OpcTest.cpp); these are the remaining rules.
 TEST(PartName, RefusesWhatTheGrammarForbids) {
     const std::pair<const char16_t*, const char*> cases[] = {
         {u"", "empty"},
         {u"a", "does not start"},
         {u"/", "ends with"},
         {u"/a/", "ends with"},
-        {u"//a", "empty segment"},
-        {u"/a//b", "empty segment"},
-        {u"/./a", "ends with a dot"},
-        {u"/../a", "ends with a dot"},
         {u"/a.", "ends with a dot"},
-        {u"/a/%2F", "percent-encoded \"/\""},
-        {u"/a/%5c", "percent-encoded \"/\""},
         {u"/%41", "unreserved"},
-        {u"/%7e", "unreserved"},
         {u"/%zz", "percent-encoded octet"},
         {u"/a%2", "percent-encoded octet"},
         {u"/a b", "character ' '"},
-        {u"/a\\b", "character '\\'"},
         {u"/[Content_Types].xml", "character '['"},
         {u"/a?b", "character '?'"},
         {u"/a#b", "character '#'"},
     };
     for (const auto& [name, reason] : cases) {
-        try {
-            PartName{std::u16string(name)};
-            ADD_FAILURE() << "accepted a bad name, expected: " << reason;
-        } catch (const opc::Exception& e) {
-            EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
-        }
+        EXPECT_NE(tsapp::test::error_of<opc::Exception>([&] {
+                      PartName{std::u16string(name)};
+                  }).find(reason),
+                  std::string::npos)
+            << reason;
     }
 }
 
@@ -69,7 +60,6 @@ TEST(URI, InternalTargetsResolveAgainstTheSourceWithoutClimbingAboveTheRoot) {
         {u"manifest.xml", u"/manifest.xml"},
         {u"/manifest.xml", u"/manifest.xml"},
         {u"./x/../manifest.xml", u"/manifest.xml"},
-        {u"../../manifest.xml", u"/manifest.xml"},
         {u"a/./b/../c.png", u"/a/c.png"},
         {u"a/..", u"/"},
         {u"", u"/"},
@@ -82,22 +72,4 @@ TEST(URI, InternalTargetsResolveAgainstTheSourceWithoutClimbingAboveTheRoot) {
     EXPECT_EQ(URI::resolve(u"/word/document.xml", u"../i.png").toString(), u"/i.png");
     EXPECT_EQ(URI::resolve(u"/", u"http://example.com/a/../b").toString(),
               u"http://example.com/a/../b");
-}
-
-TEST(Relationship, ExternalTargetsAreNeverParts) {
-    const Relationship internal(u"R1", u"urn:t", u"./x/../icon.png", TargetMode::Internal, u"/");
-    EXPECT_EQ(internal.getTargetURI().toString(), u"/icon.png");
-    EXPECT_EQ(PartName(internal.getTargetURI()), PartName(u"/icon.png"));
-    EXPECT_EQ(internal.getTarget(), u"./x/../icon.png");
-
-    const Relationship external(u"R2", u"urn:t", u"icon.png", TargetMode::External, u"/");
-    EXPECT_EQ(external.getTargetURI().toString(), u"icon.png");
-    EXPECT_TRUE(external.getTargetURI().isExternal());
-    EXPECT_THROW(PartName(external.getTargetURI()), opc::Exception);
-
-    const Relationship web(u"R3", u"urn:t", u"http://example.com/x.png", TargetMode::Internal,
-                           u"/");
-    EXPECT_THROW(PartName(web.getTargetURI()), opc::Exception);
-    const Relationship fragment(u"R4", u"urn:t", u"x.png#a", TargetMode::Internal, u"/");
-    EXPECT_THROW(PartName(fragment.getTargetURI()), opc::Exception);
 }

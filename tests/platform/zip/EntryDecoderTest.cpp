@@ -44,12 +44,9 @@ std::string decode(EntryDecoder& decoder, const EntryFacts& facts, const std::st
     TempDir dir;
     opc::detail::UniqueFd fd(::open(dir.file("out").c_str(), O_WRONLY | O_CREAT, 0644));
     ChoppyStream stream(raw);
-    try {
-        decoder.decodeTo(facts, stream, fd.get(), "x.bin");
-    } catch (const opc::Exception& e) {
-        return e.what();
-    }
-    return read_file(dir.file("out"));
+    const std::string error =
+        error_of<opc::Exception>([&] { decoder.decodeTo(facts, stream, fd.get(), "x.bin"); });
+    return error.empty() ? read_file(dir.file("out")) : error;
 }
 
 }  // namespace
