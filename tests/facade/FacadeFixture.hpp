@@ -3,15 +3,7 @@
 // App packages, the texts the facade raises and a fixture that calls the
 // facade, shared by the facade and hostile-input tests.
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <iostream>
-#include <sstream>
-#include <string>
-
 #include "support/PackageBuilder.hpp"
-#include "support/TestSupport.hpp"
 #include "tsappinstall/facade/Tsappinstall.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
@@ -32,9 +24,9 @@ inline std::string icon_bytes(std::size_t size = 10000) {
 
 // An app package: manifest, icon and screenshot, each reached by its
 // relationship, whose Target is written as given.
-inline PackageBuilder app_package(const std::string& iconTarget = "images/icon.png",
-                                  const std::string& manifest = kManifestXml,
-                                  const std::string& manifestTarget = "/manifest.xml") {
+inline PackageBuilder app_package(const std::string& manifest = kManifestXml,
+                                  const std::string& manifestTarget = "/manifest.xml",
+                                  const std::string& iconTarget = "images/icon.png") {
     using namespace Corvane::addons::apps;
     return PackageBuilder()
         .part("manifest.xml", manifest)
@@ -43,11 +35,6 @@ inline PackageBuilder app_package(const std::string& iconTarget = "images/icon.p
         .relationship("rManifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestTarget)
         .relationship("rIcon", PRIMARY_ICON_RELATIONSHIP_TYPE, iconTarget)
         .relationship("rShot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "images/shot.png");
-}
-
-inline PackageBuilder app_package_with(const std::string& manifest,
-                                       const std::string& target = "/manifest.xml") {
-    return app_package("images/icon.png", manifest, target);
 }
 
 namespace ids = tsapp_builtins::tsapp_builtins;
@@ -65,20 +52,6 @@ inline std::string extraction_error_text(const std::string& package, const std::
     return ids::message_text(
         ids::TSAPP_BUILTINS_EXTRACT_FAILED_INTERNAL_ERROR(u16(package), u16(folder)));
 }
-
-// Collects what is written to std::cerr while it lives.
-class CerrCapture {
-  public:
-    CerrCapture() : previous_(std::cerr.rdbuf(captured_.rdbuf())) {}
-    ~CerrCapture() { std::cerr.rdbuf(previous_); }
-    CerrCapture(const CerrCapture&) = delete;
-    CerrCapture& operator=(const CerrCapture&) = delete;
-    std::string text() const { return captured_.str(); }
-
-  private:
-    std::ostringstream captured_;
-    std::streambuf* previous_;
-};
 
 // The destination already holds a file of its own and the icon output an
 // older icon: a refused call must leave them, and add nothing beside them.
@@ -106,10 +79,10 @@ class FacadeFixture : public ::testing::Test {
     bool extractPart(
         const std::string& package, std::string& printed,
         const std::string& type = Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE) {
-        CerrCapture err;
+        testing::internal::CaptureStderr();
         const bool copied =
             facade.extractPartContentFromTessalApp(u16(package), u16(type), u16(iconOut()));
-        printed = err.text();
+        printed = testing::internal::GetCapturedStderr();
         return copied;
     }
 

@@ -1,13 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "facade/FacadeFixture.hpp"
 #include "manifest/ManifestTestSupport.hpp"
-#include "support/TestSupport.hpp"
-#include "tsappinstall/facade/Tsappinstall.hpp"
 
 using namespace tsapp::test;
 using namespace Corvane::addons::apps;
@@ -41,7 +37,7 @@ std::vector<Case> writeCases(const TempDir& dir) {
     for (int i = 0; i < 4; ++i) {
         const std::string path =
             dir.file("app" + std::to_string(i) + (i == 3 ? ".zip" : ".tsappinstall"));
-        app_package_with(signed_manifest(variant(i)), targets[i])
+        app_package(signed_manifest(variant(i)), targets[i])
             .overrideType("/manifest.xml", "application/octet-stream")
             .write(path);
         cases.push_back({path, variant(i), ""});
@@ -54,8 +50,7 @@ std::vector<Case> writeCases(const TempDir& dir) {
         {"none", PackageBuilder().part("manifest.xml", manifest), true},
         {"norels", PackageBuilder().part("manifest.xml", manifest).withoutRelationships(), true},
         {"twice",
-         app_package_with(manifest).relationship("r2", APP_PROPERTIES_RELATIONSHIP_TYPE,
-                                                 "manifest.xml"),
+         app_package(manifest).relationship("r2", APP_PROPERTIES_RELATIONSHIP_TYPE, "manifest.xml"),
          true},
         {"case",
          PackageBuilder().part("manifest.xml", manifest).relationship("m", upper, "manifest.xml"),
@@ -69,11 +64,11 @@ std::vector<Case> writeCases(const TempDir& dir) {
                        .relationshipsText())
              .withoutRelationships(),
          true},
-        {"schema", app_package_with(replaced(manifest, "<GUID>", "<name/><GUID>")), false},
-        {"broken", app_package_with("<?xml version=\"1.0\"?><appProperties"), false},
-        {"signature", app_package_with(replaced(manifest, "<summary>Short<", "<summary>Short.<")),
+        {"schema", app_package(replaced(manifest, "<GUID>", "<name/><GUID>")), false},
+        {"broken", app_package("<?xml version=\"1.0\"?><appProperties"), false},
+        {"signature", app_package(replaced(manifest, "<summary>Short<", "<summary>Short.<")),
          false},
-        {"count", app_package_with(replaced(manifest, "<numFiles>0<", "<numFiles>0x<")), false},
+        {"count", app_package(replaced(manifest, "<numFiles>0<", "<numFiles>0x<")), false},
     };
     for (const auto& [name, builder, invalid] : failing) {
         const std::string path = dir.file(std::string(name) + ".tsappinstall");

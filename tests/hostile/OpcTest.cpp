@@ -35,7 +35,7 @@ TEST_F(Opc, RelationshipTargetsThatAreNoPartsAreRefused) {
           "file:///etc/passwd", "//host/icon.png", "images/icon.png#frag", "images/icon.png?q",
           "images/icon%2Epng", "/manifest.xml\" TargetMode=\"External"}) {
         SCOPED_TRACE(target);
-        app_package(target, kManifestXml, target).write(pkg());
+        app_package(kManifestXml, target, target).write(pkg());
         EXPECT_TRUE(facade.isAppFile(u16(pkg())));
         EXPECT_EQ(appInfoError(pkg()), internal_error_text());
         std::string printed;
@@ -45,7 +45,7 @@ TEST_F(Opc, RelationshipTargetsThatAreNoPartsAreRefused) {
         EXPECT_EQ(extractError(pkg()), "");
     }
     // Extra ".." segments stop at the root, which holds the real icon.
-    app_package("../../../images/icon.png").write(pkg());
+    app_package(kManifestXml, "/manifest.xml", "../../../images/icon.png").write(pkg());
     std::string printed;
     EXPECT_TRUE(extractPart(pkg(), printed));
     EXPECT_EQ(read_file(iconOut()), icon_bytes());

@@ -2,7 +2,6 @@
 // other Xerces-C writers and by earlier releases, and seals made in the hour
 // that repeats when daylight-saving time ends.
 
-#include <gtest/gtest.h>
 #include <openssl/sha.h>
 
 #include <boost/algorithm/hex.hpp>
@@ -92,7 +91,7 @@ TEST(ManifestSeal, PlainXercesManifestIsCanonicalAndVerifiesEverywhere) {
     ASSERT_EQ(load_result(manifest, &record), "(loaded)");
     EXPECT_TRUE(same_record(record, fixtureRecord("2013-10-27 02:30:00")));
     TempDir dir;
-    app_package_with(manifest).write(dir.file("app.tsappinstall"));
+    app_package(manifest).write(dir.file("app.tsappinstall"));
     EXPECT_EQ(Corvane::addons::apps::Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name,
               u"Hello");
 #ifdef TSAPP_TOOL

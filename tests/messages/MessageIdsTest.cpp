@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "platform/i18n/CatalogResource.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
-#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 using namespace tsapp_builtins::tsapp_builtins;
 

@@ -188,6 +188,11 @@ class ZipPatcher {
         return find(0x02014b50, 28, 46, itemName);
     }
     std::size_t endRecord() const { return bytes_.rfind(le(0x06054b50, 4)); }
+    // Where the item's data begins, after its local header.
+    std::size_t dataOffset(const std::string& itemName) const {
+        const std::size_t local = localHeader(itemName);
+        return local + 30 + get16(local + 26) + get16(local + 28);
+    }
 
     std::uint16_t get16(std::size_t at) const {
         return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes_.at(at)) |

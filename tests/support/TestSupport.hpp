@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <clocale>
@@ -125,6 +126,13 @@ inline int open_descriptor_count() {
     while (::readdir(dir) != nullptr) ++count;
     ::closedir(dir);
     return count - 3;  // ".", ".." and the descriptor of the listing itself
+}
+
+// The most memory the process has held so far, in KiB.
+inline long peak_rss_kib() {
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
 }
 
 // `text` with its first `from` replaced by `to`; the test fails when `text`

@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <tuple>
 
 #include "support/TestSupport.hpp"
-#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Conversions.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
@@ -18,7 +15,6 @@ using tsapp::test::ScopedTimeZone;
 // Local times at clock changes are the seal tests' rows.
 TEST(TimeConversion, LocalAndUtcFollowTheZone) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"Etc/GMT+5", "2024-01-01 20:00:00", "2024-01-02 01:00:00"},
         {"Etc/GMT+5", "1969-12-31 19:00:00", "1970-01-01 00:00:00"},
         {"UTC-2", "1965-05-01 10:30:00", "1965-05-01 08:30:00"},
     };
@@ -41,7 +37,6 @@ TEST(TimeConversion, LocalAndUtcFollowTheZone) {
 
 TEST(OpcConversions, TimeIsWrittenInUtcWithZAndReadBackExactly) {
     const std::pair<const char*, const char16_t*> cases[] = {
-        {"2024-03-05 06:07:08", u"2024-03-05T06:07:08Z"},
         {"1400-01-01 00:00:00.250", u"1400-01-01T00:00:00.25Z"},
         {"9999-12-31 23:59:59.000001", u"9999-12-31T23:59:59.000001Z"},
         {"1969-12-31 23:59:59", u"1969-12-31T23:59:59Z"},
@@ -50,8 +45,6 @@ TEST(OpcConversions, TimeIsWrittenInUtcWithZAndReadBackExactly) {
         EXPECT_EQ(opc::convertTimeToString(time_from_string(time)), text);
         EXPECT_EQ(opc::convertStringToTime(text), time_from_string(time));
     }
-    EXPECT_EQ(opc::convertTimeToString(ptime()), u"");
-    EXPECT_THROW(opc::convertTimeToString(ptime(boost::date_time::pos_infin)), opc::Exception);
 }
 
 TEST(OpcConversions, ReaderAcceptsEveryXsdDateTimeForm) {

@@ -1,20 +1,9 @@
-#include <gtest/gtest.h>
-
 #include "support/PackageBuilder.hpp"
-#include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 
 using opc::zippackage::PackageWriter;
 using namespace tsapp::test;
-
-namespace {
-
-std::vector<unsigned char> bytes_of(const std::string& s) {
-    return {s.begin(), s.end()};
-}
-
-}  // namespace
 
 TEST(PackageWriter, PartNamesArePercentEncodedAndNeverEquivalent) {
     EXPECT_EQ(PackageWriter::partNameFor("manifest.xml"), "/manifest.xml");
@@ -34,6 +23,9 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     TempDir dir;
     const std::string out = dir.file("app.tsappinstall");
     PackageWriter writer(out);
+    const auto bytes_of = [](const std::string& s) {
+        return std::vector<unsigned char>(s.begin(), s.end());
+    };
     writer.addPart("manifest.xml", "application/xml", bytes_of("<m/>"));
     writer.addPart("icon.png", "image/png", bytes_of(std::string("\x89PNG\r\n\x1a\n\0", 9)),
                    PackageWriter::Compression::Stored);
