@@ -20,8 +20,7 @@ struct Case {
 AppManifest variant(int i) {
     AppManifest record = fullRecord();
     record.GUID = "{3F2504E0-4F89-11D3-9A0C-0305E82C330" + std::to_string(i) + "}";
-    record.name = u"App " + u16(std::to_string(i));
-    record.numFiles = static_cast<std::uint64_t>(i) * 1000;
+    record.name = u"App " + u16(std::to_string(i)), record.numFiles = i * 1000u;
     record.appEntries.resize(static_cast<std::size_t>(i) + 1, u"more.js");
     record.created += boost::posix_time::hours(24 * i);
     return record;

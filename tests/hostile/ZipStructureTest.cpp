@@ -110,8 +110,6 @@ TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
 // Each case damages the manifest and one image; the headers stay
 // consistent, so the package opens and only reading the data shows it.
 TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
-    using Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE;
-    using Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
     // Label, image, where the field sits ('d': a bit of the data), offset, width, change.
     const std::tuple<const char*, const char*, char, std::size_t, int, int> cases[] = {
         {"stored size smaller than its data", "images/icon.png", 'b', 20, 8, -1},
@@ -131,9 +129,10 @@ TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
             }
         });
         EXPECT_TRUE(facade.isAppFile(u16(pkg())));  // opening reads no data
-        expectReadsRefused(pkg(), std::string(image) == "images/icon.png"
-                                      ? PRIMARY_ICON_RELATIONSHIP_TYPE
-                                      : PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE);
+        expectReadsRefused(pkg(),
+                           std::string(image) == "images/icon.png"
+                               ? Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE
+                               : Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE);
     }
 }
 
@@ -190,10 +189,11 @@ TEST_F(ZipStructure, AGibibyteDeclaredSizeIsNeverAllocated) {
     std::mt19937 random(8);
     std::string noise(1200000, '\0');  // random bytes: deflate cannot shrink them
     for (char& c : noise) c = static_cast<char>(random());
-    PackageBuilder bomb = app_package().defaultType("bin", "application/octet-stream");
-    bomb.part("bomb.bin", noise);
-    bomb.relationship("rBomb", "urn:bomb", "bomb.bin");
-    bomb.write(pkg());
+    app_package()
+        .defaultType("bin", "application/octet-stream")
+        .part("bomb.bin", noise)
+        .relationship("rBomb", "urn:bomb", "bomb.bin")
+        .write(pkg());
     ZipPatcher z(pkg());
     field('b', "bomb.bin", 24, 4, 1 << 30)(z);
     z.save();

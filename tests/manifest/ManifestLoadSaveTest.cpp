@@ -92,9 +92,8 @@ TEST_F(ManifestLoadSave, ReadingMergesIntoTheCallersRecord) {
     AppManifest noAuthor = fullRecord();
     noAuthor.authorName.clear();
     AppManifest target;
-    target.authorName = u"kept";
+    target.authorName = u"kept", target.pathEntries = {u"old"};
     target.requiredProducts = {{u"a", u"", u""}, {u"b", u"", u""}};
-    target.pathEntries = {u"old"};
     EXPECT_NE(load_result(signed_manifest(noAuthor), &target), "(loaded)");
     EXPECT_EQ(target.authorName, u"kept");
     ASSERT_EQ(target.requiredProducts.size(), 4u);

@@ -146,9 +146,10 @@ inline std::string replaced(std::string text, const std::string& from, const std
 
 // Everything below a folder: relative path -> "dir", "link:<target>" or
 // "file:<mode>:<bytes>". Two equal snapshots mean nothing was changed.
-inline std::map<std::string, std::string> snapshot_tree(const std::string& root) {
+using Tree = std::map<std::string, std::string>;
+inline Tree snapshot_tree(const std::string& root) {
     namespace fs = std::filesystem;
-    std::map<std::string, std::string> tree;
+    Tree tree;
     if (!fs::exists(fs::symlink_status(root))) return tree;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const std::string relative = fs::relative(entry.path(), root).string();

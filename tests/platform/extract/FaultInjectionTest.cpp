@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 using opc::detail::FileCall;
 using opc::detail::FileSegments;
 using opc::detail::StagedExtraction;
-using Tree = std::map<std::string, std::string>;
 using namespace tsapp::test;
 
 std::function<void(int)> writes(const std::string& bytes) {
