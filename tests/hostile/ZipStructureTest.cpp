@@ -1,39 +1,26 @@
 // ZIP containers built to mislead a reader: overlapping and misplaced
 // records, lying sizes, truncation, absurd ZIP64 values, size bombs.
 
-#include <sys/resource.h>
-#include <zlib.h>
-
 #include <cstring>
 #include <functional>
 #include <random>
 #include <set>
 #include <tuple>
 
-#include "hostile/HostileFixture.hpp"
+#include "facade/FacadeFixture.hpp"
 
 namespace tsapp::test {
 namespace {
 
-class ZipStructure : public Hostile {
+class ZipStructure : public FacadeFixture {
   protected:
-    void patched(const std::function<void(ZipPatcher&)>& patch) {
-        app_package().write(pkg());
+    void patched(const std::function<void(ZipPatcher&)>& patch, bool zip64 = false) {
+        write_zip(pkg(), app_package().items(), zip64);
         ZipPatcher patcher(pkg());
         patch(patcher);
         patcher.save();
     }
-    std::size_t dataOffset(ZipPatcher& z, const std::string& item) {
-        const std::size_t local = z.localHeader(item);
-        return local + 30 + z.get16(local + 26) + z.get16(local + 28);
-    }
 };
-
-long peak_rss_kib() {
-    struct rusage usage {};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
 
 using Patch = std::function<void(ZipPatcher&)>;
 
@@ -84,16 +71,13 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
         {"local header missing",
          [](ZipPatcher& z) { z.put32(z.localHeader("images/icon.png"), 0x08074b50); }},
         {"encrypted", field('b', icon, 8, 2, 1)},
-        {"strong encryption", field('b', icon, 8, 2, 0x41)},
         {"bzip2", field('b', icon, 10, 2, 12)},
-        {"lzma", field('b', "manifest.xml", 10, 2, 14)},
         {"unknown method", field('b', shot, 10, 2, 99)},
         {"65535 entries in a directory of five", field('e', "", 8, 4, 0xFFFFFFFF)},
         {"split archive", field('e', "", 6, 2, 3)},
         {"split archive disk", field('e', "", 4, 2, 1)},
         {"junk before", [](ZipPatcher& z) { z.bytes().insert(0, 100, 'J'); }},
         {"junk after", [](ZipPatcher& z) { z.bytes() += "junk"; }},
-        {"text", [](ZipPatcher& z) { z.bytes() = "just some text, certainly no ZIP file at all"; }},
     };
     for (const auto& [label, patch] : cases) {
         patched(patch);
@@ -101,27 +85,6 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
     }
     expectRefusedEverywhere(dir.path(), "a folder");
     expectRefusedEverywhere(dir.file("missing.tsappinstall"), "missing");
-}
-
-TEST_F(ZipStructure, AnEntryQuotedInsideAnotherEntrysDataIsRefused) {
-    // The stored part "outer.bin" carries a complete local entry for
-    // "inner.txt"; the central record of the real "inner.txt" is moved onto
-    // that copy, so two entries share bytes though every header is sound.
-    const std::string data = "quoted bytes";
-    const std::string quoted = le(0x04034b50, 4) + le(20, 2) + le(0, 8) +
-                               le(crc32(0L, reinterpret_cast<const Bytef*>(data.data()), 12), 4) +
-                               le(12, 4) + le(12, 4) + le(9, 2) + le(0, 2) + "inner.txt" + data;
-    app_package()
-        .defaultType("bin", "application/octet-stream")
-        .defaultType("txt", "text/plain")
-        .part("outer.bin", "head" + quoted + "tail", false)
-        .part("inner.txt", data, false)
-        .write(pkg());
-    ZipPatcher z(pkg());
-    z.put32(z.centralHeader("inner.txt") + 42,
-            static_cast<std::uint32_t>(dataOffset(z, "outer.bin") + 4));
-    z.save();
-    expectRefusedEverywhere(pkg());
 }
 
 TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
@@ -135,8 +98,8 @@ TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
         for (std::size_t at : {z.localHeader(item), z.centralHeader(item)}) {
             for (std::size_t offset : {0, 4, 29, 30, 46}) cuts.insert(at + offset);
         }
-        cuts.insert(dataOffset(z, item));
-        cuts.insert(dataOffset(z, item) + 1);
+        cuts.insert(z.dataOffset(item));
+        cuts.insert(z.dataOffset(item) + 1);
     }
     for (std::size_t cut : cuts) {
         write_file(pkg(), whole.substr(0, cut));
@@ -147,8 +110,6 @@ TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {
 // Each case damages the manifest and one image; the headers stay
 // consistent, so the package opens and only reading the data shows it.
 TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
-    using Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE;
-    using Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
     // Label, image, where the field sits ('d': a bit of the data), offset, width, change.
     const std::tuple<const char*, const char*, char, std::size_t, int, int> cases[] = {
         {"stored size smaller than its data", "images/icon.png", 'b', 20, 8, -1},
@@ -162,15 +123,16 @@ TEST_F(ZipStructure, SizesAndChecksumsThatLieFailTheReadAndChangeNothing) {
         patched([&](ZipPatcher& z) {
             for (const char* item : {"manifest.xml", image}) {
                 if (where == 'd')
-                    z.bytes()[dataOffset(z, item) + at] ^= 1;
+                    z.bytes()[z.dataOffset(item) + at] ^= 1;
                 else
                     field(where, item, at, width, by, true)(z);
             }
         });
         EXPECT_TRUE(facade.isAppFile(u16(pkg())));  // opening reads no data
-        expectReadsRefused(pkg(), std::string(image) == "images/icon.png"
-                                      ? PRIMARY_ICON_RELATIONSHIP_TYPE
-                                      : PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE);
+        expectReadsRefused(pkg(),
+                           std::string(image) == "images/icon.png"
+                               ? Corvane::addons::apps::PRIMARY_ICON_RELATIONSHIP_TYPE
+                               : Corvane::addons::apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE);
     }
 }
 
@@ -208,19 +170,15 @@ TEST_F(ZipStructure, Zip64PackagesOpenButAbsurdZip64ValuesAreRefused) {
         {{locator}, huge},                  // offset of the ZIP64 end record
     };
     for (const auto& [fields, value] : cases) {
-        write_zip(pkg(), app_package().items(), true);
-        ZipPatcher z(pkg());
-        for (const Field& field : fields) {
-            z.put32(field(z), static_cast<std::uint32_t>(value));
-            z.put32(field(z) + 4, static_cast<std::uint32_t>(value >> 32));
-        }
-        z.save();
+        patched(
+            [&](ZipPatcher& z) {
+                for (const Field& at : fields) z.bytes().replace(at(z), 8, le(value, 8));
+            },
+            true);
         expectRefusedEverywhere(pkg(), std::to_string(value));
     }
-    write_zip(pkg(), app_package().items(), true);
-    ZipPatcher z(pkg());
-    z.put16(extra("images/icon.png", 0)(z) - 2, 8);  // extra field shorter than its values
-    z.save();
+    // An extra field shorter than its values.
+    patched([&](ZipPatcher& z) { z.put16(extra("images/icon.png", 0)(z) - 2, 8); }, true);
     expectRefusedEverywhere(pkg(), "short extra field");
 }
 
@@ -231,10 +189,11 @@ TEST_F(ZipStructure, AGibibyteDeclaredSizeIsNeverAllocated) {
     std::mt19937 random(8);
     std::string noise(1200000, '\0');  // random bytes: deflate cannot shrink them
     for (char& c : noise) c = static_cast<char>(random());
-    PackageBuilder bomb = app_package().defaultType("bin", "application/octet-stream");
-    bomb.part("bomb.bin", noise);
-    bomb.relationship("rBomb", "urn:bomb", "bomb.bin");
-    bomb.write(pkg());
+    app_package()
+        .defaultType("bin", "application/octet-stream")
+        .part("bomb.bin", noise)
+        .relationship("rBomb", "urn:bomb", "bomb.bin")
+        .write(pkg());
     ZipPatcher z(pkg());
     field('b', "bomb.bin", 24, 4, 1 << 30)(z);
     z.save();

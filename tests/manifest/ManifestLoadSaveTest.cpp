@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <thread>
 
 #include "manifest/ManifestTestSupport.hpp"
-#include "support/TestSupport.hpp"
 #include "tsappinstall/manifest/ManifestFault.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 
@@ -15,56 +12,42 @@ namespace {
 
 class ManifestLoadSave : public ::testing::Test {
   protected:
-    AppManifest loaded(const std::string& manifest, AppManifest record = AppManifest()) {
-        std::istringstream in(manifest);
-        opc::StdIStreamAdaptor stream(in);
-        serializer.load(stream, record);
-        return record;
-    }
-
     ScopedTimeZone zone{"Europe/Berlin"};
     AppManifestSerializer serializer;
     const std::string text = signed_manifest(fullRecord());
-    const std::string readErrorPrefix = ids::message_text(ids::TSAPP_BUILTINS_XML_READ_ERROR(""));
 };
 
-// Saves, loads back and signs the full record with a fresh serializer.
+// Saves, loads back and signs the full record with fresh serializers.
 std::string roundOnce() {
-    AppManifestSerializer serializer;
-    std::istringstream in(signed_manifest(fullRecord()));
-    opc::StdIStreamAdaptor stream(in);
     AppManifest back;
-    serializer.load(stream, back);
+    load_result(signed_manifest(fullRecord()), &back);
+    AppManifestSerializer serializer;
     return serializer.signDocument(back.GUID, build(serializer, back).get());
 }
 
 }  // namespace
 
-TEST_F(ManifestLoadSave, SavedRecordCarriesItsSealAndLoadsBackEqualSaveTheFraction) {
-    const std::string seal =
-        serializer.signDocument(kFullGuid, build(serializer, fullRecord()).get());
-    EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n"
-                         "<appProperties xmlns=\"http://schemas.corvane.com/tessal/app/2012/"
-                         "appProperties\" signature=\"" +
-                             seal + "\">",
-                         0),
-              0u)
-        << text;
-    EXPECT_TRUE(same_record(loaded(text), fullRecordAsRead()));
-    AppManifest undated = fullRecord();
-    undated.created = boost::posix_time::ptime();
-    EXPECT_TRUE(loaded(replaced(signed_manifest(undated), "<created></created>", ""))
-                    .created.is_not_a_date_time());
-}
-
-// Each failure has its kind and the very text load raises; any change to
-// what the seal covers fails validation, a change of layout does not.
-TEST_F(ManifestLoadSave, FailuresHaveTheirKindAndLoadsText) {
+// The seal sits on the root element. Each failure has its kind and the
+// very text load raises; any change to what the seal covers fails
+// validation, a change of layout or a missing creation time does not.
+TEST_F(ManifestLoadSave, SavedTextIsSealedAndFailuresHaveTheirKindAndLoadsText) {
     using tsappinstall::ManifestFault;
     const std::string validation =
         ids::message_text(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
+    EXPECT_EQ(
+        text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n"
+                   "<appProperties xmlns=\"http://schemas.corvane.com/tessal/app/2012/"
+                   "appProperties\" signature=\"" +
+                       serializer.signDocument(kFullGuid, build(serializer, fullRecord()).get()) +
+                       "\">",
+                   0),
+        0u)
+        << text;
+    AppManifest undated = fullRecord();
+    undated.created = boost::posix_time::ptime();
     const std::string seal = text.substr(text.find(" signature=\""), 53);
     const std::pair<std::string, ManifestFault> cases[] = {
+        {replaced(signed_manifest(undated), "<created></created>", ""), ManifestFault::None},
         {replaced(text, seal, ""), ManifestFault::BadSignature},
         {replaced(text, seal, " signature=\"\""), ManifestFault::BadSignature},
         {replaced(text, "<summary>Short<", "<summary>Short.<"), ManifestFault::BadSignature},
@@ -109,12 +92,9 @@ TEST_F(ManifestLoadSave, ReadingMergesIntoTheCallersRecord) {
     AppManifest noAuthor = fullRecord();
     noAuthor.authorName.clear();
     AppManifest target;
-    target.authorName = u"kept";
+    target.authorName = u"kept", target.pathEntries = {u"old"};
     target.requiredProducts = {{u"a", u"", u""}, {u"b", u"", u""}};
-    target.pathEntries = {u"old"};
-    std::istringstream in(signed_manifest(noAuthor));
-    opc::StdIStreamAdaptor stream(in);
-    EXPECT_THROW(serializer.load(stream, target), std::runtime_error);
+    EXPECT_NE(load_result(signed_manifest(noAuthor), &target), "(loaded)");
     EXPECT_EQ(target.authorName, u"kept");
     ASSERT_EQ(target.requiredProducts.size(), 4u);
     EXPECT_EQ(target.requiredProducts[2].identifier, u"prod.a");
@@ -124,6 +104,7 @@ TEST_F(ManifestLoadSave, ReadingMergesIntoTheCallersRecord) {
 // Reading a missing file fails with the read error and leaks nothing; a
 // failed write is the internal error and writes nothing.
 TEST_F(ManifestLoadSave, FileFailuresLeaveNothingBehind) {
+    const std::string readErrorPrefix = ids::message_text(ids::TSAPP_BUILTINS_XML_READ_ERROR(""));
     TempDir dir;
     const int descriptors = open_descriptor_count();
     AppManifest back;
@@ -131,9 +112,6 @@ TEST_F(ManifestLoadSave, FileFailuresLeaveNothingBehind) {
     EXPECT_EQ(missing.rfind(readErrorPrefix, 0), 0u) << missing;
     EXPECT_GT(missing.size(), readErrorPrefix.size());
     EXPECT_EQ(open_descriptor_count(), descriptors);
-    serializer.save(dir.ufile("m.xml"), fullRecord());
-    serializer.load(dir.ufile("m.xml"), back);
-    EXPECT_EQ(back.GUID, kFullGuid);
 
     const std::string internal = ids::message_text(ids::TSAPP_BUILTINS_XML_READ_INTERNAL_ERROR());
     AppManifest infinite = fullRecord();

@@ -1,7 +1,7 @@
-// Seals made by other Xerces-C writers, by earlier releases, and in the hour
+// The canonical text of a record and its seal: golden texts, seals made by
+// other Xerces-C writers and by earlier releases, and seals made in the hour
 // that repeats when daylight-saving time ends.
 
-#include <gtest/gtest.h>
 #include <openssl/sha.h>
 
 #include <boost/algorithm/hex.hpp>
@@ -11,18 +11,21 @@
 
 #include "facade/FacadeFixture.hpp"
 #include "manifest/ManifestTestSupport.hpp"
-#include "support/TestSupport.hpp"
-#include "tsappinstall/facade/Tsappinstall.hpp"
 
 using namespace tsapp::test;
 using boost::posix_time::time_from_string;
-namespace ids = tsapp_builtins::tsapp_builtins;
 
 namespace {
 
 const std::string kGuid = "{6B29FC40-CA47-1067-B31D-00DD010662DA}";
 const std::string kValidationError =
     ids::message_text(ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
+
+// The canonical texts are the signature's input: any change to how a record
+// is built or written must show up here.
+std::string golden(const char* name) {
+    return read_file(std::string(TSAPP_TEST_FIXTURES "/manifest/") + name);
+}
 
 std::string sha1Hex(const std::string& text) {
     unsigned char digest[SHA_DIGEST_LENGTH];
@@ -41,47 +44,54 @@ AppManifest fixtureRecord(const char* created) {
 
 }  // namespace
 
-// The fixture is these plain DOM calls' text from Xerces' pretty-printing
-// writer, sealed with sha1sum over the GUID and that text; it was created in
-// Berlin's repeated hour.
+// The seals were computed once with sha1sum over the GUID followed by the
+// golden text (empty record: empty key; full record in UTC+2).
+TEST(ManifestSeal, RecordsGiveTheGoldenTextsSealedOverGuidAndText) {
+    ScopedTimeZone zone("Etc/GMT-2");
+    AppManifestSerializer serializer;
+    EXPECT_EQ(serialized(serializer, AppManifest()), golden("empty-record.xml"));
+    EXPECT_EQ(serialized(serializer, fullRecord()), golden("full-record.xml"));
+    const std::string seal = "f750a47571a9cacd0b28bdcf772de77c6d1e8173";
+    EXPECT_EQ(serializer.signDocument("", build(serializer, AppManifest()).get()),
+              "dac7c11644e8e94f54856645756f1f3caf15e464");
+    const auto full = build(serializer, fullRecord());
+    EXPECT_EQ(serializer.signDocument(kFullGuid, full.get()), seal);
+
+    std::string upper = seal, flipped = seal;
+    for (char& c : upper) c = static_cast<char>(std::toupper(c));
+    flipped[39] = '4';
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), seal));
+    EXPECT_TRUE(serializer.verifyDocument(kFullGuid, full.get(), upper));
+    for (const auto& [key, wrong] : {std::pair<std::string, std::string>{kFullGuid, seal + "0"},
+                                     {kFullGuid, seal.substr(0, 39)},
+                                     {kFullGuid, ""},
+                                     {kFullGuid, flipped},
+                                     {"", seal},
+                                     {kFullGuid + "x", seal}}) {
+        EXPECT_FALSE(serializer.verifyDocument(key, full.get(), wrong)) << key << " " << wrong;
+    }
+    AppManifest badGuid;
+    badGuid.GUID = "\xff";  // not UTF-8
+    EXPECT_THROW(serialized(serializer, badGuid), std::runtime_error);
+}
+
+// The fixture is what Xerces' pretty-printing writer made of plain DOM calls
+// building the fixture's record, sealed with sha1sum over the GUID and that
+// text; it was created in Berlin's repeated hour.
 TEST(ManifestSeal, PlainXercesManifestIsCanonicalAndVerifiesEverywhere) {
     const std::string manifest = read_file(TSAPP_TEST_FIXTURES "/manifest/xerces-written.xml");
     {
         ScopedTimeZone zone("UTC");
         AppManifestSerializer serializer;
-        const auto document = opc::model::XercesHelper::createDocument();
-        document->setXmlStandalone(true);
-        const auto add = [&](xercesc::DOMNode* parent, const char16_t* name,
-                             const char16_t* text = nullptr) {
-            auto* element = document->createElementNS(AppManifestSerializer::NAMESPACE, name);
-            parent->appendChild(element);
-            if (text != nullptr) element->setTextContent(text);
-            return element;
-        };
-        auto* root = add(document.get(), u"appProperties");
-        add(root, u"entryPoint", u"index.html"), add(root, u"name", u"Hello");
-        add(root, u"version", u"1.0"), add(root, u"createdByTESSALRelease", u"");
-        add(root, u"GUID", u16(kGuid).c_str());
-        auto* author = add(root, u"author");
-        add(author, u"name", u"Jane"), add(author, u"contact", u"");
-        add(author, u"organization", u"");
-        auto* platforms = add(root, u"supportedPlatforms");
-        add(platforms, u"platform", u"win64"), add(platforms, u"platform", u"");
-        add(root, u"requiredProducts"), add(add(root, u"pathEntries"), u"path", u"");
-        add(root, u"numFiles", u"1"), add(root, u"created", u"2013-10-27T00:30:00Z");
-        add(add(root, u"appEntries"), u"appFile", u"index.html");
-        std::ostringstream plain;
-        serializer.serializeDocument(plain, document.get());
-        EXPECT_EQ(plain.str(), serialized(serializer, fixtureRecord("2013-10-27 00:30:00")));
-        const std::string seal = " signature=\"" + sha1Hex(kGuid + plain.str()) + "\"";
-        EXPECT_EQ(replaced(manifest, seal, ""), plain.str());
+        const std::string plain = serialized(serializer, fixtureRecord("2013-10-27 00:30:00"));
+        EXPECT_EQ(replaced(manifest, " signature=\"" + sha1Hex(kGuid + plain) + "\"", ""), plain);
     }
     ScopedTimeZone zone("Europe/Berlin");
     AppManifest record;
     ASSERT_EQ(load_result(manifest, &record), "(loaded)");
     EXPECT_TRUE(same_record(record, fixtureRecord("2013-10-27 02:30:00")));
     TempDir dir;
-    app_package_with(manifest).write(dir.file("app.tsappinstall"));
+    app_package(manifest).write(dir.file("app.tsappinstall"));
     EXPECT_EQ(Corvane::addons::apps::Tsappinstall().getAppInfo(dir.ufile("app.tsappinstall")).name,
               u"Hello");
 #ifdef TSAPP_TOOL

@@ -2,16 +2,9 @@
 
 // Records and helpers shared by the manifest and app information tests.
 
-#include <gtest/gtest.h>
-
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <typeinfo>
-#include <vector>
-
+#include "support/TestSupport.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 
@@ -19,36 +12,20 @@ namespace tsapp::test {
 
 inline const std::string kFullGuid = "{3F2504E0-4F89-11D3-9A0C-0305E82C3301}";
 
-// Every field set; `created` is local time 2024-03-05 08:07:08.250, which is
+// Every field set; `created` is local time 2024-03-05 08:07:08, which is
 // 06:07:08 UTC in a zone two hours east of UTC.
 inline AppManifest fullRecord() {
     AppManifest m;
-    m.GUID = kFullGuid;
-    m.entryPoint = u"main.js";
-    m.name = u"Sample & <App>";
-    m.version = u"1.2.3";
-    m.createdByTESSALRelease = u"14.1";
-    m.summary = u"Short";
-    m.description = u"Long \"text\"\nwith line";
-    m.minTESSALVer = u"13.0";
-    m.maxTESSALVer = u"15.0";
-    m.authorName = u"Jane Doe";
-    m.authorContact = u"jane@example.com";
-    m.authorOrganization = u"Ex\u00e4mple GmbH";
-    m.numFiles = 42;
-    m.supportedPlatforms = {u"win64", u"linux64"};
+    m.GUID = kFullGuid, m.entryPoint = u"main.js", m.name = u"Sample & <App>";
+    m.version = u"1.2.3", m.createdByTESSALRelease = u"14.1", m.summary = u"Short";
+    m.description = u"Long \"text\"\nwith line", m.minTESSALVer = u"13.0";
+    m.maxTESSALVer = u"15.0", m.authorName = u"Jane Doe", m.authorContact = u"jane@example.com";
+    m.authorOrganization = u"Ex\u00e4mple GmbH", m.numFiles = 42;
+    m.supportedPlatforms = {u"win64", u"linux64"}, m.pathEntries = {u"lib", u"data"};
     m.requiredProducts = {{u"prod.a", u"Product A", u"1.0"}, {u"prod.b", u"B", u""}};
-    m.pathEntries = {u"lib", u"data"};
     m.appEntries = {u"main.js", u"lib/util.js"};
-    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08.250");
+    m.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
     return m;
-}
-
-// What reading fullRecord() back gives: the document keeps whole seconds.
-inline AppManifest fullRecordAsRead() {
-    AppManifest record = fullRecord();
-    record.created = boost::posix_time::time_from_string("2024-03-05 08:07:08");
-    return record;
 }
 
 inline opc::model::XercesPtr<xercesc::DOMDocument> build(AppManifestSerializer& serializer,

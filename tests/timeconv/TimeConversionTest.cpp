@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <tuple>
+
 #include "support/TestSupport.hpp"
-#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Conversions.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
@@ -13,37 +12,29 @@ using boost::posix_time::time_from_string;
 using tsapp::test::ScopedTimeZone;
 
 // POSIX TZ strings count hours west of UTC: "UTC-2" is two hours east.
+// Local times at clock changes are the seal tests' rows.
 TEST(TimeConversion, LocalAndUtcFollowTheZone) {
-    struct Case {
-        const char* tz;
-        const char* local;
-        const char* utc;
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"Etc/GMT+5", "1969-12-31 19:00:00", "1970-01-01 00:00:00"},
+        {"UTC-2", "1965-05-01 10:30:00", "1965-05-01 08:30:00"},
     };
-    for (const Case& c : {Case{"UTC-2", "2024-06-01 14:00:00", "2024-06-01 12:00:00"},
-                          Case{"Etc/GMT+5", "2024-01-01 20:00:00", "2024-01-02 01:00:00"},
-                          Case{"Etc/GMT+5", "1969-12-31 19:00:00", "1970-01-01 00:00:00"},
-                          Case{"UTC-2", "1965-05-01 10:30:00", "1965-05-01 08:30:00"}}) {
-        ScopedTimeZone zone(c.tz);
-        EXPECT_EQ(convertLocalTimeToUTC(time_from_string(c.local)), time_from_string(c.utc))
-            << c.tz << " " << c.local;
-        if (time_from_string(c.utc).date().year() >= 1970) {
-            EXPECT_EQ(convertUTCToLocalTime(time_from_string(c.utc)), time_from_string(c.local))
-                << c.tz << " " << c.utc;
+    for (const auto& [tz, local, utc] : cases) {
+        ScopedTimeZone zone(tz);
+        EXPECT_EQ(convertLocalTimeToUTC(time_from_string(local)), time_from_string(utc)) << local;
+        if (time_from_string(utc).date().year() >= 1970) {
+            EXPECT_EQ(convertUTCToLocalTime(time_from_string(utc)), time_from_string(local)) << utc;
         }
     }
     ScopedTimeZone zone("UTC-2");
-    // To local keeps the fraction; to UTC drops it.
+    // To local keeps the fraction (to UTC drops it: ManifestLoadSaveTest).
     EXPECT_EQ(convertUTCToLocalTime(time_from_string("2024-06-01 12:00:00.250")),
               time_from_string("2024-06-01 14:00:00.250"));
-    EXPECT_EQ(convertLocalTimeToUTC(time_from_string("2024-06-01 14:00:00.250")),
-              time_from_string("2024-06-01 12:00:00"));
     EXPECT_TRUE(convertUTCToLocalTime(ptime()).is_not_a_date_time());
     EXPECT_TRUE(convertLocalTimeToUTC(ptime()).is_not_a_date_time());
 }
 
 TEST(OpcConversions, TimeIsWrittenInUtcWithZAndReadBackExactly) {
     const std::pair<const char*, const char16_t*> cases[] = {
-        {"2024-03-05 06:07:08", u"2024-03-05T06:07:08Z"},
         {"1400-01-01 00:00:00.250", u"1400-01-01T00:00:00.25Z"},
         {"9999-12-31 23:59:59.000001", u"9999-12-31T23:59:59.000001Z"},
         {"1969-12-31 23:59:59", u"1969-12-31T23:59:59Z"},
@@ -52,8 +43,6 @@ TEST(OpcConversions, TimeIsWrittenInUtcWithZAndReadBackExactly) {
         EXPECT_EQ(opc::convertTimeToString(time_from_string(time)), text);
         EXPECT_EQ(opc::convertStringToTime(text), time_from_string(time));
     }
-    EXPECT_EQ(opc::convertTimeToString(ptime()), u"");
-    EXPECT_THROW(opc::convertTimeToString(ptime(boost::date_time::pos_infin)), opc::Exception);
 }
 
 TEST(OpcConversions, ReaderAcceptsEveryXsdDateTimeForm) {
@@ -87,11 +76,8 @@ TEST(OpcConversions, ReaderRefusesWhatIsNotAnXsdDateTime) {
     for (const char16_t* text :
          {u"10000-01-01T00:00:00Z", u"-2024-01-01T00:00:00Z", u"1399-12-31T23:59:59Z",
           u"9999-12-31T23:00:00-02:00", u"1400-01-01T00:30:00+01:00"}) {
-        try {
-            opc::convertStringToTime(text);
-            ADD_FAILURE() << fl::i18n::to_string(text);
-        } catch (const std::out_of_range& e) {
-            EXPECT_STREQ(e.what(), "Year is out of valid range: 1400..9999");
-        }
+        EXPECT_EQ(tsapp::test::error_of<std::out_of_range>([&] { opc::convertStringToTime(text); }),
+                  "Year is out of valid range: 1400..9999")
+            << fl::i18n::to_string(text);
     }
 }

@@ -1,12 +1,9 @@
 #include "platform/zip/EntryDecoder.hpp"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "platform/base/UniqueFd.hpp"
 #include "support/PackageBuilder.hpp"
-#include "support/TestSupport.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace {
@@ -17,19 +14,16 @@ using namespace tsapp::test;
 using namespace std::string_literals;
 
 // Hands out a byte string in small, uneven pieces, as a real stream may.
-class ChoppyStream : public opc::InputStream {
-  public:
-    explicit ChoppyStream(std::string bytes) : bytes_(std::move(bytes)) {}
+struct ChoppyStream : opc::InputStream {
+    explicit ChoppyStream(std::string raw) : bytes(std::move(raw)) {}
     std::size_t read(unsigned char* buffer, std::size_t size) override {
-        const std::size_t n = std::min({size, bytes_.size() - pos_, std::size_t{7777}});
-        std::copy_n(bytes_.data() + pos_, n, buffer);
-        pos_ += n;
+        const std::size_t n = std::min({size, bytes.size() - pos, std::size_t{7777}});
+        std::copy_n(bytes.data() + pos, n, buffer);
+        pos += n;
         return n;
     }
-
-  private:
-    std::string bytes_;
-    std::size_t pos_ = 0;
+    std::string bytes;
+    std::size_t pos = 0;
 };
 
 EntryFacts factsOf(int method, const std::string& plain, const std::string& raw) {
@@ -44,12 +38,9 @@ std::string decode(EntryDecoder& decoder, const EntryFacts& facts, const std::st
     TempDir dir;
     opc::detail::UniqueFd fd(::open(dir.file("out").c_str(), O_WRONLY | O_CREAT, 0644));
     ChoppyStream stream(raw);
-    try {
-        decoder.decodeTo(facts, stream, fd.get(), "x.bin");
-    } catch (const opc::Exception& e) {
-        return e.what();
-    }
-    return read_file(dir.file("out"));
+    const std::string error =
+        error_of<opc::Exception>([&] { decoder.decodeTo(facts, stream, fd.get(), "x.bin"); });
+    return error.empty() ? read_file(dir.file("out")) : error;
 }
 
 }  // namespace
