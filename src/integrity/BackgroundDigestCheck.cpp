@@ -6,7 +6,10 @@ namespace tsappinstall::integrity::detail {
 
 BackgroundDigestCheck::BackgroundDigestCheck(DigestCheck& check,
                                              std::vector<opc::model::PartName> skipped)
-    : check_(check), skipped_(std::move(skipped)), worker_([this] { run(); }) {}
+    : check_(check), skipped_(std::move(skipped)) {
+    spare_.reserve(kMaxQueued);  // so that the worker's push_back never allocates
+    worker_ = std::thread([this] { run(); });
+}
 
 BackgroundDigestCheck::~BackgroundDigestCheck() {
     stop();
@@ -40,15 +43,14 @@ void BackgroundDigestCheck::beforeCommit() {
     if (!faults.empty()) throw DigestFaults{faults};
 }
 
-// Hands the batch being filled to the worker and starts another.
+// Hands the batch being filled to the worker and starts another. The
+// last one may pass the bound, so that stopping never waits on a full
+// queue.
 void BackgroundDigestCheck::post(bool last) {
     Batch next;
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        // The last batch may pass the bound: the worker drains the queue
-        // whatever happens, so stopping never waits on a full queue.
         if (!last) changed_.wait(lock, [this] { return queue_.size() < kMaxQueued; });
-        filling_.last = last;
         queue_.push_back(std::move(filling_));
         if (!spare_.empty()) {
             next = std::move(spare_.back());
@@ -63,29 +65,34 @@ void BackgroundDigestCheck::post(bool last) {
 
 void BackgroundDigestCheck::stop() noexcept {
     if (!worker_.joinable()) return;
+    std::exception_ptr lost;  // the last batch, when there was no memory to queue it
     try {
         post(true);
     } catch (...) {
-        // Out of memory for the last batch: the worker must stop all the same.
+        lost = std::current_exception();
+    }
+    {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!error_) error_ = std::current_exception();
-        queue_.push_back(Batch{{}, {}, true});
+        stopping_ = true;
     }
     changed_.notify_all();
     worker_.join();
+    if (lost && !error_) error_ = lost;
 }
 
 void BackgroundDigestCheck::run() {
-    for (bool last = false; !last;) {
+    for (;;) {
         Batch batch;
         {
             std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return !queue_.empty(); });
+            changed_.wait(lock, [this] { return !queue_.empty() || stopping_; });
+            if (queue_.empty()) return;
             batch = std::move(queue_.front());
             queue_.pop_front();
         }
         changed_.notify_all();
-        last = batch.last;
+        // After a failure the rest is drained unread, so the extraction
+        // never waits on a full queue.
         if (!error_) {
             try {
                 hash(batch);
@@ -94,7 +101,7 @@ void BackgroundDigestCheck::run() {
             }
         }
         std::lock_guard<std::mutex> lock(mutex_);
-        spare_.push_back(std::move(batch));
+        if (spare_.size() < kMaxQueued) spare_.push_back(std::move(batch));
     }
 }
 

@@ -50,7 +50,6 @@ class BackgroundDigestCheck final : public opc::extraction::PartObserver {
     struct Batch {
         std::vector<Event> events;
         std::vector<unsigned char> bytes;
-        bool last = false;
     };
 
     void post(bool last);
@@ -70,7 +69,8 @@ class BackgroundDigestCheck final : public opc::extraction::PartObserver {
     std::condition_variable changed_;
     std::deque<Batch> queue_;
     std::vector<Batch> spare_;  // hashed batches, their memory reused
-    std::exception_ptr error_;
+    bool stopping_ = false;     // no more batches come
+    std::exception_ptr error_;  // the worker's; read by others only after join()
     std::thread worker_;
 };
 
