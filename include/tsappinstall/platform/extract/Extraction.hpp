@@ -24,12 +24,12 @@ namespace opc::extraction {
 // this stops it before the first byte is written.
 inline constexpr std::uint64_t kDefaultMaxBytes = std::uint64_t{2} << 30;
 
-// Sees every part's decoded bytes in the one pass that writes them, so a
-// caller can check them (content digests) without reading the package
-// twice. The bytes are given before they are known to be whole: a part
+// Sees the decoded bytes of every part the extraction writes, in the one
+// pass that writes them, so a caller can check them (content digests)
+// without reading the package twice. The bytes are given before they are known to be whole: a part
 // whose CRC-32 or size turns out wrong fails the extraction after its
 // bytes went by.
-class PartObserver {
+class TSAPP_API PartObserver {
   public:
     virtual ~PartObserver() = default;
     virtual void begin(const opc::model::PartName& part) = 0;
