@@ -41,22 +41,8 @@ std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
     if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty())
         return std::nullopt;
     const auto list = integrity::detail::readDigestList(package, faults);
-    if (!list) return std::nullopt;
-    try {
-        return std::make_optional<DigestCheck>(integrity::parseDigestList(list->text));
-    } catch (const integrity::IntegrityError& e) {
-        faults.push_back({integrity::FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
-        return std::nullopt;
-    }
-}
-
-// Reads `item` to its end, hashing it for `digests` when given.
-void readThrough(const std::string& item, opc::InputStream& in, DigestCheck* digests,
-                 std::vector<unsigned char>& buffer) {
-    if (digests) digests->begin(item);
-    for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) != 0;)
-        if (digests) digests->update(buffer.data(), n);
-    if (digests) digests->end();
+    if (!list || !list->entries) return std::nullopt;
+    return std::make_optional<DigestCheck>(*list->entries);
 }
 
 // Decodes every part, so that its size and CRC-32 are checked, and in the
@@ -69,16 +55,16 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
     const auto unlisted = integrity::detail::integrityParts(package);
     std::vector<unsigned char> buffer(kDecodeBuffer);
     if (digests)
-        integrity::detail::visitContentTypes(
-            package, [&](auto& item, auto& in) { readThrough(item, in, &*digests, buffer); });
+        integrity::detail::visitContentTypes(package, [&](auto& item, auto& in) {
+            integrity::detail::readItem(item, in, &*digests, buffer);
+        });
     for (const PartName& name : package.getPartNames()) {
         const bool listed = std::find(unlisted.begin(), unlisted.end(), name) == unlisted.end();
         DigestCheck* check = digests && listed ? &*digests : nullptr;
         try {
             opc::model::Part part = package.getPart(name);
-            readThrough(name.zipItemName(), part.getInputStream(), check, buffer);
+            integrity::detail::readItem(name.zipItemName(), part.getInputStream(), check, buffer);
         } catch (const opc::Exception& e) {
-            if (check) check->abandon(e.what());
             report.faults.push_back(
                 {FaultKind::DamagedPart, "damaged part " + name.ascii() + ": " + e.what()});
         }

@@ -15,26 +15,15 @@ VerifiedExtraction extractVerified(const std::string& path, const std::string& f
     VerificationReport& report = result.report;
     opc::model::OpenedPackage package(fl::i18n::to_ustring(path));
     const auto list = detail::readDigestList(package.package(), report.faults);
-    if (!list) return result;
-    std::vector<DigestEntry> expected;
-    try {
-        expected = parseDigestList(list->text);
-    } catch (const IntegrityError& e) {
-        report.faults.push_back({FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
-        return result;
-    }
+    if (!list || !list->entries) return result;
     detail::checkAuthor(package.package(), list->text, policy, report);
     if (!report.ok()) return result;
 
-    DigestCheck check(expected);
+    DigestCheck check(*list->entries);
     std::vector<unsigned char> buffer(1 << 16);
-    detail::visitContentTypes(
-        package.package(), [&](const std::string& item, opc::InputStream& in) {
-            check.begin(item);
-            for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) > 0;)
-                check.update(buffer.data(), n);
-            check.end();
-        });
+    detail::visitContentTypes(package.package(), [&](const std::string& item, auto& in) {
+        detail::readItem(item, in, &check, buffer);
+    });
     detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package.package()));
     options.observer = &hashing;
     opc::extraction::Extractor extractor(package.package(), opc::FileSystemOpsSelector(),

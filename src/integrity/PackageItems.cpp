@@ -5,6 +5,7 @@
 
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace tsappinstall::integrity::detail {
 
@@ -44,6 +45,19 @@ void forEachItem(opc::model::Package& package, const std::vector<PartName>& excl
         opc::model::Part part = package.getPart(name);
         visit(name.zipItemName(), part.getInputStream());
     }
+}
+
+void readItem(const std::string& item, opc::InputStream& in, DigestCheck* check,
+              std::vector<unsigned char>& buffer) {
+    if (check) check->begin(item);
+    try {
+        for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) != 0;)
+            if (check) check->update(buffer.data(), n);
+    } catch (const opc::Exception& e) {
+        if (check) check->abandon(e.what());
+        throw;
+    }
+    if (check) check->end();
 }
 
 }  // namespace tsappinstall::integrity::detail

@@ -8,6 +8,10 @@
 
 #include "tsappinstall/platform/opc/Package.hpp"
 
+namespace tsappinstall::integrity {
+class DigestCheck;
+}
+
 namespace tsappinstall::integrity::detail {
 
 // The internal targets of the package relationships of `type`.
@@ -22,6 +26,12 @@ void forEachItem(opc::model::Package& package, const std::vector<opc::model::Par
 
 // [Content_Types].xml alone: it is an item of the container, not a part.
 void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit);
+
+// Reads `in` to its end, so that its size and CRC-32 are checked, feeding
+// it to `check` as `item` when given. A read failure abandons the item in
+// `check` and is rethrown.
+void readItem(const std::string& item, opc::InputStream& in, DigestCheck* check,
+              std::vector<unsigned char>& buffer);
 
 // The digest and signature parts: never themselves covered.
 std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);

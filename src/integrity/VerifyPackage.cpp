@@ -5,7 +5,7 @@
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
-#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsappinstall::integrity {
 namespace {
@@ -38,19 +38,16 @@ const PartName* single(const std::vector<PartName>& targets, const opc::model::P
     return nullptr;
 }
 
-void checkDigests(opc::model::Package& package, const std::string& list,
+void checkDigests(opc::model::Package& package, const std::vector<DigestEntry>& list,
                   std::vector<Fault>& faults) {
-    DigestCheck check(parseDigestList(list));
+    DigestCheck check(list);
     std::vector<unsigned char> buffer(1 << 16);
     forEachItem(package, integrityParts(package),
                 [&](const std::string& item, opc::InputStream& in) {
-                    check.begin(item);
                     try {
-                        for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) > 0;)
-                            check.update(buffer.data(), n);
-                        check.end();
-                    } catch (const opc::Exception& e) {
-                        check.abandon(e.what());
+                        detail::readItem(item, in, &check, buffer);
+                    } catch (const opc::Exception&) {
+                        // a fault of the item's own, from abandon()
                     }
                 });
     const std::vector<Fault>& found = check.finish();
@@ -67,7 +64,13 @@ std::optional<DigestListPart> readDigestList(opc::model::Package& package,
     const PartName* part =
         single(parts, package, "the digest list", faults, FaultKind::NoDigestList);
     if (part == nullptr) return std::nullopt;
-    return DigestListPart{*part, readPart(package, *part)};
+    DigestListPart list{*part, readPart(package, *part), std::nullopt};
+    try {
+        list.entries = parseDigestList(list.text);
+    } catch (const IntegrityError& e) {
+        faults.push_back({FaultKind::MalformedDigestList, part->ascii(), e.what()});
+    }
+    return list;
 }
 
 void checkAuthor(opc::model::Package& package, const std::string& list,
@@ -98,11 +101,7 @@ void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
                 VerificationReport& report) {
     const auto list = detail::readDigestList(package, report.faults);
     if (!list) return;
-    try {
-        checkDigests(package, list->text, report.faults);
-    } catch (const IntegrityError& e) {
-        report.faults.push_back({FaultKind::MalformedDigestList, list->name.ascii(), e.what()});
-    }
+    if (list->entries) checkDigests(package, *list->entries, report.faults);
     detail::checkAuthor(package, list->text, policy, report);
 }
 
@@ -111,10 +110,9 @@ void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
 VerificationReport verifyPackage(const std::string& path, const VerificationPolicy& policy) {
     VerificationReport report;
     try {
-        opc::zippackage::ZipPhysicalPackage container(fl::i18n::to_ustring(path), true);
-        opc::model::Package package(container);
-        package.open(opc::interfaces::OpenMode::Read);
-        verifyOpen(package, policy, report);
+        opc::model::OpenedPackage opened(fl::i18n::to_ustring(path));
+        verifyOpen(opened.package(), policy, report);
+        opened.close();
     } catch (const opc::Exception& e) {
         // Only opening and the two integrity parts' reads get here: every
         // other item's read failure is a fault of its own.

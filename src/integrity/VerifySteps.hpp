@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
@@ -15,9 +16,11 @@ namespace tsappinstall::integrity::detail {
 struct DigestListPart {
     opc::model::PartName name;
     std::string text;
+    // Parsed; none when the text is malformed (a MalformedDigestList fault).
+    std::optional<std::vector<DigestEntry>> entries;
 };
 
-// The one digest part's bytes, or a NoDigestList fault.
+// The one digest part, or a NoDigestList fault.
 std::optional<DigestListPart> readDigestList(opc::model::Package& package,
                                              std::vector<Fault>& faults);
 
