@@ -27,7 +27,7 @@ int runList(const std::string& package, bool relationships, bool json);
 int runPart(const std::string& package, const std::string& relationshipType,
             const std::string& output);
 struct ExtractSettings {
-    std::uint64_t maxBytes = opc::extraction::kDefaultMaxBytes;  // 0: no limit
+    std::uint64_t maxBytes = 0;  // 0: no limit but the free space
     bool sync = false;
     bool keep = false;  // fail, changing nothing, when a file would be replaced
     bool verify = false;
@@ -36,7 +36,7 @@ struct ExtractSettings {
 };
 int runExtract(const std::string& package, const std::string& folder,
                const ExtractSettings& settings);
-int runRecover(const std::string& folder);
+int runRecover(const std::string& folder, bool discardUnreadable);
 int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
             const std::string& keyFile, const std::string& certificateFile);
 int runVerify(const std::vector<std::string>& packages, const std::vector<std::string>& trust,

@@ -157,15 +157,21 @@ int runExtract(const std::string& package, const std::string& folder,
     return kGood;
 }
 
-int runRecover(const std::string& folder) {
+int runRecover(const std::string& folder, bool discardUnreadable) {
     using fl::filesystem::detail::make_native_form;
     const std::string nativeFolder = utf8(make_native_form(utf16(folder), true));
-    const auto recovery = opc::extraction::recover(nativeFolder);
+    const auto recovery =
+        opc::extraction::recover(nativeFolder, opc::FileSystemOpsSelector(), discardUnreadable);
     for (const auto& line : recovery.done) std::cout << line << "\n";
     for (const auto& left : recovery.leftAside) printError(folder + ": could not repair " + left);
-    if (recovery.done.empty() && recovery.leftAside.empty())
+    for (const auto& left : recovery.unreadable)
+        printError(folder + ": left alone " + left + "; --discard removes it");
+    for (const auto& left : recovery.skipped)
+        std::cerr << "tsapp: warning: " << folder << ": left alone " << left
+                  << ": not an extraction folder of this user's\n";
+    if (recovery.done.empty() && recovery.leftAside.empty() && recovery.unreadable.empty())
         std::cout << "nothing to recover in " << nativeFolder << "\n";
-    return recovery.leftAside.empty() ? kGood : kBad;
+    return recovery.leftAside.empty() && recovery.unreadable.empty() ? kGood : kBad;
 }
 
 }  // namespace tsapp::tool

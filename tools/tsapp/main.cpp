@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
                       "Fail, changing nothing, when a file would be replaced");
     extract
         ->add_option("--max-size", extractSettings.maxBytes,
-                     "Most bytes the parts may add up to (default 2GiB; 0: no limit)")
+                     "Most bytes the parts may add up to (default: no limit but the free space)")
         ->transform(CLI::AsSizeValue(false));
     extract->add_flag("--sync", extractSettings.sync,
                       "Flush every file and folder to disk before the new files count");
@@ -117,6 +117,9 @@ int main(int argc, char** argv) {
     recover->add_option("DIR", folder, "Destination folder of the interrupted extraction")
         ->required()
         ->check(nonEmpty);
+    bool discard = false;
+    recover->add_flag("--discard", discard,
+                      "Remove staging folders of ours whose journal cannot be read");
 
     auto* pack = app.add_subcommand(
         "pack",
@@ -176,7 +179,7 @@ int main(int argc, char** argv) {
         if (shot->parsed()) return runPart(package, "screenshot", output);
         if (part->parsed()) return runPart(package, relType, output);
         if (extract->parsed()) return runExtract(package, folder, extractSettings);
-        if (recover->parsed()) return runRecover(folder);
+        if (recover->parsed()) return runRecover(folder, discard);
         if (pack->parsed()) return runPack(folder, output, guid, key, cert);
         if (verify->parsed()) return runVerify(packages, trust, allowUnsigned);
     } catch (const Failure& e) {

@@ -4,6 +4,7 @@
 
 #include "platform/base/Ascii.hpp"
 
+#include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -37,7 +38,11 @@ void checkSegment(const std::string& segment, const std::string& partName) {
     if (segment.find('/') != std::string::npos) refuse(partName, "encoded slash");
     if (segment.find('\0') != std::string::npos) refuse(partName, "NUL character");
     if (segment.size() > NAME_MAX) refuse(partName, "segment too long");
+    if (isReservedName(segment))
+        refuse(partName, "the extractor reserves names beginning with \".~tsapp\"");
 }
+
+const char kReservedPrefix[] = ".~tsapp";
 
 }  // namespace
 
@@ -62,6 +67,36 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
     }
     return segments;
 }
+
+bool isReservedName(const std::string& segment) {
+    const std::size_t size = sizeof kReservedPrefix - 1;
+    return segment.size() >= size && ascii_lower(segment.substr(0, size)) == kReservedPrefix;
+}
+
+}  // namespace opc::detail
+
+namespace opc::extraction {
+
+bool isReservedPartName(const std::string& partName) {
+    std::size_t start = partName.empty() || partName[0] != '/' ? 0 : 1;
+    while (start <= partName.size()) {
+        std::size_t end = partName.find('/', start);
+        if (end == std::string::npos) end = partName.size();
+        std::string decoded;
+        for (std::size_t i = start; i < end; ++i) {
+            const int octet = partName[i] == '%' ? detail::percent_decoded_octet(partName, i) : -1;
+            decoded += octet < 0 ? partName[i] : static_cast<char>(octet);
+            if (octet >= 0) i += 2;
+        }
+        if (detail::isReservedName(decoded)) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+}  // namespace opc::extraction
+
+namespace opc::detail {
 
 std::string joinSegments(const FileSegments& segments) {
     std::string joined;

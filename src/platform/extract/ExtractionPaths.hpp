@@ -15,11 +15,17 @@ using FileSegments = std::vector<std::string>;
 // Splits `partName` ("/lib/a%20b.js") into its segments, percent-decoding
 // them when `decode` is true. Throws opc::Exception for anything that could
 // not be a plain relative path: an empty, "." or ".." segment, a decoded "/"
-// or NUL, a malformed escape, a segment longer than a file name may be, or
-// a whole path of PATH_MAX bytes or more.
+// or NUL, a malformed escape, a segment longer than a file name may be, a
+// name the extractor reserves for itself, or a whole path of PATH_MAX bytes
+// or more.
 // The package already refuses such part names; this is the last line of
 // defence before a name reaches the file system.
 FileSegments fileSegmentsFor(const std::string& partName, bool decode);
+
+// True for a file or folder name the extractor keeps for itself: every
+// name that begins with ".~tsapp", in any ASCII case (so that a file
+// system that ignores case cannot alias one either).
+bool isReservedName(const std::string& segment);
 
 // "a/b/c" for diagnostics.
 std::string joinSegments(const FileSegments& segments);

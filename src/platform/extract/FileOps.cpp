@@ -4,11 +4,50 @@
 #include <stdio.h>  // renameat2
 #include <unistd.h>
 
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+
 #include <cerrno>
+#include <cstdint>
+#include <string>
 
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
 namespace opc::detail {
+namespace {
+
+// openBeneath() where openat2() is missing: every component opened
+// relative to the one before, none of them a link. Absolute paths, empty
+// components and ".." are refused as openat2() refuses escapes.
+int walkBeneath(int dir, const char* path, int flags) {
+    const std::string whole = path;
+    if (whole.empty() || whole.front() == '/') {
+        errno = EXDEV;
+        return -1;
+    }
+    int current = ::fcntl(dir, F_DUPFD_CLOEXEC, 0);
+    for (std::size_t start = 0; current >= 0;) {
+        const std::size_t slash = whole.find('/', start);
+        const std::string name = whole.substr(start, slash - start);
+        if (name.empty() || name == "..") {
+            ::close(current);
+            errno = EXDEV;
+            return -1;
+        }
+        const bool last = slash == std::string::npos;
+        const int next = ::openat(current, name.c_str(),
+                                  (last ? flags : O_RDONLY | O_DIRECTORY) | O_NOFOLLOW | O_CLOEXEC);
+        const int error = errno;
+        ::close(current);
+        errno = error;
+        if (last) return next;
+        current = next;
+        start = slash + 1;
+    }
+    return -1;
+}
+
+}  // namespace
 
 int FileOps::failed(FileCall call) const {
     if (const int error = fault(call)) {
@@ -23,9 +62,20 @@ int FileOps::openat(int dir, const char* name, int flags, mode_t mode) const {
     return ::openat(dir, name, flags | O_CLOEXEC, mode);
 }
 
-int FileOps::mkdirat(int dir, const char* name) const {
+int FileOps::mkdirat(int dir, const char* name, mode_t mode) const {
     if (failed(FileCall::Mkdir)) return -1;
-    return ::mkdirat(dir, name, 0777);
+    return ::mkdirat(dir, name, mode);
+}
+
+int FileOps::openBeneath(int dir, const char* path, int flags) const {
+    if (failed(FileCall::Open)) return -1;
+    open_how how{};
+    how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, dir, path, &how, sizeof how);
+    // Older kernels lack the call; some sandboxes refuse it.
+    if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) return static_cast<int>(fd);
+    return walkBeneath(dir, path, flags);
 }
 
 int FileOps::renameat(int fromDir, const char* from, int toDir, const char* to,

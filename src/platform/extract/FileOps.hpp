@@ -26,7 +26,12 @@ class FileOps {
     // it fails: then it returns -1 with errno set and does nothing, except
     // close(), which still releases the descriptor as the kernel does.
     int openat(int dir, const char* name, int flags, mode_t mode = 0) const;
-    int mkdirat(int dir, const char* name) const;
+    int mkdirat(int dir, const char* name, mode_t mode = 0777) const;
+    // Opens the relative `path` below `dir` without ever leaving it and
+    // without following any symbolic link: openat2() with RESOLVE_BENEATH
+    // and RESOLVE_NO_SYMLINKS where the kernel has it, else one component
+    // at a time with O_NOFOLLOW. Counts as one open.
+    int openBeneath(int dir, const char* path, int flags) const;
     // renameat2(); `flags` 0 is a plain renameat().
     int renameat(int fromDir, const char* from, int toDir, const char* to,
                  unsigned flags = 0) const;

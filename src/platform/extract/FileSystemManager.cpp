@@ -1,6 +1,7 @@
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -43,6 +44,30 @@ struct PlannedPart {
     model::PartName name;
     detail::FileSegments path;
 };
+
+// The bytes an unprivileged writer may still put on the file system that
+// holds `path`, or the nearest folder above it that exists.
+std::uint64_t freeBytesAt(std::string path) {
+    for (;;) {
+        struct statvfs info {};
+        if (::statvfs(path.c_str(), &info) == 0)
+            return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
+        const std::size_t slash = path.rfind('/');
+        if (errno != ENOENT || slash == std::string::npos || path == "/") return UINT64_MAX;
+        path = slash == 0 ? "/" : path.substr(0, slash);
+    }
+}
+
+// A package may declare any size, but not more than the destination can
+// hold: it fails here, not after filling the disk.
+void checkFreeSpace(std::uint64_t bytesTotal, const std::string& destination) {
+    const std::uint64_t available = freeBytesAt(destination);
+    if (bytesTotal > available)
+        throw Exception(Reason::CannotWrite, "the package needs " + std::to_string(bytesTotal) +
+                                                 " bytes, but the file system of \"" + destination +
+                                                 "\" has " + std::to_string(available) +
+                                                 " bytes free");
+}
 
 [[noreturn]] void cancelled() {
     throw Exception(Reason::Cancelled, "the extraction was cancelled");
@@ -95,7 +120,9 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
         plan.push_back({std::move(name), std::move(path)});
     }
 
-    detail::StagedExtraction staging(fl::i18n::to_string(folder),
+    const std::string destination = fl::i18n::to_string(folder);
+    checkFreeSpace(bytesTotal, destination);
+    detail::StagedExtraction staging(destination,
                                      replace == ReplaceMode::Replace
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
@@ -130,7 +157,8 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
     return Outcome{staging.warnings()};
 }
 
-Recovery recover(const std::string& destination, const FileSystemOpsSelector& selector) {
+Recovery recover(const std::string& destination, const FileSystemOpsSelector& selector,
+                 bool discardUnreadable) {
     if (destination.empty() || destination[0] != '/')
         throw Exception("the destination \"" + destination + "\" is not an absolute path");
     std::string path = destination;
@@ -143,7 +171,8 @@ Recovery recover(const std::string& destination, const FileSystemOpsSelector& se
         throw Exception("cannot open the folder \"" + path + "\": " + std::strerror(errno));
     Recovery out;
     detail::recoverDestination(detail::fileOpsOf(selector), parent ? parent.get() : -1,
-                               dest ? dest.get() : -1, path, path.substr(slash + 1), out);
+                               dest ? dest.get() : -1, path, path.substr(slash + 1),
+                               discardUnreadable, out);
     return out;
 }
 

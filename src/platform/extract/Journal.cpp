@@ -7,16 +7,21 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <memory>
 
-#include "platform/base/ReadAt.hpp"
+#include "platform/extract/StagingStamp.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
 namespace {
 
 const std::string kPrefix = ".~tsapp-";
-const std::string kMagic = "tsapp-journal-1";
+const std::string kMagic = "tsapp-journal-2";
+const std::string kEnd = "end";
+// Far above any real journal (100,000 paths of 600 bytes), far below what
+// would strain memory.
+constexpr std::size_t kMaxJournalBytes = 64u << 20;
 
 struct DirCloser {
     void operator()(DIR* dir) const { ::closedir(dir); }
@@ -65,44 +70,54 @@ bool isStagingName(const std::string& name, const std::string& beside) {
     return name.compare(at, std::string::npos, "-" + beside) == 0;
 }
 
-bool readWhole(int dir, const char* name, std::string& text) {
-    UniqueFd fd(::openat(dir, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) return false;
-    unsigned char buffer[65536];
-    for (std::uint64_t offset = 0;; offset += sizeof buffer) {
-        const ssize_t got = read_at(fd.get(), buffer, sizeof buffer, offset);
-        if (got < 0) return false;
-        text.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(got));
-        if (static_cast<std::size_t>(got) < sizeof buffer) return true;
+// A path below the destination that cannot leave it: relative, no empty,
+// "." or ".." component, none of the extractor's own names.
+bool isPlainRelativePath(const std::string& path) {
+    if (path.empty() || path.size() >= PATH_MAX || path.front() == '/') return false;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t slash = path.find('/', start);
+        const std::string segment = path.substr(start, slash - start);
+        if (segment.empty() || segment == "." || segment == ".." || segment.size() > NAME_MAX ||
+            isReservedName(segment))
+            return false;
+        if (slash == std::string::npos) return true;
+        start = slash + 1;
     }
 }
 
-bool decodeJournal(const std::string& text, std::vector<JournalEntry>& entries) {
-    std::size_t at = 0;
-    bool first = true;
-    while (at < text.size()) {
+// Empty when `text` is a whole journal for `token` whose every path is
+// plain; else what is wrong with it.
+std::string decodeJournal(const std::string& text, const std::string& token,
+                          std::vector<JournalEntry>& entries) {
+    std::vector<std::string> records;
+    for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = text.find('\0', at);
-        if (end == std::string::npos) return false;
-        const std::string record = text.substr(at, end - at);
+        if (end == std::string::npos) return "it is cut short";
+        records.push_back(text.substr(at, end - at));
         at = end + 1;
-        if (first) {
-            if (record != kMagic) return false;
-            first = false;
-            continue;
-        }
+    }
+    if (records.size() < 3 || records[0] != kMagic) return "it is not a journal";
+    if (records[1] != token) return "it belongs to another staging folder";
+    if (records.back() != kEnd) return "it is cut short";
+    for (std::size_t i = 2; i + 1 < records.size(); ++i) {
+        const std::string& record = records[i];
         JournalEntry entry;
         if (record.size() > 1 && record[0] == 'D') {
             entry.folder = true;
             entry.path = record.substr(1);
-        } else if (record.size() > 2 && record[0] == 'F') {
+        } else if (record.size() > 2 && record[0] == 'F' &&
+                   (record[1] == '0' || record[1] == '1')) {
             entry.existed = record[1] == '1';
             entry.path = record.substr(2);
         } else {
-            return false;
+            return "record " + std::to_string(i) + " is malformed";
         }
+        if (!isPlainRelativePath(entry.path))
+            return "it names a path outside the folder or of the extractor's own";
         entries.push_back(std::move(entry));
     }
-    return !first;
+    return {};
 }
 
 FileSegments splitPath(const std::string& path) {
@@ -176,33 +191,100 @@ void undo(const FileOps& ops, int dest, int staging, const std::string& stagingP
     }
 }
 
+// The journal that says what to do, forward or undo, for the staging
+// folder proven ours by `token`. False when there is none.
+bool readJournal(int staging, const std::string& token, bool& forward,
+                 std::vector<JournalEntry>& entries, std::string& problem) {
+    std::string text, why;
+    forward = true;
+    if (!readOwnFile(staging, kJournal, kMaxJournalBytes, text, why)) {
+        if (why != "is missing") {
+            problem = "its journal " + why;
+            return true;
+        }
+        forward = false;
+        if (!readOwnFile(staging, kUndoJournal, kMaxJournalBytes, text, why)) {
+            if (why == "is missing") return false;
+            problem = "its journal " + why;
+            return true;
+        }
+    }
+    const std::string wrong = decodeJournal(text, token, entries);
+    if (!wrong.empty()) problem = "its journal is unreadable: " + wrong;
+    return true;
+}
+
+// A folder that does not prove itself ours is left alone, unless it holds
+// nothing but perhaps a stamp: a run that died between making its staging
+// folder and finishing its stamp leaves one, and removing it loses nothing.
+void skip(const FileOps& ops, int holder, const std::string& name, const std::string& path,
+          const std::string& why, extraction::Recovery& out) {
+    UniqueFd folder(ops.openat(holder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    const auto names = folder ? listFolder(folder.get()) : decltype(listFolder(0)){};
+    const bool onlyStamp =
+        names.size() == 1 && names.front().first == kStampName && !names.front().second;
+    if (onlyStamp) ops.unlinkat(folder.get(), kStampName, 0);
+    if (folder && ops.unlinkat(holder, name.c_str(), AT_REMOVEDIR) == 0)
+        out.done.push_back("removed the empty " + path);
+    else
+        out.skipped.push_back(path + " (" + why + ")");
+}
+
 // One dead extraction's staging folder inside the destination.
 void recoverInside(const FileOps& ops, int dest, const std::string& path, const std::string& name,
-                   extraction::Recovery& out) {
+                   bool discardUnreadable, extraction::Recovery& out) {
     UniqueFd staging(::openat(dest, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!staging || ::flock(staging.get(), LOCK_EX | LOCK_NB) != 0) return;
     const std::string stagingPath = path + "/" + name;
-    std::string text;
-    const bool forward = readWhole(staging.get(), kJournal, text);
-    if (forward || readWhole(staging.get(), kUndoJournal, text)) {
-        std::vector<JournalEntry> entries;
-        std::vector<std::string> problems;
-        if (!decodeJournal(text, entries)) {
-            out.leftAside.push_back(stagingPath + " (its journal is unreadable)");
+    std::string why;
+    const std::string token = provenToken(dest, staging.get(), why);
+    struct stat info {};
+    if (token.empty() || ::fstat(staging.get(), &info) != 0 || (info.st_mode & 077) != 0) {
+        skip(ops, dest, name, stagingPath, token.empty() ? why : "others may read it", out);
+        return;
+    }
+    bool forward = true;
+    std::vector<JournalEntry> entries;
+    std::string problem;
+    if (readJournal(staging.get(), token, forward, entries, problem)) {
+        if (!problem.empty() && !discardUnreadable) {
+            out.unreadable.push_back(stagingPath + " (" + problem + ")");
             return;
         }
-        if (forward)
+        std::vector<std::string> problems;
+        if (problem.empty() && forward)
             complete(ops, dest, staging.get(), stagingPath, entries, problems);
-        else
+        else if (problem.empty())
             undo(ops, dest, staging.get(), stagingPath, entries, problems);
         if (!problems.empty()) {
             out.leftAside.insert(out.leftAside.end(), problems.begin(), problems.end());
             return;
         }
-        out.done.push_back(std::string(forward ? "completed" : "undid") +
-                           " the interrupted extraction into " + path);
+        out.done.push_back(problem.empty() ? std::string(forward ? "completed" : "undid") +
+                                                 " the interrupted extraction into " + path
+                                           : "discarded " + stagingPath + " (" + problem + ")");
     }
     if (removeTree(ops, dest, name))
+        out.done.push_back("removed " + stagingPath);
+    else
+        out.leftAside.push_back(stagingPath);
+}
+
+// A staging folder beside the destination holds no journal: a dead one is
+// only removed, and only once it proves itself ours.
+void removeBeside(const FileOps& ops, int parent, const std::string& parentPath,
+                  const std::string& name, extraction::Recovery& out) {
+    UniqueFd staging(
+        ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!staging || ::flock(staging.get(), LOCK_EX | LOCK_NB) != 0) return;
+    const std::string stagingPath = parentPath + "/" + name;
+    std::string why;
+    if (provenToken(parent, staging.get(), why).empty()) {
+        skip(ops, parent, name, stagingPath, why, out);
+        return;
+    }
+    staging.reset();
+    if (removeTree(ops, parent, name))
         out.done.push_back("removed " + stagingPath);
     else
         out.leftAside.push_back(stagingPath);
@@ -224,13 +306,16 @@ std::string stagingFolderName(const std::string& beside) {
     return beside.empty() ? name : name + "-" + beside;
 }
 
-std::string encodeJournal(const std::vector<JournalEntry>& entries) {
-    std::string text = kMagic + '\0';
+std::string encodeJournal(const std::string& token, const std::vector<JournalEntry>& entries) {
+    std::string text = kMagic + '\0' + token + '\0';
     for (const auto& entry : entries) {
         text += entry.folder ? "D" : entry.existed ? "F1" : "F0";
         text += entry.path;
         text += '\0';
     }
+    text += kEnd + '\0';
+    if (text.size() > kMaxJournalBytes)
+        throw Exception(Reason::CannotWrite, "the package names more paths than one journal holds");
     return text;
 }
 
@@ -249,19 +334,28 @@ bool removeTree(const FileOps& ops, int parent, const std::string& name) {
 
 UniqueFd openFolderBelow(const FileOps& ops, int root, const FileSegments& folder,
                          std::vector<FileSegments>* created) {
-    UniqueFd current(::dup(root));
+    const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+    if (folder.empty()) return UniqueFd(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+    if (!created) {
+        UniqueFd found(ops.openBeneath(root, joinSegments(folder).c_str(), flags));
+        if (!found && errno == ENOENT) return UniqueFd();
+        if (!found && (errno == ELOOP || errno == ENOTDIR || errno == EXDEV))
+            throw Exception("\"" + joinSegments(folder) +
+                            "\" in the destination is not a folder (a file or a symbolic link)");
+        if (!found) throw Exception("cannot open the folder \"" + joinSegments(folder) + "\"");
+        return found;
+    }
+    UniqueFd current(::fcntl(root, F_DUPFD_CLOEXEC, 0));
     FileSegments walked;
     for (const auto& name : folder) {
         walked.push_back(name);
-        const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
         UniqueFd next(ops.openat(current.get(), name.c_str(), flags));
-        if (!next && errno == ENOENT && created) {
+        if (!next && errno == ENOENT) {
             if (ops.mkdirat(current.get(), name.c_str()) != 0 && errno != EEXIST)
                 throw Exception("cannot create the folder \"" + joinSegments(walked) + "\"");
             created->push_back(walked);
             next = UniqueFd(ops.openat(current.get(), name.c_str(), flags));
         }
-        if (!next && errno == ENOENT && !created) return UniqueFd();
         if (!next && (errno == ELOOP || errno == ENOTDIR))
             throw Exception("\"" + joinSegments(walked) +
                             "\" in the destination is not a folder (a file or a symbolic link)");
@@ -272,24 +366,21 @@ UniqueFd openFolderBelow(const FileOps& ops, int root, const FileSegments& folde
 }
 
 void recoverDestination(const FileOps& ops, int parent, int destination, const std::string& path,
-                        const std::string& name, extraction::Recovery& out) {
+                        const std::string& name, bool discardUnreadable,
+                        extraction::Recovery& out) {
     if (destination >= 0) {
         for (const auto& [entry, folder] : listFolder(destination))
             if (folder && isStagingName(entry, ""))
-                recoverInside(ops, destination, path, entry, out);
+                recoverInside(ops, destination, path, entry, discardUnreadable, out);
+        // What a new destination keeps of its staging folder when the
+        // process died right after renaming it into place.
+        if (holdsOwnStamp(destination) && ops.unlinkat(destination, kStampName, 0) == 0)
+            out.done.push_back("removed " + path + "/" + kStampName);
     }
     if (parent < 0) return;
     const std::string parentPath = path.substr(0, path.rfind('/'));
-    for (const auto& [entry, folder] : listFolder(parent)) {
-        if (!folder || !isStagingName(entry, name)) continue;
-        UniqueFd staging(
-            ::openat(parent, entry.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!staging || ::flock(staging.get(), LOCK_EX | LOCK_NB) != 0) continue;
-        if (removeTree(ops, parent, entry))
-            out.done.push_back("removed " + parentPath + "/" + entry);
-        else
-            out.leftAside.push_back(parentPath + "/" + entry);
-    }
+    for (const auto& [entry, folder] : listFolder(parent))
+        if (folder && isStagingName(entry, name)) removeBeside(ops, parent, parentPath, entry, out);
 }
 
 }  // namespace opc::detail

@@ -5,12 +5,14 @@
 //
 // An extraction into a new folder stages the whole tree in a folder beside
 // it, ".~tsapp-<pid>-<n>-<name>", and renames that into place. One into an
-// existing folder stages its files flat inside it, ".~tsapp-<pid>-<n>/n<i>";
-// before the first rename it writes the journal "journal" there, naming
-// the folders it will create and every file it will move; the old file a
-// new one replaces is moved to "o<i>" first. The running extraction holds
-// flock() on its staging folder, so a staging folder that can be locked
-// belongs to a process that is gone.
+// existing folder stages its files flat inside it, ".~tsapp-<pid>-<n>/n<i>"
+// (mode 0700); before the first rename it writes the journal "journal"
+// there, naming the folders it will create and every file it will move;
+// the old file a new one replaces is moved to "o<i>" first. Every staging
+// folder carries a stamp (StagingStamp.hpp) and the journal repeats its
+// token: recovery touches nothing that does not prove itself this way.
+// The running extraction holds flock() on its staging folder, so a staging
+// folder that can be locked belongs to a process that is gone.
 
 #include <string>
 #include <vector>
@@ -40,7 +42,9 @@ std::string asideName(std::size_t index);   // "o<i>"
 // empty, else beside it for the destination named `beside`.
 std::string stagingFolderName(const std::string& beside);
 
-std::string encodeJournal(const std::vector<JournalEntry>& entries);
+// The journal's text, bound to the staging folder's stamp by `token`.
+// Throws opc::Exception when it would be larger than recovery reads.
+std::string encodeJournal(const std::string& token, const std::vector<JournalEntry>& entries);
 
 // Removes the folder `name` below `parent` and everything in it, without
 // following links. True when it is gone.
@@ -56,8 +60,10 @@ UniqueFd openFolderBelow(const FileOps& ops, int root, const FileSegments& folde
 // Repairs and removes the staging folders of dead extractions into the
 // folder `name` below `parent` (an open descriptor, or -1 when the parent
 // cannot be read) whose own descriptor is `destination` (or -1 while it
-// does not exist). `path` is its absolute path, for messages.
+// does not exist). `path` is its absolute path, for messages. With
+// `discardUnreadable`, a staging folder of ours whose journal cannot be
+// read is removed instead of reported.
 void recoverDestination(const FileOps& ops, int parent, int destination, const std::string& path,
-                        const std::string& name, extraction::Recovery& out);
+                        const std::string& name, bool discardUnreadable, extraction::Recovery& out);
 
 }  // namespace opc::detail

@@ -11,6 +11,7 @@
 
 #include "platform/base/Ascii.hpp"
 #include "platform/extract/Journal.hpp"
+#include "platform/extract/StagingStamp.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -63,22 +64,7 @@ StagedExtraction::StagedExtraction(const std::string& destination, Existing exis
         if (!dest_ && (errno != ENOENT || !parent_))
             failErrno("cannot open the folder \"" + (parent_ ? destination_ : parentPath) + "\"");
 
-        extraction::Recovery recovery;
-        recoverDestination(ops_, parent_ ? parent_.get() : -1, dest_ ? dest_.get() : -1,
-                           destination_, name_, recovery);
-        if (!recovery.leftAside.empty())
-            fail("the folder \"" + destination_ +
-                 "\" holds what an interrupted extraction left, and it could not be repaired: " +
-                 recovery.leftAside.front());
-
-        const int where = fresh() ? parent_.get() : dest_.get();
-        const std::string stagingName = stagingFolderName(fresh() ? name_ : "");
-        if (ops_.mkdirat(where, stagingName.c_str()) != 0)
-            failErrno("cannot create a staging folder for \"" + destination_ + "\"");
-        stagingName_ = stagingName;
-        staging_ = UniqueFd(ops_.openat(where, stagingName_.c_str(), kFolderFlags));
-        if (!staging_ || ::flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
-            failErrno("cannot open the staging folder \"" + stagingPath() + "\"");
+        createStaging();
     } catch (...) {
         removeStaging();
         removeCreatedRoots();
@@ -92,6 +78,49 @@ StagedExtraction::~StagedExtraction() {
     if (keepStaging_) return;
     removeStaging();
     removeCreatedRoots();
+}
+
+// The staging folder is made exclusively under a name no part can take,
+// private when it sits inside the destination, and stamped at once, so
+// that recovery can tell it from anything else named like it.
+void StagedExtraction::createStaging() {
+    const int where = fresh() ? parent_.get() : dest_.get();
+    const mode_t mode = fresh() ? 0777 : 0700;  // a new destination keeps the usual mode
+    for (int attempt = 0;; ++attempt) {
+        const std::string name = stagingFolderName(fresh() ? name_ : "");
+        if (ops_.mkdirat(where, name.c_str(), mode) == 0) {
+            stagingName_ = name;
+            break;
+        }
+        if (errno != EEXIST || attempt == 100)
+            failErrno("cannot create a staging folder for \"" + destination_ + "\"");
+    }
+    staging_ = UniqueFd(ops_.openat(where, stagingName_.c_str(), kFolderFlags));
+    if (!staging_ || ::flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
+        failErrno("cannot open the staging folder \"" + stagingPath() + "\"");
+    token_ = writeStamp(ops_, where, staging_.get(), stagingPath());
+}
+
+// Leftovers of dead extractions are repaired only now that the package is
+// verified: a refused package leaves the folder exactly as it found it.
+// A leftover that cannot be repaired stops the commit (its journal would
+// later replay over the new files); one whose journal cannot be read is
+// only reported, for nothing says which files it concerns.
+void StagedExtraction::repairLeftovers() {
+    extraction::Recovery recovery;
+    recoverDestination(ops_, parent_ ? parent_.get() : -1, dest_ ? dest_.get() : -1, destination_,
+                       name_, false, recovery);
+    if (!recovery.leftAside.empty())
+        fail("the folder \"" + destination_ +
+             "\" holds what an interrupted extraction left, and it could not be repaired: " +
+             recovery.leftAside.front());
+    for (const auto& unreadable : recovery.unreadable)
+        warnings_.push_back("left alone " + unreadable + "; `tsapp recover --discard` removes it");
+    if (recovery.done.empty() || fresh()) return;
+    // The repair moved files: look again at what each staged file meets.
+    folders_.clear();
+    missingFolders_.clear();
+    for (auto& file : staged_) file.existed = checkTarget(file.path);
 }
 
 std::string StagedExtraction::stagingPath() const {
@@ -201,6 +230,7 @@ void StagedExtraction::flush(int fd, const std::string& what, bool warnOnly) {
 }
 
 void StagedExtraction::commit() {
+    repairLeftovers();
     if (fresh())
         commitFresh();
     else
@@ -224,6 +254,11 @@ void StagedExtraction::commitFresh() {
         failErrno("cannot move the new folder into place as \"" + destination_ + "\"");
     }
     committed_ = true;
+    // The stamp came along with the folder; a copy that stays is removed by
+    // the next recovery, which finds it bound to the destination itself.
+    if (ops_.unlinkat(staging_.get(), kStampName, 0) != 0 &&
+        ops_.unlinkat(staging_.get(), kStampName, 0) != 0 && errno != ENOENT)
+        warnings_.push_back("could not remove " + destination_ + "/" + kStampName);
     if (sync_) flush(parent, destination_ + "/..", true);
 }
 
@@ -238,9 +273,9 @@ void StagedExtraction::writeJournal() {
         if (folderFd(folder, false) < 0) entries.push_back({true, false, joinSegments(folder)});
     for (const auto& file : staged_)
         entries.push_back({false, file.existed, joinSegments(file.path)});
-    const std::string text = encodeJournal(entries);
+    const std::string text = encodeJournal(token_, entries);
 
-    UniqueFd out(ops_.openat(staging_.get(), kJournalDraft, O_WRONLY | O_CREAT | O_EXCL, 0666));
+    UniqueFd out(ops_.openat(staging_.get(), kJournalDraft, O_WRONLY | O_CREAT | O_EXCL, 0600));
     if (!out || ops_.writeAll(out.get(), text.data(), text.size()) != 0 ||
         (sync_ && ops_.fsync(out.get()) != 0) || ops_.close(out.release()) != 0 ||
         ops_.renameat(staging_.get(), kJournalDraft, staging_.get(), kJournal) != 0)
@@ -311,8 +346,8 @@ void StagedExtraction::commitExisting() {
         warnings_.push_back("could not remove " + stagingPath() + "/" + asideName(i) +
                             " (the old " + joinSegments(staged_[i].path) + ")");
     }
-    if (allRemoved &&
-        (!remove(staging, kJournal, 0) || !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
+    if (allRemoved && (!remove(staging, kJournal, 0) || !remove(staging, kStampName, 0) ||
+                       !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
         warnings_.push_back("could not remove " + stagingPath());
 }
 

@@ -10,8 +10,9 @@
 // returned, the destructor undoes everything: the staging folder goes,
 // files that were replaced get their old contents back, and every folder
 // this object created is removed. The destination then holds exactly what
-// it held before. Before staging, the staging folders of dead extractions
-// into the same destination are completed or removed.
+// it held before. At commit(), before anything moves, the staging folders
+// of dead extractions into the same destination are completed or removed
+// (see Journal.hpp for how they prove themselves ours).
 //
 // Below the destination every folder is opened with openat() and
 // O_NOFOLLOW, one component at a time, so a symbolic link that sits inside
@@ -37,7 +38,7 @@ class StagedExtraction {
     enum class Existing { Replace, Refuse };
 
     // Opens `destination` (an absolute path), creating its missing parent
-    // folders, and repairs what dead extractions into it left. Throws
+    // folders, and makes the staging folder. Throws
     // opc::Exception when that fails. With `sync`, every file and folder
     // is flushed to disk before the new files count as installed.
     StagedExtraction(const std::string& destination, Existing existing, bool sync = false,
@@ -71,6 +72,8 @@ class StagedExtraction {
     };
 
     bool fresh() const { return !dest_; }
+    void createStaging();
+    void repairLeftovers();
     int folderFd(const FileSegments& folder, bool create);
     void reservePath(const FileSegments& path);
     bool checkTarget(const FileSegments& path);
@@ -99,7 +102,8 @@ class StagedExtraction {
     UniqueFd parent_;
     UniqueFd dest_;  // an existing destination; invalid for a new one
     std::string stagingName_;
-    UniqueFd staging_;  // also holds the lock that marks the extraction alive
+    std::string token_;  // the staging folder's stamp, repeated in its journal
+    UniqueFd staging_;   // also holds the lock that marks the extraction alive
     // Open folders by their path below the staging folder (new destination)
     // or the destination, so that parts spread over many folders cost one
     // openat() per folder. Bounded; past that the cache starts afresh.

@@ -19,10 +19,13 @@ class PartName;
 
 namespace opc::extraction {
 
-// The most bytes one extraction writes unless told otherwise: 2 GiB. The
-// per-entry ratio limit still lets a small package declare gigabytes;
-// this stops it before the first byte is written.
-inline constexpr std::uint64_t kDefaultMaxBytes = std::uint64_t{2} << 30;
+// The extractor keeps its own state (staging folders, journals, the stamp
+// that proves them its own) under names beginning with ".~tsapp", in any
+// ASCII case. No part may take such a name anywhere in its path: extraction
+// refuses it before writing anything, and so do the checker and the
+// packer. True when a segment of `partName`, as written or
+// percent-decoded, is such a name.
+TSAPP_API bool isReservedPartName(const std::string& partName);
 
 // Sees the decoded bytes of every part the extraction writes, in the one
 // pass that writes them, so a caller can check them (content digests)
@@ -41,8 +44,12 @@ class TSAPP_API PartObserver {
 };
 
 struct Options {
-    // The sum of the parts' declared sizes may not exceed this; 0 lifts the limit.
-    std::uint64_t maxBytes = kDefaultMaxBytes;
+    // The sum of the parts' declared sizes may not exceed this; 0 (the
+    // default) sets no limit of the caller's. Whatever the limit, the sum
+    // must fit in the free space of the destination's file system before
+    // the first byte is written, and no part may yield more bytes than it
+    // declares.
+    std::uint64_t maxBytes = 0;
     // fsync() every file and every folder touched before the new files
     // count as installed, so that they survive a power cut too.
     bool sync = false;
@@ -87,15 +94,26 @@ class TSAPP_API Extractor {
 struct Recovery {
     std::vector<std::string> done;       // one line per repaired or removed leftover
     std::vector<std::string> leftAside;  // what could not be repaired or removed
+    // Staging folders of ours whose journal cannot be read: left in place
+    // (nothing says what they would do), unless discarded.
+    std::vector<std::string> unreadable;
+    // Folders named like staging folders that do not prove themselves an
+    // extraction's of this user (a stamp bound to the very folder, private
+    // modes, see the README's threat model): never read, never removed.
+    std::vector<std::string> skipped;
 };
 
-// What every extraction into `destination` (an absolute path) does first:
-// an extraction that crashed while moving its files into place is
-// completed from its journal, so that the folder holds the new version
-// whole; staging folders of extractions that no longer run, inside the
-// folder or beside it, are removed. Staging folders still locked by a live
-// extraction are left alone.
+// What every extraction into `destination` (an absolute path) does before
+// it moves its own files into place, once its package is verified: an
+// extraction that crashed while moving its files into place is completed
+// from its journal (or undone, when it was rolling back), so that the
+// folder holds one version whole; staging folders of extractions that no
+// longer run, inside the folder or beside it, are removed. Staging folders
+// still locked by a live extraction are left alone, and so is everything
+// in `Recovery::skipped`. With `discardUnreadable`, staging folders of ours
+// whose journal cannot be read are removed instead of reported.
 TSAPP_API Recovery recover(const std::string& destination,
-                           const FileSystemOpsSelector& selector = FileSystemOpsSelector());
+                           const FileSystemOpsSelector& selector = FileSystemOpsSelector(),
+                           bool discardUnreadable = false);
 
 }  // namespace opc::extraction

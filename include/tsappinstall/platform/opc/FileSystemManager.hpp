@@ -73,12 +73,14 @@ enum class ReplaceMode : int {
 // archive says; a part whose path is taken by a folder, or two parts whose
 // paths differ only in ASCII case, are errors. No entry yields more bytes
 // than it declares, and each is checked against its CRC-32 before it is
-// placed. Memory stays flat: entries above 16 MiB are streamed.
+// placed. Memory stays flat: every entry is streamed. No part may take a
+// name the extractor reserves for its own state (see
+// opc::extraction::isReservedPartName()).
 //
 // Enumerator values outside those declared throw opc::Exception; so does
 // every failure, with a text that names the part or folder concerned, and
-// so does a package whose parts add up to more than
-// opc::extraction::kDefaultMaxBytes.
+// so does a package whose parts add up to more than the free space of the
+// destination's file system (checked before the first byte is written).
 class TSAPP_API FileSystemManager {
   public:
     // Called after each part with the bytes and parts written so far and the
