@@ -12,6 +12,7 @@
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/ManifestFault.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -192,13 +193,24 @@ void checkAgainstManifest(opc::model::Package& package, const std::string& manif
     if (followsPackedLayout(package, manifestPart)) checkPackedLayout(package, manifest, report);
 }
 
+// Such a part would stand in the destination where the extractor looks
+// for its own staging folders and journals.
+void checkReservedNames(const opc::model::Package& package, Report& report) {
+    for (const PartName& name : package.getPartNames())
+        if (opc::extraction::isReservedPartName(name.ascii()))
+            report.faults.push_back(
+                {FaultKind::ReservedName, "reserved name " + name.ascii() +
+                                              ": the extractor keeps its own state under "
+                                              "names beginning with \".~tsapp\""});
+}
+
 }  // namespace
 
 const char* describe(FaultKind kind) {
     static const char* const kTexts[] = {
         "not an app file",  "not an app package", "damaged part",     "no manifest",
         "bad manifest",     "bad signature",      "wrong file count", "broken relationship",
-        "missing app file", "unlisted app file",  "bad digest"};
+        "missing app file", "unlisted app file",  "bad digest",       "reserved name"};
     const auto index = static_cast<std::size_t>(kind);
     return index < std::size(kTexts) ? kTexts[index] : "fault";
 }
@@ -215,6 +227,7 @@ Report checkPackage(const std::u16string& path, AppManifestSerializer& serialize
     try {
         opc::model::OpenedPackage opened(native);
         opc::model::Package& package = opened.package();
+        checkReservedNames(package, report);
         std::vector<Fault> digestFaults;
         if (decodeParts) digestFaults = decodeEveryPart(package, report);
         const std::string manifestPart = readManifest(package, serializer, report);

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "Text.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
@@ -160,8 +161,10 @@ std::vector<std::string> appFiles(const fs::path& root, Checker& check) {
         else if (!entry.is_regular_file())
             check.problem("files", name + " is not a regular file");
         else {
-            const std::string why = opc::model::PartName::whyInvalid(
-                opc::zippackage::PackageWriter::partNameFor("files/" + name));
+            const std::string part = opc::zippackage::PackageWriter::partNameFor("files/" + name);
+            std::string why = opc::model::PartName::whyInvalid(part);
+            if (why.empty() && opc::extraction::isReservedPartName(part))
+                why = "the extractor reserves names beginning with \".~tsapp\"";
             if (!why.empty()) check.problem("files", name + " cannot be a part name: " + why);
             files.push_back(name);
         }

@@ -30,6 +30,7 @@ enum class FaultKind : int {
     MissingAppFile,      // an app entry has no part (packer's layout only)
     UnlistedAppFile,     // a part in the app-files folder is no app entry (packer's layout)
     BadDigest,           // the parts disagree with the package's digest list
+    ReservedName,        // a part takes a name the extractor keeps for its own state
 };
 
 struct Fault {

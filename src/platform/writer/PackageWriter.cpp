@@ -1,4 +1,5 @@
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/extract/Extraction.hpp"
 
 #include <zip.h>
 
@@ -113,6 +114,10 @@ struct PackageWriter::Impl {
                     std::vector<unsigned char> bytes, std::string sourceFile,
                     Compression compression) {
         std::string name = partNameFor(path);
+        if (opc::extraction::isReservedPartName(name))
+            throw opc::Exception("\"" + name +
+                                 "\" cannot be a part name: the extractor reserves names "
+                                 "beginning with \".~tsapp\"");
         if (!lowerNames.emplace(ascii_lower(name), name).second) {
             throw opc::Exception("the package already holds a part named like \"" + name + "\"");
         }

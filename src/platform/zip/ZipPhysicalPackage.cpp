@@ -37,14 +37,15 @@ struct ZipPhysicalPackage::Archive {
 ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) {
     if (!readOnly) throw opc::Exception("ZIP packages are only opened for reading");
     const std::string file = fl::i18n::to_string(path);
-    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
+    // Without O_NONBLOCK a FIFO would block the open until a writer came;
+    // only a regular file is read at all.
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat st {};
+    const bool opened = fd.get() >= 0 && ::fstat(fd.get(), &st) == 0;
+    if (!opened && errno != ENXIO)  // a socket cannot be opened at all
         throw opc::Exception(opc::Reason::CannotRead,
                              "cannot open \"" + file + "\": " + std::strerror(errno));
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        throw opc::Exception(opc::Reason::CannotRead, "\"" + file + "\" is not a regular file");
-    }
+    if (!opened || !S_ISREG(st.st_mode)) throw opc::Exception("not a regular file");
     entries_ = readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
                                 {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
 

@@ -11,7 +11,7 @@ namespace opc {
 // the kind rather than on the text. Stable: new kinds are added at the end.
 enum class Reason : int {
     Other = 0,     // a misuse of the API or a failure that fits no kind below
-    CannotRead,    // the file is missing, not a regular file, or a read failed
+    CannotRead,    // the file is missing or a read failed
     NotZip,        // the container is not a ZIP file this library accepts
     DamagedEntry,  // an entry's bytes disagree with its declared size or CRC-32
     NotPackage,    // a ZIP file that breaks the packaging rules

@@ -14,8 +14,9 @@
 namespace opc::zippackage {
 
 // Opens and checks the ZIP file in the constructor; throws opc::Exception
-// when it is missing, unreadable, not a ZIP file, or built in a way only an
-// attack needs. Opening reads the end records, the central directory and
+// when it is missing, unreadable, not a regular file (a FIFO, socket, device
+// or folder is refused at once, never waited on), not a ZIP file, or built
+// in a way only an attack needs. Opening reads the end records, the central directory and
 // each entry's local header, never the entries' data, so its cost follows
 // the entry count, not the file size.
 //
