@@ -213,7 +213,9 @@ TEST_F(ExtractorState, OwnLeftoversAreRepairedOnlyBeneathTheDestination) {
         EXPECT_EQ(recovery.unreadable.size(), c.unreadable ? 1u : 0u);
         EXPECT_EQ(recovery.leftAside.empty(), !c.blocks);
         // Files beneath the destination are still completed past a link.
-        if (!c.blocks) EXPECT_EQ(snapshot_tree(dest()), tampered);
+        if (!c.blocks) {
+            EXPECT_EQ(snapshot_tree(dest()), tampered);
+        }
         EXPECT_EQ(outsideDestination(), outside);
 
         std::vector<std::string> warnings;
