@@ -3,12 +3,27 @@
 // item names that try to leave the destination folder or make paths no
 // caller can address.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "facade/FacadeFixture.hpp"
 
 namespace tsapp::test {
 namespace {
 
 using Opc = FacadeFixture;
+
+// isAppFile and every call of the facade answer at once for a FIFO (whose
+// open() would wait for a writer), a socket, a device and a folder.
+TEST_F(Opc, OnlyRegularFilesOpenAndNoneBlocks) {
+    ASSERT_EQ(::mkfifo(dir.file("fifo.tsappinstall").c_str(), 0600), 0);
+    std::filesystem::create_directory(dir.file("folder.tsappinstall"));
+    ::alarm(30);  // a regression fails here instead of hanging the suite
+    for (const std::string package : {"fifo.tsappinstall", "folder.tsappinstall"})
+        expectRefusedEverywhere(dir.file(package), package);
+    expectRefusedEverywhere("/dev/null", "a device");
+    ::alarm(0);
+}
 
 TEST_F(Opc, DuplicateCaseVariantAndFolderLikePartNamesNeverOpen) {
     for (const char* twin : {"images/icon.png", "MANIFEST.XML", "Manifest.xml", "images/ICON.png",

@@ -157,10 +157,11 @@ inline Tree snapshot_tree(const std::string& root) {
         struct stat info {};
         ::lstat(entry.path().c_str(), &info);
         tree[relative] =
-            fs::is_symlink(status) ? "link:" + fs::read_symlink(entry.path()).string()
-            : fs::is_directory(status)
-                ? "dir"
-                : "file:" + std::to_string(info.st_mode & 07777) + ":" + read_file(entry.path());
+            fs::is_symlink(status)     ? "link:" + fs::read_symlink(entry.path()).string()
+            : fs::is_directory(status) ? "dir"
+            : fs::is_regular_file(status)
+                ? "file:" + std::to_string(info.st_mode & 07777) + ":" + read_file(entry.path())
+                : "special:" + std::to_string(info.st_mode);
     }
     return tree;
 }

@@ -2,6 +2,9 @@
 // temporary folder, so file names in its messages are the short ones given.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <zip.h>
 
@@ -222,7 +225,7 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
          "tsapp: empty.tsappinstall: not an app package: not a ZIP file: "},
         {{"info", "folder.tsappinstall"},
          1,
-         "tsapp: folder.tsappinstall: not an app package: cannot be read: "},
+         "tsapp: folder.tsappinstall: not an app package: not a regular file\n"},
         {{"info", "cut.tsappinstall"},
          1,
          "tsapp: cut.tsappinstall: not an app package: not a ZIP file: "},
@@ -265,6 +268,35 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
               "percent-encoded \"/\" or \"\\\"\n"
               "tsapp: SOURCE_DATE_EPOCH: not a number of seconds since 1980: abc\n");
     EXPECT_FALSE(file_exists(dir.file("a.tsappinstall")));
+}
+
+// A FIFO would block an open() for ever; none of these may be waited on.
+TEST_F(TsappTool, OnlyRegularFilesAreOpenedAsPackages) {
+    ASSERT_EQ(::mkfifo(dir.file("fifo.tsappinstall").c_str(), 0600), 0);
+    fs::create_directory(dir.file("folder.tsappinstall"));
+    const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string socketPath = dir.file("socket.tsappinstall");
+    ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+    socketPath.copy(address.sun_path, socketPath.size());
+    ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    for (const std::string file : {"fifo", "folder", "socket"}) {
+        const std::string package = file + ".tsappinstall";
+        for (const Args& args : std::vector<Args>{{"check", package},
+                                                  {"info", package},
+                                                  {"list", package},
+                                                  {"verify", package},
+                                                  {"icon", package, "icon.png"},
+                                                  {"extract", package, "out"}}) {
+            const ToolRun run = tsapp(args, "timeout 10");
+            EXPECT_EQ(run.status, 1) << args[0] << " " << package;
+            EXPECT_NE((run.out + run.err).find("not a regular file"), std::string::npos)
+                << args[0] << " " << package << ": " << run.out << run.err;
+        }
+    }
+    ::close(sock);
+    EXPECT_FALSE(fs::exists(dir.file("out")));
 }
 
 TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
