@@ -2,6 +2,7 @@
 // do not open are the hostile-input tests' concern.
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include "facade/FacadeFixture.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -49,6 +50,34 @@ TEST_F(Facade, ExtractionLandsEveryPartWithItsDecodedPathAndExactBytes) {
                     {"images/icon.png", fileEntry(icon_bytes())},
                     {"images/shot.png", fileEntry(icon_bytes(3000))},
                     {"manifest.xml", fileEntry(kManifestXml)}}));
+}
+
+// No fixed cap stands between a host and a valid package: 2.4 GiB of
+// zeros in three parts extract, checked only against the free space.
+TEST_F(Facade, APackageOverTwoGibibytesExtracts) {
+    constexpr int kMiB = 800;
+    struct statvfs space {};
+    ASSERT_EQ(::statvfs(dir.path().c_str(), &space), 0);
+    if (static_cast<double>(space.f_bavail) * space.f_frsize < 3.0 * kMiB * 3 * (1 << 20))
+        GTEST_SKIP() << "less than 7 GiB free under " << dir.path();
+    const std::string zeros = zeros_bomb(kMiB);
+    PackageBuilder builder;
+    builder.defaultType("bin", "application/octet-stream");
+    for (const char* name : {"a.bin", "b.bin", "c.bin"}) builder.part(name, zeros, false);
+    builder.write(pkg());
+    ZipPatcher z(pkg());
+    for (const char* name : {"a.bin", "b.bin", "c.bin"}) {
+        // Stored as written, relabelled as deflated with what it inflates to.
+        for (const std::size_t header : {z.localHeader(name) - 2, z.centralHeader(name)}) {
+            z.put16(header + 10, 8);
+            z.put32(header + 16, zeros_crc(kMiB));
+            z.put32(header + 24, std::uint32_t{kMiB} << 20);
+        }
+    }
+    z.save();
+    EXPECT_EQ(extractError(pkg(), dest() + "/big"), "");
+    for (const char* name : {"a.bin", "b.bin", "c.bin"})
+        EXPECT_EQ(std::filesystem::file_size(dest() + "/big/" + name), std::uint64_t{kMiB} << 20);
 }
 
 // A damaged last part fails the whole extraction, and a link in the

@@ -204,32 +204,6 @@ TEST_F(ZipStructure, AGibibyteDeclaredSizeIsNeverAllocated) {
     EXPECT_LT(peak_rss_kib() - before, 256 * 1024) << "KiB more at the peak";
 }
 
-// Raw deflate data for `chunks` MiB of zeros, made from two compressed
-// chunks: after a full flush the encoder's output for the next MiB of zeros
-// no longer depends on what came before, so that chunk repeats.
-std::string zeros_bomb(int chunks) {
-    z_stream stream{};
-    deflateInit2(&stream, 9, Z_DEFLATED, -MAX_WBITS, 9, Z_RLE);
-    std::vector<unsigned char> zeros(1 << 20, 0), out(1 << 16);
-    const auto compressChunk = [&] {
-        std::string bytes;
-        stream.next_in = zeros.data();
-        stream.avail_in = static_cast<uInt>(zeros.size());
-        do {
-            stream.next_out = out.data();
-            stream.avail_out = static_cast<uInt>(out.size());
-            deflate(&stream, Z_FULL_FLUSH);
-            bytes.append(reinterpret_cast<char*>(out.data()), out.size() - stream.avail_out);
-        } while (stream.avail_out == 0);
-        return bytes;
-    };
-    std::string compressed = compressChunk();
-    const std::string repeated = compressChunk();
-    deflateEnd(&stream);
-    for (int i = 1; i < chunks; ++i) compressed += repeated;
-    return compressed + std::string("\x03\x00", 2);  // an empty final block
-}
-
 // A real bomb: about 1 MiB of deflate data that inflates to 1 GiB of zeros,
 // as the manifest. Reading it stops at the largest document accepted.
 TEST_F(ZipStructure, AGibibyteDeflateBombAsTheManifestIsCutOff) {

@@ -104,6 +104,41 @@ inline void write_zip(const std::string& path, const std::vector<ZipItem>& items
     write_file(path, file);
 }
 
+// Raw deflate data for `chunks` MiB of zeros, made from two compressed
+// chunks: after a full flush the encoder's output for the next MiB of zeros
+// no longer depends on what came before, so that chunk repeats.
+inline std::string zeros_bomb(int chunks) {
+    z_stream stream{};
+    deflateInit2(&stream, 9, Z_DEFLATED, -MAX_WBITS, 9, Z_RLE);
+    std::vector<unsigned char> zeros(1 << 20, 0), out(1 << 16);
+    const auto compressChunk = [&] {
+        std::string bytes;
+        stream.next_in = zeros.data();
+        stream.avail_in = static_cast<uInt>(zeros.size());
+        do {
+            stream.next_out = out.data();
+            stream.avail_out = static_cast<uInt>(out.size());
+            deflate(&stream, Z_FULL_FLUSH);
+            bytes.append(reinterpret_cast<char*>(out.data()), out.size() - stream.avail_out);
+        } while (stream.avail_out == 0);
+        return bytes;
+    };
+    std::string compressed = compressChunk();
+    const std::string repeated = compressChunk();
+    deflateEnd(&stream);
+    for (int i = 1; i < chunks; ++i) compressed += repeated;
+    return compressed + std::string("\x03\x00", 2);  // an empty final block
+}
+
+// The CRC-32 of `chunks` MiB of zeros.
+inline std::uint32_t zeros_crc(int chunks) {
+    const std::string mebibyte(1 << 20, '\0');
+    const uLong one = crc32(0L, reinterpret_cast<const Bytef*>(mebibyte.data()), 1u << 20);
+    uLong crc = 0;
+    for (int i = 0; i < chunks; ++i) crc = crc32_combine(crc, one, 1 << 20);
+    return static_cast<std::uint32_t>(crc);
+}
+
 inline constexpr const char* kRelationshipsContentType =
     "application/vnd.openxmlformats-package.relationships+xml";
 
