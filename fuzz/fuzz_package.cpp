@@ -1,10 +1,13 @@
 // Arbitrary bytes as an app package file, through every facade operation.
 // Afterwards the scratch folder must hold exactly the package, the output
-// file and the destination folder: anything else was written outside the
-// places the calls were given. An extraction that fails must leave the
-// destination exactly as it was: absent, or (for every other input) a
-// folder holding an earlier version. Each input runs a second time with
-// the CRCs of its stored entries made right.
+// files and the folders down to the destination: anything else was written
+// outside the places the calls were given. The package is extracted twice
+// into the same destination, so that whatever the first run left there
+// (files named like the extractor's own state among them) meets the
+// second. An extraction that fails must leave the destination exactly as
+// it was: absent, or (for every other input) a folder holding an earlier
+// version. Each input runs a second time with the CRCs of its stored
+// entries made right.
 
 #include <cstdio>
 #include <cstdlib>
@@ -31,13 +34,31 @@ void writeEarlierVersion(const std::string& dest) {
                                 std::strlen(name));
 }
 
-void checkNothingStrayed(const std::string& folder) {
-    static const std::set<std::string> expected = {"app.tsappinstall", "icon.out", "part.out",
-                                                   "dest"};
+// `folder` holds exactly `expected`.
+void checkOnly(const std::string& folder, const std::set<std::string>& expected) {
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         if (!expected.count(entry.path().filename().string())) {
             // std::cerr is silenced while the calls run.
             std::fprintf(stderr, "written outside the destination: %s\n", entry.path().c_str());
+            std::abort();
+        }
+    }
+}
+
+void checkNothingStrayed(const std::string& folder) {
+    checkOnly(folder, {"app.tsappinstall", "icon.out", "part.out", "a"});
+    checkOnly(folder + "/a", {"b"});
+    checkOnly(folder + "/a/b", {"dest"});
+}
+
+void extractExpectingAllOrNothing(Corvane::addons::apps::Tsappinstall& facade,
+                                  const std::string& package, const std::string& dest) {
+    const auto before = tsapp::fuzz::snapshotTree(dest);
+    try {
+        facade.extractAppFile(wide(package), wide(dest));
+    } catch (const std::runtime_error&) {
+        if (tsapp::fuzz::snapshotTree(dest) != before) {
+            std::fprintf(stderr, "a failed extraction changed the destination\n");
             std::abort();
         }
     }
@@ -62,19 +83,13 @@ void runEveryCall(const std::string& bytes) {
     facade.extractPartContentFromTessalApp(
         wide(package), wide(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE),
         wide(folder + "/part.out"));
-    const std::string dest = folder + "/dest";
+    const std::string dest = folder + "/a/b/dest";
+    std::filesystem::create_directories(folder + "/a/b");
     if (bytes.size() % 2) writeEarlierVersion(dest);
-    const auto before = snapshotTree(dest);
-    try {
-        facade.extractAppFile(wide(package), wide(dest));
-    } catch (const std::runtime_error&) {
-        if (snapshotTree(dest) != before) {
-            std::fprintf(stderr, "a failed extraction changed the destination\n");
-            std::abort();
-        }
-    }
+    extractExpectingAllOrNothing(facade, package, dest);
+    extractExpectingAllOrNothing(facade, package, dest);
     checkNothingStrayed(folder);
-    removeTree(folder + "/dest");
+    removeTree(folder + "/a");
 }
 
 }  // namespace
