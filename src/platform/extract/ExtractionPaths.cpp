@@ -98,6 +98,15 @@ bool isReservedPartName(const std::string& partName) {
 
 namespace opc::detail {
 
+FileSegments splitPath(const std::string& path) {
+    FileSegments segments;
+    std::size_t start = 0;
+    for (std::size_t slash; (slash = path.find('/', start)) != std::string::npos; start = slash + 1)
+        segments.push_back(path.substr(start, slash - start));
+    segments.push_back(path.substr(start));
+    return segments;
+}
+
 std::string joinSegments(const FileSegments& segments) {
     std::string joined;
     for (const auto& segment : segments) {

@@ -27,6 +27,9 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode);
 // system that ignores case cannot alias one either).
 bool isReservedName(const std::string& segment);
 
+// "a/b/c" split at every "/", empty segments kept.
+FileSegments splitPath(const std::string& path);
+
 // "a/b/c" for diagnostics.
 std::string joinSegments(const FileSegments& segments);
 

@@ -1,7 +1,9 @@
 #include "platform/extract/FileOps.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>  // renameat2
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <linux/openat2.h>
@@ -116,8 +118,82 @@ int FileOps::close(int fd) const {
     return ::close(fd);
 }
 
+int FileOps::dup(int fd) const {
+    if (failed(FileCall::Open)) return -1;
+    return ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
+
 int FileOps::lstatat(int dir, const char* name, struct stat* info) const {
+    if (failed(FileCall::Stat)) return -1;
     return ::fstatat(dir, name, info, AT_SYMLINK_NOFOLLOW);
+}
+
+int FileOps::fstat(int fd, struct stat* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return ::fstat(fd, info);
+}
+
+int FileOps::statx(int fd, unsigned mask, struct statx* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return ::statx(fd, "", AT_EMPTY_PATH, mask, info);
+}
+
+int FileOps::statvfs(const char* path, struct statvfs* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return ::statvfs(path, info);
+}
+
+int FileOps::flock(int fd, int operation) const {
+    if (failed(FileCall::Lock)) return -1;
+    return ::flock(fd, operation);
+}
+
+long FileOps::readAt(int fd, void* buffer, std::size_t size, long long offset) const {
+    if (failed(FileCall::Read)) return -1;
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t n =
+            ::pread(fd, static_cast<char*>(buffer) + done, size - done, offset + done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<long>(done);
+}
+
+std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
+    if (failed(FileCall::List)) return std::nullopt;
+    // getdents64 on a descriptor of our own, so that the caller's keeps its
+    // position and no DIR stream is needed.
+    const int copy = openat(fd, ".", O_RDONLY | O_DIRECTORY);
+    if (copy < 0) return std::nullopt;
+    std::vector<FolderEntry> names;
+    alignas(8) char buffer[32768];
+    for (;;) {
+        const long got = ::syscall(SYS_getdents64, copy, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            const int error = errno;
+            close(copy);
+            if (got < 0) {
+                errno = error;
+                return std::nullopt;
+            }
+            return names;
+        }
+        for (long at = 0; at < got;) {
+            const auto* entry = reinterpret_cast<const struct dirent64*>(buffer + at);
+            at += entry->d_reclen;
+            const std::string name = entry->d_name;
+            if (name == "." || name == "..") continue;
+            bool folder = entry->d_type == DT_DIR;
+            struct stat info {};
+            if (entry->d_type == DT_UNKNOWN)
+                folder = lstatat(fd, name.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+            names.emplace_back(name, folder);
+        }
+    }
 }
 
 int FileOps::dataWritten() const {

@@ -1,13 +1,19 @@
 #pragma once
 
-// The file-system calls extraction makes, in one place, so that a test can
-// make any of them fail (the N-th open, every rename from the third on...)
-// and check that the destination survives.
+// Every file-system call extraction and recovery make, in one place, so
+// that a test can make any of them fail (the N-th open, every rename from
+// the third on...) and check that the destination survives, and can count
+// them against what the kernel saw.
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace opc {
 class FileSystemOpsSelector;
@@ -16,7 +22,12 @@ class FileSystemOpsSelector;
 namespace opc::detail {
 
 // The families a fault can be injected into.
-enum class FileCall { Open, Mkdir, Rename, Unlink, Write, Fsync, Close };
+enum class FileCall { Open, Mkdir, Rename, Unlink, Write, Fsync, Close, Stat, Lock, List, Read };
+inline constexpr int kFileCallFamilies = 11;
+
+// One entry of a folder listing: its name, and whether it is a folder
+// (not a link to one).
+using FolderEntry = std::pair<std::string, bool>;
 
 class FileOps {
   public:
@@ -25,6 +36,7 @@ class FileOps {
     // Each behaves as the POSIX call of the same name, unless fault() says
     // it fails: then it returns -1 with errno set and does nothing, except
     // close(), which still releases the descriptor as the kernel does.
+    // Descriptors are opened with O_CLOEXEC.
     int openat(int dir, const char* name, int flags, mode_t mode = 0) const;
     int mkdirat(int dir, const char* name, mode_t mode = 0777) const;
     // Opens the relative `path` below `dir` without ever leaving it and
@@ -32,6 +44,8 @@ class FileOps {
     // and RESOLVE_NO_SYMLINKS where the kernel has it, else one component
     // at a time with O_NOFOLLOW. Counts as one open.
     int openBeneath(int dir, const char* path, int flags) const;
+    // A second descriptor for the same open folder (an Open).
+    int dup(int fd) const;
     // renameat2(); `flags` 0 is a plain renameat().
     int renameat(int fromDir, const char* from, int toDir, const char* to,
                  unsigned flags = 0) const;
@@ -40,8 +54,18 @@ class FileOps {
     int writeAll(int fd, const void* data, std::size_t size) const;
     int fsync(int fd) const;
     int close(int fd) const;
-    // fstatat() without following a final symbolic link; not a fault family.
+    // fstatat() without following a final symbolic link.
     int lstatat(int dir, const char* name, struct stat* info) const;
+    int fstat(int fd, struct stat* info) const;
+    // statx() of an open descriptor, for the fields in `mask`.
+    int statx(int fd, unsigned mask, struct statx* info) const;
+    int statvfs(const char* path, struct statvfs* info) const;
+    int flock(int fd, int operation) const;
+    // pread() until `size` bytes are in or the file ends; the count or -1.
+    long readAt(int fd, void* buffer, std::size_t size, long long offset) const;
+    // The names in an open folder, "." and ".." left out; none when the
+    // folder cannot be read.
+    std::optional<std::vector<FolderEntry>> listFolder(int fd) const;
 
     // A data file's bytes are written by the decoder itself; this stands
     // for that whole write, so that a fault can hit it like any other call.
@@ -53,6 +77,38 @@ class FileOps {
 
   private:
     int failed(FileCall call) const;
+};
+
+// Owns a descriptor opened through `ops` and closes it through them too,
+// so that every close is one the operations see.
+class OpsFd {
+  public:
+    OpsFd() = default;
+    OpsFd(const FileOps& ops, int fd) : ops_(&ops), fd_(fd) {}
+    ~OpsFd() { reset(); }
+    OpsFd(OpsFd&& other) noexcept : ops_(other.ops_), fd_(std::exchange(other.fd_, -1)) {}
+    OpsFd& operator=(OpsFd&& other) noexcept {
+        if (this != &other) {
+            reset();
+            ops_ = other.ops_;
+            fd_ = std::exchange(other.fd_, -1);
+        }
+        return *this;
+    }
+    OpsFd(const OpsFd&) = delete;
+    OpsFd& operator=(const OpsFd&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset() {
+        if (fd_ >= 0) ops_->close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    const FileOps* ops_ = nullptr;
+    int fd_ = -1;
 };
 
 // The process's own calls, never failing on purpose.

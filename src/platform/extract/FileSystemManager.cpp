@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/extract/ExtractionPaths.hpp"
-#include "platform/extract/Journal.hpp"
+#include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagedExtraction.hpp"
 #include "platform/zip/EntryDecoder.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
@@ -47,10 +47,10 @@ struct PlannedPart {
 
 // The bytes an unprivileged writer may still put on the file system that
 // holds `path`, or the nearest folder above it that exists.
-std::uint64_t freeBytesAt(std::string path) {
+std::uint64_t freeBytesAt(const detail::FileOps& ops, std::string path) {
     for (;;) {
         struct statvfs info {};
-        if (::statvfs(path.c_str(), &info) == 0)
+        if (ops.statvfs(path.c_str(), &info) == 0)
             return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
         const std::size_t slash = path.rfind('/');
         if (errno != ENOENT || slash == std::string::npos || path == "/") return UINT64_MAX;
@@ -60,8 +60,9 @@ std::uint64_t freeBytesAt(std::string path) {
 
 // A package may declare any size, but not more than the destination can
 // hold: it fails here, not after filling the disk.
-void checkFreeSpace(std::uint64_t bytesTotal, const std::string& destination) {
-    const std::uint64_t available = freeBytesAt(destination);
+void checkFreeSpace(const detail::FileOps& ops, std::uint64_t bytesTotal,
+                    const std::string& destination) {
+    const std::uint64_t available = freeBytesAt(ops, destination);
     if (bytesTotal > available)
         throw Exception(Reason::CannotWrite, "the package needs " + std::to_string(bytesTotal) +
                                                  " bytes, but the file system of \"" + destination +
@@ -121,7 +122,7 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
     }
 
     const std::string destination = fl::i18n::to_string(folder);
-    checkFreeSpace(bytesTotal, destination);
+    checkFreeSpace(*ops_, bytesTotal, destination);
     detail::StagedExtraction staging(destination,
                                      replace == ReplaceMode::Replace
                                          ? detail::StagedExtraction::Existing::Replace
@@ -165,14 +166,15 @@ Recovery recover(const std::string& destination, const FileSystemOpsSelector& se
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     const std::size_t slash = path.rfind('/');
     const std::string parentPath = slash == 0 ? "/" : path.substr(0, slash);
-    detail::UniqueFd parent(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    detail::UniqueFd dest(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const detail::FileOps& ops = detail::fileOpsOf(selector);
+    const detail::OpsFd parent(ops,
+                               ops.openat(AT_FDCWD, parentPath.c_str(), O_RDONLY | O_DIRECTORY));
+    const detail::OpsFd dest(ops, ops.openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY));
     if (!dest && errno != ENOENT)
         throw Exception("cannot open the folder \"" + path + "\": " + std::strerror(errno));
     Recovery out;
-    detail::recoverDestination(detail::fileOpsOf(selector), parent ? parent.get() : -1,
-                               dest ? dest.get() : -1, path, path.substr(slash + 1),
-                               discardUnreadable, out);
+    detail::recoverDestination(ops, parent ? parent.get() : -1, dest ? dest.get() : -1, path,
+                               path.substr(slash + 1), discardUnreadable, out);
     return out;
 }
 

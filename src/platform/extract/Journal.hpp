@@ -1,26 +1,25 @@
 #pragma once
 
-// The staging folders an extraction leaves while it runs, and what is done
-// with those of extractions that died.
+// The staging folders an extraction leaves while it runs, and the journal
+// that says how to finish or undo one whose process died.
 //
 // An extraction into a new folder stages the whole tree in a folder beside
 // it, ".~tsapp-<pid>-<n>-<name>", and renames that into place. One into an
 // existing folder stages its files flat inside it, ".~tsapp-<pid>-<n>/n<i>"
 // (mode 0700); before the first rename it writes the journal "journal"
 // there, naming the folders it will create and every file it will move;
-// the old file a new one replaces is moved to "o<i>" first. Every staging
-// folder carries a stamp (StagingStamp.hpp) and the journal repeats its
-// token: recovery touches nothing that does not prove itself this way.
-// The running extraction holds flock() on its staging folder, so a staging
-// folder that can be locked belongs to a process that is gone.
+// the old file a new one replaces is moved to "o<i>" first (Commit.hpp).
+// Every staging folder carries a stamp (StagingStamp.hpp) and the journal
+// repeats its token: recovery (Recovery.hpp) touches nothing that does not
+// prove itself this way. The running extraction holds flock() on its
+// staging folder, so a staging folder that can be locked belongs to a
+// process that is gone.
 
 #include <string>
 #include <vector>
 
-#include "platform/base/UniqueFd.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/FileOps.hpp"
-#include "tsappinstall/platform/extract/Extraction.hpp"
 
 namespace opc::detail {
 
@@ -31,8 +30,13 @@ inline const char kUndoJournal[] = "undo";
 
 struct JournalEntry {
     bool folder = false;   // a folder the commit creates, parents first
-    bool existed = false;  // a file: something was at its path before
+    bool existed = false;  // a file: something was at its path when staged
     std::string path;      // below the destination, "a/b/c"
+};
+
+struct Journal {
+    bool refuseExisting = false;  // a file found in the way fails the commit
+    std::vector<JournalEntry> entries;
 };
 
 std::string stagedName(std::size_t index);  // "n<i>"
@@ -41,29 +45,18 @@ std::string asideName(std::size_t index);   // "o<i>"
 // A fresh staging folder name: inside the destination when `beside` is
 // empty, else beside it for the destination named `beside`.
 std::string stagingFolderName(const std::string& beside);
+// Whether `name` is one stagingFolderName(beside) could have given.
+bool isStagingName(const std::string& name, const std::string& beside);
 
 // The journal's text, bound to the staging folder's stamp by `token`.
 // Throws opc::Exception when it would be larger than recovery reads.
-std::string encodeJournal(const std::string& token, const std::vector<JournalEntry>& entries);
+std::string encodeJournal(const std::string& token, const Journal& journal);
 
-// Removes the folder `name` below `parent` and everything in it, without
-// following links. True when it is gone.
-bool removeTree(const FileOps& ops, int parent, const std::string& name);
-
-// Opens `folder` below `root` one component at a time with O_NOFOLLOW.
-// Missing components are created when `created` is given (each one made
-// is appended); otherwise a missing one gives an invalid descriptor.
-// Throws opc::Exception when a component is not a folder.
-UniqueFd openFolderBelow(const FileOps& ops, int root, const FileSegments& folder,
-                         std::vector<FileSegments>* created);
-
-// Repairs and removes the staging folders of dead extractions into the
-// folder `name` below `parent` (an open descriptor, or -1 when the parent
-// cannot be read) whose own descriptor is `destination` (or -1 while it
-// does not exist). `path` is its absolute path, for messages. With
-// `discardUnreadable`, a staging folder of ours whose journal cannot be
-// read is removed instead of reported.
-void recoverDestination(const FileOps& ops, int parent, int destination, const std::string& path,
-                        const std::string& name, bool discardUnreadable, extraction::Recovery& out);
+// Reads the journal of the staging folder `staging`, proven ours by
+// `token`: false when it has none. Otherwise `forward` says whether to
+// complete or undo, and `problem` is empty when the journal is whole and
+// every path in it is a plain relative path below the destination.
+bool readJournal(const FileOps& ops, int staging, const std::string& token, bool& forward,
+                 Journal& journal, std::string& problem);
 
 }  // namespace opc::detail

@@ -4,13 +4,12 @@
 #include <stdio.h>  // RENAME_NOREPLACE
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "platform/base/Ascii.hpp"
-#include "platform/extract/Journal.hpp"
+#include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagingStamp.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
@@ -44,27 +43,11 @@ StagedExtraction::StagedExtraction(const std::string& destination, Existing exis
     if (destination.empty() || destination[0] != '/')
         fail("the destination \"" + destination + "\" is not an absolute path");
     while (destination_.size() > 1 && destination_.back() == '/') destination_.pop_back();
-    const std::size_t slash = destination_.rfind('/');
-    name_ = destination_.substr(slash + 1);
+    name_ = destination_.substr(destination_.rfind('/') + 1);
     try {
-        // The destination path itself comes from the caller and is trusted
-        // as given; only what lies below it is guarded against links.
-        for (std::size_t at = destination_.find('/', 1); at != std::string::npos && at <= slash;
-             at = destination_.find('/', at + 1)) {
-            const std::string prefix = destination_.substr(0, at);
-            if (::mkdir(prefix.c_str(), 0777) == 0)
-                createdRoots_.push_back(prefix);
-            else if (errno != EEXIST)
-                failErrno("cannot create the folder \"" + prefix + "\"");
-        }
-        const std::string parentPath = slash == 0 ? "/" : destination_.substr(0, slash);
-        if (!name_.empty())
-            parent_ = UniqueFd(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        dest_ = UniqueFd(::open(destination_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!dest_ && (errno != ENOENT || !parent_))
-            failErrno("cannot open the folder \"" + (parent_ ? destination_ : parentPath) + "\"");
-
+        openDestination();
         createStaging();
+        folders_.emplace(ops_, fresh() ? staging_.get() : dest_.get());
     } catch (...) {
         removeStaging();
         removeCreatedRoots();
@@ -78,6 +61,26 @@ StagedExtraction::~StagedExtraction() {
     if (keepStaging_) return;
     removeStaging();
     removeCreatedRoots();
+}
+
+// The destination path itself comes from the caller and is trusted as
+// given; only what lies below it is guarded against links.
+void StagedExtraction::openDestination() {
+    const std::size_t slash = destination_.rfind('/');
+    for (std::size_t at = destination_.find('/', 1); at != std::string::npos && at <= slash;
+         at = destination_.find('/', at + 1)) {
+        const std::string prefix = destination_.substr(0, at);
+        if (ops_.mkdirat(AT_FDCWD, prefix.c_str()) == 0)
+            createdRoots_.push_back(prefix);
+        else if (errno != EEXIST)
+            failErrno("cannot create the folder \"" + prefix + "\"");
+    }
+    const std::string parentPath = slash == 0 ? "/" : destination_.substr(0, slash);
+    if (!name_.empty())
+        parent_ = OpsFd(ops_, ops_.openat(AT_FDCWD, parentPath.c_str(), O_RDONLY | O_DIRECTORY));
+    dest_ = OpsFd(ops_, ops_.openat(AT_FDCWD, destination_.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!dest_ && (errno != ENOENT || !parent_))
+        failErrno("cannot open the folder \"" + (parent_ ? destination_ : parentPath) + "\"");
 }
 
 // The staging folder is made exclusively under a name no part can take,
@@ -95,8 +98,8 @@ void StagedExtraction::createStaging() {
         if (errno != EEXIST || attempt == 100)
             failErrno("cannot create a staging folder for \"" + destination_ + "\"");
     }
-    staging_ = UniqueFd(ops_.openat(where, stagingName_.c_str(), kFolderFlags));
-    if (!staging_ || ::flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
+    staging_ = OpsFd(ops_, ops_.openat(where, stagingName_.c_str(), kFolderFlags));
+    if (!staging_ || ops_.flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
         failErrno("cannot open the staging folder \"" + stagingPath() + "\"");
     token_ = writeStamp(ops_, where, staging_.get(), stagingPath());
 }
@@ -118,7 +121,7 @@ void StagedExtraction::repairLeftovers() {
         warnings_.push_back("left alone " + unreadable + "; `tsapp recover --discard` removes it");
     if (recovery.done.empty() || fresh()) return;
     // The repair moved files: look again at what each staged file meets.
-    folders_.clear();
+    folders_->clear();
     missingFolders_.clear();
     for (auto& file : staged_) file.existed = checkTarget(file.path);
 }
@@ -127,44 +130,6 @@ std::string StagedExtraction::stagingPath() const {
     const std::string where =
         fresh() ? destination_.substr(0, destination_.rfind('/')) : destination_;
     return (where == "/" ? "" : where) + "/" + stagingName_;
-}
-
-int StagedExtraction::folderFd(const FileSegments& folder, bool create) {
-    const int root = fresh() ? staging_.get() : dest_.get();
-    if (folder.empty()) return root;
-    if (auto cached = folders_.find(folder); cached != folders_.end()) return cached->second.get();
-    if (folders_.size() >= kMaxCachedFolders) folders_.clear();
-    // Start from the deepest folder on the way that is already open.
-    std::size_t depth = folder.size() - 1;
-    int parent = root;
-    FileSegments walked(folder.begin(), folder.begin() + static_cast<std::ptrdiff_t>(depth));
-    for (; depth > 0; --depth, walked.pop_back()) {
-        if (auto cached = folders_.find(walked); cached != folders_.end()) {
-            parent = cached->second.get();
-            break;
-        }
-    }
-    for (; depth < folder.size(); ++depth) {
-        const std::string& name = folder[depth];
-        walked.push_back(name);
-        UniqueFd next(ops_.openat(parent, name.c_str(), kFolderFlags));
-        if (!next && errno == ENOENT) {
-            if (!create) return -1;
-            if (ops_.mkdirat(parent, name.c_str()) != 0)
-                failErrno("cannot create the folder " + quoted(walked));
-            createdFolders_.push_back(walked);
-            next = UniqueFd(ops_.openat(parent, name.c_str(), kFolderFlags));
-        }
-        if (!next) {
-            if (errno == ELOOP || errno == ENOTDIR)
-                fail(quoted(walked) +
-                     " in the destination is not a folder (a file or a symbolic link)");
-            failErrno("cannot open the folder " + quoted(walked));
-        }
-        parent = next.get();
-        folders_[walked] = std::move(next);
-    }
-    return parent;
 }
 
 void StagedExtraction::reservePath(const FileSegments& path) {
@@ -188,7 +153,7 @@ bool StagedExtraction::checkTarget(const FileSegments& path) {
     if (fresh()) return false;
     const FileSegments folder = folderOf(path);
     if (missingFolders_.count(folder)) return false;
-    const int dirFd = folderFd(folder, false);
+    const int dirFd = folders_->open(folder, nullptr);
     if (dirFd < 0) {
         missingFolders_.insert(folder);
         return false;
@@ -206,14 +171,13 @@ bool StagedExtraction::checkTarget(const FileSegments& path) {
 void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
     if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
-    StagedFile file;
-    file.path = path;
-    file.existed = checkTarget(path);
+    StagedFile file{path, checkTarget(path)};
     // A new destination is staged as the tree it becomes; files for an
     // existing one wait flat in the staging folder inside it.
-    const int dirFd = fresh() ? folderFd(folderOf(path), true) : staging_.get();
+    const int dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
     const std::string name = fresh() ? path.back() : stagedName(staged_.size());
-    UniqueFd out(ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
+    OpsFd out(ops_,
+              ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
     if (!out) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
     write(out.get());
@@ -240,7 +204,8 @@ void StagedExtraction::commit() {
 void StagedExtraction::commitFresh() {
     if (sync_) {
         for (const auto& folder : createdFolders_)
-            flush(folderFd(folder, false), stagingPath() + "/" + joinSegments(folder), false);
+            flush(folders_->open(folder, nullptr), stagingPath() + "/" + joinSegments(folder),
+                  false);
         flush(staging_.get(), stagingPath(), false);
     }
     const int parent = parent_.get();
@@ -263,19 +228,20 @@ void StagedExtraction::commitFresh() {
 }
 
 void StagedExtraction::writeJournal() {
-    std::vector<JournalEntry> entries;
+    journal_.refuseExisting = existing_ == Existing::Refuse;
     std::set<FileSegments> newFolders;
     for (const auto& folder : missingFolders_)
         for (std::size_t depth = 1; depth <= folder.size(); ++depth)
             newFolders.insert(FileSegments(folder.begin(), folder.begin() + depth));
     // Parents sort before their children.
     for (const auto& folder : newFolders)
-        if (folderFd(folder, false) < 0) entries.push_back({true, false, joinSegments(folder)});
+        if (folders_->open(folder, nullptr) < 0)
+            journal_.entries.push_back({true, false, joinSegments(folder)});
     for (const auto& file : staged_)
-        entries.push_back({false, file.existed, joinSegments(file.path)});
-    const std::string text = encodeJournal(token_, entries);
+        journal_.entries.push_back({false, file.existed, joinSegments(file.path)});
+    const std::string text = encodeJournal(token_, journal_);
 
-    UniqueFd out(ops_.openat(staging_.get(), kJournalDraft, O_WRONLY | O_CREAT | O_EXCL, 0600));
+    OpsFd out(ops_, ops_.openat(staging_.get(), kJournalDraft, O_WRONLY | O_CREAT | O_EXCL, 0600));
     if (!out || ops_.writeAll(out.get(), text.data(), text.size()) != 0 ||
         (sync_ && ops_.fsync(out.get()) != 0) || ops_.close(out.release()) != 0 ||
         ops_.renameat(staging_.get(), kJournalDraft, staging_.get(), kJournal) != 0)
@@ -284,40 +250,14 @@ void StagedExtraction::writeJournal() {
     if (sync_) flush(staging_.get(), stagingPath(), false);
 }
 
-// Renames are ordered so that any single one that fails can be undone:
-// the old file is moved into the staging folder before the new one takes
-// its name.
-void StagedExtraction::place(std::size_t index) {
-    StagedFile& file = staged_[index];
-    const int dirFd = folderFd(folderOf(file.path), true);
-    const char* name = file.path.back().c_str();
-    const std::string staged = stagedName(index);
-    const int staging = staging_.get();
-    if (ops_.renameat(staging, staged.c_str(), dirFd, name, RENAME_NOREPLACE) == 0) {
-        file.placed = true;
-        return;
-    }
-    if (errno != EEXIST && errno != EINVAL && errno != ENOSYS)
-        failErrno("cannot move " + quoted(file.path) + " into place");
-    if (errno == EEXIST && existing_ == Existing::Refuse)
-        fail("the file " + quoted(file.path) + " already exists");
-    struct stat info {};
-    if (ops_.lstatat(dirFd, name, &info) == 0) {
-        if (S_ISDIR(info.st_mode)) fail("a folder is in the way of the file " + quoted(file.path));
-        if (ops_.renameat(dirFd, name, staging, asideName(index).c_str()) != 0)
-            failErrno("cannot move the old " + quoted(file.path) + " aside");
-        file.aside = true;
-    }
-    if (ops_.renameat(staging, staged.c_str(), dirFd, name) != 0)
-        failErrno("cannot move " + quoted(file.path) + " into place");
-    file.placed = true;
-}
-
 void StagedExtraction::commitExisting() {
     if (sync_) flush(staging_.get(), stagingPath(), false);
+    std::set<std::string> present;
+    for (std::size_t i = 0; i < staged_.size(); ++i) present.insert(stagedName(i));
+    commit_.emplace(ops_, *folders_, staging_.get(), stagingPath(), journal_, std::move(present));
     writeJournal();
     try {
-        for (std::size_t i = 0; i < staged_.size(); ++i) place(i);
+        commit_->forward();
     } catch (const Exception& e) {
         const std::vector<std::string> problems = undoCommit();
         if (problems.empty()) throw;
@@ -331,80 +271,47 @@ void StagedExtraction::commitExisting() {
         std::set<FileSegments> touched;
         for (const auto& file : staged_) touched.insert(folderOf(file.path));
         for (const auto& folder : touched)
-            flush(folderFd(folder, false), destination_ + "/" + joinSegments(folder), true);
+            flush(folders_->open(folder, nullptr), destination_ + "/" + joinSegments(folder), true);
     }
-    // Cleaning up: each removal gets a second chance before it is reported.
-    const int staging = staging_.get();
+    removeCommitted();
+}
+
+// Cleaning up: each removal gets a second chance before it is reported.
+// What cannot be removed stays for the next recovery, which completes the
+// journal (nothing left to move) and removes the rest.
+void StagedExtraction::removeCommitted() {
+    const std::vector<std::string> left = commit_->dropOldCopies();
+    warnings_.insert(warnings_.end(), left.begin(), left.end());
     auto remove = [&](int dir, const std::string& name, int flags) {
         return ops_.unlinkat(dir, name.c_str(), flags) == 0 ||
                ops_.unlinkat(dir, name.c_str(), flags) == 0 || errno == ENOENT;
     };
-    bool allRemoved = true;
-    for (std::size_t i = 0; i < staged_.size(); ++i) {
-        if (!staged_[i].aside || remove(staging, asideName(i), 0)) continue;
-        allRemoved = false;
-        warnings_.push_back("could not remove " + stagingPath() + "/" + asideName(i) +
-                            " (the old " + joinSegments(staged_[i].path) + ")");
-    }
-    if (allRemoved && (!remove(staging, kJournal, 0) || !remove(staging, kStampName, 0) ||
-                       !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
+    const int staging = staging_.get();
+    if (left.empty() && (!remove(staging, kJournal, 0) || !remove(staging, kStampName, 0) ||
+                         !remove(dest_.get(), stagingName_, AT_REMOVEDIR)))
         warnings_.push_back("could not remove " + stagingPath());
 }
 
 // Puts the destination back as it was; returns what could not be, one line each.
 std::vector<std::string> StagedExtraction::undoCommit() noexcept {
     std::vector<std::string> problems;
-    bool touched = false;
-    for (const auto& file : staged_) touched = touched || file.placed || file.aside;
     // From here a crash, or a staging folder that cannot be removed, must
     // lead to undoing, not completing.
     if (journaled_ && ops_.renameat(staging_.get(), kJournal, staging_.get(), kUndoJournal) != 0) {
-        for (const auto& file : staged_)
-            if (file.placed || file.aside)
-                problems.push_back(joinSegments(file.path) + " (left as the new version)");
-        if (touched) return problems;
+        for (const auto& path : commit_->touchedPaths())
+            problems.push_back(path + " (left as the new version)");
+        if (!problems.empty()) return problems;
         if (ops_.unlinkat(staging_.get(), kJournal, 0) != 0)
             problems.push_back(stagingPath() + "/" + kJournal + " (could not be removed)");
     }
     journaled_ = false;
-    for (std::size_t i = staged_.size(); i-- > 0;) {
-        StagedFile& file = staged_[i];
-        if (!file.placed && !file.aside) continue;
-        int dirFd = -1;
-        try {
-            dirFd = folderFd(folderOf(file.path), false);
-        } catch (const Exception&) {
-        }
-        const char* name = file.path.back().c_str();
-        if (file.aside) {
-            if (dirFd < 0 ||
-                ops_.renameat(staging_.get(), asideName(i).c_str(), dirFd, name) != 0) {
-                problems.push_back(joinSegments(file.path) + " (old copy kept as " + stagingPath() +
-                                   "/" + asideName(i) + ")");
-                continue;
-            }
-        } else if (dirFd < 0 || ops_.unlinkat(dirFd, name, 0) != 0) {
-            problems.push_back(joinSegments(file.path) + " (the new file is still in place)");
-            continue;
-        }
-        file.placed = file.aside = false;
-    }
-    for (auto it = createdFolders_.rbegin(); it != createdFolders_.rend(); ++it) {
-        int parent = -1;
-        try {
-            parent = folderFd(folderOf(*it), false);
-        } catch (const Exception&) {
-        }
-        if (parent < 0 || ops_.unlinkat(parent, it->back().c_str(), AT_REMOVEDIR) != 0)
-            problems.push_back(joinSegments(*it) + " (a new folder)");
-        folders_.erase(*it);
-    }
-    createdFolders_.clear();
+    const std::vector<std::string> left = commit_->back();
+    problems.insert(problems.end(), left.begin(), left.end());
     return problems;
 }
 
 void StagedExtraction::removeStaging() noexcept {
-    folders_.clear();
+    folders_.reset();
     const int where = fresh() ? parent_.get() : dest_.get();
     // What cannot be removed now, the next extraction removes: the lock
     // goes with this process.
@@ -414,7 +321,8 @@ void StagedExtraction::removeStaging() noexcept {
 
 void StagedExtraction::removeCreatedRoots() noexcept {
     parent_.reset();
-    for (auto it = createdRoots_.rbegin(); it != createdRoots_.rend(); ++it) ::rmdir(it->c_str());
+    for (auto it = createdRoots_.rbegin(); it != createdRoots_.rend(); ++it)
+        ops_.unlinkat(AT_FDCWD, it->c_str(), AT_REMOVEDIR);
     createdRoots_.clear();
 }
 

@@ -6,30 +6,32 @@
 // Nothing the destination shows changes before commit(). A new
 // destination is built whole in a staging folder beside it and renamed
 // into place; into an existing one the files are staged in a hidden folder
-// inside it, then moved one by one under a journal. Until commit() has
-// returned, the destructor undoes everything: the staging folder goes,
-// files that were replaced get their old contents back, and every folder
-// this object created is removed. The destination then holds exactly what
-// it held before. At commit(), before anything moves, the staging folders
-// of dead extractions into the same destination are completed or removed
-// (see Journal.hpp for how they prove themselves ours).
+// inside it, then moved one by one under a journal (Commit.hpp). Until
+// commit() has returned, the destructor undoes everything: the staging
+// folder goes, files that were replaced get their old contents back, and
+// every folder this object created is removed. The destination then holds
+// exactly what it held before. At commit(), before anything moves, the
+// staging folders of dead extractions into the same destination are
+// completed or removed (Recovery.hpp says how they prove themselves ours).
 //
-// Below the destination every folder is opened with openat() and
-// O_NOFOLLOW, one component at a time, so a symbolic link that sits inside
-// the destination is never followed: a path through it is an error. Files
-// are created as regular files with mode 0666 less the umask, whatever the
-// archive says, and a file is never written over a folder.
+// Below the destination every folder is reached through a FolderCache, so
+// a symbolic link that sits inside the destination is never followed: a
+// path through it is an error. Files are created as regular files with
+// mode 0666 less the umask, whatever the archive says, and a file is never
+// written over a folder. Every file-system call goes through `ops`.
 
-#include <cstdint>
 #include <functional>
-#include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "platform/base/UniqueFd.hpp"
+#include "platform/extract/Commit.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/FileOps.hpp"
+#include "platform/extract/FolderCache.hpp"
+#include "platform/extract/Journal.hpp"
 
 namespace opc::detail {
 
@@ -38,9 +40,9 @@ class StagedExtraction {
     enum class Existing { Replace, Refuse };
 
     // Opens `destination` (an absolute path), creating its missing parent
-    // folders, and makes the staging folder. Throws
-    // opc::Exception when that fails. With `sync`, every file and folder
-    // is flushed to disk before the new files count as installed.
+    // folders, and makes the staging folder. Throws opc::Exception when
+    // that fails. With `sync`, every file and folder is flushed to disk
+    // before the new files count as installed.
     StagedExtraction(const std::string& destination, Existing existing, bool sync = false,
                      const FileOps& ops = posixFileOps());
     ~StagedExtraction();
@@ -67,20 +69,18 @@ class StagedExtraction {
     struct StagedFile {
         FileSegments path;
         bool existed = false;  // something was at the path when staged
-        bool aside = false;    // the old file was moved into the staging folder
-        bool placed = false;
     };
 
     bool fresh() const { return !dest_; }
+    void openDestination();
     void createStaging();
     void repairLeftovers();
-    int folderFd(const FileSegments& folder, bool create);
     void reservePath(const FileSegments& path);
     bool checkTarget(const FileSegments& path);
     void writeJournal();
-    void place(std::size_t index);
     void commitFresh();
     void commitExisting();
+    void removeCommitted();
     std::vector<std::string> undoCommit() noexcept;
     void flush(int fd, const std::string& what, bool warnOnly);
     void removeStaging() noexcept;
@@ -93,22 +93,21 @@ class StagedExtraction {
     Existing existing_;
     bool sync_;
     std::vector<std::string> createdRoots_;     // absolute, outermost first
-    std::vector<FileSegments> createdFolders_;  // below the destination, parents first
+    std::vector<FileSegments> createdFolders_;  // in a new destination's staging tree
     std::set<FileSegments> missingFolders_;     // not in the destination when staged
     std::vector<StagedFile> staged_;
     std::set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
     std::set<std::string> folderPaths_;  // ASCII-lowercased
     std::vector<std::string> warnings_;
-    UniqueFd parent_;
-    UniqueFd dest_;  // an existing destination; invalid for a new one
+    OpsFd parent_;
+    OpsFd dest_;  // an existing destination; invalid for a new one
     std::string stagingName_;
     std::string token_;  // the staging folder's stamp, repeated in its journal
-    UniqueFd staging_;   // also holds the lock that marks the extraction alive
-    // Open folders by their path below the staging folder (new destination)
-    // or the destination, so that parts spread over many folders cost one
-    // openat() per folder. Bounded; past that the cache starts afresh.
-    static constexpr std::size_t kMaxCachedFolders = 512;
-    std::map<FileSegments, UniqueFd> folders_;
+    OpsFd staging_;      // also holds the lock that marks the extraction alive
+    // The staging tree of a new destination, or the existing destination.
+    std::optional<FolderCache> folders_;
+    Journal journal_;
+    std::optional<Commit> commit_;
     bool journaled_ = false;
     bool committed_ = false;
     bool keepStaging_ = false;  // it holds what a failed undo left

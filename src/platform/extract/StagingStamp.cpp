@@ -10,8 +10,6 @@
 #include <cstring>
 #include <sstream>
 
-#include "platform/base/ReadAt.hpp"
-#include "platform/base/UniqueFd.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -32,9 +30,9 @@ struct FolderId {
     }
 };
 
-bool identify(int fd, FolderId& id) {
+bool identify(const FileOps& ops, int fd, FolderId& id) {
     struct statx info {};
-    if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &info) != 0) return false;
+    if (ops.statx(fd, STATX_INO | STATX_BTIME, &info) != 0) return false;
     id.device = makedev(info.stx_dev_major, info.stx_dev_minor);
     id.inode = info.stx_ino;
     if (info.stx_mask & STATX_BTIME) {
@@ -85,9 +83,9 @@ bool decode(const std::string& text, Stamp& stamp) {
     return in && magic == kStampMagic && stamp.token.size() == 32 && encode(stamp) == text;
 }
 
-bool readStamp(int folder, Stamp& stamp, std::string& why) {
+bool readStamp(const FileOps& ops, int folder, Stamp& stamp, std::string& why) {
     std::string text;
-    if (!readOwnFile(folder, kStampName, kStampLimit, text, why)) {
+    if (!readOwnFile(ops, folder, kStampName, kStampLimit, text, why)) {
         why = "its stamp " + why;
         return false;
     }
@@ -100,13 +98,12 @@ bool readStamp(int folder, Stamp& stamp, std::string& why) {
 
 }  // namespace
 
-bool readOwnFile(int dir, const char* name, std::size_t limit, std::string& text,
-                 std::string& why) {
-    UniqueFd fd(::openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+bool readOwnFile(const FileOps& ops, int dir, const char* name, std::size_t limit,
+                 std::string& text, std::string& why) {
+    OpsFd fd(ops, ops.openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
     struct stat info {};
-    if (!fd || ::fstat(fd.get(), &info) != 0) {
-        why =
-            errno == ENOENT ? "is missing" : std::string("cannot be read: ") + std::strerror(errno);
+    if (!fd || ops.fstat(fd.get(), &info) != 0) {
+        why = errno == ENOENT ? kMissing : std::string("cannot be read: ") + std::strerror(errno);
         return false;
     }
     if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid() || info.st_nlink != 1 ||
@@ -119,9 +116,7 @@ bool readOwnFile(int dir, const char* name, std::size_t limit, std::string& text
         return false;
     }
     text.assign(static_cast<std::size_t>(info.st_size), '\0');
-    const ssize_t got =
-        read_at(fd.get(), reinterpret_cast<unsigned char*>(text.data()), text.size(), 0);
-    if (got != static_cast<ssize_t>(text.size())) {
+    if (ops.readAt(fd.get(), text.data(), text.size(), 0) != static_cast<long>(text.size())) {
         why = "cannot be read whole";
         return false;
     }
@@ -132,11 +127,11 @@ std::string writeStamp(const FileOps& ops, int holder, int staging, const std::s
     Stamp stamp;
     stamp.user = ::geteuid();
     stamp.token = randomToken();
-    if (!identify(staging, stamp.staging) || !identify(holder, stamp.holder))
+    if (!identify(ops, staging, stamp.staging) || !identify(ops, holder, stamp.holder))
         throw Exception(Reason::CannotWrite, "cannot identify the staging folder \"" + what +
                                                  "\": " + std::strerror(errno));
     const std::string text = encode(stamp);
-    UniqueFd out(ops.openat(staging, kStampName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    OpsFd out(ops, ops.openat(staging, kStampName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
     if (!out || ops.writeAll(out.get(), text.data(), text.size()) != 0 ||
         ops.close(out.release()) != 0)
         throw Exception(Reason::CannotWrite, "cannot stamp the staging folder \"" + what +
@@ -144,9 +139,9 @@ std::string writeStamp(const FileOps& ops, int holder, int staging, const std::s
     return stamp.token;
 }
 
-std::string provenToken(int holder, int staging, std::string& why) {
+std::string provenToken(const FileOps& ops, int holder, int staging, std::string& why) {
     struct stat info {};
-    if (::fstat(staging, &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    if (ops.fstat(staging, &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
         why = "not a folder of this user's";
         return {};
     }
@@ -156,20 +151,21 @@ std::string provenToken(int holder, int staging, std::string& why) {
     }
     Stamp stamp;
     FolderId staged, held;
-    if (!readStamp(staging, stamp, why)) return {};
-    if (!identify(staging, staged) || !identify(holder, held) || !(stamp.staging == staged) ||
-        stamp.holder.device != held.device || stamp.holder.inode != held.inode) {
+    if (!readStamp(ops, staging, stamp, why)) return {};
+    if (!identify(ops, staging, staged) || !identify(ops, holder, held) ||
+        !(stamp.staging == staged) || stamp.holder.device != held.device ||
+        stamp.holder.inode != held.inode) {
         why = "its stamp was made for another folder";
         return {};
     }
     return stamp.token;
 }
 
-bool holdsOwnStamp(int folder) {
+bool holdsOwnStamp(const FileOps& ops, int folder) {
     Stamp stamp;
     FolderId id;
     std::string why;
-    return readStamp(folder, stamp, why) && identify(folder, id) && stamp.staging == id;
+    return readStamp(ops, folder, stamp, why) && identify(ops, folder, id) && stamp.staging == id;
 }
 
 }  // namespace opc::detail

@@ -34,16 +34,19 @@ std::string writeStamp(const FileOps& ops, int holder, int staging, const std::s
 // without following links) when both are this user's, the folder is not
 // writable by others and the stamp binds to exactly these folders; else
 // empty, with `why` saying what does not hold.
-std::string provenToken(int holder, int staging, std::string& why);
+std::string provenToken(const FileOps& ops, int holder, int staging, std::string& why);
 
 // True when `folder` holds a stamp that binds to `folder` itself: what a
 // new destination keeps of its staging folder if the process dies between
 // renaming it into place and removing the stamp.
-bool holdsOwnStamp(int folder);
+bool holdsOwnStamp(const FileOps& ops, int folder);
 
 // Reads the whole file `name` in `dir` when it is a regular file of this
 // user's with one link, no access for others and at most `limit` bytes;
-// else false, with `why` saying what does not hold.
-bool readOwnFile(int dir, const char* name, std::size_t limit, std::string& text, std::string& why);
+// else false, with `why` saying what does not hold (kMissing when there is
+// no such file).
+inline const char kMissing[] = "is missing";
+bool readOwnFile(const FileOps& ops, int dir, const char* name, std::size_t limit,
+                 std::string& text, std::string& why);
 
 }  // namespace opc::detail

@@ -172,16 +172,14 @@ TEST_F(Extraction, AFileThatAppearsInAFolderTheCallMadeIsNeverLost) {
 }
 
 TEST_F(Extraction, EveryFailingCallLeavesTheDestinationAsItWasOrComplete) {
-    const FileCall families[] = {FileCall::Open,   FileCall::Mkdir, FileCall::Rename,
-                                 FileCall::Unlink, FileCall::Write, FileCall::Fsync,
-                                 FileCall::Close};
     for (const bool existing : {false, true}) {
         reset(existing);
         const Tree before = snapshot_tree(root());
         ASSERT_EQ(extract(nullptr), "");
         const Tree complete = snapshot_tree(root());
         ASSERT_EQ(complete.count("dest/lib/sub/c.txt"), 1u);
-        for (const FileCall family : families) {
+        for (int f = 0; f < opc::detail::kFileCallFamilies; ++f) {
+            const auto family = static_cast<FileCall>(f);
             for (const bool persistent : {false, true}) {
                 for (long n = 1;; ++n) {
                     SCOPED_TRACE(testing::Message() << "existing " << existing << ", family "
