@@ -12,7 +12,7 @@ packages=(
   libgtest-dev googletest
   nlohmann-json3-dev libcli11-dev
   python3 locales tzdata
-  libarchive-tools time
+  libarchive-tools time strace
   dpkg-dev file lintian help2man man-db
 )
 

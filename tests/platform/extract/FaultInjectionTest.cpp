@@ -7,8 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include "platform/extract/ExtractionPaths.hpp"
@@ -209,6 +214,87 @@ TEST_F(Extraction, EveryFailingCallLeavesTheDestinationAsItWasOrComplete) {
             }
         }
     }
+}
+
+// Counts every call the seam sees, failing none.
+struct CountingOps : opc::detail::FileOps {
+    int fault(FileCall call) const override {
+        ++counts[static_cast<std::size_t>(call)];
+        return 0;
+    }
+    mutable std::array<long, opc::detail::kFileCallFamilies> counts{};
+};
+
+// Calls per system call name, from `strace -c -o FILE`.
+std::map<std::string, long> straceCounts(const std::string& file) {
+    std::map<std::string, long> calls;
+    std::istringstream in(read_file(file));
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        std::vector<std::string> f{std::istream_iterator<std::string>(fields), {}};
+        if (f.size() >= 5 && f.back() != "total" &&
+            std::isdigit(static_cast<unsigned char>(f[3][0])))
+            calls[f.back()] = std::stol(f[3]);
+    }
+    return calls;
+}
+
+// The seam is only as good as what bypasses it: the kernel's count of
+// file-system calls during one extraction into an existing folder must be
+// exactly what the seam saw (data writes and reads at least as many: the
+// decoder writes a file's bytes in pieces, and reads the package itself).
+// The test runs itself twice under strace, once without the extraction,
+// and compares the difference.
+TEST_F(Extraction, TheSeamSeesEveryFileSystemCall) {
+    if (const char* counted = std::getenv("TSAPP_COUNTED_RUN")) {
+        reset(true);
+        CountingOps ops;
+        if (std::string(counted) == "extract") {
+            ASSERT_EQ(extract(&ops), "");
+        }
+        std::string text;
+        for (long n : ops.counts) text += std::to_string(n) + " ";
+        write_file(std::getenv("TSAPP_COUNTED_OUT"), text);
+        // Cleaning up would differ between the runs; the parent's folder
+        // holds this one's and removes it.
+        std::_Exit(0);
+    }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's runtime makes file-system calls of its own";
+#endif
+    if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "strace is missing";
+    std::map<std::string, long> kernel[2];
+    std::vector<long> seam;
+    for (const int run : {0, 1}) {
+        const std::string mode = run ? "extract" : "setup";
+        const std::string command =
+            "TMPDIR=" + dir.path() + " TSAPP_COUNTED_RUN=" + mode +
+            " TSAPP_COUNTED_OUT=" + dir.file("seam") + " strace -f -c -o " + dir.file("strace") +
+            " /proc/" + std::to_string(::getpid()) +
+            "/exe --gtest_filter=Extraction.TheSeamSeesEveryFileSystemCall >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+        kernel[run] = straceCounts(dir.file("strace"));
+        std::istringstream counts(read_file(dir.file("seam")));
+        seam.assign(std::istream_iterator<long>(counts), {});
+    }
+    const auto sum = [&](std::initializer_list<const char*> names) {
+        long total = 0;
+        for (const char* name : names) total += kernel[1][name] - kernel[0][name];
+        return total;
+    };
+    const auto seen = [&](FileCall call) { return seam.at(static_cast<std::size_t>(call)); };
+    EXPECT_EQ(sum({"openat", "openat2", "open", "fcntl"}), seen(FileCall::Open));
+    EXPECT_EQ(sum({"mkdir", "mkdirat"}), seen(FileCall::Mkdir));
+    EXPECT_EQ(sum({"rename", "renameat", "renameat2"}), seen(FileCall::Rename));
+    EXPECT_EQ(sum({"unlink", "unlinkat", "rmdir"}), seen(FileCall::Unlink));
+    EXPECT_EQ(sum({"fsync", "fdatasync"}), seen(FileCall::Fsync));
+    EXPECT_EQ(sum({"close"}), seen(FileCall::Close));
+    EXPECT_EQ(sum({"newfstatat", "fstat", "statx", "statfs", "lstat", "stat"}),
+              seen(FileCall::Stat));
+    EXPECT_EQ(sum({"flock"}), seen(FileCall::Lock));
+    EXPECT_GE(sum({"write", "writev", "pwrite64"}), seen(FileCall::Write));
+    EXPECT_GE(sum({"getdents64"}), seen(FileCall::List));
+    EXPECT_GE(sum({"pread64", "read"}), seen(FileCall::Read));
 }
 
 TEST_F(Extraction, ATotalAboveTheLimitWritesNothing) {
