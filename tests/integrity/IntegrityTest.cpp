@@ -335,9 +335,11 @@ TEST(Integrity, SignaturesCarryNothingTheirSignerDidNotSign) {
             EXPECT_TRUE(report.ok()) << c.name << ": " << report.faults.front().detail;
             continue;
         }
-        ASSERT_EQ(pairs(report.faults), (Faults{{FaultKind::MalformedSignature, "/" + kSig}}))
+        EXPECT_EQ(pairs(report.faults), (Faults{{FaultKind::MalformedSignature, "/" + kSig}}))
             << c.name;
-        EXPECT_EQ(report.faults.front().detail, c.fault);
+        if (!report.faults.empty()) {
+            EXPECT_EQ(report.faults.front().detail, c.fault) << c.name;
+        }
     }
 }
 
@@ -389,6 +391,14 @@ std::string storedSignedPackage(const std::string& path, const std::string& big)
     return read_file(path);
 }
 
+// The folder's snapshot, each entry's bytes as their SHA-256, so that a
+// failure stays legible.
+Tree hashedTree(const std::string& root) {
+    Tree tree = snapshot_tree(root);
+    for (auto& entry : tree) entry.second = sha256(entry.second);
+    return tree;
+}
+
 // The package file rewritten while a verified extraction runs: either it
 // is refused or it installs exactly the signed bytes.
 TEST(Integrity, WhatIsExtractedIsWhatWasVerified) {
@@ -399,7 +409,7 @@ TEST(Integrity, WhatIsExtractedIsWhatWasVerified) {
     const std::string good = storedSignedPackage(pkg, big);
     const VerificationPolicy policy{{keys().anchor()}};
     ASSERT_TRUE(extractVerified(pkg, dir.file("good"), policy).report.ok());
-    const Tree signedTree = snapshot_tree(dir.file("good"));
+    const Tree signedTree = hashedTree(dir.file("good"));
     // Items read twice are pinned in memory when first read; the others
     // are hashed in the read that writes them.
     const struct {
@@ -438,7 +448,7 @@ TEST(Integrity, WhatIsExtractedIsWhatWasVerified) {
                 // a part changed while it was read fails its CRC-32: refused too
             }
             const std::string what = row.item + " rewritten at " + std::to_string(moment);
-            EXPECT_EQ(snapshot_tree(dest), ok ? signedTree : Tree{}) << what;
+            EXPECT_EQ(hashedTree(dest), ok ? signedTree : Tree{}) << what;
             if (moment < 2) {
                 EXPECT_EQ(ok, moment == 0 ? row.afterOpen : row.afterCheck) << what;
             }
@@ -562,8 +572,8 @@ TEST(Integrity, OldListsOfItemNamesStillVerify) {
 }
 
 #ifdef TSAPP_TOOL
-// The signature as a user checks it: with the tool, and on the unzipped
-// parts with standard tools (the commands in the README).
+// The signature as a user checks it: with the tool, and with standard tools
+// in the folder the tool extracted (the commands in the README).
 TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
     TempDir dir;
     const std::string tool = TSAPP_TOOL, sample = std::string(TSAPP_SOURCE_DIR) + "/sample/app";
@@ -583,9 +593,7 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
             << t;
         EXPECT_EQ(read_file(dir.file("out")),
                   pkg + ": OK, " + (t.empty() ? "unsigned" : "signed by CN=" + t) + "\n");
-        std::string check = "rm -rf " + dir.file("x") + " && unzip -q " + pkg + " -d " +
-                            dir.file("x") + " && cd " + dir.file("x") +
-                            " && sha256sum -c _digests/sha256sums";
+        std::string check = "cd " + dir.file("e" + t) + " && sha256sum -c _digests/sha256sums";
         if (t == "RSA" || t == "EC")  // OpenSSL's cms command cannot verify Ed25519
             check +=
                 " && openssl cms -verify -binary -inform DER -in _digests/sha256sums.p7s -content "
