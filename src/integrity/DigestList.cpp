@@ -5,6 +5,7 @@
 
 #include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace tsappinstall::integrity {
 namespace {
@@ -160,6 +161,8 @@ DigestList parseDigestList(const std::string& text) {
 }
 
 std::string listedName(const std::string& partName, int version) {
+    if (partName.empty() || partName.front() != '/')
+        throw opc::Exception("\"" + partName + "\" is not a part name");
     if (version == 1) return partName.substr(1);
     return opc::detail::joinSegments(opc::detail::fileSegmentsFor(partName, true));
 }

@@ -53,7 +53,7 @@ struct Keys {
             "leaf.key -CA EC.pem -CAkey EC.key -days 2 -subj /CN=leaf -out leaf.pem";
         EXPECT_EQ(sh(script), 0);
     }
-    // `certificates`: the signer's file, then more PEM files to append.
+    // The signer `t`, its certificate followed by those of `more`.
     Signer signer(const std::string& t, const std::vector<std::string>& more = {}) const {
         std::string bundle = read_file(dir.file(t + ".pem"));
         for (const std::string& other : more) bundle += read_file(dir.file(other + ".pem"));
@@ -100,9 +100,9 @@ std::string sha256(const std::string& bytes) {
     return hash.finishHex();
 }
 
-// Moves an item to another name and points the relationships at `target`.
-void rename(const std::string& pkg, const std::string& from, const std::string& to,
-            const std::string& target) {
+// Moves the item `from` to `to`; the relationship to it then names `target`.
+void moveItem(const std::string& pkg, const std::string& from, const std::string& to,
+              const std::string& target) {
     const std::string bytes = zip_item(pkg, from);
     edit(pkg, from, std::nullopt), edit(pkg, to, bytes);
     edit(pkg, "_rels/.rels",
@@ -163,13 +163,13 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
         // Names are compared byte for byte: the case of a part name makes no
         // other part, but another file once extracted.
         {"digest list named in capitals",
-         [&] { rename(pkg, kList, "_DIGESTS/SHA256SUMS", "_DIGESTS/SHA256SUMS"); },
+         [&] { moveItem(pkg, kList, "_DIGESTS/SHA256SUMS", "_DIGESTS/SHA256SUMS"); },
          {{FaultKind::NoDigestList, "/_DIGESTS/SHA256SUMS"}}},
         {"digest list stored in capitals",
-         [&] { rename(pkg, kList, "_DIGESTS/sha256sums", kList); },
+         [&] { moveItem(pkg, kList, "_DIGESTS/sha256sums", kList); },
          {{FaultKind::NoDigestList, DIGESTS_PART_NAME}}},
         {"signature stored in capitals",
-         [&] { rename(pkg, kSig, "_digests/SHA256SUMS.P7S", kSig); },
+         [&] { moveItem(pkg, kSig, "_digests/SHA256SUMS.P7S", kSig); },
          {{FaultKind::MalformedSignature, sig}}},
     };
     writePackage(other, "other", &ec);

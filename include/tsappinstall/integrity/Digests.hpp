@@ -73,7 +73,8 @@ struct DigestEntry {
 
 struct DigestList {
     int version = 2;
-    std::string contentTypesSha256;  // empty when [Content_Types].xml is not listed
+    // Empty when [Content_Types].xml is not listed; version 2 lists it always.
+    std::string contentTypesSha256;
     std::vector<DigestEntry> parts;  // in the order listed
 };
 
@@ -85,8 +86,8 @@ TSAPP_API std::string formatDigestList(const DigestList& list);
 TSAPP_API DigestList parseDigestList(const std::string& text);
 
 // The name a list of `version` gives the part `partName`
-// ("/files/a%20b.js"). Throws opc::Exception when, for version 2, the name
-// cannot be a file path.
+// ("/files/a%20b.js"). Throws opc::Exception for a name without its
+// leading "/" and, for version 2, one that cannot be a file path.
 TSAPP_API std::string listedName(const std::string& partName, int version);
 
 // The version-2 digests of an open package's items: [Content_Types].xml
