@@ -42,8 +42,8 @@ std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
     if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty())
         return std::nullopt;
     const auto list = integrity::detail::readDigestList(package, faults);
-    if (!list || !list->entries) return std::nullopt;
-    return std::make_optional<DigestCheck>(*list->entries);
+    if (!list || !list->list) return std::nullopt;
+    return std::make_optional<DigestCheck>(*list->list);
 }
 
 // Decodes every part, so that its size and CRC-32 are checked, and in the
@@ -64,7 +64,7 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
         DigestCheck* check = digests && listed ? &*digests : nullptr;
         try {
             opc::model::Part part = package.getPart(name);
-            integrity::detail::readItem(name.zipItemName(), part.getInputStream(), check, buffer);
+            integrity::detail::readItem(name.ascii(), part.getInputStream(), check, buffer);
         } catch (const opc::Exception& e) {
             report.faults.push_back(
                 {FaultKind::DamagedPart, "damaged part " + name.ascii() + ": " + e.what()});

@@ -17,7 +17,7 @@ BackgroundDigestCheck::~BackgroundDigestCheck() {
 
 void BackgroundDigestCheck::begin(const opc::model::PartName& part) {
     skipping_ = std::find(skipped_.begin(), skipped_.end(), part) != skipped_.end();
-    if (!skipping_) filling_.events.push_back({Event::Begin, part.zipItemName(), 0, 0});
+    if (!skipping_) filling_.events.push_back({Event::Begin, part.ascii(), 0, 0});
 }
 
 void BackgroundDigestCheck::update(const unsigned char* data, std::size_t size) {

@@ -1,6 +1,11 @@
 // The signature over the content and the signer's chain are checked
 // apart, so that the report can tell "other bytes" from "other signer".
+// The signature part is extracted with the package as a file that anyone
+// may read as vouched for by the signer, so it may carry nothing the
+// signer did not sign or need: no content of its own, no unsigned
+// attributes, no revocation lists, no certificate off the signer's chain.
 
+#include <openssl/asn1.h>
 #include <openssl/err.h>
 
 #include "OpenSsl.hpp"
@@ -47,16 +52,103 @@ bool ed25519Matches(CMS_SignerInfo* signer, X509* certificate, const std::string
                             content.size()) == 1;
 }
 
-// Empty when the chain from `certificate` (through the certificates the
-// signature carries) ends at a trust anchor; else why not.
-std::string chainProblem(X509_STORE* store, X509* certificate, CMS_ContentInfo* cms) {
+// The certificates from the signer's up to a trust anchor, as
+// X509_verify_cert found them among those the signature carries and the
+// anchors; or, when there is no such chain, why not.
+struct Chain {
+    CertsPtr certificates;
+    std::string problem;
+};
+
+Chain chainOf(X509_STORE* store, X509* certificate, STACK_OF(X509) * carried) {
     const StoreContextPtr context(X509_STORE_CTX_new());
-    const CertsPtr carried(CMS_get1_certs(cms));
-    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, carried.get()) != 1 ||
+    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, carried) != 1 ||
         X509_STORE_CTX_set_default(context.get(), "smime_sign") != 1)
-        return opensslError("cannot check the chain");
-    if (X509_verify_cert(context.get()) == 1) return {};
-    return X509_verify_cert_error_string(X509_STORE_CTX_get_error(context.get()));
+        return {nullptr, opensslError("cannot check the chain")};
+    if (X509_verify_cert(context.get()) != 1)
+        return {nullptr, X509_verify_cert_error_string(X509_STORE_CTX_get_error(context.get()))};
+    return {CertsPtr(X509_STORE_CTX_get1_chain(context.get())), {}};
+}
+
+// A carried certificate the chain does not use, or null.
+X509* offChain(STACK_OF(X509) * carried, STACK_OF(X509) * chain) {
+    for (int i = 0; i < sk_X509_num(carried); ++i) {
+        X509* certificate = sk_X509_value(carried, i);
+        bool used = false;
+        for (int j = 0; j < sk_X509_num(chain) && !used; ++j)
+            used = X509_cmp(certificate, sk_X509_value(chain, j)) == 0;
+        if (!used) return certificate;
+    }
+    return nullptr;
+}
+
+// One DER element: its tag, class and contents.
+struct Element {
+    int tag = 0;
+    int cls = 0;
+    const unsigned char* contents = nullptr;
+    long length = 0;
+};
+
+// The element at `at`, which then points past it; false at `end` or where
+// no definite-length element begins.
+bool nextElement(const unsigned char*& at, const unsigned char* end, Element& element) {
+    if (at >= end) return false;
+    const unsigned char* contents = at;
+    const int info =
+        ASN1_get_object(&contents, &element.length, &element.tag, &element.cls, end - at);
+    if ((info & 0x80) != 0 || (info & 1) != 0) return false;  // an error; an indefinite length
+    element.contents = contents;
+    at = contents + element.length;
+    return true;
+}
+
+// Which of the optional fields of the signed data are there beyond what
+// OpenSSL lists: certificates other than X.509 ones (attribute and other
+// formats) and revocation information of any kind. The structure has been
+// parsed as CMS already; this looks only at the outline of its DER.
+struct CarriedExtras {
+    bool readable = false;
+    bool otherCertificates = false;
+    bool revocationInfo = false;
+};
+
+CarriedExtras extrasOf(const std::string& der) {
+    CarriedExtras extras;
+    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+    const unsigned char* end = at + der.size();
+    Element contentInfo, type, explicitContent, signedData, skipped, field;
+    if (!nextElement(at, end, contentInfo)) return extras;
+    at = contentInfo.contents, end = at + contentInfo.length;
+    if (!nextElement(at, end, type) || !nextElement(at, end, explicitContent)) return extras;
+    at = explicitContent.contents, end = at + explicitContent.length;
+    if (!nextElement(at, end, signedData)) return extras;
+    at = signedData.contents, end = at + signedData.length;
+    for (int i = 0; i < 3; ++i)  // version, digest algorithms, content info
+        if (!nextElement(at, end, skipped)) return extras;
+    while (nextElement(at, end, field) && field.cls == V_ASN1_CONTEXT_SPECIFIC) {
+        if (field.tag != 0) {
+            extras.revocationInfo = true;
+            continue;
+        }
+        const unsigned char* next = field.contents;
+        for (Element certificate; nextElement(next, field.contents + field.length, certificate);)
+            if (certificate.cls != V_ASN1_UNIVERSAL || certificate.tag != V_ASN1_SEQUENCE)
+                extras.otherCertificates = true;
+    }
+    extras.readable = true;
+    return extras;
+}
+
+// Why the signature carries something its signer did not sign, or empty.
+std::string unsignedCargo(CMS_ContentInfo* cms, CMS_SignerInfo* signer, const std::string& der) {
+    const CarriedExtras extras = extrasOf(der);
+    if (!extras.readable) return "it is not DER";
+    if (CMS_is_detached(cms) != 1) return "it carries content of its own; it must be detached";
+    if (CMS_unsigned_get_attr_count(signer) > 0) return "it carries unsigned attributes";
+    if (extras.revocationInfo) return "it carries revocation information";
+    if (extras.otherCertificates) return "it carries certificates other than X.509 ones";
+    return {};
 }
 
 Fault fault(FaultKind kind, const std::string& what) {
@@ -83,6 +175,11 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
         return check;
     }
     CMS_SignerInfo* signer = sk_CMS_SignerInfo_value(signers, 0);
+    const std::string cargo = unsignedCargo(cms.get(), signer, signature);
+    if (!cargo.empty()) {
+        check.fault = {FaultKind::MalformedSignature, SIGNATURE_PART_NAME, cargo};
+        return check;
+    }
     X509* certificate = nullptr;
     CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
     check.signer = subjectOf(certificate);
@@ -94,10 +191,16 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
         check.fault = fault(FaultKind::SignatureMismatch, "it does not sign this digest list");
         return check;
     }
-    const std::string problem = chainProblem(store.get(), certificate, cms.get());
-    if (!problem.empty())
+    const CertsPtr carried(CMS_get1_certs(cms.get()));
+    const Chain chain = chainOf(store.get(), certificate, carried.get());
+    if (!chain.problem.empty()) {
         check.fault = {FaultKind::UntrustedSigner, SIGNATURE_PART_NAME,
-                       "the signer is not trusted: " + problem};
+                       "the signer is not trusted: " + chain.problem};
+    } else if (X509* stranger = offChain(carried.get(), chain.certificates.get())) {
+        check.fault = {
+            FaultKind::MalformedSignature, SIGNATURE_PART_NAME,
+            "it carries a certificate off the signer's chain (" + subjectOf(stranger) + ")"};
+    }
     return check;
 }
 

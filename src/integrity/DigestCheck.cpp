@@ -1,28 +1,65 @@
 #include <map>
 
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/PackageWriter.hpp"
 
 namespace tsappinstall::integrity {
+namespace {
+
+struct Expected {
+    std::string sha256;
+    bool seen = false;
+};
+
+// The part a version-2 list means by a path: the name the writer gives it.
+std::string partNameOfPath(const std::string& path) {
+    try {
+        return opc::zippackage::PackageWriter::partNameFor(path);
+    } catch (const opc::Exception&) {
+        return "/" + path;  // no part has it; shown as it is listed
+    }
+}
+
+}  // namespace
 
 struct DigestCheck::State {
-    struct Expected {
-        std::string sha256;
-        bool seen = false;
-    };
-    std::map<std::string, Expected> expected;
+    int version = 2;
+    Expected contentTypes;
+    std::map<std::string, Expected> parts;  // by the name listed
     std::vector<Fault> faults;
     Expected* current = nullptr;  // null while between items or skipping one
     std::string currentItem;
     Sha256 hash;
 
     void fault(FaultKind kind, const std::string& item, std::string detail) {
-        faults.push_back({kind, partNameOfItem(item), std::move(detail)});
+        faults.push_back({kind, item, std::move(detail)});
+    }
+
+    // What the list says about `item`; null, with the reason, when nothing.
+    Expected* find(const std::string& item, std::string& why) {
+        why = "not in the digest list";
+        if (item == CONTENT_TYPES_ITEM)
+            return contentTypes.sha256.empty() ? nullptr : &contentTypes;
+        if (item.empty() || item.front() != '/') return nullptr;
+        try {
+            const auto found = parts.find(listedName(item, version));
+            return found == parts.end() ? nullptr : &found->second;
+        } catch (const opc::Exception& e) {
+            why = e.what();
+            return nullptr;
+        }
+    }
+
+    std::string partNameOf(const std::string& listed) const {
+        return version == 1 ? "/" + listed : partNameOfPath(listed);
     }
 };
 
-DigestCheck::DigestCheck(const std::vector<DigestEntry>& expected)
-    : state_(std::make_unique<State>()) {
-    for (const DigestEntry& entry : expected) state_->expected[entry.item] = {entry.sha256};
+DigestCheck::DigestCheck(const DigestList& expected) : state_(std::make_unique<State>()) {
+    state_->version = expected.version;
+    state_->contentTypes.sha256 = expected.contentTypesSha256;
+    for (const DigestEntry& entry : expected.parts) state_->parts[entry.name] = {entry.sha256};
 }
 
 DigestCheck::~DigestCheck() = default;
@@ -31,13 +68,14 @@ void DigestCheck::begin(const std::string& item) {
     State& s = *state_;
     s.current = nullptr;
     s.currentItem = item;
-    const auto found = s.expected.find(item);
-    if (found == s.expected.end()) {
-        s.fault(FaultKind::UnlistedItem, item, "not in the digest list");
-    } else if (found->second.seen) {
+    std::string why;
+    Expected* expected = s.find(item, why);
+    if (expected == nullptr) {
+        s.fault(FaultKind::UnlistedItem, item, why);
+    } else if (expected->seen) {
         s.fault(FaultKind::UnlistedItem, item, "the package holds it twice");
     } else {
-        s.current = &found->second;
+        s.current = expected;
         s.current->seen = true;
     }
 }
@@ -64,10 +102,12 @@ void DigestCheck::abandon(const std::string& why) {
 
 const std::vector<Fault>& DigestCheck::finish() {
     State& s = *state_;
-    for (auto& [item, expected] : s.expected) {
+    const auto missing = [&](Expected& expected, const std::string& item) {
         if (!expected.seen) s.fault(FaultKind::MissingItem, item, "listed but not in the package");
         expected.seen = true;  // a second finish adds nothing
-    }
+    };
+    if (!s.contentTypes.sha256.empty()) missing(s.contentTypes, CONTENT_TYPES_ITEM);
+    for (auto& [name, expected] : s.parts) missing(expected, s.partNameOf(name));
     return s.faults;
 }
 

@@ -7,27 +7,25 @@
 
 namespace tsappinstall::integrity {
 
-VerifiedExtraction extractVerified(const std::string& path, const std::string& folder,
+VerifiedExtraction extractVerified(opc::model::Package& package, const std::string& folder,
                                    const VerificationPolicy& policy,
                                    opc::extraction::Options options,
                                    opc::qvservices::ReplaceMode replace) {
     VerifiedExtraction result;
     VerificationReport& report = result.report;
-    opc::model::OpenedPackage package(fl::i18n::to_ustring(path));
-    const auto list = detail::readDigestList(package.package(), report.faults);
-    if (!list || !list->entries) return result;
-    detail::checkAuthor(package.package(), list->text, policy, report);
+    const auto list = detail::readDigestList(package, report.faults);
+    if (!list || !list->list) return result;
+    detail::checkAuthor(package, list->text, policy, report);
     if (!report.ok()) return result;
 
-    DigestCheck check(*list->entries);
+    DigestCheck check(*list->list);
     std::vector<unsigned char> buffer(1 << 16);
-    detail::visitContentTypes(package.package(), [&](const std::string& item, auto& in) {
+    detail::visitContentTypes(package, [&](const std::string& item, auto& in) {
         detail::readItem(item, in, &check, buffer);
     });
-    detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package.package()));
+    detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package));
     options.observer = &hashing;
-    opc::extraction::Extractor extractor(package.package(), opc::FileSystemOpsSelector(),
-                                         std::move(options));
+    opc::extraction::Extractor extractor(package, opc::FileSystemOpsSelector(), std::move(options));
     try {
         result.leftAside =
             extractor
@@ -37,6 +35,16 @@ VerifiedExtraction extractVerified(const std::string& path, const std::string& f
     } catch (const detail::DigestFaults& found) {
         report.faults = found.faults;
     }
+    return result;
+}
+
+VerifiedExtraction extractVerified(const std::string& path, const std::string& folder,
+                                   const VerificationPolicy& policy,
+                                   opc::extraction::Options options,
+                                   opc::qvservices::ReplaceMode replace) {
+    opc::model::OpenedPackage package(fl::i18n::to_ustring(path));
+    VerifiedExtraction result =
+        extractVerified(package.package(), folder, policy, std::move(options), replace);
     package.close();
     return result;
 }

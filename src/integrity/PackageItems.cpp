@@ -43,7 +43,7 @@ void forEachItem(opc::model::Package& package, const std::vector<PartName>& excl
     for (const PartName& name : package.getPartNames()) {
         if (std::find(excluded.begin(), excluded.end(), name) != excluded.end()) continue;
         opc::model::Part part = package.getPart(name);
-        visit(name.zipItemName(), part.getInputStream());
+        visit(name.ascii(), part.getInputStream());
     }
 }
 

@@ -19,8 +19,9 @@ std::vector<opc::model::PartName> targetsOf(const opc::model::Package& package, 
 
 using ItemVisitor = std::function<void(const std::string& item, opc::InputStream& bytes)>;
 
-// Calls `visit` with the item name and a stream of its bytes for
-// [Content_Types].xml, then every part not in `excluded`.
+// Calls `visit` with a stream of the bytes of [Content_Types].xml (named by
+// its ZIP item name), then of every part not in `excluded` (by part name).
+// These are the names DigestCheck takes.
 void forEachItem(opc::model::Package& package, const std::vector<opc::model::PartName>& excluded,
                  const ItemVisitor& visit);
 

@@ -22,6 +22,34 @@ BioPtr openFile(const std::string& path) {
     return bio;
 }
 
+// The certificate in `pool` that issued `subject`, or null.
+X509* issuerIn(STACK_OF(X509) * pool, X509* subject) {
+    for (int i = 0; i < sk_X509_num(pool); ++i) {
+        X509* candidate = sk_X509_value(pool, i);
+        if (candidate != subject && X509_check_issued(candidate, subject) == X509_V_OK)
+            return candidate;
+    }
+    return nullptr;
+}
+
+// The certificates of `pool` on the way from `certificate` up to a root, in
+// that order. Verification refuses a signature carrying any other, so a
+// file that bundles more still yields signatures that verify.
+CertsPtr issuerPath(X509* certificate, STACK_OF(X509) * pool) {
+    CertsPtr path(sk_X509_new_null());
+    if (!path) throw IntegrityError("out of memory");
+    X509* current = certificate;
+    while (sk_X509_num(path.get()) < sk_X509_num(pool)) {
+        if (X509_check_issued(current, current) == X509_V_OK) break;  // a root
+        X509* issuer = issuerIn(pool, current);
+        if (issuer == nullptr) break;
+        if (sk_X509_push(path.get(), issuer) == 0) throw IntegrityError("out of memory");
+        X509_up_ref(issuer);
+        current = issuer;
+    }
+    return path;
+}
+
 }  // namespace
 
 Signer::Signer(const std::string& keyFile, const std::string& certificateFile)
@@ -42,6 +70,7 @@ Signer::Signer(const std::string& keyFile, const std::string& certificateFile)
     if (X509_check_private_key(keys_->certificate.get(), keys_->key.get()) != 1)
         throw IntegrityError(
             opensslError("the key in \"" + keyFile + "\" does not belong to the certificate"));
+    keys_->chain = issuerPath(keys_->certificate.get(), keys_->chain.get());
 }
 
 Signer::~Signer() = default;

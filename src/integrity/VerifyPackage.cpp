@@ -15,8 +15,64 @@ using detail::integrityParts;
 using detail::targetsOf;
 using opc::model::PartName;
 
-std::string readPart(opc::model::Package& package, const PartName& name) {
+// Where an integrity part must be, what it is called in faults, the most
+// bytes it may declare, and the kind of fault it gets.
+struct IntegrityPart {
+    const char* name;
+    const char* what;
+    std::uint64_t limit;
+    FaultKind kind;
+};
+
+const IntegrityPart kDigestList{DIGESTS_PART_NAME, "digest list", MAX_DIGEST_LIST_BYTES,
+                                FaultKind::NoDigestList};
+const IntegrityPart kSignature{SIGNATURE_PART_NAME, "signature", MAX_SIGNATURE_BYTES,
+                               FaultKind::MalformedSignature};
+
+// Why the one relationship target in `targets` is not `expected`'s part,
+// or empty. Names are compared byte for byte: part names that differ in
+// case only name the same part, but not the same file once extracted.
+std::string misplaced(const std::vector<PartName>& targets, const opc::model::Package& package,
+                      const IntegrityPart& expected) {
+    const std::string what = std::string("the ") + expected.what;
+    if (targets.size() != 1)
+        return std::to_string(targets.size()) + " relationships to " + what + " (one expected)";
+    const std::string& named = targets.front().ascii();
+    if (named != expected.name)
+        return "the relationship names " + named + ", but " + what + " must be " + expected.name;
+    if (!package.containsPart(targets.front())) return what + " is not in the package";
+    const std::string stored = package.getPart(targets.front()).getPartName().ascii();
+    if (stored != expected.name)
+        return "the package holds " + what + " as " + stored + ", not as " + expected.name;
+    return {};
+}
+
+// One relationship of `type` to the part `expected` names, or a fault.
+const PartName* single(const std::vector<PartName>& targets, const opc::model::Package& package,
+                       const IntegrityPart& expected, std::vector<Fault>& faults) {
+    const std::string why = misplaced(targets, package, expected);
+    if (why.empty()) return &targets.front();
+    faults.push_back(
+        {expected.kind, targets.empty() ? std::string() : targets.front().ascii(), why});
+    return nullptr;
+}
+
+// The part's bytes, pinned first so that whatever reads the part later
+// (extraction) gets these very bytes; none, with a fault of `malformed`,
+// when it declares more than it may hold, before anything is read.
+std::optional<std::string> readPinned(opc::model::Package& package, const PartName& name,
+                                      const IntegrityPart& expected, FaultKind malformed,
+                                      std::vector<Fault>& faults) {
     opc::model::Part part = package.getPart(name);
+    const std::uint64_t declared = part.getEntry().size;
+    if (declared > expected.limit) {
+        faults.push_back({malformed, expected.name,
+                          "it declares " + std::to_string(declared) + " bytes; " +
+                              std::string("a ") + expected.what + " may have at most " +
+                              std::to_string(expected.limit)});
+        return std::nullopt;
+    }
+    part.pin(expected.limit);
     opc::InputStream& in = part.getInputStream();
     std::string bytes;
     unsigned char buffer[1 << 14];
@@ -25,20 +81,7 @@ std::string readPart(opc::model::Package& package, const PartName& name) {
     return bytes;
 }
 
-// One relationship of `type` to a part that is there, or a fault.
-const PartName* single(const std::vector<PartName>& targets, const opc::model::Package& package,
-                       const char* what, std::vector<Fault>& faults, FaultKind kind) {
-    std::string why;
-    if (targets.size() != 1)
-        why = std::to_string(targets.size()) + " relationships to " + what + " (one expected)";
-    else if (!package.containsPart(targets.front()))
-        why = std::string("the ") + what + " is not in the package";
-    if (why.empty()) return &targets.front();
-    faults.push_back({kind, targets.empty() ? std::string() : targets.front().ascii(), why});
-    return nullptr;
-}
-
-void checkDigests(opc::model::Package& package, const std::vector<DigestEntry>& list,
+void checkDigests(opc::model::Package& package, const DigestList& list,
                   std::vector<Fault>& faults) {
     DigestCheck check(list);
     std::vector<unsigned char> buffer(1 << 16);
@@ -61,12 +104,14 @@ namespace detail {
 std::optional<DigestListPart> readDigestList(opc::model::Package& package,
                                              std::vector<Fault>& faults) {
     const auto parts = targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
-    const PartName* part =
-        single(parts, package, "the digest list", faults, FaultKind::NoDigestList);
+    const PartName* part = single(parts, package, kDigestList, faults);
     if (part == nullptr) return std::nullopt;
-    DigestListPart list{*part, readPart(package, *part), std::nullopt};
+    std::optional<std::string> text =
+        readPinned(package, *part, kDigestList, FaultKind::MalformedDigestList, faults);
+    if (!text) return std::nullopt;
+    DigestListPart list{*part, std::move(*text), std::nullopt};
     try {
-        list.entries = parseDigestList(list.text);
+        list.list = parseDigestList(list.text);
     } catch (const IntegrityError& e) {
         faults.push_back({FaultKind::MalformedDigestList, part->ascii(), e.what()});
     }
@@ -81,44 +126,48 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
             report.faults.push_back({FaultKind::Unsigned, {}, "the package carries no signature"});
         return;
     }
-    const PartName* signature = single(signatureParts, package, "the signature", report.faults,
-                                       FaultKind::MalformedSignature);
-    if (signature == nullptr) return;
+    const PartName* part = single(signatureParts, package, kSignature, report.faults);
+    if (part == nullptr) return;
     report.isSigned = true;
-    SignatureCheck check = checkSignature(readPart(package, *signature), list, policy.trustAnchors);
+    const std::optional<std::string> signature =
+        readPinned(package, *part, kSignature, FaultKind::MalformedSignature, report.faults);
+    if (!signature) return;
+    SignatureCheck check = checkSignature(*signature, list, policy.trustAnchors);
     report.signer = check.signer;
     if (check.fault) {
-        check.fault->partName = signature->ascii();
+        check.fault->partName = SIGNATURE_PART_NAME;
         report.faults.push_back(*check.fault);
     }
 }
 
 }  // namespace detail
 
-namespace {
-
-void verifyOpen(opc::model::Package& package, const VerificationPolicy& policy,
-                VerificationReport& report) {
-    const auto list = detail::readDigestList(package, report.faults);
-    if (!list) return;
-    if (list->entries) checkDigests(package, *list->entries, report.faults);
-    detail::checkAuthor(package, list->text, policy, report);
-}
-
-}  // namespace
-
-VerificationReport verifyPackage(const std::string& path, const VerificationPolicy& policy) {
+VerificationReport verifyPackage(opc::model::Package& package, const VerificationPolicy& policy) {
     VerificationReport report;
     try {
-        opc::model::OpenedPackage opened(fl::i18n::to_ustring(path));
-        verifyOpen(opened.package(), policy, report);
-        opened.close();
+        const auto list = detail::readDigestList(package, report.faults);
+        if (!list) return report;
+        if (list->list) checkDigests(package, *list->list, report.faults);
+        detail::checkAuthor(package, list->text, policy, report);
     } catch (const opc::Exception& e) {
-        // Only opening and the two integrity parts' reads get here: every
-        // other item's read failure is a fault of its own.
+        // Only the two integrity parts' reads get here: every other item's
+        // read failure is a fault of its own.
         report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});
     }
     return report;
+}
+
+VerificationReport verifyPackage(const std::string& path, const VerificationPolicy& policy) {
+    try {
+        opc::model::OpenedPackage opened(fl::i18n::to_ustring(path));
+        VerificationReport report = verifyPackage(opened.package(), policy);
+        opened.close();
+        return report;
+    } catch (const opc::Exception& e) {
+        VerificationReport report;
+        report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});
+        return report;
+    }
 }
 
 }  // namespace tsappinstall::integrity

@@ -17,15 +17,18 @@ struct DigestListPart {
     opc::model::PartName name;
     std::string text;
     // Parsed; none when the text is malformed (a MalformedDigestList fault).
-    std::optional<std::vector<DigestEntry>> entries;
+    std::optional<DigestList> list;
 };
 
-// The one digest part, or a NoDigestList fault.
+// The one digest part, exactly DIGESTS_PART_NAME, pinned, so that what is
+// extracted later is this text; or a fault: NoDigestList, or
+// MalformedDigestList when it declares more than MAX_DIGEST_LIST_BYTES.
 std::optional<DigestListPart> readDigestList(opc::model::Package& package,
                                              std::vector<Fault>& faults);
 
 // The signature over `list` as `policy` asks: sets isSigned and signer,
-// adds the faults.
+// adds the faults. The signature part, exactly SIGNATURE_PART_NAME and at
+// most MAX_SIGNATURE_BYTES, is pinned like the list.
 void checkAuthor(opc::model::Package& package, const std::string& list,
                  const VerificationPolicy& policy, VerificationReport& report);
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,13 @@ struct ZipItem {
     std::string name;
     std::string data;
     bool deflate = true;
+    // When set, `data` is deflated already and decodes to this many bytes
+    // with this CRC-32: an item too large to hold decoded.
+    struct Decoded {
+        std::uint64_t size;
+        std::uint32_t crc32;
+    };
+    std::optional<Decoded> decoded = std::nullopt;
 };
 
 // Writes the items in order, by hand (a deflated item that would not shrink
@@ -72,14 +80,16 @@ inline void write_zip(const std::string& path, const std::vector<ZipItem>& items
     std::string file, directory;
     for (const ZipItem& item : items) {
         const std::uint64_t offset = file.size();
-        const std::string data = item.deflate ? raw_deflate(item.data) : item.data;
-        const auto crc = crc32(0L, reinterpret_cast<const Bytef*>(item.data.data()),
-                               static_cast<uInt>(item.data.size()));
-        const std::string head = le(zip64 ? 45 : 20, 2) + le(0, 2) + le(item.deflate ? 8 : 0, 2) +
-                                 le(0, 4) + le(crc, 4) + sizes(data.size(), item.data.size()) +
+        const bool deflate = item.deflate || item.decoded;
+        const std::string data = item.decoded || !deflate ? item.data : raw_deflate(item.data);
+        const std::uint64_t size = item.decoded ? item.decoded->size : item.data.size();
+        const auto crc = item.decoded ? item.decoded->crc32
+                                      : crc32(0L, reinterpret_cast<const Bytef*>(item.data.data()),
+                                              static_cast<uInt>(item.data.size()));
+        const std::string head = le(zip64 ? 45 : 20, 2) + le(0, 2) + le(deflate ? 8 : 0, 2) +
+                                 le(0, 4) + le(crc, 4) + sizes(data.size(), size) +
                                  le(item.name.size(), 2);
-        const std::string extra =
-            le(1, 2) + le(16, 2) + le(item.data.size(), 8) + le(data.size(), 8);
+        const std::string extra = le(1, 2) + le(16, 2) + le(size, 8) + le(data.size(), 8);
         file += le(0x04034b50, 4) + head + le(zip64 ? extra.size() : 0, 2) + item.name +
                 (zip64 ? extra : "") + data;
         const std::string central =

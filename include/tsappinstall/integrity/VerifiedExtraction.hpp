@@ -36,4 +36,15 @@ extractVerified(const std::string& path, const std::string& folder,
                 const VerificationPolicy& policy, opc::extraction::Options options = {},
                 opc::qvservices::ReplaceMode replace = opc::qvservices::ReplaceMode::Replace);
 
+// The same for a package already open, which stays open. Every item that
+// is read twice (the content types and package relationships, parsed when
+// the package was opened; the digest list and the signature, checked
+// before extraction) is pinned, and every other part is hashed in the read
+// that writes it: what lands in `folder` is what was verified, even if the
+// package file is rewritten meanwhile.
+TSAPP_API VerifiedExtraction
+extractVerified(opc::model::Package& package, const std::string& folder,
+                const VerificationPolicy& policy, opc::extraction::Options options = {},
+                opc::qvservices::ReplaceMode replace = opc::qvservices::ReplaceMode::Replace);
+
 }  // namespace tsappinstall::integrity

@@ -8,6 +8,10 @@
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/integrity/Fault.hpp"
 
+namespace opc::model {
+class Package;
+}
+
 namespace tsappinstall::integrity {
 
 struct VerificationPolicy {
@@ -27,6 +31,13 @@ struct VerificationReport {
 // Reads the package once. Every fault is reported, not only the first.
 // Throws IntegrityError when a trust file cannot be read.
 TSAPP_API VerificationReport verifyPackage(const std::string& path,
+                                           const VerificationPolicy& policy);
+
+// The same for a package already open. The digest and signature parts
+// (and, since the package was opened, its content types and relationships)
+// stay pinned in memory: whatever reads them from `package` later gets the
+// bytes verified here, even if the file has been rewritten meanwhile.
+TSAPP_API VerificationReport verifyPackage(opc::model::Package& package,
                                            const VerificationPolicy& policy);
 
 }  // namespace tsappinstall::integrity

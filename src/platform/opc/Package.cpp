@@ -48,6 +48,20 @@ xercesc::DOMLSParser* package_xml_parser() {
     return parser.get();
 }
 
+// The item is parsed from bytes that stay in memory, so that digests are
+// checked and files extracted from the same bytes the package was
+// understood from. Past the parser's limit the item is refused as the
+// parser would refuse it, before anything is read.
+std::unique_ptr<InputStream> pinnedXml(opc::interfaces::IPhysicalPackage& container,
+                                       const PhysicalEntry& entry) {
+    constexpr std::uint64_t kLimit = XercesHelper::kMaxDocumentBytes;
+    if (entry.size > kLimit)
+        throw InvalidXMLDocument("the XML document is larger than " + std::to_string(kLimit) +
+                                 " bytes");
+    container.pinEntry(entry.index, kLimit);
+    return container.openEntry(entry.index);
+}
+
 // Frees the documents the parser made, on every way out of an open.
 class DocumentPoolReset {
   public:
@@ -128,15 +142,17 @@ void Package::open(opc::interfaces::OpenMode mode) {
     xercesc::DOMLSParser* parser = package_xml_parser();
     const DocumentPoolReset poolReset(parser);
     state->assignContentTypes(
-        detail::readContentTypes(parser, *container_.openEntry(contentTypes->index)));
+        detail::readContentTypes(parser, *pinnedXml(container_, *contentTypes)));
 
     const auto rels = state->byKey.find(kPackageRelationshipsKey);
     if (rels != state->byKey.end()) {
         if (state->parts[rels->second].contentType != kRelationshipsContentType) {
             refuse("\"/_rels/.rels\" does not have the relationships content type");
         }
-        const auto stream = container_.openEntry(state->parts[rels->second].entryIndex);
-        state->relationships = detail::readRelationships(parser, *stream, u"/_rels/.rels", u"/");
+        const PhysicalEntry& entry =
+            container_.getEntries().at(state->parts[rels->second].entryIndex);
+        state->relationships =
+            detail::readRelationships(parser, *pinnedXml(container_, entry), u"/_rels/.rels", u"/");
     }
     state_ = std::move(state);
 }

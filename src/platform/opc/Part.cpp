@@ -31,4 +31,8 @@ InputStream& Part::getRawInputStream() {
     return *stream_;
 }
 
+void Part::pin(std::uint64_t maxSize) {
+    container_->pinEntry(entryIndex_, maxSize);
+}
+
 }  // namespace opc::model

@@ -287,14 +287,17 @@ std::string sha256Of(const std::string& bytes) {
 
 // The digest and signature parts are added as placeholders first, so that
 // the content types and relationships that the digests cover name them;
-// their bytes are filled in once everything else is final.
+// their bytes are filled in once everything else is final. Parts are
+// listed by the paths they are extracted to (a version-2 list).
 void PackageWriter::Impl::addDigestParts(const std::string& contentTypes, const std::string& rels) {
     namespace integrity = tsappinstall::integrity;
-    std::vector<integrity::DigestEntry> list{
-        {integrity::CONTENT_TYPES_ITEM, sha256Of(contentTypes)}, {"_rels/.rels", sha256Of(rels)}};
+    integrity::DigestList list;
+    list.contentTypesSha256 = sha256Of(contentTypes);
+    list.parts.push_back({integrity::listedName("/_rels/.rels", 2), sha256Of(rels)});
     const std::size_t covered = parts.size() - (signer != nullptr ? 2 : 1);
     for (std::size_t i = 0; i < covered; ++i)
-        list.push_back({parts[i].name.substr(1), sha256Of(parts[i].bytes, parts[i].sourceFile)});
+        list.parts.push_back({integrity::listedName(parts[i].name, 2),
+                              sha256Of(parts[i].bytes, parts[i].sourceFile)});
     const std::string text = integrity::formatDigestList(list);
     parts[covered].bytes.assign(text.begin(), text.end());
     if (signer != nullptr) parts[covered + 1].bytes = signer->sign(text);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -22,6 +23,14 @@ std::size_t RawEntryStream::read(unsigned char* buffer, std::size_t size) {
                         "the package file ends inside the entry \"" + name_ + "\"");
     next_ += done;
     left_ -= done;
+    return done;
+}
+
+std::size_t PinnedEntryStream::read(unsigned char* buffer, std::size_t size) {
+    const std::size_t done = std::min(size, stored_.size() - next_);
+    if (done == 0) return 0;
+    std::memcpy(buffer, stored_.data() + next_, done);
+    next_ += done;
     return done;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
@@ -24,6 +25,19 @@ class RawEntryStream : public InputStream {
     std::uint64_t next_;
     std::uint64_t left_;
     const std::string& name_;
+};
+
+// The stored bytes of a pinned entry, from memory: the file is not read
+// again, so a rewritten file cannot change them.
+class PinnedEntryStream : public InputStream {
+  public:
+    explicit PinnedEntryStream(const std::vector<unsigned char>& stored) : stored_(stored) {}
+
+    std::size_t read(unsigned char* buffer, std::size_t size) override;
+
+  private:
+    const std::vector<unsigned char>& stored_;
+    std::size_t next_ = 0;
 };
 
 }  // namespace opc::zippackage

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "tsappinstall/platform/opc/Exception.hpp"
 
@@ -16,13 +17,14 @@ constexpr std::uint64_t kChunk = 64 * 1024;
 
 }  // namespace
 
-ZipEntryStream::ZipEntryStream(int fd, const opc::interfaces::PhysicalEntry& entry)
-    : entry_(entry), raw_(fd, entry) {
+ZipEntryStream::ZipEntryStream(const opc::interfaces::PhysicalEntry& entry,
+                               std::unique_ptr<InputStream> raw)
+    : entry_(entry), raw_(std::move(raw)) {
     if (entry.compressionMethod == opc::interfaces::PhysicalEntry::kDeflated) {
         chunk_.resize(static_cast<std::size_t>(
             std::min(std::max<std::uint64_t>(entry.compressedSize, 1), kChunk)));
         inflater_ = std::make_unique<detail::Inflater>(
-            raw_, entry.compressedSize, chunk_.data(), chunk_.size(),
+            *raw_, entry.compressedSize, chunk_.data(), chunk_.size(),
             "cannot read the ZIP entry \"" + entry.name + "\": ");
     }
 }
@@ -35,7 +37,7 @@ void ZipEntryStream::fail(const std::string& why) const {
 }
 
 std::size_t ZipEntryStream::readSome(unsigned char* buffer, std::size_t size) {
-    return inflater_ ? inflater_->read(buffer, size) : raw_.read(buffer, size);
+    return inflater_ ? inflater_->read(buffer, size) : raw_->read(buffer, size);
 }
 
 void ZipEntryStream::checkComplete() {

@@ -5,19 +5,18 @@
 #include <vector>
 
 #include "platform/zip/Inflater.hpp"
-#include "platform/zip/RawEntryStream.hpp"
 #include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
 
 namespace opc::zippackage {
 
-// The decoded bytes of one ZIP entry, read with pread() at the offsets the
-// directory check established and inflated here. Counts the bytes and keeps
-// a running CRC-32; the read that reaches the declared size also checks the
-// CRC and that nothing follows, before it hands over its bytes.
+// The decoded bytes of one ZIP entry, inflated here from its stored bytes
+// (`raw`: read from the file, or pinned in memory). Counts the bytes and
+// keeps a running CRC-32; the read that reaches the declared size also
+// checks the CRC and that nothing follows, before it hands over its bytes.
 class ZipEntryStream : public InputStream {
   public:
-    ZipEntryStream(int fd, const opc::interfaces::PhysicalEntry& entry);
+    ZipEntryStream(const opc::interfaces::PhysicalEntry& entry, std::unique_ptr<InputStream> raw);
     ~ZipEntryStream() override;
     ZipEntryStream(const ZipEntryStream&) = delete;
     ZipEntryStream& operator=(const ZipEntryStream&) = delete;
@@ -30,7 +29,7 @@ class ZipEntryStream : public InputStream {
     void checkComplete();
 
     const opc::interfaces::PhysicalEntry& entry_;
-    RawEntryStream raw_;
+    std::unique_ptr<InputStream> raw_;
     std::vector<unsigned char> chunk_;            // compressed bytes, deflated entries only
     std::unique_ptr<detail::Inflater> inflater_;  // null for stored entries
     std::uint64_t count_ = 0;

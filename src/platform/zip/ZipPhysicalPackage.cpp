@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <map>
 #include <utility>
 
 #include "platform/base/UniqueFd.hpp"
@@ -26,12 +28,36 @@ using opc::interfaces::PhysicalEntry;
 
 using opc::detail::UniqueFd;
 
+// A deflate encoder that cannot shrink the data stores it in blocks of
+// 64 KiB with a few bytes of header each; fixed Huffman codes spend at most
+// 9 bits a byte. What a deflated entry of `size` bytes may take, generously.
+std::uint64_t storedCeiling(std::uint64_t size) {
+    constexpr std::uint64_t kMost = UINT64_MAX / 2;
+    return size > kMost ? UINT64_MAX : size + size / 8 + 1024;
+}
+
+std::vector<unsigned char> readStored(int fd, const PhysicalEntry& entry) {
+    std::vector<unsigned char> stored(static_cast<std::size_t>(entry.compressedSize));
+    RawEntryStream raw(fd, entry);
+    for (std::size_t done = 0; done < stored.size();)
+        done += raw.read(stored.data() + done, stored.size() - done);
+    return stored;
+}
+
 }  // namespace
 
 // The descriptor the directory was checked on; every read uses it, so all
-// of them see that file even if the path is replaced meanwhile.
+// of them see that file even if the path is replaced meanwhile. Pinned
+// entries' stored bytes, by index, are not read from it again.
 struct ZipPhysicalPackage::Archive {
     UniqueFd checkedFd;
+    std::map<std::uint64_t, std::vector<unsigned char>> pinned;
+
+    std::unique_ptr<InputStream> stored(const PhysicalEntry& entry) const {
+        const auto found = pinned.find(entry.index);
+        if (found != pinned.end()) return std::make_unique<PinnedEntryStream>(found->second);
+        return std::make_unique<RawEntryStream>(checkedFd.get(), entry);
+    }
 };
 
 ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) {
@@ -49,7 +75,7 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly
     entries_ = readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
                                 {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
 
-    archive_ = std::make_unique<Archive>(Archive{std::move(fd)});
+    archive_ = std::make_unique<Archive>(Archive{std::move(fd), {}});
 }
 
 ZipPhysicalPackage::~ZipPhysicalPackage() = default;
@@ -66,12 +92,23 @@ const PhysicalEntry& ZipPhysicalPackage::entryAt(std::uint64_t index) const {
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<ZipEntryStream>(archive_->checkedFd.get(), entry);
+    return std::make_unique<ZipEntryStream>(entry, archive_->stored(entry));
 }
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openRawEntry(std::uint64_t index) {
+    return archive_->stored(entryAt(index));
+}
+
+void ZipPhysicalPackage::pinEntry(std::uint64_t index, std::uint64_t maxSize) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<RawEntryStream>(archive_->checkedFd.get(), entry);
+    if (archive_->pinned.count(index) != 0) return;
+    if (entry.size > maxSize || entry.compressedSize > storedCeiling(maxSize))
+        throw opc::Exception(opc::Reason::NotPackage,
+                             "the item \"" + entry.name + "\" is too large to be held in memory (" +
+                                 std::to_string(entry.size) + " bytes, " +
+                                 std::to_string(entry.compressedSize) + " stored; at most " +
+                                 std::to_string(maxSize) + ")");
+    archive_->pinned.emplace(index, readStored(archive_->checkedFd.get(), entry));
 }
 
 void ZipPhysicalPackage::close() {

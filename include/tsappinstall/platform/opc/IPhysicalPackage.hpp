@@ -62,6 +62,17 @@ class TSAPP_API IPhysicalPackage {
     // is left to the caller, who decodes them.
     virtual std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) = 0;
 
+    // Reads the entry's stored bytes once into memory; from then on
+    // openEntry and openRawEntry of `index` serve those bytes (openEntry
+    // still decodes them and checks size and CRC-32). Whoever parses or
+    // verifies an entry pins it first, so that what is extracted later is
+    // the very bytes that were checked, even if the file is rewritten in
+    // between. Throws opc::Exception, before reading anything, when the
+    // entry declares more than `maxSize` bytes or stores more than a
+    // deflated `maxSize` can take; pinning a pinned entry does nothing.
+    // Not to be called while another thread uses the package.
+    virtual void pinEntry(std::uint64_t index, std::uint64_t maxSize) = 0;
+
     // Releases the container. Entries cannot be opened afterwards; streams
     // already handed out must have been destroyed.
     virtual void close() = 0;

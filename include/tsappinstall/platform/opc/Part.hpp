@@ -35,6 +35,11 @@ class TSAPP_API Part {
     InputStream& getInputStream();
     // The stored (compressed) bytes, for copying the entry as it is.
     InputStream& getRawInputStream();
+    // Keeps the part's stored bytes in memory from now on, so that every
+    // later read, raw or decoded, yields the same bytes however the file
+    // changes (see IPhysicalPackage::pinEntry; throws opc::Exception when
+    // the part declares more than `maxSize` bytes).
+    void pin(std::uint64_t maxSize);
 
   private:
     opc::interfaces::IPhysicalPackage* container_;

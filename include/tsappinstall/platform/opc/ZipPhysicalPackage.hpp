@@ -34,6 +34,7 @@ namespace opc::zippackage {
 //  - a stored entry whose two sizes differ, a deflated entry that claims to
 //    expand more than deflate can (kMaxDeflateRatio).
 // ZIP64 sizes, offsets and counts are read where the 32-bit fields say so.
+// Pinned entries (pinEntry) live in memory until close().
 class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
   public:
     static constexpr std::uint64_t kMaxEntries = 100000;
@@ -51,6 +52,7 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     const std::vector<opc::interfaces::PhysicalEntry>& getEntries() const override;
     std::unique_ptr<InputStream> openEntry(std::uint64_t index) override;
     std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) override;
+    void pinEntry(std::uint64_t index, std::uint64_t maxSize) override;
     void close() override;
 
   private:
