@@ -186,6 +186,12 @@ TEST_F(ExtractorState, OwnLeftoversAreRepairedOnlyBeneathTheDestination) {
                         replaced(read_file(staging + "/journal"), "lib/b.txt", "../../escape"));
          },
          false, true},
+        {"a journal path rewritten to an absolute one",
+         [](const std::string& staging) {
+             write_file(staging + "/journal",
+                        replaced(read_file(staging + "/journal"), "lib/c.txt", "/tmp/c.txt"));
+         },
+         false, true},
         {"garbage for a journal",
          [](const std::string& staging) { write_file(staging + "/journal", "garbage"); }, false,
          true},
