@@ -196,10 +196,6 @@ std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
     }
 }
 
-int FileOps::dataWritten() const {
-    return failed(FileCall::Write);
-}
-
 const FileOps& posixFileOps() {
     static const FileOps ops;
     return ops;

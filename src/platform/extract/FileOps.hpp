@@ -67,10 +67,6 @@ class FileOps {
     // folder cannot be read.
     std::optional<std::vector<FolderEntry>> listFolder(int fd) const;
 
-    // A data file's bytes are written by the decoder itself; this stands
-    // for that whole write, so that a fault can hit it like any other call.
-    int dataWritten() const;
-
   protected:
     // 0 lets the call through; anything else is the errno it fails with.
     virtual int fault(FileCall) const { return 0; }

@@ -12,7 +12,6 @@
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagedExtraction.hpp"
-#include "platform/zip/EntryDecoder.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -41,9 +40,13 @@ void checkModes(RestoreMode restore, TransformMode transform, ReplaceMode replac
 }
 
 struct PlannedPart {
-    model::PartName name;
+    model::Part part;
     detail::FileSegments path;
 };
+
+// Decoded bytes go from the part's stream to the file in pieces of this
+// size: large enough that the calls cost nothing next to inflating.
+constexpr std::size_t kChunk = 256u << 10;
 
 // The bytes an unprivileged writer may still put on the file system that
 // holds `path`, or the nearest folder above it that exists.
@@ -74,22 +77,6 @@ void checkFreeSpace(const detail::FileOps& ops, std::uint64_t bytesTotal,
     throw Exception(Reason::Cancelled, "the extraction was cancelled");
 }
 
-// Lets a cancellation reach into a large part: the decoder reads its
-// stored bytes in chunks through this.
-class CancellableInput : public InputStream {
-  public:
-    CancellableInput(InputStream& raw, const std::function<bool()>& stop)
-        : raw_(raw), stop_(stop) {}
-    std::size_t read(unsigned char* buffer, std::size_t size) override {
-        if (stop_ && stop_()) cancelled();
-        return raw_.read(buffer, size);
-    }
-
-  private:
-    InputStream& raw_;
-    const std::function<bool()>& stop_;
-};
-
 }  // namespace
 
 namespace extraction {
@@ -113,12 +100,13 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
         if (restore == RestoreMode::ContentParts && isRelationshipPart(name.ascii())) continue;
         auto path =
             detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
-        const std::uint64_t size = package_.getPart(name).getEntry().size;
+        model::Part part = package_.getPart(name);
+        const std::uint64_t size = part.getEntry().size;
         if (size > limit - bytesTotal)
             throw Exception("the package would write more than the limit of " +
                             std::to_string(limit) + " bytes");
         bytesTotal += size;
-        plan.push_back({std::move(name), std::move(path)});
+        plan.push_back({std::move(part), std::move(path)});
     }
 
     const std::string destination = fl::i18n::to_string(folder);
@@ -128,32 +116,34 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
                                      options_.sync, *ops_);
-    detail::EntryDecoder decoder;
+    std::vector<unsigned char> buffer(kChunk);
     std::uint64_t bytesDone = 0;
     std::size_t partsDone = 0;
-    for (const auto& planned : plan) {
-        if (options_.cancelled && options_.cancelled()) cancelled();
-        model::Part part = package_.getPart(planned.name);
-        const auto& entry = part.getEntry();
-        const detail::EntryFacts facts{entry.compressionMethod, entry.size, entry.compressedSize,
-                                       entry.crc32};
-        CancellableInput raw(part.getRawInputStream(), options_.cancelled);
-        PartObserver* observer = options_.observer;
-        detail::EntryDecoder::Tap tap;
-        if (observer) {
-            observer->begin(planned.name);
-            tap = [observer](const unsigned char* data, std::size_t size) {
-                observer->update(data, size);
-            };
-        }
-        staging.stage(planned.path,
-                      [&](int fd) { decoder.decodeTo(facts, raw, fd, planned.name.ascii(), tap); });
+    PartObserver* observer = options_.observer;
+    for (auto& planned : plan) {
+        const model::PartName& name = planned.part.getPartName();
+        if (observer) observer->begin(name);
+        // The part's own stream checks its size and CRC-32 as it goes; the
+        // read that reaches the end fails when either is wrong.
+        InputStream& in = planned.part.getInputStream();
+        staging.stage(planned.path, [&](int fd) {
+            for (;;) {
+                if (options_.cancelled && options_.cancelled()) cancelled();
+                const std::size_t size = in.read(buffer.data(), buffer.size());
+                if (size == 0) return;
+                if (ops_->writeAll(fd, buffer.data(), size) != 0)
+                    throw Exception(Reason::CannotWrite, "cannot write the file \"" +
+                                                             detail::joinSegments(planned.path) +
+                                                             "\": " + std::strerror(errno));
+                if (observer) observer->update(buffer.data(), size);
+            }
+        });
         if (observer) observer->end();
-        bytesDone += entry.size;
+        bytesDone += planned.part.getEntry().size;
         if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
     }
     if (options_.cancelled && options_.cancelled()) cancelled();
-    if (options_.observer) options_.observer->beforeCommit();
+    if (observer) observer->beforeCommit();
     staging.commit();
     return Outcome{staging.warnings()};
 }

@@ -182,8 +182,7 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
     staged_.push_back(file);
     write(out.get());
     // close() is where some file systems report a failed write.
-    if (ops_.dataWritten() != 0 || (sync_ && ops_.fsync(out.get()) != 0) ||
-        ops_.close(out.release()) != 0)
+    if ((sync_ && ops_.fsync(out.get()) != 0) || ops_.close(out.release()) != 0)
         failErrno("cannot write the file " + quoted(path));
 }
 

@@ -19,7 +19,6 @@
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/FileOps.hpp"
 #include "platform/extract/StagedExtraction.hpp"
-#include "platform/zip/EntryDecoder.hpp"
 #include "support/PackageBuilder.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -36,8 +35,7 @@ using namespace tsapp::test;
 
 std::function<void(int)> writes(const std::string& bytes) {
     return [bytes](int fd) {
-        opc::detail::writeFully(fd, reinterpret_cast<const unsigned char*>(bytes.data()),
-                                bytes.size(), "t");
+        ASSERT_EQ(opc::detail::posixFileOps().writeAll(fd, bytes.data(), bytes.size()), 0);
     };
 }
 
