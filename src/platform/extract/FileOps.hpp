@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/UniqueFd.hpp"
+
 namespace opc {
 class FileSystemOpsSelector;
 }
@@ -75,36 +77,17 @@ class FileOps {
     int failed(FileCall call) const;
 };
 
+struct OpsClose {
+    const FileOps* ops = nullptr;
+    void operator()(int fd) const { ops->close(fd); }
+};
+
 // Owns a descriptor opened through `ops` and closes it through them too,
 // so that every close is one the operations see.
-class OpsFd {
+class OpsFd : public BasicFd<OpsClose> {
   public:
     OpsFd() = default;
-    OpsFd(const FileOps& ops, int fd) : ops_(&ops), fd_(fd) {}
-    ~OpsFd() { reset(); }
-    OpsFd(OpsFd&& other) noexcept : ops_(other.ops_), fd_(std::exchange(other.fd_, -1)) {}
-    OpsFd& operator=(OpsFd&& other) noexcept {
-        if (this != &other) {
-            reset();
-            ops_ = other.ops_;
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    OpsFd(const OpsFd&) = delete;
-    OpsFd& operator=(const OpsFd&) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset() {
-        if (fd_ >= 0) ops_->close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    const FileOps* ops_ = nullptr;
-    int fd_ = -1;
+    OpsFd(const FileOps& ops, int fd) : BasicFd(fd, OpsClose{&ops}) {}
 };
 
 // The process's own calls, never failing on purpose.
