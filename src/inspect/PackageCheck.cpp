@@ -16,6 +16,7 @@
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 
@@ -44,6 +45,21 @@ std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
     const auto list = integrity::detail::readDigestList(package, faults);
     if (!list || !list->list) return std::nullopt;
     return std::make_optional<DigestCheck>(*list->list);
+}
+
+// The manifest is decoded with every part and then parsed: pinned, it is
+// read from the file once. One too large to pin fails its parse anyway.
+void pinManifest(opc::model::Package& package) {
+    const auto found = package.getRelationshipsByType(
+        fl::i18n::to_ustring(apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
+    try {
+        if (found.size() != 1) return;
+        opc::model::Part part = package.getPart(PartName(found.front().getTargetURI()));
+        if (part.getEntry().size <= opc::model::XercesHelper::kMaxDocumentBytes)
+            part.pin(opc::model::XercesHelper::kMaxDocumentBytes);
+    } catch (const opc::Exception&) {
+        // no such part, or it cannot be read: the manifest's own check says so
+    }
 }
 
 // Decodes every part, so that its size and CRC-32 are checked, and in the
@@ -229,7 +245,10 @@ Report checkPackage(const std::u16string& path, AppManifestSerializer& serialize
         opc::model::Package& package = opened.package();
         checkReservedNames(package, report);
         std::vector<Fault> digestFaults;
-        if (decodeParts) digestFaults = decodeEveryPart(package, report);
+        if (decodeParts) {
+            pinManifest(package);
+            digestFaults = decodeEveryPart(package, report);
+        }
         const std::string manifestPart = readManifest(package, serializer, report);
         checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);
         checkRelationship(package, apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",

@@ -1,6 +1,5 @@
 #include "PackageItems.hpp"
 
-#include <strings.h>
 #include <algorithm>
 
 #include "tsappinstall/integrity/Digests.hpp"
@@ -28,13 +27,8 @@ std::vector<PartName> integrityParts(const opc::model::Package& package) {
 }
 
 void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit) {
-    auto& container = package.getPhysicalPackage();
-    for (const auto& entry : container.getEntries()) {
-        if (::strcasecmp(entry.name.c_str(), CONTENT_TYPES_ITEM) == 0) {
-            visit(entry.name, *container.openEntry(entry.index));
-            return;
-        }
-    }
+    const auto& entry = package.getContentTypesEntry();
+    visit(entry.name, *package.getPhysicalPackage().openEntry(entry.index));
 }
 
 void forEachItem(opc::model::Package& package, const std::vector<PartName>& excluded,

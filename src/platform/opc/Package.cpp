@@ -80,6 +80,7 @@ struct Package::State {
     std::vector<PartRecord> parts;
     std::unordered_map<std::string, std::size_t> byKey;
     std::vector<Relationship> relationships;
+    std::uint64_t contentTypesIndex = 0;
 
     void addPart(const PhysicalEntry& entry) {
         if (is_interleaved_piece(entry.name)) {
@@ -138,6 +139,7 @@ void Package::open(opc::interfaces::OpenMode mode) {
         }
     }
     if (contentTypes == nullptr) refuse("\"[Content_Types].xml\" is missing");
+    state->contentTypesIndex = contentTypes->index;
     state->refuseNestedNames();
     xercesc::DOMLSParser* parser = package_xml_parser();
     const DocumentPoolReset poolReset(parser);
@@ -160,6 +162,10 @@ void Package::open(opc::interfaces::OpenMode mode) {
 void Package::close() {
     state_.reset();
     container_.close();
+}
+
+const opc::interfaces::PhysicalEntry& Package::getContentTypesEntry() const {
+    return container_.getEntries().at(openState().contentTypesIndex);
 }
 
 const Package::State& Package::openState() const {

@@ -53,6 +53,10 @@ class TSAPP_API Package : public RelationshipSource {
     std::vector<Relationship> getRelationshipsByType(const std::u16string& type) const override;
     const std::vector<Relationship>& getRelationships() const override;
 
+    // The entry of "[Content_Types].xml" (whatever the case of its name),
+    // an item of the container but not a part; its bytes are pinned.
+    const opc::interfaces::PhysicalEntry& getContentTypesEntry() const;
+
     // The container, for readers of items that are not parts ("[Content_Types].xml").
     opc::interfaces::IPhysicalPackage& getPhysicalPackage() const { return container_; }
 
