@@ -116,16 +116,17 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
                                      options_.sync, *ops_);
-    std::vector<unsigned char> buffer(kChunk);
+    std::vector<unsigned char> buffer(kChunk), stored;
     std::uint64_t bytesDone = 0;
     std::size_t partsDone = 0;
     PartObserver* observer = options_.observer;
     for (auto& planned : plan) {
-        const model::PartName& name = planned.part.getPartName();
-        if (observer) observer->begin(name);
+        // Destroyed with this round, and its stream and inflater with it.
+        model::Part part = std::move(planned.part);
+        if (observer) observer->begin(part.getPartName());
         // The part's own stream checks its size and CRC-32 as it goes; the
         // read that reaches the end fails when either is wrong.
-        InputStream& in = planned.part.getInputStream();
+        InputStream& in = part.getInputStream(&stored);
         staging.stage(planned.path, [&](int fd) {
             for (;;) {
                 if (options_.cancelled && options_.cancelled()) cancelled();
@@ -139,7 +140,7 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
             }
         });
         if (observer) observer->end();
-        bytesDone += planned.part.getEntry().size;
+        bytesDone += part.getEntry().size;
         if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
     }
     if (options_.cancelled && options_.cancelled()) cancelled();

@@ -19,9 +19,9 @@ const opc::interfaces::PhysicalEntry& Part::getEntry() const {
     return container_->getEntries().at(static_cast<std::size_t>(entryIndex_));
 }
 
-InputStream& Part::getInputStream() {
+InputStream& Part::getInputStream(std::vector<unsigned char>* lent) {
     stream_.reset();  // one open stream per part at a time
-    stream_ = container_->openEntry(entryIndex_);
+    stream_ = container_->openEntry(entryIndex_, lent);
     return *stream_;
 }
 

@@ -18,13 +18,17 @@ constexpr std::uint64_t kChunk = 64 * 1024;
 }  // namespace
 
 ZipEntryStream::ZipEntryStream(const opc::interfaces::PhysicalEntry& entry,
-                               std::unique_ptr<InputStream> raw)
+                               std::unique_ptr<InputStream> raw, std::vector<unsigned char>* lent)
     : entry_(entry), raw_(std::move(raw)) {
     if (entry.compressionMethod == opc::interfaces::PhysicalEntry::kDeflated) {
-        chunk_.resize(static_cast<std::size_t>(
-            std::min(std::max<std::uint64_t>(entry.compressedSize, 1), kChunk)));
+        std::vector<unsigned char>& chunk = lent ? *lent : own_;
+        // A lent buffer only grows, so that every entry after the first
+        // finds it ready.
+        const auto wanted = static_cast<std::size_t>(
+            std::min(std::max<std::uint64_t>(entry.compressedSize, 1), kChunk));
+        if (chunk.size() < wanted) chunk.resize(lent ? kChunk : wanted);
         inflater_ = std::make_unique<detail::Inflater>(
-            *raw_, entry.compressedSize, chunk_.data(), chunk_.size(),
+            *raw_, entry.compressedSize, chunk.data(), chunk.size(),
             "cannot read the ZIP entry \"" + entry.name + "\": ");
     }
 }

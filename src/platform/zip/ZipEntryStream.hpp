@@ -16,7 +16,10 @@ namespace opc::zippackage {
 // checks the CRC and that nothing follows, before it hands over its bytes.
 class ZipEntryStream : public InputStream {
   public:
-    ZipEntryStream(const opc::interfaces::PhysicalEntry& entry, std::unique_ptr<InputStream> raw);
+    // `lent`, when given, holds the stored bytes instead of a buffer of the
+    // stream's own; it must outlive the stream.
+    ZipEntryStream(const opc::interfaces::PhysicalEntry& entry, std::unique_ptr<InputStream> raw,
+                   std::vector<unsigned char>* lent = nullptr);
     ~ZipEntryStream() override;
     ZipEntryStream(const ZipEntryStream&) = delete;
     ZipEntryStream& operator=(const ZipEntryStream&) = delete;
@@ -30,7 +33,7 @@ class ZipEntryStream : public InputStream {
 
     const opc::interfaces::PhysicalEntry& entry_;
     std::unique_ptr<InputStream> raw_;
-    std::vector<unsigned char> chunk_;            // compressed bytes, deflated entries only
+    std::vector<unsigned char> own_;              // compressed bytes, unless lent
     std::unique_ptr<detail::Inflater> inflater_;  // null for stored entries
     std::uint64_t count_ = 0;
     std::uint32_t crc_ = 0;

@@ -90,9 +90,10 @@ const PhysicalEntry& ZipPhysicalPackage::entryAt(std::uint64_t index) const {
     return entries_[static_cast<std::size_t>(index)];
 }
 
-std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index) {
+std::unique_ptr<InputStream> ZipPhysicalPackage::openEntry(std::uint64_t index,
+                                                           std::vector<unsigned char>* lent) {
     const PhysicalEntry& entry = entryAt(index);
-    return std::make_unique<ZipEntryStream>(entry, archive_->stored(entry));
+    return std::make_unique<ZipEntryStream>(entry, archive_->stored(entry), lent);
 }
 
 std::unique_ptr<InputStream> ZipPhysicalPackage::openRawEntry(std::uint64_t index) {

@@ -54,8 +54,12 @@ class TSAPP_API IPhysicalPackage {
     // and the CRC-32 as it reads: a mismatch throws opc::Exception from
     // read() (at the latest when the end is reached), so a consumer that
     // reads to the end never takes damaged bytes for good ones. The stream
-    // must not outlive the physical package.
-    virtual std::unique_ptr<InputStream> openEntry(std::uint64_t index) = 0;
+    // must not outlive the physical package. `lent`, when given, is a
+    // buffer of the caller's that the stream may use for stored bytes on
+    // their way to the inflater, so that a reader of many entries reuses
+    // one; it must outlive the stream and not be used meanwhile.
+    virtual std::unique_ptr<InputStream> openEntry(std::uint64_t index,
+                                                   std::vector<unsigned char>* lent = nullptr) = 0;
 
     // The entry's bytes exactly as stored (compressed when the method is
     // deflate). Their count is checked against compressedSize; the CRC-32

@@ -31,8 +31,8 @@ class TSAPP_API Part {
     // A fresh stream over the part's bytes, from the first one, owned by the
     // part: it stays valid until the next call of getInputStream or
     // getRawInputStream or until the part is destroyed. Reading checks the
-    // size and CRC-32 (see IPhysicalPackage::openEntry).
-    InputStream& getInputStream();
+    // size and CRC-32 (see IPhysicalPackage::openEntry, also for `lent`).
+    InputStream& getInputStream(std::vector<unsigned char>* lent = nullptr);
     // The stored (compressed) bytes, for copying the entry as it is.
     InputStream& getRawInputStream();
     // Keeps the part's stored bytes in memory from now on, so that every

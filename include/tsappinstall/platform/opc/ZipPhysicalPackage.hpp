@@ -50,7 +50,8 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     ZipPhysicalPackage& operator=(const ZipPhysicalPackage&) = delete;
 
     const std::vector<opc::interfaces::PhysicalEntry>& getEntries() const override;
-    std::unique_ptr<InputStream> openEntry(std::uint64_t index) override;
+    std::unique_ptr<InputStream> openEntry(std::uint64_t index,
+                                           std::vector<unsigned char>* lent = nullptr) override;
     std::unique_ptr<InputStream> openRawEntry(std::uint64_t index) override;
     void pinEntry(std::uint64_t index, std::uint64_t maxSize) override;
     void close() override;
