@@ -10,10 +10,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "platform/base/UniqueFd.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -29,6 +29,23 @@ std::string relationshipTypeFor(const std::string& typeOrAlias) {
     if (typeOrAlias == "screenshot") return apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE;
     return typeOrAlias;
 }
+
+// Closes the output file on every way out but the one that checks close().
+class OutputFile {
+  public:
+    explicit OutputFile(int fd) : fd_(fd) {}
+    ~OutputFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
 
 [[noreturn]] void failWithErrno(const std::string& file) {
     throw Failure(file, std::strerror(errno));
@@ -54,14 +71,11 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
     if (found.empty()) throw Failure(package, "no package relationship of type " + type);
     opc::model::Part part = opened->getPart(opc::model::PartName(found.front().getTargetURI()));
 
-    opc::detail::UniqueFd file;
-    int fd = STDOUT_FILENO;
-    if (output != "-") {
-        file = opc::detail::UniqueFd(
-            ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        if (!file) failWithErrno(output);
-        fd = file.get();
-    }
+    const bool toFile = output != "-";
+    OutputFile file(toFile ? ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
+                           : -1);
+    if (toFile && file.get() < 0) failWithErrno(output);
+    const int fd = toFile ? file.get() : STDOUT_FILENO;
     unsigned char buffer[1 << 16];
     opc::InputStream& in = part.getInputStream();
     try {
@@ -72,7 +86,7 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
     } catch (const std::exception& e) {
         throw Failure(package, part.getPartName().ascii() + ": " + causeOf(e));
     }
-    if (file && ::close(file.release()) != 0) failWithErrno(output);
+    if (toFile && ::close(file.release()) != 0) failWithErrno(output);
     opened.close();
     return kGood;
 }
