@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "Commands.hpp"
@@ -112,8 +113,6 @@ void printRelationships(const ojson& list) {
                     r["type"].get<std::string>().c_str());
 }
 
-}  // namespace
-
 int runList(const std::string& path, bool relationships, bool json) {
     opc::model::OpenedPackage opened(fl::filesystem::detail::make_native_form(utf16(path), true));
     ojson out = {{"parts", partsOf(opened.package())}};
@@ -126,6 +125,24 @@ int runList(const std::string& path, bool relationships, bool json) {
     printParts(out["parts"]);
     if (relationships) printRelationships(out["relationships"]);
     return kGood;
+}
+
+}  // namespace
+
+std::vector<Command> addList(CLI::App& app) {
+    struct Options {
+        std::string package;
+        bool relationships = false;
+        bool json = false;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* list = app.add_subcommand("list", "List the parts (and relationships) of a package.");
+    list->alias("ls");
+    list->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    list->add_flag("-r,--relationships", o->relationships, "Also list every relationship");
+    list->add_flag("--json", o->json, "Print one JSON object");
+    return {{list, [o] { return runList(o->package, o->relationships, o->json); },
+             [o] { return o->package; }}};
 }
 
 }  // namespace tsapp::tool

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "Commands.hpp"
@@ -61,8 +62,6 @@ void writeAll(int fd, const unsigned char* data, std::size_t size, const std::st
     }
 }
 
-}  // namespace
-
 int runPart(const std::string& package, const std::string& typeOrAlias, const std::string& output) {
     opc::model::OpenedPackage opened(
         fl::filesystem::detail::make_native_form(utf16(package), true));
@@ -89,6 +88,44 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
     if (toFile && ::close(file.release()) != 0) failWithErrno(output);
     opened.close();
     return kGood;
+}
+
+// icon and screenshot copy the target of their own relationship type,
+// part that of the type it is given.
+Command addCopy(CLI::App& app, const char* name, const char* description, const char* type) {
+    struct Options {
+        std::string package;
+        std::string relationshipType;
+        std::string output;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(name, description);
+    command->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    if (type != nullptr) {
+        o->relationshipType = type;
+    } else {
+        command
+            ->add_option("RELTYPE", o->relationshipType,
+                         "Relationship type URI, or manifest, icon or screenshot")
+            ->required()
+            ->check(nonEmpty());
+    }
+    command->add_option("OUT", o->output, "Output file, - for standard output")
+        ->required()
+        ->check(nonEmpty());
+    return {command, [o] { return runPart(o->package, o->relationshipType, o->output); },
+            [o] { return o->package; }};
+}
+
+}  // namespace
+
+std::vector<Command> addSinglePart(CLI::App& app) {
+    return {
+        addCopy(app, "icon", "Copy the app's primary icon into a file.", "icon"),
+        addCopy(app, "screenshot", "Copy the app's primary screenshot into a file.", "screenshot"),
+        addCopy(app, "part", "Copy the target of a package relationship type into a file.",
+                nullptr),
+    };
 }
 
 }  // namespace tsapp::tool
