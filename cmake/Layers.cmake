@@ -93,8 +93,8 @@ endfunction()
 # A test that a source of <target> (a layer, or any program linking the
 # shared library when <target> is tsappinstall) cannot include <header>: it
 # compiles a one-line file as such a source is compiled and passes only
-# when the compiler reports the header missing. Each probe
-# is a target of its own, outside `all`.
+# when the compiler reports the header missing. Each probe is a target of
+# its own, outside `all`.
 function(tsapp_add_layer_probe layer header)
   string(MAKE_C_IDENTIFIER "${layer}_${header}" name)
   set(source ${PROJECT_BINARY_DIR}/layer-probes/${name}.cpp)
