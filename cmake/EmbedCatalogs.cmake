@@ -7,7 +7,7 @@ foreach(file IN LISTS CATALOGS)
 endforeach()
 file(WRITE "${OUTPUT}.tmp"
 "// Generated from the catalog resources; edit those, not this file.
-#include \"CatalogResource.hpp\"
+#include \"platform/i18n/CatalogResource.hpp\"
 
 namespace fl::i18n::detail {
 

@@ -78,6 +78,12 @@ This package holds the headers, the CMake package configuration
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${TSAPP_DEB_TOOL})
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
+# tsapp runs on the shared library, which dpkg-shlibdeps finds in the
+# build folder; it cannot name the package for it (that one is built
+# alongside, not installed), so the tool asks for the very version built
+# from the same source itself.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${TSAPP_DEB_RUNTIME} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "inspect, check, unpack and build app packages
 tsapp works on app packages (.tsappinstall files): it checks many packages
 at once, shows the signed manifest for people or as JSON, copies the icon,

@@ -58,7 +58,13 @@ for name in "libtsappinstall${version%%.*}" libtsappinstall-dev tsapp; do
         fail "$name is not installed"
 done
 
+# The installed tool runs on the installed library, which ld.so looks for
+# in this machine's folders only.
+libdir=$(dirname "$(find "$root/usr/lib" -name libtsappinstall.so.0)")
+export LD_LIBRARY_PATH=$libdir
 tsapp=$root/usr/bin/tsapp
+[ "$(ldd "$tsapp" | sed -n 's/^\s*libtsappinstall\.so\.0 => \(.*\) (.*/\1/p')" = "$libdir/libtsappinstall.so.0" ] ||
+    fail "the installed tsapp does not run on the installed library"
 [ "$("$tsapp" --version)" = "tsapp $version" ] || fail "the installed tsapp does not run"
 SOURCE_DATE_EPOCH=1700000000 "$tsapp" pack sample/app -o "$scratch/hello.tsappinstall" >"$log" 2>&1 ||
     fail "the installed tsapp cannot pack the sample app"
@@ -85,12 +91,11 @@ folder"
 [ "$got" = "$expected" ] || { printf 'got:\n%s\n' "$got" >"$log"; fail "bash completion"; }
 
 # A program builds against the -dev package alone and reads the package.
-libdir=$(dirname "$(find "$root/usr/lib" -name libtsappinstall.so)")
 # shellcheck disable=SC2046
 g++ -std=c++17 tests/consumer/consumer.cpp -o "$scratch/consumer" \
     $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs tsappinstall) 2>"$log" ||
     fail "cannot build against libtsappinstall-dev"
-[ "$(LD_LIBRARY_PATH=$libdir "$scratch/consumer" "$scratch/hello.tsappinstall" 2>"$log")" = "Hello Tessal 1.2.0" ] ||
+[ "$("$scratch/consumer" "$scratch/hello.tsappinstall" 2>"$log")" = "Hello Tessal 1.2.0" ] ||
     fail "a program built against libtsappinstall-dev cannot read the sample package"
 
 echo "packaging: ${debs[*]##*/} pass lintian, install with dpkg and work"

@@ -16,9 +16,8 @@
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
-#include "tsappinstall/platform/opc/XercesHelper.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/opc/XercesHelper.hpp"
 
 namespace tsappinstall::inspect {
 namespace {
@@ -173,8 +172,8 @@ void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest
     for (const auto& entry : manifest.appEntries) {
         const std::string path = fl::i18n::to_string(entry);
         try {
-            const PartName name(fl::i18n::to_ustring(
-                opc::zippackage::PackageWriter::partNameFor(kAppFilesFolder + 1 + path)));
+            const PartName name(
+                fl::i18n::to_ustring(PartName::forPath(kAppFilesFolder + 1 + path)));
             listed.insert(name.key());
             if (package.containsPart(name)) continue;
         } catch (const opc::Exception&) {

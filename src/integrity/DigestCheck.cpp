@@ -2,7 +2,7 @@
 
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/opc/PartName.hpp"
 
 namespace tsappinstall::integrity {
 namespace {
@@ -15,7 +15,7 @@ struct Expected {
 // The part a version-2 list means by a path: the name the writer gives it.
 std::string partNameOfPath(const std::string& path) {
     try {
-        return opc::zippackage::PackageWriter::partNameFor(path);
+        return opc::model::PartName::forPath(path);
     } catch (const opc::Exception&) {
         return "/" + path;  // no part has it; shown as it is listed
     }

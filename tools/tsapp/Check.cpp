@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -22,6 +23,13 @@ namespace tsapp::tool {
 namespace {
 
 namespace inspect = tsappinstall::inspect;
+
+struct CheckOptions {
+    unsigned jobs = 0;
+    bool json = false;
+    bool quiet = false;  // only the bad packages
+    bool all = false;    // every fault, not only the first
+};
 
 struct Verdict {
     bool bad = false;
@@ -82,8 +90,6 @@ class OrderedPrinter {
     std::size_t bad_ = 0;
 };
 
-}  // namespace
-
 int runCheck(const std::vector<std::string>& packages, const CheckOptions& options) {
     unsigned jobs = options.jobs;
     if (jobs == 0) jobs = std::max(1u, std::thread::hardware_concurrency());
@@ -132,6 +138,29 @@ int runCheck(const std::vector<std::string>& packages, const CheckOptions& optio
     const std::size_t bad = printer.flush();
     if (!options.json) std::cout << bad << " of " << packages.size() << " packages bad\n";
     return bad == 0 ? kGood : kBad;
+}
+
+}  // namespace
+
+std::vector<Command> addCheck(CLI::App& app) {
+    struct Options {
+        std::vector<std::string> packages;
+        CheckOptions checking;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* check = app.add_subcommand(
+        "check", "Check every part, the manifest, its seal and the files it lists.");
+    check->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
+    check->add_option("-j,--jobs", o->checking.jobs,
+                      "Packages checked at once (default: one per core)");
+    check->add_flag("--json", o->checking.json,
+                    "One JSON object per line and package, every fault");
+    check->add_flag("-q,--quiet", o->checking.quiet, "Print only the bad packages");
+    check->add_flag("-a,--all,--verbose", o->checking.all, "List every fault, not only the first");
+    // Each package's failure is reported on its own line; what escapes is
+    // about no one file.
+    return {
+        {check, [o] { return runCheck(o->packages, o->checking); }, [] { return std::string(); }}};
 }
 
 }  // namespace tsapp::tool

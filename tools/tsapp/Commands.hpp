@@ -1,46 +1,45 @@
 #pragma once
 
-// The tool's commands. Each returns the process exit status:
+// The tool's commands. Each command file adds its commands to the app,
+// with the options they own, and says how to run each once the command
+// line named it. Running returns the process exit status:
 // 0 all good, 1 a package is bad or the operation failed, 2 usage error.
 
-#include <cstdint>
+#include <CLI/CLI.hpp>
+
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
-
-#include "tsappinstall/platform/extract/Extraction.hpp"
 
 namespace tsapp::tool {
 
 enum ExitStatus { kGood = 0, kBad = 1, kUsage = 2 };
 
-struct CheckOptions {
-    unsigned jobs = 0;
-    bool json = false;
-    bool quiet = false;  // only the bad packages
-    bool all = false;    // every fault, not only the first
+struct Command {
+    CLI::App* cli = nullptr;  // parsed() once the command line named it
+    std::function<int()> run;
+    // The file a failure the command does not attribute itself is about.
+    std::function<std::string()> subject;
 };
 
-int runInfo(const std::string& package, bool json, bool verify);
-int runCheck(const std::vector<std::string>& packages, const CheckOptions& options);
-int runList(const std::string& package, bool relationships, bool json);
-int runPart(const std::string& package, const std::string& relationshipType,
-            const std::string& output);
-struct ExtractSettings {
-    std::uint64_t maxBytes = 0;  // 0: no limit but the free space
-    bool sync = false;
-    bool keep = false;  // fail, changing nothing, when a file would be replaced
-    bool verify = false;
-    std::vector<std::string> trust;  // implies verify
-    bool allowUnsigned = false;
-};
-int runExtract(const std::string& package, const std::string& folder,
-               const ExtractSettings& settings);
-int runRecover(const std::string& folder, bool discardUnreadable);
-int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
-            const std::string& keyFile, const std::string& certificateFile);
-int runVerify(const std::vector<std::string>& packages, const std::vector<std::string>& trust,
-              bool allowUnsigned);
+// In the order of the help's list of commands.
+std::vector<Command> addInfo(CLI::App& app);
+std::vector<Command> addCheck(CLI::App& app);
+std::vector<Command> addList(CLI::App& app);
+std::vector<Command> addSinglePart(CLI::App& app);  // icon, screenshot, part
+std::vector<Command> addExtract(CLI::App& app);     // extract, recover
+std::vector<Command> addPack(CLI::App& app);
+std::vector<Command> addVerify(CLI::App& app);
+
+// For paths: an empty one would otherwise mean the current folder.
+inline const CLI::Validator& nonEmpty() {
+    static const CLI::Validator validator(
+        [](std::string& value) { return value.empty() ? std::string("must not be empty") : ""; },
+        "", "");
+    return validator;
+}
 
 // A failure about one file, printed as "tsapp: FILE: cause".
 class Failure : public std::runtime_error {

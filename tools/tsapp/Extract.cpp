@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,15 @@ namespace tsapp::tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+struct ExtractSettings {
+    std::uint64_t maxBytes = 0;  // 0: no limit but the free space
+    bool sync = false;
+    bool keep = false;  // fail, changing nothing, when a file would be replaced
+    bool verify = false;
+    std::vector<std::string> trust;  // implies verify
+    bool allowUnsigned = false;
+};
 
 // Shows "bytes and parts done" on stderr once the extraction has run for
 // half a second, at most ten times a second, and clears the line at the end.
@@ -122,8 +132,6 @@ std::vector<std::string> extractVerified(const std::u16string& nativePath,
     throw Failure(shown, "verification failed; the folder " + utf8(nativeFolder) + " is as it was");
 }
 
-}  // namespace
-
 int runExtract(const std::string& package, const std::string& folder,
                const ExtractSettings& settings) {
     using fl::filesystem::detail::make_native_form;
@@ -172,6 +180,58 @@ int runRecover(const std::string& folder, bool discardUnreadable) {
     if (recovery.done.empty() && recovery.leftAside.empty() && recovery.unreadable.empty())
         std::cout << "nothing to recover in " << nativeFolder << "\n";
     return recovery.leftAside.empty() && recovery.unreadable.empty() ? kGood : kBad;
+}
+
+}  // namespace
+
+std::vector<Command> addExtract(CLI::App& app) {
+    struct ExtractOptions {
+        std::string package;
+        std::string folder;
+        ExtractSettings settings;
+    };
+    auto e = std::make_shared<ExtractOptions>();
+    CLI::App* extract =
+        app.add_subcommand("extract", "Unpack every part of the package into a folder.");
+    extract->add_option("PKG", e->package, "App package")->required()->check(nonEmpty());
+    extract->add_option("DIR", e->folder, "Destination folder (created when missing)")
+        ->required()
+        ->check(nonEmpty());
+    extract->add_flag("-k,--keep", e->settings.keep,
+                      "Fail, changing nothing, when a file would be replaced");
+    extract
+        ->add_option("--max-size", e->settings.maxBytes,
+                     "Most bytes the parts may add up to (default: no limit but the free space)")
+        ->transform(CLI::AsSizeValue(false));
+    extract->add_flag("--sync", e->settings.sync,
+                      "Flush every file and folder to disk before the new files count");
+    extract->add_flag("--verify", e->settings.verify,
+                      "Check the signature, then every part's digest as it is written; on any "
+                      "fault change nothing");
+    extract
+        ->add_option("--trust", e->settings.trust,
+                     "PEM file of trusted certificates (repeatable; implies --verify)")
+        ->allow_extra_args(false);
+    extract->add_flag("--allow-unsigned", e->settings.allowUnsigned,
+                      "With --verify, accept a package without a signature when its digests match");
+
+    struct RecoverOptions {
+        std::string folder;
+        bool discard = false;
+    };
+    auto r = std::make_shared<RecoverOptions>();
+    CLI::App* recover = app.add_subcommand(
+        "recover", "Complete an extraction into DIR that a crash interrupted, remove leftovers.");
+    recover->add_option("DIR", r->folder, "Destination folder of the interrupted extraction")
+        ->required()
+        ->check(nonEmpty());
+    recover->add_flag("--discard", r->discard,
+                      "Remove staging folders of ours whose journal cannot be read");
+
+    return {
+        {extract, [e] { return runExtract(e->package, e->folder, e->settings); },
+         [e] { return e->package; }},
+        {recover, [r] { return runRecover(r->folder, r->discard); }, [r] { return r->folder; }}};
 }
 
 }  // namespace tsapp::tool

@@ -99,8 +99,6 @@ void printHuman(const AppManifest& m) {
     for (const auto& entry : m.appEntries) std::cout << "  " << utf8(entry) << '\n';
 }
 
-}  // namespace
-
 int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
     const auto report = tsappinstall::inspect::checkPackage(utf16(package), serializer, false);
@@ -118,6 +116,24 @@ int runInfo(const std::string& package, bool json, bool verify) {
         printHuman(*report.manifest);
     }
     return kGood;
+}
+
+}  // namespace
+
+std::vector<Command> addInfo(CLI::App& app) {
+    struct Options {
+        std::string package;
+        bool json = false;
+        bool noVerify = false;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* info = app.add_subcommand("info", "Show the app's manifest.");
+    info->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    info->add_flag("--json", o->json, "Print one JSON object (schema in the README)");
+    info->add_flag("--no-verify", o->noVerify,
+                   "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
+    return {{info, [o] { return runInfo(o->package, o->json, !o->noVerify); },
+             [o] { return o->package; }}};
 }
 
 }  // namespace tsapp::tool

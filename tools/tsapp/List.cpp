@@ -3,26 +3,41 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "platform/base/Ascii.hpp"
-#include "platform/opc/PackageXml.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
-#include "tsappinstall/platform/opc/XercesHelper.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 using ojson = nlohmann::ordered_json;
 
+// The value of a hex digit, either case; -1 for any other character.
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+// The octet "%XY" at `text[at]` stands for, or -1 when it is not a
+// complete escape.
+int percentDecodedOctet(const std::string& text, std::size_t at) {
+    if (at + 2 >= text.size()) return -1;
+    const int high = hexValue(text[at + 1]);
+    const int low = hexValue(text[at + 2]);
+    return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
 // "/lib/a%20b.js" as the file path it stands for: "/lib/a b.js".
 std::string decoded(const std::string& partName) {
     std::string out;
     for (std::size_t i = 0; i < partName.size(); ++i) {
-        const int octet = partName[i] == '%' ? opc::detail::percent_decoded_octet(partName, i) : -1;
+        const int octet = partName[i] == '%' ? percentDecodedOctet(partName, i) : -1;
         if (octet < 0) {
             out += partName[i];
         } else {
@@ -63,8 +78,6 @@ ojson relationshipJson(const std::string& source, const opc::model::Relationship
 ojson relationshipsOf(opc::model::Package& package) {
     ojson list = ojson::array();
     for (const auto& r : package.getRelationships()) list.push_back(relationshipJson("/", r));
-    const opc::model::XercesPtr<xercesc::DOMLSParser> parser(
-        opc::model::XercesHelper::createParser());
     for (const auto& name : package.getPartNames()) {
         const std::string& text = name.ascii();
         const std::size_t rels = text.rfind("/_rels/");
@@ -74,8 +87,8 @@ ojson relationshipsOf(opc::model::Package& package) {
         const std::string base = text.substr(0, rels + 1);
         const std::string source = base + text.substr(rels + 7, text.size() - rels - 12);
         opc::model::Part part = package.getPart(name);
-        for (const auto& r : opc::model::detail::readRelationships(
-                 parser.get(), part.getInputStream(), utf16(text), utf16(base)))
+        for (const auto& r :
+             opc::model::readPartRelationships(part.getInputStream(), utf16(text), utf16(base)))
             list.push_back(relationshipJson(source, r));
     }
     return list;
@@ -100,8 +113,6 @@ void printRelationships(const ojson& list) {
                     r["type"].get<std::string>().c_str());
 }
 
-}  // namespace
-
 int runList(const std::string& path, bool relationships, bool json) {
     opc::model::OpenedPackage opened(fl::filesystem::detail::make_native_form(utf16(path), true));
     ojson out = {{"parts", partsOf(opened.package())}};
@@ -114,6 +125,24 @@ int runList(const std::string& path, bool relationships, bool json) {
     printParts(out["parts"]);
     if (relationships) printRelationships(out["relationships"]);
     return kGood;
+}
+
+}  // namespace
+
+std::vector<Command> addList(CLI::App& app) {
+    struct Options {
+        std::string package;
+        bool relationships = false;
+        bool json = false;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* list = app.add_subcommand("list", "List the parts (and relationships) of a package.");
+    list->alias("ls");
+    list->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    list->add_flag("-r,--relationships", o->relationships, "Also list every relationship");
+    list->add_flag("--json", o->json, "Print one JSON object");
+    return {{list, [o] { return runList(o->package, o->relationships, o->json); },
+             [o] { return o->package; }}};
 }
 
 }  // namespace tsapp::tool

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include "Commands.hpp"
@@ -98,8 +99,6 @@ struct TemporaryPackage {
     }
 };
 
-}  // namespace
-
 int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
             const std::string& keyFile, const std::string& certificateFile) {
     const fs::path destination(output);
@@ -143,6 +142,36 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
     std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size
               << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
     return kGood;
+}
+
+}  // namespace
+
+std::vector<Command> addPack(CLI::App& app) {
+    struct Options {
+        std::string folder;
+        std::string output;
+        std::string guid;
+        std::string key;
+        std::string cert;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* pack = app.add_subcommand(
+        "pack",
+        "Build a sealed app package with content digests from a folder holding tsapp.json.");
+    pack->add_option("SRC", o->folder, "Source folder")->required()->check(nonEmpty());
+    pack->add_option("-o,--output", o->output, "Package to write (.tsappinstall)")
+        ->required()
+        ->check(nonEmpty());
+    pack->add_option("--guid", o->guid,
+                     "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)");
+    auto* signKey =
+        pack->add_option("--sign", o->key, "Sign the digests with this PEM private key");
+    auto* signCert =
+        pack->add_option("--cert", o->cert, "The signer's PEM certificate (and chain)");
+    signKey->needs(signCert);
+    signCert->needs(signKey);
+    return {{pack, [o] { return runPack(o->folder, o->output, o->guid, o->key, o->cert); },
+             [o] { return o->folder; }}};
 }
 
 }  // namespace tsapp::tool

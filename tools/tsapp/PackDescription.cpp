@@ -161,7 +161,7 @@ std::vector<std::string> appFiles(const fs::path& root, Checker& check) {
         else if (!entry.is_regular_file())
             check.problem("files", name + " is not a regular file");
         else {
-            const std::string part = opc::zippackage::PackageWriter::partNameFor("files/" + name);
+            const std::string part = opc::model::PartName::forPath("files/" + name);
             std::string why = opc::model::PartName::whyInvalid(part);
             if (why.empty() && opc::extraction::isReservedPartName(part))
                 why = "the extractor reserves names beginning with \".~tsapp\"";

@@ -10,10 +10,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "platform/base/UniqueFd.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -30,6 +31,23 @@ std::string relationshipTypeFor(const std::string& typeOrAlias) {
     return typeOrAlias;
 }
 
+// Closes the output file on every way out but the one that checks close().
+class OutputFile {
+  public:
+    explicit OutputFile(int fd) : fd_(fd) {}
+    ~OutputFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
+
 [[noreturn]] void failWithErrno(const std::string& file) {
     throw Failure(file, std::strerror(errno));
 }
@@ -44,8 +62,6 @@ void writeAll(int fd, const unsigned char* data, std::size_t size, const std::st
     }
 }
 
-}  // namespace
-
 int runPart(const std::string& package, const std::string& typeOrAlias, const std::string& output) {
     opc::model::OpenedPackage opened(
         fl::filesystem::detail::make_native_form(utf16(package), true));
@@ -54,14 +70,11 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
     if (found.empty()) throw Failure(package, "no package relationship of type " + type);
     opc::model::Part part = opened->getPart(opc::model::PartName(found.front().getTargetURI()));
 
-    opc::detail::UniqueFd file;
-    int fd = STDOUT_FILENO;
-    if (output != "-") {
-        file = opc::detail::UniqueFd(
-            ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        if (!file) failWithErrno(output);
-        fd = file.get();
-    }
+    const bool toFile = output != "-";
+    OutputFile file(toFile ? ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
+                           : -1);
+    if (toFile && file.get() < 0) failWithErrno(output);
+    const int fd = toFile ? file.get() : STDOUT_FILENO;
     unsigned char buffer[1 << 16];
     opc::InputStream& in = part.getInputStream();
     try {
@@ -72,9 +85,47 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
     } catch (const std::exception& e) {
         throw Failure(package, part.getPartName().ascii() + ": " + causeOf(e));
     }
-    if (file && ::close(file.release()) != 0) failWithErrno(output);
+    if (toFile && ::close(file.release()) != 0) failWithErrno(output);
     opened.close();
     return kGood;
+}
+
+// icon and screenshot copy the target of their own relationship type,
+// part that of the type it is given.
+Command addCopy(CLI::App& app, const char* name, const char* description, const char* type) {
+    struct Options {
+        std::string package;
+        std::string relationshipType;
+        std::string output;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(name, description);
+    command->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    if (type != nullptr) {
+        o->relationshipType = type;
+    } else {
+        command
+            ->add_option("RELTYPE", o->relationshipType,
+                         "Relationship type URI, or manifest, icon or screenshot")
+            ->required()
+            ->check(nonEmpty());
+    }
+    command->add_option("OUT", o->output, "Output file, - for standard output")
+        ->required()
+        ->check(nonEmpty());
+    return {command, [o] { return runPart(o->package, o->relationshipType, o->output); },
+            [o] { return o->package; }};
+}
+
+}  // namespace
+
+std::vector<Command> addSinglePart(CLI::App& app) {
+    return {
+        addCopy(app, "icon", "Copy the app's primary icon into a file.", "icon"),
+        addCopy(app, "screenshot", "Copy the app's primary screenshot into a file.", "screenshot"),
+        addCopy(app, "part", "Copy the target of a package relationship type into a file.",
+                nullptr),
+    };
 }
 
 }  // namespace tsapp::tool

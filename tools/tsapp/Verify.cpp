@@ -5,11 +5,13 @@
 //     digest-mismatch /files/app.js: SHA-256 is ..., the list says ...
 
 #include <iostream>
+#include <memory>
 
 #include "Commands.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 
 namespace tsapp::tool {
+namespace {
 
 using namespace tsappinstall::integrity;
 
@@ -35,6 +37,28 @@ int runVerify(const std::vector<std::string>& packages, const std::vector<std::s
         if (!report.ok()) status = kBad;
     }
     return status;
+}
+
+}  // namespace
+
+std::vector<Command> addVerify(CLI::App& app) {
+    struct Options {
+        std::vector<std::string> packages;
+        std::vector<std::string> trust;
+        bool allowUnsigned = false;
+    };
+    auto o = std::make_shared<Options>();
+    CLI::App* verify =
+        app.add_subcommand("verify", "Check each package's content digests and author signature.");
+    verify->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
+    verify->add_option("--trust", o->trust, "PEM file of trusted certificates (repeatable)")
+        ->allow_extra_args(false);
+    verify->add_flag("--allow-unsigned", o->allowUnsigned,
+                     "Accept a package without a signature when its digests match");
+    // Each package's verdict is printed on its own; what escapes is about
+    // no one file.
+    return {{verify, [o] { return runVerify(o->packages, o->trust, o->allowUnsigned); },
+             [] { return std::string(); }}};
 }
 
 }  // namespace tsapp::tool

@@ -204,4 +204,11 @@ const std::vector<Relationship>& Package::getRelationships() const {
     return openState().relationships;
 }
 
+std::vector<Relationship> readPartRelationships(InputStream& stream, const std::u16string& partName,
+                                                const std::u16string& sourceBase) {
+    xercesc::DOMLSParser* parser = package_xml_parser();
+    const DocumentPoolReset poolReset(parser);
+    return detail::readRelationships(parser, stream, partName, sourceBase);
+}
+
 }  // namespace opc::model

@@ -129,4 +129,31 @@ bool PartName::isPrefixOf(const PartName& other) const {
            other.key_[key_.size()] == '/';
 }
 
+std::string PartName::forPath(const std::string& path) {
+    std::string name;
+    std::string segment;
+    auto flush_segment = [&] {
+        if (segment.empty() || segment == "." || segment == "..") {
+            throw opc::Exception("\"" + path +
+                                 "\" cannot be a part name: empty, \".\" or \"..\" segment");
+        }
+        name += '/';
+        name += segment;
+        segment.clear();
+    };
+    for (unsigned char c : path) {
+        if (c == '/') {
+            flush_segment();
+        } else if (is_segment_char(c)) {
+            segment += static_cast<char>(c);
+        } else {
+            opc::detail::append_percent_encoded(segment, c);
+        }
+    }
+    flush_segment();
+    if (name.back() == '.')
+        throw opc::Exception("\"" + path + "\" cannot be a part name: it ends with a dot");
+    return name;
+}
+
 }  // namespace opc::model

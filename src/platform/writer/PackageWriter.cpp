@@ -12,6 +12,7 @@
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/PartName.hpp"
 
 namespace opc::zippackage {
 namespace {
@@ -24,32 +25,6 @@ struct ArchiveDiscarder {
     void operator()(zip_t* archive) const { zip_discard(archive); }
 };
 using ArchivePtr = std::unique_ptr<zip_t, ArchiveDiscarder>;
-
-bool is_pchar(unsigned char c) {
-    if (opc::detail::is_ascii_alnum(c)) return true;
-    switch (c) {
-        case '-':
-        case '.':
-        case '_':
-        case '~':  // unreserved
-        case '!':
-        case '$':
-        case '&':
-        case '\'':
-        case '(':
-        case ')':
-        case '*':
-        case '+':  // sub-delims
-        case ',':
-        case ';':
-        case '=':
-        case ':':
-        case '@':
-            return true;
-        default:
-            return false;
-    }
-}
 
 using opc::detail::ascii_lower;
 
@@ -113,7 +88,7 @@ struct PackageWriter::Impl {
     std::string add(const std::string& path, const std::string& contentType,
                     std::vector<unsigned char> bytes, std::string sourceFile,
                     Compression compression) {
-        std::string name = partNameFor(path);
+        std::string name = opc::model::PartName::forPath(path);
         if (opc::extraction::isReservedPartName(name))
             throw opc::Exception("\"" + name +
                                  "\" cannot be a part name: the extractor reserves names "
@@ -186,33 +161,6 @@ PackageWriter::PackageWriter(std::string outputPath) : impl_(std::make_unique<Im
 }
 
 PackageWriter::~PackageWriter() = default;
-
-std::string PackageWriter::partNameFor(const std::string& path) {
-    std::string name;
-    std::string segment;
-    auto flush_segment = [&] {
-        if (segment.empty() || segment == "." || segment == "..") {
-            throw opc::Exception("\"" + path +
-                                 "\" cannot be a part name: empty, \".\" or \"..\" segment");
-        }
-        name += '/';
-        name += segment;
-        segment.clear();
-    };
-    for (unsigned char c : path) {
-        if (c == '/') {
-            flush_segment();
-        } else if (is_pchar(c)) {
-            segment += static_cast<char>(c);
-        } else {
-            opc::detail::append_percent_encoded(segment, c);
-        }
-    }
-    flush_segment();
-    if (name.back() == '.')
-        throw opc::Exception("\"" + path + "\" cannot be a part name: it ends with a dot");
-    return name;
-}
 
 std::string PackageWriter::addPart(const std::string& path, const std::string& contentType,
                                    std::vector<unsigned char> bytes, Compression compression) {

@@ -1,17 +1,18 @@
 #include "support/PackageBuilder.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/opc/PartName.hpp"
 
 using opc::zippackage::PackageWriter;
 using namespace tsapp::test;
 
 TEST(PackageWriter, PartNamesArePercentEncodedAndNeverEquivalent) {
-    EXPECT_EQ(PackageWriter::partNameFor("manifest.xml"), "/manifest.xml");
-    EXPECT_EQ(PackageWriter::partNameFor("lib/a b.js"), "/lib/a%20b.js");
-    EXPECT_EQ(PackageWriter::partNameFor("ü/[x]%"), "/%C3%BC/%5Bx%5D%25");
-    EXPECT_EQ(PackageWriter::partNameFor("a/b~c@d:e"), "/a/b~c@d:e");
+    EXPECT_EQ(opc::model::PartName::forPath("manifest.xml"), "/manifest.xml");
+    EXPECT_EQ(opc::model::PartName::forPath("lib/a b.js"), "/lib/a%20b.js");
+    EXPECT_EQ(opc::model::PartName::forPath("ü/[x]%"), "/%C3%BC/%5Bx%5D%25");
+    EXPECT_EQ(opc::model::PartName::forPath("a/b~c@d:e"), "/a/b~c@d:e");
     for (const char* bad : {"", "a//b", "a/./b", "../x", "a/", "x."}) {
-        EXPECT_THROW(PackageWriter::partNameFor(bad), opc::Exception) << bad;
+        EXPECT_THROW(opc::model::PartName::forPath(bad), opc::Exception) << bad;
     }
     TempDir dir;
     PackageWriter writer(dir.file("p.tsappinstall"));

@@ -68,4 +68,14 @@ class TSAPP_API Package : public RelationshipSource {
     std::unique_ptr<State> state_;
 };
 
+// The relationships of one part, read from its relationships part
+// ("/dir/_rels/name.rels") with the parser and the checks open() gives the
+// package's own: what a reader listing them needs, since a Package keeps
+// only the package relationships. `partName` is that part's name, for
+// failures; internal targets are resolved against `sourceBase`, the folder
+// of the part they belong to ("/dir/"). Throws opc::Exception.
+TSAPP_API std::vector<Relationship> readPartRelationships(InputStream& stream,
+                                                          const std::u16string& partName,
+                                                          const std::u16string& sourceBase);
+
 }  // namespace opc::model

@@ -64,9 +64,6 @@ class TSAPP_API PackageWriter {
     // path that was not there before when it throws.
     void commit();
 
-    // The part name of a relative UTF-8 path, as addPart makes it.
-    static std::string partNameFor(const std::string& path);
-
   private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

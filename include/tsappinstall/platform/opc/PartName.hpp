@@ -45,6 +45,11 @@ class TSAPP_API PartName {
     // Why `name` is not a valid part name, or empty when it is. `name` must
     // already be ASCII (see the class comment).
     static std::string whyInvalid(const std::string& name);
+    // The part name of a relative UTF-8 path ("lib/a b.js" gives
+    // "/lib/a%20b.js"): every octet a segment may not hold as it is
+    // percent-encoded. Throws opc::Exception for an empty, "." or ".."
+    // segment or a name ending with a dot.
+    static std::string forPath(const std::string& path);
     // Percent-encodes every octet above 0x7F (upper-case hex digits).
     static std::string encodeNonAscii(const std::string& utf8);
 
