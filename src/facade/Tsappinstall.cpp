@@ -1,7 +1,9 @@
 #include "tsappinstall/facade/Tsappinstall.hpp"
 
 #include "facade/PackagePath.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/filesystem/Path.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace Corvane::addons::apps {
@@ -11,7 +13,7 @@ Tsappinstall::Tsappinstall() = default;
 Tsappinstall::~Tsappinstall() = default;
 
 bool Tsappinstall::isAppFile(const std::u16string& packagePath) {
-    const std::u16string appExtension = u"tsappinstall";
+    const std::u16string appExtension = fl::i18n::to_ustring(APP_FILE_EXTENSION);
     const std::u16string nativePath = facade::native_form(packagePath);
     const std::u16string extension = fl::filesystem::detail::extract_extension(nativePath);
     if (extension.size() != appExtension.size() || extension != appExtension) return false;

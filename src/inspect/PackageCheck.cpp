@@ -234,7 +234,8 @@ Report checkPackage(const std::u16string& path, AppManifestSerializer& serialize
                     bool decodeParts) {
     Report report;
     const std::u16string native = fl::filesystem::detail::make_native_form(path, true);
-    if (fl::filesystem::detail::extract_extension(native) != u"tsappinstall") {
+    if (fl::filesystem::detail::extract_extension(native) !=
+        fl::i18n::to_ustring(apps::APP_FILE_EXTENSION)) {
         report.faults.push_back(
             {FaultKind::NotAppFile, "not an app file: the extension is not .tsappinstall"});
         return report;

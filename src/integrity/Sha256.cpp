@@ -1,6 +1,7 @@
 #include <openssl/evp.h>
 
 #include "OpenSsl.hpp"
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 
 namespace tsappinstall::integrity {
@@ -29,12 +30,7 @@ std::string Sha256::finishHex() {
     unsigned int size = 0;
     if (EVP_DigestFinal_ex(context_->md.get(), digest, &size) != 1)
         throw IntegrityError(detail::opensslError("SHA-256 failed"));
-    static const char* hex = "0123456789abcdef";
-    std::string text;
-    for (unsigned int i = 0; i < size; ++i) {
-        text += hex[digest[i] >> 4];
-        text += hex[digest[i] & 15];
-    }
+    std::string text = opc::detail::lower_hex(digest, size);
     context_->start();
     return text;
 }

@@ -11,6 +11,7 @@
 
 #include "manifest/ManifestFailure.hpp"
 #include "manifest/SealCheck.hpp"
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -22,24 +23,12 @@ using boost::posix_time::ptime;
 using opc::model::XercesHelper;
 using opc::model::XercesPtr;
 using opc::model::XercesString;
+using opc::model::detail::DocumentPoolReset;
 namespace ids = tsapp_builtins::tsapp_builtins;
 using tsappinstall::ManifestFault;
 using tsappinstall::detail::fail;
 
 namespace {
-
-// Frees every document the parser made, on every way out of a read, so a
-// serializer never accumulates documents or keeps one after a failure.
-class DocumentPoolReset {
-  public:
-    explicit DocumentPoolReset(DOMLSParser* parser) : parser_(parser) {}
-    ~DocumentPoolReset() { parser_->resetDocumentPool(); }
-    DocumentPoolReset(const DocumentPoolReset&) = delete;
-    DocumentPoolReset& operator=(const DocumentPoolReset&) = delete;
-
-  private:
-    DOMLSParser* parser_;
-};
 
 DOMDocument* parse(DOMLSParser* parser, opc::InputStream& stream) {
     try {

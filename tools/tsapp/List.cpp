@@ -79,13 +79,10 @@ ojson relationshipsOf(opc::model::Package& package) {
     ojson list = ojson::array();
     for (const auto& r : package.getRelationships()) list.push_back(relationshipJson("/", r));
     for (const auto& name : package.getPartNames()) {
+        const std::string source = name.relationshipsSource();
+        if (source.empty() || source == "/") continue;  // the package's own are listed above
         const std::string& text = name.ascii();
-        const std::size_t rels = text.rfind("/_rels/");
-        if (rels == std::string::npos || rels == 0 || text.size() < 5 ||
-            text.compare(text.size() - 5, 5, ".rels") != 0)
-            continue;
-        const std::string base = text.substr(0, rels + 1);
-        const std::string source = base + text.substr(rels + 7, text.size() - rels - 12);
+        const std::string base = text.substr(0, text.rfind("/_rels/") + 1);
         opc::model::Part part = package.getPart(name);
         for (const auto& r :
              opc::model::readPartRelationships(part.getInputStream(), utf16(text), utf16(base)))

@@ -102,8 +102,9 @@ struct TemporaryPackage {
 int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
             const std::string& keyFile, const std::string& certificateFile) {
     const fs::path destination(output);
-    if (destination.extension() != ".tsappinstall")
-        throw Failure(output, "the package's name must end in .tsappinstall");
+    const std::string extension = std::string(".") + Corvane::addons::apps::APP_FILE_EXTENSION;
+    if (destination.extension() != extension)
+        throw Failure(output, "the package's name must end in " + extension);
     PackPlan plan;
     const std::vector<std::string> problems = planPack(sourceFolder, guid, plan);
     for (const auto& problem : problems)
@@ -120,7 +121,7 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
 
     TemporaryPackage temporary{
         (destination.parent_path() /
-         ("." + destination.stem().string() + "." + std::to_string(::getpid()) + ".tsappinstall"))
+         ("." + destination.stem().string() + "." + std::to_string(::getpid()) + extension))
             .string()};
     // From here on a failure is about the package being written.
     std::uintmax_t size = 0;

@@ -5,6 +5,9 @@
 
 namespace Corvane::addons::apps {
 
+// An app package file's extension, without the dot.
+inline constexpr const char* APP_FILE_EXTENSION = "tsappinstall";
+
 inline constexpr const char* SCHEMA_HOST_URI = "http://schemas.corvane.com";
 
 inline constexpr const char* APP_PROPERTIES_RELATIONSHIP_TYPE =

@@ -3,6 +3,7 @@
 // ASCII-only text helpers. Part names, extensions and language tags are
 // compared and coded byte by byte; the locale must never take part.
 
+#include <optional>
 #include <string>
 
 namespace opc::detail {
@@ -43,6 +44,18 @@ inline void append_percent_encoded(std::string& out, unsigned char octet) {
     out += kDigits[octet & 0x0F];
 }
 
+// The bytes as lower-case hex digits, two a byte.
+inline std::string lower_hex(const unsigned char* bytes, std::size_t size) {
+    static const char* const kDigits = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * size);
+    for (std::size_t i = 0; i < size; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0x0F];
+    }
+    return text;
+}
+
 // The octet "%XY" at `text[at]` stands for, or -1 when it is not a complete
 // escape.
 inline int percent_decoded_octet(const std::string& text, std::size_t at) {
@@ -50,6 +63,24 @@ inline int percent_decoded_octet(const std::string& text, std::size_t at) {
     const int high = hex_value(text[at + 1]);
     const int low = hex_value(text[at + 2]);
     return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
+// `text` with every "%XY" replaced by the octet it stands for; none when an
+// escape is cut short or not hex.
+inline std::optional<std::string> percent_decoded(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out += text[i];
+            continue;
+        }
+        const int octet = percent_decoded_octet(text, i);
+        if (octet < 0) return std::nullopt;
+        out += static_cast<char>(octet);
+        i += 2;
+    }
+    return out;
 }
 
 }  // namespace opc::detail

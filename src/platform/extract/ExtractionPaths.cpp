@@ -15,23 +15,6 @@ namespace {
                     "part name \"" + partName + "\" cannot be a file path: " + why);
 }
 
-std::string percentDecoded(const std::string& segment, const std::string& partName) {
-    std::string out;
-    out.reserve(segment.size());
-    for (std::size_t i = 0; i < segment.size(); ++i) {
-        if (segment[i] != '%') {
-            out += segment[i];
-            continue;
-        }
-        if (i + 2 >= segment.size()) refuse(partName, "truncated escape");
-        const int octet = percent_decoded_octet(segment, i);
-        if (octet < 0) refuse(partName, "malformed escape");
-        out += static_cast<char>(octet);
-        i += 2;
-    }
-    return out;
-}
-
 void checkSegment(const std::string& segment, const std::string& partName) {
     if (segment.empty()) refuse(partName, "empty segment");
     if (segment == "." || segment == "..") refuse(partName, "relative segment");
@@ -55,7 +38,11 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
         std::size_t end = partName.find('/', start);
         if (end == std::string::npos) end = partName.size();
         std::string segment = partName.substr(start, end - start);
-        if (decode) segment = percentDecoded(segment, partName);
+        if (decode) {
+            auto decoded = percent_decoded(segment);
+            if (!decoded) refuse(partName, "malformed escape");
+            segment = std::move(*decoded);
+        }
         checkSegment(segment, partName);
         // Deeper than any path can name: such a file could be made with
         // openat() one folder at a time, yet neither the caller nor the usual
@@ -78,19 +65,8 @@ bool isReservedName(const std::string& segment) {
 namespace opc::extraction {
 
 bool isReservedPartName(const std::string& partName) {
-    std::size_t start = partName.empty() || partName[0] != '/' ? 0 : 1;
-    while (start <= partName.size()) {
-        std::size_t end = partName.find('/', start);
-        if (end == std::string::npos) end = partName.size();
-        std::string decoded;
-        for (std::size_t i = start; i < end; ++i) {
-            const int octet = partName[i] == '%' ? detail::percent_decoded_octet(partName, i) : -1;
-            decoded += octet < 0 ? partName[i] : static_cast<char>(octet);
-            if (octet >= 0) i += 2;
-        }
-        if (detail::isReservedName(decoded)) return true;
-        start = end + 1;
-    }
+    for (const std::string& segment : detail::splitPath(partName))
+        if (detail::isReservedName(detail::percent_decoded(segment).value_or(segment))) return true;
     return false;
 }
 

@@ -22,14 +22,6 @@ namespace {
 
 using namespace qvservices;
 
-bool isRelationshipPart(const std::string& name) {
-    const std::size_t slash = name.rfind('/');
-    if (slash == std::string::npos || slash < 6) return false;
-    const bool inRelsFolder = name.compare(slash - 6, 7, "/_rels/") == 0;
-    const bool relsExtension = name.size() >= 5 && name.compare(name.size() - 5, 5, ".rels") == 0;
-    return inRelsFolder && relsExtension;
-}
-
 void checkModes(RestoreMode restore, TransformMode transform, ReplaceMode replace) {
     if (restore != RestoreMode::ContentParts && restore != RestoreMode::AllParts)
         throw Exception("unknown restore mode " + std::to_string(static_cast<int>(restore)));
@@ -97,7 +89,7 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
     std::uint64_t bytesTotal = 0;
     const std::uint64_t limit = options_.maxBytes ? options_.maxBytes : UINT64_MAX;
     for (auto& name : package_.getPartNames()) {
-        if (restore == RestoreMode::ContentParts && isRelationshipPart(name.ascii())) continue;
+        if (restore == RestoreMode::ContentParts && !name.relationshipsSource().empty()) continue;
         auto path =
             detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
         model::Part part = package_.getPart(name);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -50,13 +51,7 @@ std::string randomToken() {
         if (n < 0) throw Exception(Reason::CannotWrite, "no random bytes for a staging stamp");
         got += static_cast<std::size_t>(n);
     }
-    static const char* const kDigits = "0123456789abcdef";
-    std::string token;
-    for (unsigned char byte : bytes) {
-        token += kDigits[byte >> 4];
-        token += kDigits[byte & 15];
-    }
-    return token;
+    return lower_hex(bytes, sizeof bytes);
 }
 
 struct Stamp {

@@ -5,6 +5,7 @@
 #include "platform/base/Ascii.hpp"
 #include "platform/opc/OpcNames.hpp"
 #include "platform/opc/PackageXml.hpp"
+#include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 
@@ -12,6 +13,7 @@ namespace opc::model {
 namespace {
 
 using opc::interfaces::PhysicalEntry;
+using opc::model::detail::DocumentPoolReset;
 
 using opc::names::kRelationshipsContentType;
 constexpr const char* kPackageRelationshipsKey = opc::names::kPackageRelationshipsPart;
@@ -61,18 +63,6 @@ std::unique_ptr<InputStream> pinnedXml(opc::interfaces::IPhysicalPackage& contai
     container.pinEntry(entry.index, kLimit);
     return container.openEntry(entry.index);
 }
-
-// Frees the documents the parser made, on every way out of an open.
-class DocumentPoolReset {
-  public:
-    explicit DocumentPoolReset(xercesc::DOMLSParser* parser) : parser_(parser) {}
-    ~DocumentPoolReset() { parser_->resetDocumentPool(); }
-    DocumentPoolReset(const DocumentPoolReset&) = delete;
-    DocumentPoolReset& operator=(const DocumentPoolReset&) = delete;
-
-  private:
-    xercesc::DOMLSParser* parser_;
-};
 
 }  // namespace
 

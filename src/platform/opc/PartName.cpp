@@ -156,4 +156,14 @@ std::string PartName::forPath(const std::string& path) {
     return name;
 }
 
+std::string PartName::relationshipsSource() const {
+    const std::string& name = ascii();
+    const std::size_t rels = name.rfind("/_rels/");
+    const std::size_t suffix = name.size() >= 5 ? name.size() - 5 : 0;
+    if (rels == std::string::npos || suffix < rels + 7 || name.compare(suffix, 5, ".rels") != 0 ||
+        name.find('/', rels + 7) != std::string::npos)
+        return {};
+    return name.substr(0, rels + 1) + name.substr(rels + 7, suffix - rels - 7);
+}
+
 }  // namespace opc::model

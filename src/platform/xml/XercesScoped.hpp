@@ -28,6 +28,18 @@ class ScopedErrorHandler {
     xercesc::DOMErrorHandler* previous_;
 };
 
+// Frees the documents the parser made, on every way out of a parse.
+class DocumentPoolReset {
+  public:
+    explicit DocumentPoolReset(xercesc::DOMLSParser* parser) : parser_(parser) {}
+    ~DocumentPoolReset() { parser_->resetDocumentPool(); }
+    DocumentPoolReset(const DocumentPoolReset&) = delete;
+    DocumentPoolReset& operator=(const DocumentPoolReset&) = delete;
+
+  private:
+    xercesc::DOMLSParser* parser_;
+};
+
 // An output that collects a writer's bytes in `target`.
 inline XercesPtr<xercesc::DOMLSOutput> memoryOutput(xercesc::MemBufFormatTarget& target) {
     static const XMLCh ls[] = u"LS";

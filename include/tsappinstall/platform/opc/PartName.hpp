@@ -45,6 +45,12 @@ class TSAPP_API PartName {
     // Why `name` is not a valid part name, or empty when it is. `name` must
     // already be ASCII (see the class comment).
     static std::string whyInvalid(const std::string& name);
+    // "/dir/_rels/name.rels" holds the relationships of "/dir/name", and
+    // "/_rels/.rels" those of the package: the name of what this part holds
+    // the relationships of ("/" for the package), or empty when it is no
+    // relationship part.
+    std::string relationshipsSource() const;
+
     // The part name of a relative UTF-8 path ("lib/a b.js" gives
     // "/lib/a%20b.js"): every octet a segment may not hold as it is
     // percent-encoded. Throws opc::Exception for an empty, "." or ".."
