@@ -92,9 +92,7 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
     std::vector<Fault> faults;
     for (const integrity::Fault& fault : found) {
         if (fault.kind == integrity::FaultKind::UnreadableItem) continue;  // a damaged part
-        faults.push_back({FaultKind::BadDigest, std::string(integrity::faultKindName(fault.kind)) +
-                                                    (fault.partName.empty() ? "" : " ") +
-                                                    fault.partName + ": " + fault.detail});
+        faults.push_back({FaultKind::BadDigest, integrity::describe(fault)});
     }
     return faults;
 }
@@ -222,12 +220,33 @@ void checkReservedNames(const opc::model::Package& package, Report& report) {
 }  // namespace
 
 const char* describe(FaultKind kind) {
-    static const char* const kTexts[] = {
-        "not an app file",  "not an app package", "damaged part",     "no manifest",
-        "bad manifest",     "bad signature",      "wrong file count", "broken relationship",
-        "missing app file", "unlisted app file",  "bad digest",       "reserved name"};
-    const auto index = static_cast<std::size_t>(kind);
-    return index < std::size(kTexts) ? kTexts[index] : "fault";
+    switch (kind) {
+        case FaultKind::NotAppFile:
+            return "not an app file";
+        case FaultKind::NotPackage:
+            return "not an app package";
+        case FaultKind::DamagedPart:
+            return "damaged part";
+        case FaultKind::NoManifest:
+            return "no manifest";
+        case FaultKind::BadManifest:
+            return "bad manifest";
+        case FaultKind::BadSignature:
+            return "bad signature";
+        case FaultKind::WrongFileCount:
+            return "wrong file count";
+        case FaultKind::BrokenRelationship:
+            return "broken relationship";
+        case FaultKind::MissingAppFile:
+            return "missing app file";
+        case FaultKind::UnlistedAppFile:
+            return "unlisted app file";
+        case FaultKind::BadDigest:
+            return "bad digest";
+        case FaultKind::ReservedName:
+            return "reserved name";
+    }
+    return "fault";  // a value outside the enum
 }
 
 Report checkPackage(const std::u16string& path, AppManifestSerializer& serializer,

@@ -30,4 +30,9 @@ const char* faultKindName(FaultKind kind) {
     return "unknown";
 }
 
+std::string describe(const Fault& fault) {
+    return std::string(faultKindName(fault.kind)) +
+           (fault.partName.empty() ? "" : " " + fault.partName) + ": " + fault.detail;
+}
+
 }  // namespace tsappinstall::integrity

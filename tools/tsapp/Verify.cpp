@@ -29,11 +29,7 @@ int runVerify(const std::vector<std::string>& packages, const std::vector<std::s
         else if (!report.isSigned && !unreadable)
             std::cout << ", unsigned";
         std::cout << '\n';
-        for (const Fault& fault : report.faults) {
-            std::cout << "  " << faultKindName(fault.kind)
-                      << (fault.partName.empty() ? "" : " " + fault.partName) << ": "
-                      << fault.detail << '\n';
-        }
+        for (const Fault& fault : report.faults) std::cout << "  " << describe(fault) << '\n';
         if (!report.ok()) status = kBad;
     }
     return status;

@@ -34,6 +34,10 @@ struct Fault {
     std::string detail;
 };
 
+// One line for people and scripts alike: "kind part: detail" ("kind:
+// detail" when no part is concerned).
+TSAPP_API std::string describe(const Fault& fault);
+
 // Bad input to the signing and verification calls themselves: an
 // unreadable key, certificate or trust file.
 class TSAPP_API IntegrityError : public std::runtime_error {

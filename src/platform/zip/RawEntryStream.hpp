@@ -9,10 +9,10 @@
 namespace opc::zippackage {
 
 // The stored bytes of one entry, read with pread() straight from the
-// package file at the data offset the directory check established. Whole
-// package extraction reads every entry this way: it skips libzip's stdio
-// layer and its per-entry setup, and the offsets it trusts are the ones
-// already checked against overlap and the central directory.
+// package file at the data offset the directory check established: the
+// offsets it trusts are the ones already checked against overlap and the
+// central directory. Every reader of an entry's bytes starts here (or at
+// the entry's pinned copy).
 class RawEntryStream : public InputStream {
   public:
     RawEntryStream(int fd, const opc::interfaces::PhysicalEntry& entry)

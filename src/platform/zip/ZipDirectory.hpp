@@ -1,8 +1,8 @@
 #pragma once
 
-// Reading and checking a ZIP file's directory straight from its bytes.
-// libzip trusts the central directory; this reader is what refuses the
-// files only an attack needs before libzip is given them.
+// Reading and checking a ZIP file's directory straight from its bytes: the
+// one reader of the container's structure, which refuses the files only
+// an attack needs before any entry is read.
 
 #include <cstdint>
 #include <vector>
