@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -24,35 +25,12 @@ std::string current_folder() {
     return buffer.data();
 }
 
-// Folds ".", ".." and repeated separators. A leading ".." of a relative
-// path is kept; ".." at the root of an absolute path stays at the root.
+// lexically_normal() keeps a trailing separator and makes "" of "";
+// native forms have neither.
 std::string normalize(const std::string& path) {
-    const bool rooted = !path.empty() && path.front() == '/';
-    std::vector<std::string> segments;
-    std::size_t pos = 0;
-    while (pos <= path.size()) {
-        const std::size_t slash = path.find('/', pos);
-        const std::size_t end = slash == std::string::npos ? path.size() : slash;
-        std::string segment = path.substr(pos, end - pos);
-        pos = end + 1;
-        if (segment.empty() || segment == ".") continue;
-        if (segment == "..") {
-            if (!segments.empty() && segments.back() != "..") {
-                segments.pop_back();
-            } else if (!rooted) {
-                segments.push_back(std::move(segment));
-            }
-            continue;
-        }
-        segments.push_back(std::move(segment));
-    }
-    std::string out = rooted ? "/" : "";
-    for (std::size_t i = 0; i < segments.size(); ++i) {
-        if (i > 0) out += '/';
-        out += segments[i];
-    }
-    if (out.empty()) out = ".";
-    return out;
+    std::string out = std::filesystem::path(path).lexically_normal().string();
+    if (out.size() > 1 && out.back() == '/') out.pop_back();
+    return out.empty() ? "." : out;
 }
 
 }  // namespace
