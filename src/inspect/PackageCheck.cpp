@@ -249,18 +249,16 @@ const char* describe(FaultKind kind) {
     return "fault";  // a value outside the enum
 }
 
-Report checkPackage(const std::u16string& path, AppManifestSerializer& serializer,
+Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
                     bool decodeParts) {
     Report report;
-    const std::u16string native = fl::filesystem::detail::make_native_form(path, true);
-    if (fl::filesystem::detail::extract_extension(native) !=
-        fl::i18n::to_ustring(apps::APP_FILE_EXTENSION)) {
+    if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
         report.faults.push_back(
             {FaultKind::NotAppFile, "not an app file: the extension is not .tsappinstall"});
         return report;
     }
     try {
-        opc::model::OpenedPackage opened(native);
+        opc::model::OpenedPackage opened(path);
         opc::model::Package& package = opened.package();
         checkReservedNames(package, report);
         std::vector<Fault> digestFaults;

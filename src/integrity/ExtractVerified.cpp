@@ -7,7 +7,8 @@
 
 namespace tsappinstall::integrity {
 
-VerifiedExtraction extractVerified(opc::model::Package& package, const std::string& folder,
+VerifiedExtraction extractVerified(opc::model::Package& package,
+                                   const std::filesystem::path& folder,
                                    const VerificationPolicy& policy,
                                    opc::extraction::Options options,
                                    opc::qvservices::ReplaceMode replace) {
@@ -27,22 +28,22 @@ VerifiedExtraction extractVerified(opc::model::Package& package, const std::stri
     options.observer = &hashing;
     opc::extraction::Extractor extractor(package, opc::FileSystemOpsSelector(), std::move(options));
     try {
-        result.leftAside =
-            extractor
-                .extractAll(fl::i18n::to_ustring(folder), opc::qvservices::RestoreMode::AllParts,
-                            opc::qvservices::TransformMode::PercentDecode, replace)
-                .leftAside;
+        result.leftAside = extractor
+                               .extractAll(folder, opc::qvservices::RestoreMode::AllParts,
+                                           opc::qvservices::TransformMode::PercentDecode, replace)
+                               .leftAside;
     } catch (const detail::DigestFaults& found) {
         report.faults = found.faults;
     }
     return result;
 }
 
-VerifiedExtraction extractVerified(const std::string& path, const std::string& folder,
+VerifiedExtraction extractVerified(const std::filesystem::path& path,
+                                   const std::filesystem::path& folder,
                                    const VerificationPolicy& policy,
                                    opc::extraction::Options options,
                                    opc::qvservices::ReplaceMode replace) {
-    opc::model::OpenedPackage package(fl::i18n::to_ustring(path));
+    opc::model::OpenedPackage package(path);
     VerifiedExtraction result =
         extractVerified(package.package(), folder, policy, std::move(options), replace);
     package.close();

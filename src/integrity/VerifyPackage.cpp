@@ -157,9 +157,10 @@ VerificationReport verifyPackage(opc::model::Package& package, const Verificatio
     return report;
 }
 
-VerificationReport verifyPackage(const std::string& path, const VerificationPolicy& policy) {
+VerificationReport verifyPackage(const std::filesystem::path& path,
+                                 const VerificationPolicy& policy) {
     try {
-        opc::model::OpenedPackage opened(fl::i18n::to_ustring(path));
+        opc::model::OpenedPackage opened(path);
         VerificationReport report = verifyPackage(opened.package(), policy);
         opened.close();
         return report;

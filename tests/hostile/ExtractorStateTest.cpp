@@ -69,8 +69,8 @@ class ExtractorState : public ::testing::Test {
             auto outcome =
                 opc::extraction::Extractor(package.package(), opc::FileSystemOpsSelector(ops),
                                            options)
-                    .extractAll(u16(dest()), q::RestoreMode::AllParts,
-                                q::TransformMode::PercentDecode, q::ReplaceMode::Replace);
+                    .extractAll(dest(), q::RestoreMode::AllParts, q::TransformMode::PercentDecode,
+                                q::ReplaceMode::Replace);
             if (warnings) *warnings = outcome.leftAside;
         });
     }
@@ -116,7 +116,7 @@ TEST_F(ExtractorState, ReservedNamesAreRefusedBeforeAnythingIsWritten) {
                   extraction_error_text(pkg(), dest()));
         EXPECT_EQ(snapshot_tree(root()), before);
 
-        const auto report = tsappinstall::inspect::checkPackage(u16(pkg()), serializer);
+        const auto report = tsappinstall::inspect::checkPackage(pkg(), serializer);
         ASSERT_FALSE(report.faults.empty());
         EXPECT_EQ(report.faults.front().kind, tsappinstall::inspect::FaultKind::ReservedName);
     }

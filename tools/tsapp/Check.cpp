@@ -111,7 +111,7 @@ int runCheck(const std::vector<std::string>& packages, const CheckOptions& optio
         for (std::size_t i; (i = next++) < packages.size();) {
             inspect::Report report;
             try {
-                report = serializer ? inspect::checkPackage(utf16(packages[i]), *serializer)
+                report = serializer ? inspect::checkPackage(packages[i], *serializer)
                                     : unchecked(setupError);
             } catch (const std::exception& e) {
                 report = unchecked(e.what());

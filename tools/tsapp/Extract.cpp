@@ -109,7 +109,7 @@ std::vector<std::string> extract(const std::u16string& nativePath,
         });
     }
     auto outcome =
-        manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
+        manager.extractAll(utf8(nativeFolder), opc::qvservices::RestoreMode::AllParts,
                            opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
     package.close();
     return outcome.leftAside;

@@ -101,7 +101,7 @@ void printHuman(const AppManifest& m) {
 
 int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
-    const auto report = tsappinstall::inspect::checkPackage(utf16(package), serializer, false);
+    const auto report = tsappinstall::inspect::checkPackage(package, serializer, false);
     if (!report.manifest || (verify && !report.good()))
         throw Failure(package, report.faults.front().text);
     const std::string fault = report.good() ? "" : report.faults.front().text;

@@ -129,7 +129,7 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
     try {
         writePackage(plan, temporary.path, signer ? &*signer : nullptr);
         AppManifestSerializer serializer;
-        const auto report = tsappinstall::inspect::checkPackage(utf16(temporary.path), serializer);
+        const auto report = tsappinstall::inspect::checkPackage(temporary.path, serializer);
         if (!report.good())
             throw std::runtime_error("the written package fails its check: " +
                                      report.faults.front().text);

@@ -6,6 +6,7 @@
 // packer checking its own output, an inspector showing an unverified
 // manifest), and later checks append their faults to the same report.
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,14 +48,14 @@ struct Report {
 // A few words naming the kind: "damaged part", "missing app file".
 TSAPP_API const char* describe(FaultKind kind);
 
-// Checks the package at `path` (a native UTF-16 path). Every part is fully
+// Checks the package at `path`. Every part is fully
 // decoded and, when the package has a digest list, checked against it in
 // the same read (its signature is verifyPackage's business), unless
 // `decodeParts` is false (a reader that wants the manifest and its faults
 // quickly); all faults are collected, except that a package which does
 // not open stops the check there. Throws only what the serializer's load
 // passes on (allocation, time conversion).
-TSAPP_API Report checkPackage(const std::u16string& path, AppManifestSerializer& serializer,
+TSAPP_API Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
                               bool decodeParts = true);
 
 }  // namespace tsappinstall::inspect

@@ -4,6 +4,7 @@
 // content digests in the same pass that writes its files: on any fault the
 // destination is left exactly as it was.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,7 @@ struct VerifiedExtraction {
 // damaged entry, an unwritable destination, a cancellation), the folder
 // then unchanged too, and IntegrityError when a trust file cannot be read.
 TSAPP_API VerifiedExtraction
-extractVerified(const std::string& path, const std::string& folder,
+extractVerified(const std::filesystem::path& path, const std::filesystem::path& folder,
                 const VerificationPolicy& policy, opc::extraction::Options options = {},
                 opc::qvservices::ReplaceMode replace = opc::qvservices::ReplaceMode::Replace);
 
@@ -43,7 +44,7 @@ extractVerified(const std::string& path, const std::string& folder,
 // that writes it: what lands in `folder` is what was verified, even if the
 // package file is rewritten meanwhile.
 TSAPP_API VerifiedExtraction
-extractVerified(opc::model::Package& package, const std::string& folder,
+extractVerified(opc::model::Package& package, const std::filesystem::path& folder,
                 const VerificationPolicy& policy, opc::extraction::Options options = {},
                 opc::qvservices::ReplaceMode replace = opc::qvservices::ReplaceMode::Replace);
 

@@ -2,6 +2,7 @@
 
 // Checks a package's content digests and author signature.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ struct VerificationReport {
 
 // Reads the package once. Every fault is reported, not only the first.
 // Throws IntegrityError when a trust file cannot be read.
-TSAPP_API VerificationReport verifyPackage(const std::string& path,
+TSAPP_API VerificationReport verifyPackage(const std::filesystem::path& path,
                                            const VerificationPolicy& policy);
 
 // The same for a package already open. The digest and signature parts

@@ -74,6 +74,16 @@ bool isReservedPartName(const std::string& partName) {
 
 namespace opc::detail {
 
+Destination splitDestination(const std::filesystem::path& where) {
+    std::string path = where.native();
+    if (path.empty() || path[0] != '/')
+        throw Exception(Reason::CannotWrite,
+                        "the destination \"" + path + "\" is not an absolute path");
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    const std::size_t slash = path.rfind('/');
+    return {path, slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
 FileSegments splitPath(const std::string& path) {
     FileSegments segments;
     std::size_t start = 0;

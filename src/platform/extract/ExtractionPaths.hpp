@@ -2,6 +2,7 @@
 
 // Turns a part name into the file path it takes below an extraction folder.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,15 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode);
 // name that begins with ".~tsapp", in any ASCII case (so that a file
 // system that ignores case cannot alias one either).
 bool isReservedName(const std::string& segment);
+
+// A destination folder as extraction and recovery take it: the absolute
+// path without trailing separators, the folder that holds it and its name
+// ("/" and "" for the root).
+struct Destination {
+    std::string path, parent, name;
+};
+// Throws opc::Exception when `path` is not absolute.
+Destination splitDestination(const std::filesystem::path& path);
 
 // "a/b/c" split at every "/", empty segments kept.
 FileSegments splitPath(const std::string& path);

@@ -12,7 +12,6 @@
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagedExtraction.hpp"
-#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
@@ -80,7 +79,7 @@ void Extractor::setProgress(FileSystemManager::Progress progress) {
     progress_ = std::move(progress);
 }
 
-Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
+Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode restore,
                               TransformMode transform, ReplaceMode replace) {
     checkModes(restore, transform, replace);
     // Every path and the total size are checked before the first byte is written.
@@ -100,9 +99,8 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
         plan.push_back({std::move(part), std::move(path)});
     }
 
-    const std::string destination = fl::i18n::to_string(folder);
-    checkFreeSpace(*ops_, bytesTotal, destination);
-    detail::StagedExtraction staging(destination,
+    checkFreeSpace(*ops_, bytesTotal, folder.native());
+    detail::StagedExtraction staging(folder,
                                      replace == ReplaceMode::Replace
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
@@ -140,23 +138,18 @@ Outcome Extractor::extractAll(const std::u16string& folder, RestoreMode restore,
     return Outcome{staging.warnings()};
 }
 
-Recovery recover(const std::string& destination, const FileSystemOpsSelector& selector,
+Recovery recover(const std::filesystem::path& destination, const FileSystemOpsSelector& selector,
                  bool discardUnreadable) {
-    if (destination.empty() || destination[0] != '/')
-        throw Exception("the destination \"" + destination + "\" is not an absolute path");
-    std::string path = destination;
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    const std::size_t slash = path.rfind('/');
-    const std::string parentPath = slash == 0 ? "/" : path.substr(0, slash);
+    const detail::Destination where = detail::splitDestination(destination);
     const detail::FileOps& ops = detail::fileOpsOf(selector);
     const detail::OpsFd parent(ops,
-                               ops.openat(AT_FDCWD, parentPath.c_str(), O_RDONLY | O_DIRECTORY));
-    const detail::OpsFd dest(ops, ops.openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY));
+                               ops.openat(AT_FDCWD, where.parent.c_str(), O_RDONLY | O_DIRECTORY));
+    const detail::OpsFd dest(ops, ops.openat(AT_FDCWD, where.path.c_str(), O_RDONLY | O_DIRECTORY));
     if (!dest && errno != ENOENT)
-        throw Exception("cannot open the folder \"" + path + "\": " + std::strerror(errno));
+        throw Exception("cannot open the folder \"" + where.path + "\": " + std::strerror(errno));
     Recovery out;
-    detail::recoverDestination(ops, parent ? parent.get() : -1, dest ? dest.get() : -1, path,
-                               path.substr(slash + 1), discardUnreadable, out);
+    detail::recoverDestination(ops, parent ? parent.get() : -1, dest ? dest.get() : -1, where.path,
+                               where.name, discardUnreadable, out);
     return out;
 }
 

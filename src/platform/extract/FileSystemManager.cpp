@@ -1,6 +1,7 @@
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
 #include "tsappinstall/platform/extract/Extraction.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace opc::qvservices {
 
@@ -19,7 +20,7 @@ void FileSystemManager::extractAll(const std::u16string& folder, RestoreMode res
     extractor.setProgress(progress_);
     // Old copies that could not be removed stay in a hidden staging folder
     // that the next extraction into the folder removes.
-    extractor.extractAll(folder, restore, transform, replace);
+    extractor.extractAll(fl::i18n::to_string(folder), restore, transform, replace);
 }
 
 }  // namespace opc::qvservices

@@ -37,13 +37,9 @@ std::string quoted(const FileSegments& path) {
 
 }  // namespace
 
-StagedExtraction::StagedExtraction(const std::string& destination, Existing existing, bool sync,
-                                   const FileOps& ops)
-    : ops_(ops), destination_(destination), existing_(existing), sync_(sync) {
-    if (destination.empty() || destination[0] != '/')
-        fail("the destination \"" + destination + "\" is not an absolute path");
-    while (destination_.size() > 1 && destination_.back() == '/') destination_.pop_back();
-    name_ = destination_.substr(destination_.rfind('/') + 1);
+StagedExtraction::StagedExtraction(const std::filesystem::path& destination, Existing existing,
+                                   bool sync, const FileOps& ops)
+    : ops_(ops), destination_(splitDestination(destination)), existing_(existing), sync_(sync) {
     try {
         openDestination();
         createStaging();
@@ -66,21 +62,22 @@ StagedExtraction::~StagedExtraction() {
 // The destination path itself comes from the caller and is trusted as
 // given; only what lies below it is guarded against links.
 void StagedExtraction::openDestination() {
-    const std::size_t slash = destination_.rfind('/');
-    for (std::size_t at = destination_.find('/', 1); at != std::string::npos && at <= slash;
-         at = destination_.find('/', at + 1)) {
-        const std::string prefix = destination_.substr(0, at);
+    const std::string& path = destination_.path;
+    const std::size_t slash = path.rfind('/');
+    for (std::size_t at = path.find('/', 1); at != std::string::npos && at <= slash;
+         at = path.find('/', at + 1)) {
+        const std::string prefix = path.substr(0, at);
         if (ops_.mkdirat(AT_FDCWD, prefix.c_str()) == 0)
             createdRoots_.push_back(prefix);
         else if (errno != EEXIST)
             failErrno("cannot create the folder \"" + prefix + "\"");
     }
-    const std::string parentPath = slash == 0 ? "/" : destination_.substr(0, slash);
-    if (!name_.empty())
+    const std::string& parentPath = destination_.parent;
+    if (!destination_.name.empty())
         parent_ = OpsFd(ops_, ops_.openat(AT_FDCWD, parentPath.c_str(), O_RDONLY | O_DIRECTORY));
-    dest_ = OpsFd(ops_, ops_.openat(AT_FDCWD, destination_.c_str(), O_RDONLY | O_DIRECTORY));
+    dest_ = OpsFd(ops_, ops_.openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY));
     if (!dest_ && (errno != ENOENT || !parent_))
-        failErrno("cannot open the folder \"" + (parent_ ? destination_ : parentPath) + "\"");
+        failErrno("cannot open the folder \"" + (parent_ ? path : parentPath) + "\"");
 }
 
 // The staging folder is made exclusively under a name no part can take,
@@ -90,13 +87,13 @@ void StagedExtraction::createStaging() {
     const int where = fresh() ? parent_.get() : dest_.get();
     const mode_t mode = fresh() ? 0777 : 0700;  // a new destination keeps the usual mode
     for (int attempt = 0;; ++attempt) {
-        const std::string name = stagingFolderName(fresh() ? name_ : "");
+        const std::string name = stagingFolderName(fresh() ? destination_.name : "");
         if (ops_.mkdirat(where, name.c_str(), mode) == 0) {
             stagingName_ = name;
             break;
         }
         if (errno != EEXIST || attempt == 100)
-            failErrno("cannot create a staging folder for \"" + destination_ + "\"");
+            failErrno("cannot create a staging folder for \"" + destination_.path + "\"");
     }
     staging_ = OpsFd(ops_, ops_.openat(where, stagingName_.c_str(), kFolderFlags));
     if (!staging_ || ops_.flock(staging_.get(), LOCK_EX | LOCK_NB) != 0)
@@ -111,10 +108,10 @@ void StagedExtraction::createStaging() {
 // only reported, for nothing says which files it concerns.
 void StagedExtraction::repairLeftovers() {
     extraction::Recovery recovery;
-    recoverDestination(ops_, parent_ ? parent_.get() : -1, dest_ ? dest_.get() : -1, destination_,
-                       name_, false, recovery);
+    recoverDestination(ops_, parent_ ? parent_.get() : -1, dest_ ? dest_.get() : -1,
+                       destination_.path, destination_.name, false, recovery);
     if (!recovery.leftAside.empty())
-        fail("the folder \"" + destination_ +
+        fail("the folder \"" + destination_.path +
              "\" holds what an interrupted extraction left, and it could not be repaired: " +
              recovery.leftAside.front());
     for (const auto& unreadable : recovery.unreadable)
@@ -127,8 +124,7 @@ void StagedExtraction::repairLeftovers() {
 }
 
 std::string StagedExtraction::stagingPath() const {
-    const std::string where =
-        fresh() ? destination_.substr(0, destination_.rfind('/')) : destination_;
+    const std::string& where = fresh() ? destination_.parent : destination_.path;
     return (where == "/" ? "" : where) + "/" + stagingName_;
 }
 
@@ -208,22 +204,22 @@ void StagedExtraction::commitFresh() {
         flush(staging_.get(), stagingPath(), false);
     }
     const int parent = parent_.get();
-    int moved =
-        ops_.renameat(parent, stagingName_.c_str(), parent, name_.c_str(), RENAME_NOREPLACE);
+    int moved = ops_.renameat(parent, stagingName_.c_str(), parent, destination_.name.c_str(),
+                              RENAME_NOREPLACE);
     if (moved != 0 && errno == EINVAL)  // a file system that cannot promise NOREPLACE
-        moved = ops_.renameat(parent, stagingName_.c_str(), parent, name_.c_str());
+        moved = ops_.renameat(parent, stagingName_.c_str(), parent, destination_.name.c_str());
     if (moved != 0) {
         if (errno == EEXIST || errno == ENOTEMPTY)
-            fail("the folder \"" + destination_ + "\" appeared during the extraction");
-        failErrno("cannot move the new folder into place as \"" + destination_ + "\"");
+            fail("the folder \"" + destination_.path + "\" appeared during the extraction");
+        failErrno("cannot move the new folder into place as \"" + destination_.path + "\"");
     }
     committed_ = true;
     // The stamp came along with the folder; a copy that stays is removed by
     // the next recovery, which finds it bound to the destination itself.
     if (ops_.unlinkat(staging_.get(), kStampName, 0) != 0 &&
         ops_.unlinkat(staging_.get(), kStampName, 0) != 0 && errno != ENOENT)
-        warnings_.push_back("could not remove " + destination_ + "/" + kStampName);
-    if (sync_) flush(parent, destination_ + "/..", true);
+        warnings_.push_back("could not remove " + destination_.path + "/" + kStampName);
+    if (sync_) flush(parent, destination_.path + "/..", true);
 }
 
 void StagedExtraction::writeJournal() {
@@ -270,7 +266,8 @@ void StagedExtraction::commitExisting() {
         std::set<FileSegments> touched;
         for (const auto& file : staged_) touched.insert(folderOf(file.path));
         for (const auto& folder : touched)
-            flush(folders_->open(folder, nullptr), destination_ + "/" + joinSegments(folder), true);
+            flush(folders_->open(folder, nullptr), destination_.path + "/" + joinSegments(folder),
+                  true);
     }
     removeCommitted();
 }

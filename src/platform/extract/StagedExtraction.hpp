@@ -43,7 +43,7 @@ class StagedExtraction {
     // folders, and makes the staging folder. Throws opc::Exception when
     // that fails. With `sync`, every file and folder is flushed to disk
     // before the new files count as installed.
-    StagedExtraction(const std::string& destination, Existing existing, bool sync = false,
+    StagedExtraction(const std::filesystem::path& destination, Existing existing, bool sync = false,
                      const FileOps& ops = posixFileOps());
     ~StagedExtraction();
     StagedExtraction(const StagedExtraction&) = delete;
@@ -88,8 +88,7 @@ class StagedExtraction {
     std::string stagingPath() const;
 
     const FileOps& ops_;
-    std::string destination_;
-    std::string name_;  // the destination's last component
+    const Destination destination_;
     Existing existing_;
     bool sync_;
     std::vector<std::string> createdRoots_;     // absolute, outermost first

@@ -60,9 +60,13 @@ struct ZipPhysicalPackage::Archive {
     }
 };
 
-ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly) {
-    if (!readOnly) throw opc::Exception("ZIP packages are only opened for reading");
-    const std::string file = fl::i18n::to_string(path);
+ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly)
+    : ZipPhysicalPackage(readOnly
+                             ? std::filesystem::path(fl::i18n::to_string(path))
+                             : throw opc::Exception("ZIP packages are only opened for reading")) {}
+
+ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
+    const std::string& file = path.native();
     // Without O_NONBLOCK a FIFO would block the open until a writer came;
     // only a regular file is read at all.
     UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

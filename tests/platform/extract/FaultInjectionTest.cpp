@@ -86,7 +86,7 @@ class Extraction : public ::testing::Test {
         options.maxBytes = maxBytes;
         return error_of<opc::Exception>([&] {
             opc::extraction::Extractor(package, opc::FileSystemOpsSelector(ops), options)
-                .extractAll(u16(dest()), opc::qvservices::RestoreMode::AllParts,
+                .extractAll(dest(), opc::qvservices::RestoreMode::AllParts,
                             opc::qvservices::TransformMode::PercentDecode,
                             opc::qvservices::ReplaceMode::Replace);
         });

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -81,7 +82,7 @@ class TSAPP_API Extractor {
     // an interrupted commit cannot be undone either (a persistent fault),
     // the error names each file left aside and says that the folder needs
     // recover().
-    Outcome extractAll(const std::u16string& folder, qvservices::RestoreMode restore,
+    Outcome extractAll(const std::filesystem::path& folder, qvservices::RestoreMode restore,
                        qvservices::TransformMode transform, qvservices::ReplaceMode replace);
 
   private:
@@ -112,7 +113,7 @@ struct Recovery {
 // still locked by a live extraction are left alone, and so is everything
 // in `Recovery::skipped`. With `discardUnreadable`, staging folders of ours
 // whose journal cannot be read are removed instead of reported.
-TSAPP_API Recovery recover(const std::string& destination,
+TSAPP_API Recovery recover(const std::filesystem::path& destination,
                            const FileSystemOpsSelector& selector = FileSystemOpsSelector(),
                            bool discardUnreadable = false);
 

@@ -3,6 +3,7 @@
 // A package file opened for reading: the ZIP container and the package
 // model over it, the pair every reader of a package file starts from.
 
+#include <filesystem>
 #include <string>
 
 #include "tsappinstall/platform/opc/Package.hpp"
@@ -20,6 +21,10 @@ class OpenedPackage {
   public:
     explicit OpenedPackage(const std::u16string& path)
         : container_(path, true), package_(container_) {
+        package_.open(opc::interfaces::OpenMode::Read);
+    }
+    explicit OpenedPackage(const std::filesystem::path& path)
+        : container_(path), package_(container_) {
         package_.open(opc::interfaces::OpenMode::Read);
     }
     OpenedPackage(const OpenedPackage&) = delete;

@@ -4,6 +4,7 @@
 // the descriptor its directory was checked on.
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,6 +46,8 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     // must be true: packages are only read here (the writing side is
     // PackageWriter); false throws opc::Exception.
     ZipPhysicalPackage(const std::u16string& path, bool readOnly);
+    // The same for a path as the system takes it.
+    explicit ZipPhysicalPackage(const std::filesystem::path& path);
     ~ZipPhysicalPackage() override;
     ZipPhysicalPackage(const ZipPhysicalPackage&) = delete;
     ZipPhysicalPackage& operator=(const ZipPhysicalPackage&) = delete;
