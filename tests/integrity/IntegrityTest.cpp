@@ -223,31 +223,6 @@ TEST(Integrity, DigestListsOfBothVersionsParseStrictly) {
         EXPECT_THROW(parseDigestList(bad), IntegrityError) << bad;
 }
 
-TEST(Integrity, DigestCheckTakesItemsInPieces) {
-    const std::string abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-    DigestCheck check(DigestList{1, "", {{"a", abc}, {"b", abc}, {"d", abc}, {"e", abc}}});
-    for (const std::string item : {"/a", "/c", "/d", "/e", "/a"}) {
-        check.begin(item);
-        check.update(item == "/e" ? "abd" : "abc", 3);
-        item == "/d" ? check.abandon("CRC") : check.end();
-    }
-    EXPECT_EQ(pairs(check.finish()), (Faults{{FaultKind::UnlistedItem, "/c"},
-                                             {FaultKind::UnreadableItem, "/d"},
-                                             {FaultKind::DigestMismatch, "/e"},
-                                             {FaultKind::UnlistedItem, "/a"},
-                                             {FaultKind::MissingItem, "/b"}}));
-    // Version 2 finds a part by its name percent-decoded.
-    DigestCheck paths(DigestList{2, abc, {{"a b", abc}, {CONTENT_TYPES_ITEM, abc}, {"c d", abc}}});
-    for (const std::string item :
-         {"/a%20b", CONTENT_TYPES_ITEM, "/%5BContent_Types%5D.xml", "/a%2"}) {
-        paths.begin(item);
-        paths.update("abc", 3);
-        paths.end();
-    }
-    EXPECT_EQ(pairs(paths.finish()),
-              (Faults{{FaultKind::UnlistedItem, "/a%2"}, {FaultKind::MissingItem, "/c%20d"}}));
-}
-
 // The EC signer's signature over `list`, then changed by `change`.
 std::string changedSignature(const std::string& list,
                              const std::function<void(CMS_ContentInfo*)>& change) {
