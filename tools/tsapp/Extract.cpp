@@ -21,7 +21,6 @@
 #include "Text.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
-#include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -96,8 +95,8 @@ opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
                          : opc::qvservices::ReplaceMode::Replace;
 }
 
-std::vector<std::string> extract(const std::u16string& nativePath,
-                                 const std::u16string& nativeFolder,
+std::vector<std::string> extract(const std::filesystem::path& nativePath,
+                                 const std::filesystem::path& nativeFolder,
                                  const ExtractSettings& settings) {
     opc::model::OpenedPackage package(nativePath);
     opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
@@ -109,7 +108,7 @@ std::vector<std::string> extract(const std::u16string& nativePath,
         });
     }
     auto outcome =
-        manager.extractAll(utf8(nativeFolder), opc::qvservices::RestoreMode::AllParts,
+        manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
                            opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
     package.close();
     return outcome.leftAside;
@@ -117,31 +116,31 @@ std::vector<std::string> extract(const std::u16string& nativePath,
 
 // Each fault on a line of its own, then a line saying that nothing changed.
 // `shown` is the package as the user named it.
-std::vector<std::string> extractVerified(const std::u16string& nativePath,
-                                         const std::u16string& nativeFolder,
+std::vector<std::string> extractVerified(const std::filesystem::path& nativePath,
+                                         const std::filesystem::path& nativeFolder,
                                          const ExtractSettings& settings,
                                          const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
     const integrity::VerifiedExtraction result = integrity::extractVerified(
-        utf8(nativePath), utf8(nativeFolder), {settings.trust, !settings.allowUnsigned},
-        optionsOf(settings), replaceModeOf(settings));
+        nativePath, nativeFolder, {settings.trust, !settings.allowUnsigned}, optionsOf(settings),
+        replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
         printError(shown + ": " + integrity::describe(fault));
-    throw Failure(shown, "verification failed; the folder " + utf8(nativeFolder) + " is as it was");
+    throw Failure(shown,
+                  "verification failed; the folder " + nativeFolder.string() + " is as it was");
 }
 
 int runExtract(const std::string& package, const std::string& folder,
                const ExtractSettings& settings) {
-    using fl::filesystem::detail::make_native_form;
-    const std::u16string nativePath = make_native_form(utf16(package), true);
-    const std::u16string nativeFolder = make_native_form(utf16(folder), true);
+    const std::filesystem::path packagePath = nativePath(package);
+    const std::filesystem::path nativeFolder = nativePath(folder);
     catchStopSignals();
     try {
         const bool verify = settings.verify || !settings.trust.empty();
         for (const auto& left : verify
-                                    ? extractVerified(nativePath, nativeFolder, settings, package)
-                                    : extract(nativePath, nativeFolder, settings))
+                                    ? extractVerified(packagePath, nativeFolder, settings, package)
+                                    : extract(packagePath, nativeFolder, settings))
             std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const Failure&) {
         throw;
@@ -150,9 +149,9 @@ int runExtract(const std::string& package, const std::string& folder,
             // Rolled back, unless the library says what it could not undo.
             const auto* failure = dynamic_cast<const opc::Exception*>(&e);
             const bool clean = failure != nullptr && failure->reason() == opc::Reason::Cancelled;
-            printError("interrupted; " + (clean
-                                              ? "the folder " + utf8(nativeFolder) + " is as it was"
-                                              : std::string(e.what())));
+            printError("interrupted; " +
+                       (clean ? "the folder " + nativeFolder.string() + " is as it was"
+                              : std::string(e.what())));
             return 128 + caughtSignal;
         }
         const auto* failure = dynamic_cast<const opc::Exception*>(&e);
@@ -165,8 +164,7 @@ int runExtract(const std::string& package, const std::string& folder,
 }
 
 int runRecover(const std::string& folder, bool discardUnreadable) {
-    using fl::filesystem::detail::make_native_form;
-    const std::string nativeFolder = utf8(make_native_form(utf16(folder), true));
+    const std::string nativeFolder = nativePath(folder).string();
     const auto recovery =
         opc::extraction::recover(nativeFolder, opc::FileSystemOpsSelector(), discardUnreadable);
     for (const auto& line : recovery.done) std::cout << line << "\n";

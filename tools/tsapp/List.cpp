@@ -8,7 +8,6 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
-#include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
@@ -111,7 +110,7 @@ void printRelationships(const ojson& list) {
 }
 
 int runList(const std::string& path, bool relationships, bool json) {
-    opc::model::OpenedPackage opened(fl::filesystem::detail::make_native_form(utf16(path), true));
+    opc::model::OpenedPackage opened(nativePath(path));
     ojson out = {{"parts", partsOf(opened.package())}};
     if (relationships) out["relationships"] = relationshipsOf(opened.package());
     opened.close();

@@ -16,7 +16,6 @@
 #include "Commands.hpp"
 #include "Text.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
-#include "tsappinstall/platform/filesystem/Path.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
@@ -63,8 +62,7 @@ void writeAll(int fd, const unsigned char* data, std::size_t size, const std::st
 }
 
 int runPart(const std::string& package, const std::string& typeOrAlias, const std::string& output) {
-    opc::model::OpenedPackage opened(
-        fl::filesystem::detail::make_native_form(utf16(package), true));
+    opc::model::OpenedPackage opened(nativePath(package));
     const std::string type = relationshipTypeFor(typeOrAlias);
     const auto found = opened->getRelationshipsByType(utf16(type));
     if (found.empty()) throw Failure(package, "no package relationship of type " + type);

@@ -14,6 +14,12 @@ std::u16string utf16(const std::string& text) {
     return fl::i18n::to_ustring(text);
 }
 
+std::filesystem::path nativePath(const std::string& path) {
+    std::string normal = std::filesystem::absolute(path).lexically_normal().string();
+    if (normal.size() > 1 && normal.back() == '/') normal.pop_back();
+    return normal;
+}
+
 std::string isoLocalTime(const boost::posix_time::ptime& time) {
     if (time.is_special()) return {};
     return boost::posix_time::to_iso_extended_string(time);
