@@ -127,7 +127,7 @@ std::vector<std::string> extractVerified(const std::u16string& nativePath,
         optionsOf(settings), replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
-        printError(shown + ": " + integrity::describe(fault));
+        printError(shown + ": " + tsappinstall::describe(fault));
     throw Failure(shown, "verification failed; the folder " + utf8(nativeFolder) + " is as it was");
 }
 
