@@ -36,6 +36,7 @@ constexpr std::size_t kDecodeBuffer = 1 << 20;
 const char* const kAppFilesFolder = "/files/";
 const char* const kPackedManifest = "/manifest.xml";
 
+// The check's faults keep their whole line in `detail` (PackageCheck.hpp).
 void add(Report& report, FaultKind kind, std::string line) {
     report.faults.push_back({kind, {}, std::move(line)});
 }
@@ -86,7 +87,7 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
             integrity::detail::readItem(name.ascii(), part.getInputStream(), check, buffer);
         } catch (const opc::Exception& e) {
             add(report, FaultKind::UnreadableItem,
-                "damaged part " + name.ascii() + ": " + e.what());
+                describe(FaultKind::UnreadableItem) + (" " + name.ascii()) + ": " + e.what());
         }
     }
     if (digests) {
@@ -217,7 +218,7 @@ void checkReservedNames(const opc::model::Package& package, Report& report) {
     for (const PartName& name : package.getPartNames())
         if (opc::extraction::isReservedPartName(name.ascii()))
             add(report, FaultKind::ReservedName,
-                "reserved name " + name.ascii() +
+                describe(FaultKind::ReservedName) + (" " + name.ascii()) +
                     ": the extractor keeps its own state under names beginning with \".~tsapp\"");
 }
 
@@ -227,7 +228,8 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
                     bool decodeParts) {
     Report report;
     if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
-        add(report, FaultKind::NotAppFile, "not an app file: the extension is not .tsappinstall");
+        add(report, FaultKind::NotAppFile,
+            describe(FaultKind::NotAppFile) + std::string(": the extension is not .tsappinstall"));
         return report;
     }
     try {
@@ -251,7 +253,8 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         const std::string kind = e.reason() == opc::Reason::Other
                                      ? std::string()
                                      : std::string(describe(e.reason())) + ": ";
-        add(report, FaultKind::UnreadablePackage, "not an app package: " + kind + e.what());
+        add(report, FaultKind::UnreadablePackage,
+            describe(FaultKind::UnreadablePackage) + (": " + kind) + e.what());
     }
     return report;
 }
