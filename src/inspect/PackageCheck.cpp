@@ -36,6 +36,11 @@ constexpr std::size_t kDecodeBuffer = 1 << 20;
 const char* const kAppFilesFolder = "/files/";
 const char* const kPackedManifest = "/manifest.xml";
 
+// The check's faults keep their whole line in `detail` (PackageCheck.hpp).
+void add(Report& report, FaultKind kind, std::string line) {
+    report.faults.push_back({kind, {}, std::move(line)});
+}
+
 // The package's digest list, when it has one; its faults otherwise.
 std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
                                          std::vector<integrity::Fault>& faults) {
@@ -81,8 +86,8 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
             opc::model::Part part = package.getPart(name);
             integrity::detail::readItem(name.ascii(), part.getInputStream(), check, buffer);
         } catch (const opc::Exception& e) {
-            report.faults.push_back(
-                {FaultKind::DamagedPart, "damaged part " + name.ascii() + ": " + e.what()});
+            add(report, FaultKind::UnreadableItem,
+                describe(FaultKind::UnreadableItem) + (" " + name.ascii()) + ": " + e.what());
         }
     }
     if (digests) {
@@ -91,8 +96,8 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report)
     }
     std::vector<Fault> faults;
     for (const integrity::Fault& fault : found) {
-        if (fault.kind == integrity::FaultKind::UnreadableItem) continue;  // a damaged part
-        faults.push_back({FaultKind::BadDigest, integrity::describe(fault)});
+        if (fault.kind == FaultKind::UnreadableItem) continue;  // a damaged part
+        faults.push_back({fault.kind, {}, describe(fault)});
     }
     return faults;
 }
@@ -112,10 +117,13 @@ std::string manifestText(ManifestFault fault, const std::string& text) {
     }
 }
 
+// The check names a manifest that does not read a bad manifest, whatever
+// the reason; a wrong seal or file count keeps its own kind.
 FaultKind manifestKind(ManifestFault fault) {
-    if (fault == ManifestFault::BadSignature) return FaultKind::BadSignature;
-    if (fault == ManifestFault::BadFileCount) return FaultKind::WrongFileCount;
-    return FaultKind::BadManifest;
+    const FaultKind kind = kindOf(fault);
+    return kind == FaultKind::BadSignature || kind == FaultKind::WrongFileCount
+               ? kind
+               : FaultKind::BadManifest;
 }
 
 // Returns the manifest's part name, empty when there is no single one.
@@ -124,8 +132,8 @@ std::string readManifest(opc::model::Package& package, AppManifestSerializer& se
     const auto found = package.getRelationshipsByType(
         fl::i18n::to_ustring(apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
     if (found.size() != 1) {
-        report.faults.push_back({FaultKind::NoManifest, "no single manifest relationship (found " +
-                                                            std::to_string(found.size()) + ")"});
+        add(report, FaultKind::NoManifest,
+            "no single manifest relationship (found " + std::to_string(found.size()) + ")");
         return {};
     }
     try {
@@ -137,11 +145,10 @@ std::string readManifest(opc::model::Package& package, AppManifestSerializer& se
         if (fault == ManifestFault::None || fault == ManifestFault::BadSignature)
             report.manifest = std::move(record);
         if (fault != ManifestFault::None)
-            report.faults.push_back({manifestKind(fault), manifestText(fault, text)});
+            add(report, manifestKind(fault), manifestText(fault, text));
         return name.ascii();
     } catch (const opc::Exception& e) {
-        report.faults.push_back(
-            {FaultKind::NoManifest, std::string("the manifest part: ") + e.what()});
+        add(report, FaultKind::NoManifest, std::string("the manifest part: ") + e.what());
         return {};
     }
 }
@@ -154,9 +161,9 @@ void checkRelationship(opc::model::Package& package, const char* type, const cha
         } catch (const opc::Exception&) {
             // a target that cannot be a part name names no part either
         }
-        report.faults.push_back({FaultKind::BrokenRelationship,
-                                 std::string("the ") + what + " relationship names no part (" +
-                                     fl::i18n::to_string(relationship.getTarget()) + ")"});
+        add(report, FaultKind::BrokenRelationship,
+            std::string("the ") + what + " relationship names no part (" +
+                fl::i18n::to_string(relationship.getTarget()) + ")");
     }
 }
 
@@ -177,14 +184,14 @@ void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest
         } catch (const opc::Exception&) {
             // an entry that cannot be a part name cannot be a part either
         }
-        report.faults.push_back(
-            {FaultKind::MissingAppFile, "the app entry " + path + " is not a part of the package"});
+        add(report, FaultKind::MissingAppFile,
+            "the app entry " + path + " is not a part of the package");
     }
     for (const PartName& name : package.getPartNames()) {
         if (!startsWith(name.ascii(), kAppFilesFolder)) continue;
         if (!listed.count(name.key()))
-            report.faults.push_back({FaultKind::UnlistedAppFile,
-                                     "the part " + name.ascii() + " is not among the app entries"});
+            add(report, FaultKind::UnlistedAppFile,
+                "the part " + name.ascii() + " is not among the app entries");
     }
 }
 
@@ -199,10 +206,9 @@ void checkAgainstManifest(opc::model::Package& package, const std::string& manif
                           Report& report) {
     const AppManifest& manifest = *report.manifest;
     if (manifest.numFiles != manifest.appEntries.size())
-        report.faults.push_back({FaultKind::WrongFileCount,
-                                 "numFiles is " + std::to_string(manifest.numFiles) +
-                                     " but the manifest lists " +
-                                     std::to_string(manifest.appEntries.size()) + " app entries"});
+        add(report, FaultKind::WrongFileCount,
+            "numFiles is " + std::to_string(manifest.numFiles) + " but the manifest lists " +
+                std::to_string(manifest.appEntries.size()) + " app entries");
     if (followsPackedLayout(package, manifestPart)) checkPackedLayout(package, manifest, report);
 }
 
@@ -211,50 +217,19 @@ void checkAgainstManifest(opc::model::Package& package, const std::string& manif
 void checkReservedNames(const opc::model::Package& package, Report& report) {
     for (const PartName& name : package.getPartNames())
         if (opc::extraction::isReservedPartName(name.ascii()))
-            report.faults.push_back(
-                {FaultKind::ReservedName, "reserved name " + name.ascii() +
-                                              ": the extractor keeps its own state under "
-                                              "names beginning with \".~tsapp\""});
+            add(report, FaultKind::ReservedName,
+                describe(FaultKind::ReservedName) + (" " + name.ascii()) +
+                    ": the extractor keeps its own state under names beginning with \".~tsapp\"");
 }
 
 }  // namespace
-
-const char* describe(FaultKind kind) {
-    switch (kind) {
-        case FaultKind::NotAppFile:
-            return "not an app file";
-        case FaultKind::NotPackage:
-            return "not an app package";
-        case FaultKind::DamagedPart:
-            return "damaged part";
-        case FaultKind::NoManifest:
-            return "no manifest";
-        case FaultKind::BadManifest:
-            return "bad manifest";
-        case FaultKind::BadSignature:
-            return "bad signature";
-        case FaultKind::WrongFileCount:
-            return "wrong file count";
-        case FaultKind::BrokenRelationship:
-            return "broken relationship";
-        case FaultKind::MissingAppFile:
-            return "missing app file";
-        case FaultKind::UnlistedAppFile:
-            return "unlisted app file";
-        case FaultKind::BadDigest:
-            return "bad digest";
-        case FaultKind::ReservedName:
-            return "reserved name";
-    }
-    return "fault";  // a value outside the enum
-}
 
 Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
                     bool decodeParts) {
     Report report;
     if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
-        report.faults.push_back(
-            {FaultKind::NotAppFile, "not an app file: the extension is not .tsappinstall"});
+        add(report, FaultKind::NotAppFile,
+            describe(FaultKind::NotAppFile) + std::string(": the extension is not .tsappinstall"));
         return report;
     }
     try {
@@ -277,8 +252,9 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         // The kind first ("cannot be read", "not a ZIP file"), then the detail.
         const std::string kind = e.reason() == opc::Reason::Other
                                      ? std::string()
-                                     : std::string(opc::describe(e.reason())) + ": ";
-        report.faults.push_back({FaultKind::NotPackage, "not an app package: " + kind + e.what()});
+                                     : std::string(describe(e.reason())) + ": ";
+        add(report, FaultKind::UnreadablePackage,
+            describe(FaultKind::UnreadablePackage) + (": " + kind) + e.what());
     }
     return report;
 }

@@ -23,7 +23,8 @@ StorePtr trustStore(const std::vector<std::string>& anchors) {
     if (!store) throw IntegrityError(opensslError("out of memory"));
     for (const std::string& file : anchors) {
         if (X509_STORE_load_file(store.get(), file.c_str()) != 1)
-            throw IntegrityError(opensslError("cannot load trust anchors from \"" + file + "\""));
+            throw IntegrityError(opensslError("cannot load trust anchors from \"" + file + "\""),
+                                 FaultKind::CannotRead);
     }
     return store;
 }

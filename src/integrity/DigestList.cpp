@@ -41,7 +41,8 @@ std::string escaped(const std::string& name) {
 }
 
 [[noreturn]] void badLine(std::size_t line, const std::string& why) {
-    throw IntegrityError("line " + std::to_string(line) + " of the digest list " + why);
+    throw IntegrityError("line " + std::to_string(line) + " of the digest list " + why,
+                         FaultKind::MalformedDigestList);
 }
 
 std::string unescaped(const std::string& name, std::size_t line) {

@@ -18,7 +18,8 @@ namespace {
 
 BioPtr openFile(const std::string& path) {
     BioPtr bio(BIO_new_file(path.c_str(), "r"));
-    if (!bio) throw IntegrityError(opensslError("cannot read \"" + path + "\""));
+    if (!bio)
+        throw IntegrityError(opensslError("cannot read \"" + path + "\""), FaultKind::CannotRead);
     return bio;
 }
 

@@ -135,7 +135,7 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
     SignatureCheck check = checkSignature(*signature, list, policy.trustAnchors);
     report.signer = check.signer;
     if (check.fault) {
-        check.fault->partName = SIGNATURE_PART_NAME;
+        check.fault->item = SIGNATURE_PART_NAME;
         report.faults.push_back(*check.fault);
     }
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <stdexcept>
+#include <string>
 
+#include "tsappinstall/Fault.hpp"
 #include "tsappinstall/manifest/ManifestFault.hpp"
 #include "tsappinstall/messages/MessageIds.hpp"
 
@@ -10,10 +11,10 @@ namespace tsappinstall::detail {
 // A failure of reading a manifest with its kind. It never reaches callers
 // of AppManifestSerializer::load, which raise its text as a plain
 // std::runtime_error.
-class ManifestFailure : public std::runtime_error {
+class ManifestFailure : public Error {
   public:
     ManifestFailure(ManifestFault fault, const std::string& text)
-        : std::runtime_error(text), fault_(fault) {}
+        : Error(kindOf(fault), text), fault_(fault) {}
     ManifestFault fault() const { return fault_; }
 
   private:

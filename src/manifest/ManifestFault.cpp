@@ -2,19 +2,31 @@
 
 #include <boost/lexical_cast.hpp>
 
-#include <iterator>
-
 #include "manifest/ManifestFailure.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 
 namespace tsappinstall {
 
+FaultKind kindOf(ManifestFault fault) {
+    switch (fault) {
+        case ManifestFault::None:
+            return FaultKind::Other;
+        case ManifestFault::Unreadable:
+            return FaultKind::CannotRead;
+        case ManifestFault::MalformedXml:
+            return FaultKind::MalformedXml;
+        case ManifestFault::InvalidXml:
+            return FaultKind::InvalidXml;
+        case ManifestFault::BadFileCount:
+            return FaultKind::WrongFileCount;
+        case ManifestFault::BadSignature:
+            return FaultKind::BadSignature;
+    }
+    return FaultKind::Other;  // a value outside the enum
+}
+
 const char* describe(ManifestFault fault) {
-    static const char* const kTexts[] = {
-        "good",           "cannot be read", "not well-formed XML", "does not match the schema",
-        "bad file count", "bad signature"};
-    const auto index = static_cast<std::size_t>(fault);
-    return index < std::size(kTexts) ? kTexts[index] : "failed";
+    return fault == ManifestFault::None ? "good" : describe(kindOf(fault));
 }
 
 ManifestFault loadManifest(AppManifestSerializer& serializer, opc::InputStream& stream,

@@ -90,7 +90,7 @@ void edit(const std::string& package, const std::string& name, std::optional<std
 
 Faults pairs(const std::vector<Fault>& faults) {
     Faults pairs;
-    for (const Fault& f : faults) pairs.emplace_back(f.kind, f.partName);
+    for (const Fault& f : faults) pairs.emplace_back(f.kind, f.item);
     return pairs;
 }
 
@@ -487,7 +487,7 @@ TEST(Integrity, OversizedIntegrityPartsAreRefusedUnread) {
         write_zip(pkg, items);
         const auto found = [&](const std::vector<Fault>& faults) {
             for (const Fault& f : faults)
-                if (f.kind == row.fault.kind && f.partName == row.fault.partName)
+                if (f.kind == row.fault.kind && f.item == row.fault.item)
                     return f.detail == row.fault.detail;
             return false;
         };

@@ -43,23 +43,25 @@ Verdict format(const std::string& path, const inspect::Report& report,
     if (options.json) {
         auto faults = nlohmann::ordered_json::array();
         for (const auto& fault : report.faults)
-            faults.push_back({{"kind", inspect::describe(fault.kind)}, {"text", fault.text}});
+            faults.push_back(
+                {{"kind", tsappinstall::describe(fault.kind)}, {"text", fault.detail}});
         const nlohmann::ordered_json object = {
             {"package", path}, {"good", report.good()}, {"faults", faults}};
         verdict.text =
             object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
         return verdict;
     }
-    verdict.text = path + ": " + (report.good() ? "OK" : report.faults.front().text) + '\n';
+    verdict.text = path + ": " + (report.good() ? "OK" : report.faults.front().detail) + '\n';
     if (options.all)
         for (std::size_t i = 1; i < report.faults.size(); ++i)
-            verdict.text += "  " + report.faults[i].text + '\n';
+            verdict.text += "  " + report.faults[i].detail + '\n';
     return verdict;
 }
 
 inspect::Report unchecked(const std::string& why) {
     inspect::Report report;
-    report.faults.push_back({inspect::FaultKind::NotPackage, "cannot be checked: " + why});
+    report.faults.push_back(
+        {inspect::FaultKind::UnreadablePackage, {}, "cannot be checked: " + why});
     return report;
 }
 

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "tsappinstall/Fault.hpp"
+
 namespace tsapp::tool {
 
 enum ExitStatus { kGood = 0, kBad = 1, kUsage = 2 };
@@ -41,15 +43,14 @@ inline const CLI::Validator& nonEmpty() {
     return validator;
 }
 
-// A failure about one file, printed as "tsapp: FILE: cause".
-class Failure : public std::runtime_error {
+// A failure about one file, printed as "tsapp: FILE: cause": the library's
+// fault type, with the file as its item and the cause as its text.
+class Failure : public tsappinstall::Error {
   public:
     Failure(std::string file, const std::string& cause)
-        : std::runtime_error(cause), file_(std::move(file)) {}
-    const std::string& file() const { return file_; }
-
-  private:
-    std::string file_;
+        : tsappinstall::Error(
+              tsappinstall::Fault{tsappinstall::FaultKind::Other, std::move(file), cause}, cause) {}
+    const std::string& file() const { return fault().item; }
 };
 
 // The cause of a library failure: the package layer's kind and its text,

@@ -126,7 +126,7 @@ std::vector<std::string> extractVerified(const std::filesystem::path& nativePath
         replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
-        printError(shown + ": " + integrity::describe(fault));
+        printError(shown + ": " + tsappinstall::describe(fault));
     throw Failure(shown,
                   "verification failed; the folder " + nativeFolder.string() + " is as it was");
 }

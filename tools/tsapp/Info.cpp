@@ -103,8 +103,8 @@ int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
     const auto report = tsappinstall::inspect::checkPackage(package, serializer, false);
     if (!report.manifest || (verify && !report.good()))
-        throw Failure(package, report.faults.front().text);
-    const std::string fault = report.good() ? "" : report.faults.front().text;
+        throw Failure(package, report.faults.front().detail);
+    const std::string fault = report.good() ? "" : report.faults.front().detail;
     if (json) {
         auto object = toJson(*report.manifest);
         object["verified"] = report.good();

@@ -132,7 +132,7 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
         const auto report = tsappinstall::inspect::checkPackage(temporary.path, serializer);
         if (!report.good())
             throw std::runtime_error("the written package fails its check: " +
-                                     report.faults.front().text);
+                                     report.faults.front().detail);
         size = fs::file_size(temporary.path);
         digest = sha256Of(temporary.path);
         fs::rename(temporary.path, output);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tsappinstall/Fault.hpp"
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 
@@ -18,35 +19,19 @@ class AppManifestSerializer;
 
 namespace tsappinstall::inspect {
 
-// Stable: new kinds are added at the end.
-enum class FaultKind : int {
-    NotAppFile,          // the extension is not .tsappinstall
-    NotPackage,          // the container or the package structure is refused
-    DamagedPart,         // a part's bytes disagree with its size or CRC-32
-    NoManifest,          // not exactly one manifest relationship, or no such part
-    BadManifest,         // unreadable, not well-formed, or refused by the schema
-    BadSignature,        // the manifest's seal is missing or wrong
-    WrongFileCount,      // numFiles is not a number, or not the number of app entries
-    BrokenRelationship,  // the icon or screenshot relationship names no part
-    MissingAppFile,      // an app entry has no part (packer's layout only)
-    UnlistedAppFile,     // a part in the app-files folder is no app entry (packer's layout)
-    BadDigest,           // the parts disagree with the package's digest list
-    ReservedName,        // a part takes a name the extractor keeps for its own state
-};
-
-struct Fault {
-    FaultKind kind;
-    std::string text;  // one line: what is wrong and where
-};
+// The check's faults carry their whole line in `detail`, with `item`
+// empty, since not every line takes describe()'s form: "damaged part
+// /icon.png: ...", "no single manifest relationship (found 0)". A fault of
+// the package's digest list keeps its own kind ("bad digest" for people)
+// and has that fault's describe() as its line.
+using FaultKind = tsappinstall::FaultKind;
+using Fault = tsappinstall::Fault;
 
 struct Report {
     std::vector<Fault> faults;            // in the order found; empty when good
     std::optional<AppManifest> manifest;  // the record as read, also when its seal is wrong
     bool good() const { return faults.empty(); }
 };
-
-// A few words naming the kind: "damaged part", "missing app file".
-TSAPP_API const char* describe(FaultKind kind);
 
 // Checks the package at `path`. Every part is fully
 // decoded and, when the package has a digest list, checked against it in

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tsappinstall/Fault.hpp"
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 #include "tsappinstall/platform/opc/Streams.hpp"
@@ -13,7 +14,8 @@ class AppManifestSerializer;
 
 namespace tsappinstall {
 
-// Stable: new kinds are added at the end.
+// The verdict of loadManifest: None, or one of the library's fault kinds
+// (kindOf). Stable: new kinds are added at the end.
 enum class ManifestFault : int {
     None = 0,
     Unreadable,    // the stream failed before a document was read
@@ -23,7 +25,12 @@ enum class ManifestFault : int {
     BadSignature,  // the signature is missing or does not seal the content
 };
 
-// A few words naming the kind: "not well-formed XML", "bad signature".
+// The fault kind of a verdict: CannotRead, MalformedXml, InvalidXml,
+// WrongFileCount, BadSignature; Other for None, which is no fault.
+TSAPP_API FaultKind kindOf(ManifestFault fault);
+
+// A few words naming the kind ("not well-formed XML", "bad signature"),
+// the fault kind's own; "good" for None.
 TSAPP_API const char* describe(ManifestFault fault);
 
 // Reads like serializer.load(stream, manifest), but reports the failures

@@ -1,16 +1,18 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
+#include "tsappinstall/Fault.hpp"
 #include "tsappinstall/export.hpp"
 
 namespace foundation::crypto::utils {
 
 // Every failure of the crypto layer; the text carries OpenSSL's own reason.
-class TSAPP_API Exception : public std::runtime_error {
+// No kind of its own: callers only pass it on.
+class TSAPP_API Exception : public tsappinstall::Error {
   public:
-    explicit Exception(const std::string& what) : std::runtime_error(what) {}
+    explicit Exception(const std::string& what)
+        : tsappinstall::Error(tsappinstall::FaultKind::Other, what) {}
 };
 
 }  // namespace foundation::crypto::utils
