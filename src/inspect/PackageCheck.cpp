@@ -27,10 +27,6 @@ namespace integrity = tsappinstall::integrity;
 using integrity::DigestCheck;
 using opc::model::PartName;
 
-// Large reads keep decoding at the inflater's speed rather than the call
-// overhead's.
-constexpr std::size_t kDecodeBuffer = 1 << 20;
-
 // The folder the packer puts app files in, and where it puts the manifest:
 // packages with that manifest and that folder are held to its layout.
 const char* const kAppFilesFolder = "/files/";
@@ -67,29 +63,49 @@ void pinManifest(opc::model::Package& package) {
 }
 
 // Decodes every part, so that its size and CRC-32 are checked, and in the
-// same read checks the parts against the package's digest list, if any.
+// same read checks the items against the package's digest list, if any.
+class CheckSink : public opc::model::ItemSink {
+  public:
+    CheckSink(DigestCheck* digests, std::vector<PartName> unlisted, Report& report)
+        : digests_(digests), unlisted_(std::move(unlisted)), report_(report) {}
+
+    bool begin(const std::string& item, opc::model::Part* part) override {
+        item_ = item;
+        // The content types were read whole when the package opened.
+        hashing_ =
+            digests_ && (part == nullptr || std::find(unlisted_.begin(), unlisted_.end(),
+                                                      part->getPartName()) == unlisted_.end());
+        if (hashing_) digests_->begin(item);
+        return part != nullptr || hashing_;
+    }
+    void update(const unsigned char* data, std::size_t size) override {
+        if (hashing_) digests_->update(data, size);
+    }
+    void end() override {
+        if (hashing_) digests_->end();
+    }
+    void fail(const opc::Exception& error) override {
+        if (hashing_) digests_->abandon(error.what());
+        add(report_, FaultKind::UnreadableItem,
+            describe(FaultKind::UnreadableItem) + (" " + item_) + ": " + error.what());
+    }
+
+  private:
+    DigestCheck* digests_;
+    std::vector<PartName> unlisted_;
+    Report& report_;
+    std::string item_;
+    bool hashing_ = false;
+};
+
 // Returns the digest faults: they are reported after the others, which
 // name the cause more plainly (a removed app file, a changed manifest).
 std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report) {
     std::vector<integrity::Fault> found;
     std::optional<DigestCheck> digests = digestCheckOf(package, found);
-    const auto unlisted = integrity::detail::integrityParts(package);
-    std::vector<unsigned char> buffer(kDecodeBuffer);
-    if (digests)
-        integrity::detail::visitContentTypes(package, [&](auto& item, auto& in) {
-            integrity::detail::readItem(item, in, &*digests, buffer);
-        });
-    for (const PartName& name : package.getPartNames()) {
-        const bool listed = std::find(unlisted.begin(), unlisted.end(), name) == unlisted.end();
-        DigestCheck* check = digests && listed ? &*digests : nullptr;
-        try {
-            opc::model::Part part = package.getPart(name);
-            integrity::detail::readItem(name.ascii(), part.getInputStream(), check, buffer);
-        } catch (const opc::Exception& e) {
-            add(report, FaultKind::UnreadableItem,
-                describe(FaultKind::UnreadableItem) + (" " + name.ascii()) + ": " + e.what());
-        }
-    }
+    CheckSink sink(digests ? &*digests : nullptr, integrity::detail::integrityParts(package),
+                   report);
+    opc::model::readEveryItem(package, sink);
     if (digests) {
         const auto& more = digests->finish();
         found.insert(found.end(), more.begin(), more.end());

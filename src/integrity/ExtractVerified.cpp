@@ -20,10 +20,10 @@ VerifiedExtraction extractVerified(opc::model::Package& package,
     if (!report.ok()) return result;
 
     DigestCheck check(*list->list);
-    std::vector<unsigned char> buffer(1 << 16);
-    detail::visitContentTypes(package, [&](const std::string& item, auto& in) {
-        detail::readItem(item, in, &check, buffer);
-    });
+    // The extraction itself hands over the parts; the content types, which
+    // are not extracted, come by on their own (pinned: no second read).
+    detail::DigestSink contentTypes(check, {}, true);
+    opc::model::readEveryItem(package, contentTypes);
     detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package));
     options.observer = &hashing;
     opc::extraction::Extractor extractor(package, opc::FileSystemOpsSelector(), std::move(options));

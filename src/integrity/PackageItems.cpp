@@ -26,32 +26,28 @@ std::vector<PartName> integrityParts(const opc::model::Package& package) {
     return parts;
 }
 
-void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit) {
-    const auto& entry = package.getContentTypesEntry();
-    visit(entry.name, *package.getPhysicalPackage().openEntry(entry.index));
+bool DigestSink::begin(const std::string& item, opc::model::Part* part) {
+    if (part == nullptr) {
+        check_.begin(item);
+        return true;
+    }
+    const PartName& name = part->getPartName();
+    if (contentTypesOnly_ || std::find(skipped_.begin(), skipped_.end(), name) != skipped_.end())
+        return false;
+    check_.begin(item);
+    return true;
 }
 
-void forEachItem(opc::model::Package& package, const std::vector<PartName>& excluded,
-                 const ItemVisitor& visit) {
-    visitContentTypes(package, visit);
-    for (const PartName& name : package.getPartNames()) {
-        if (std::find(excluded.begin(), excluded.end(), name) != excluded.end()) continue;
-        opc::model::Part part = package.getPart(name);
-        visit(name.ascii(), part.getInputStream());
-    }
+void DigestSink::update(const unsigned char* data, std::size_t size) {
+    check_.update(data, size);
 }
 
-void readItem(const std::string& item, opc::InputStream& in, DigestCheck* check,
-              std::vector<unsigned char>& buffer) {
-    if (check) check->begin(item);
-    try {
-        for (std::size_t n; (n = in.read(buffer.data(), buffer.size())) != 0;)
-            if (check) check->update(buffer.data(), n);
-    } catch (const opc::Exception& e) {
-        if (check) check->abandon(e.what());
-        throw;
-    }
-    if (check) check->end();
+void DigestSink::end() {
+    check_.end();
+}
+
+void DigestSink::fail(const opc::Exception& error) {
+    check_.abandon(error.what());
 }
 
 }  // namespace tsappinstall::integrity::detail

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/opc/ItemLoop.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
 namespace tsappinstall::integrity {
@@ -17,22 +18,27 @@ namespace tsappinstall::integrity::detail {
 // The internal targets of the package relationships of `type`.
 std::vector<opc::model::PartName> targetsOf(const opc::model::Package& package, const char* type);
 
-using ItemVisitor = std::function<void(const std::string& item, opc::InputStream& bytes)>;
+// Feeds the items a digest list covers to `check` as the one read of the
+// package pours them: "[Content_Types].xml" and every part but those in
+// `skipped` (the integrity parts), or with `contentTypesOnly` that item
+// alone. An item that cannot be read is abandoned in `check`, which
+// records it as a fault of its own.
+class DigestSink : public opc::model::ItemSink {
+  public:
+    DigestSink(DigestCheck& check, std::vector<opc::model::PartName> skipped,
+               bool contentTypesOnly = false)
+        : check_(check), skipped_(std::move(skipped)), contentTypesOnly_(contentTypesOnly) {}
 
-// Calls `visit` with a stream of the bytes of [Content_Types].xml (named by
-// its ZIP item name), then of every part not in `excluded` (by part name).
-// These are the names DigestCheck takes.
-void forEachItem(opc::model::Package& package, const std::vector<opc::model::PartName>& excluded,
-                 const ItemVisitor& visit);
+    bool begin(const std::string& item, opc::model::Part* part) override;
+    void update(const unsigned char* data, std::size_t size) override;
+    void end() override;
+    void fail(const opc::Exception& error) override;
 
-// [Content_Types].xml alone: it is an item of the container, not a part.
-void visitContentTypes(opc::model::Package& package, const ItemVisitor& visit);
-
-// Reads `in` to its end, so that its size and CRC-32 are checked, feeding
-// it to `check` as `item` when given. A read failure abandons the item in
-// `check` and is rethrown.
-void readItem(const std::string& item, opc::InputStream& in, DigestCheck* check,
-              std::vector<unsigned char>& buffer);
+  private:
+    DigestCheck& check_;
+    std::vector<opc::model::PartName> skipped_;
+    bool contentTypesOnly_;
+};
 
 // The digest and signature parts: never themselves covered.
 std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);

@@ -10,7 +10,6 @@
 namespace tsappinstall::integrity {
 namespace {
 
-using detail::forEachItem;
 using detail::integrityParts;
 using detail::targetsOf;
 using opc::model::PartName;
@@ -84,15 +83,8 @@ std::optional<std::string> readPinned(opc::model::Package& package, const PartNa
 void checkDigests(opc::model::Package& package, const DigestList& list,
                   std::vector<Fault>& faults) {
     DigestCheck check(list);
-    std::vector<unsigned char> buffer(1 << 16);
-    forEachItem(package, integrityParts(package),
-                [&](const std::string& item, opc::InputStream& in) {
-                    try {
-                        detail::readItem(item, in, &check, buffer);
-                    } catch (const opc::Exception&) {
-                        // a fault of the item's own, from abandon()
-                    }
-                });
+    detail::DigestSink sink(check, integrityParts(package));
+    opc::model::readEveryItem(package, sink);
     const std::vector<Fault>& found = check.finish();
     faults.insert(faults.end(), found.begin(), found.end());
 }

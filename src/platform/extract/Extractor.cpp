@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <cstring>
 
+#include <unordered_map>
 #include <vector>
 
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagedExtraction.hpp"
+#include "platform/opc/ItemLoop.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
@@ -28,15 +30,6 @@ void checkModes(RestoreMode restore, TransformMode transform, ReplaceMode replac
     if (replace != ReplaceMode::Replace && replace != ReplaceMode::FailIfExists)
         throw Exception("unknown replace mode " + std::to_string(static_cast<int>(replace)));
 }
-
-struct PlannedPart {
-    model::Part part;
-    detail::FileSegments path;
-};
-
-// Decoded bytes go from the part's stream to the file in pieces of this
-// size: large enough that the calls cost nothing next to inflating.
-constexpr std::size_t kChunk = 256u << 10;
 
 // The bytes an unprivileged writer may still put on the file system that
 // holds `path`, or the nearest folder above it that exists.
@@ -67,6 +60,52 @@ void checkFreeSpace(const detail::FileOps& ops, std::uint64_t bytesTotal,
     throw Exception(Reason::Cancelled, "the extraction was cancelled");
 }
 
+// Writes each part the one read of the package pours into its staged file
+// and shows it to the observer; the content types are no file.
+class ExtractionSink : public model::ItemSink {
+  public:
+    using Plan = std::unordered_map<std::string, detail::FileSegments>;
+
+    ExtractionSink(const Plan& plan, detail::StagedExtraction& staging, const detail::FileOps& ops,
+                   extraction::PartObserver* observer,
+                   const std::function<void(std::uint64_t)>& written)
+        : plan_(plan), staging_(staging), ops_(ops), observer_(observer), written_(written) {}
+
+    bool begin(const std::string& item, model::Part* part) override {
+        const auto planned = part ? plan_.find(item) : plan_.end();
+        if (planned == plan_.end()) return false;
+        path_ = &planned->second;
+        size_ = part->getEntry().size;
+        fd_ = staging_.beginFile(*path_);
+        if (observer_) observer_->begin(part->getPartName());
+        return true;
+    }
+    void update(const unsigned char* data, std::size_t size) override {
+        if (ops_.writeAll(fd_, data, size) != 0)
+            throw Exception(Reason::CannotWrite, "cannot write the file \"" +
+                                                     detail::joinSegments(*path_) +
+                                                     "\": " + std::strerror(errno));
+        if (observer_) observer_->update(data, size);
+    }
+    void end() override {
+        staging_.endFile();
+        if (observer_) observer_->end();
+        written_(size_);
+    }
+    // A part that fails its size or CRC-32 check fails the extraction.
+    void fail(const Exception& error) override { throw error; }
+
+  private:
+    const Plan& plan_;
+    detail::StagedExtraction& staging_;
+    const detail::FileOps& ops_;
+    extraction::PartObserver* observer_;
+    const std::function<void(std::uint64_t)>& written_;
+    const detail::FileSegments* path_ = nullptr;
+    std::uint64_t size_ = 0;
+    int fd_ = -1;
+};
+
 }  // namespace
 
 namespace extraction {
@@ -83,20 +122,18 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
                               TransformMode transform, ReplaceMode replace) {
     checkModes(restore, transform, replace);
     // Every path and the total size are checked before the first byte is written.
-    std::vector<PlannedPart> plan;
+    ExtractionSink::Plan plan;
     std::uint64_t bytesTotal = 0;
     const std::uint64_t limit = options_.maxBytes ? options_.maxBytes : UINT64_MAX;
-    for (auto& name : package_.getPartNames()) {
+    for (const auto& name : package_.getPartNames()) {
         if (restore == RestoreMode::ContentParts && !name.relationshipsSource().empty()) continue;
-        auto path =
-            detail::fileSegmentsFor(name.ascii(), transform == TransformMode::PercentDecode);
-        model::Part part = package_.getPart(name);
-        const std::uint64_t size = part.getEntry().size;
+        const std::uint64_t size = package_.getPart(name).getEntry().size;
         if (size > limit - bytesTotal)
             throw Exception("the package would write more than the limit of " +
                             std::to_string(limit) + " bytes");
         bytesTotal += size;
-        plan.push_back({std::move(part), std::move(path)});
+        plan.emplace(name.ascii(), detail::fileSegmentsFor(
+                                       name.ascii(), transform == TransformMode::PercentDecode));
     }
 
     checkFreeSpace(*ops_, bytesTotal, folder.native());
@@ -105,33 +142,17 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
                                      options_.sync, *ops_);
-    std::vector<unsigned char> buffer(kChunk), stored;
     std::uint64_t bytesDone = 0;
     std::size_t partsDone = 0;
-    PartObserver* observer = options_.observer;
-    for (auto& planned : plan) {
-        // Destroyed with this round, and its stream and inflater with it.
-        model::Part part = std::move(planned.part);
-        if (observer) observer->begin(part.getPartName());
-        // The part's own stream checks its size and CRC-32 as it goes; the
-        // read that reaches the end fails when either is wrong.
-        InputStream& in = part.getInputStream(&stored);
-        staging.stage(planned.path, [&](int fd) {
-            for (;;) {
-                if (options_.cancelled && options_.cancelled()) cancelled();
-                const std::size_t size = in.read(buffer.data(), buffer.size());
-                if (size == 0) return;
-                if (ops_->writeAll(fd, buffer.data(), size) != 0)
-                    throw Exception(Reason::CannotWrite, "cannot write the file \"" +
-                                                             detail::joinSegments(planned.path) +
-                                                             "\": " + std::strerror(errno));
-                if (observer) observer->update(buffer.data(), size);
-            }
-        });
-        if (observer) observer->end();
-        bytesDone += part.getEntry().size;
+    const std::function<void(std::uint64_t)> written = [&](std::uint64_t size) {
+        bytesDone += size;
         if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
-    }
+    };
+    PartObserver* observer = options_.observer;
+    ExtractionSink sink(plan, staging, *ops_, observer, written);
+    model::readEveryItem(package_, sink, [this] {
+        if (options_.cancelled && options_.cancelled()) cancelled();
+    });
     if (options_.cancelled && options_.cancelled()) cancelled();
     if (observer) observer->beforeCommit();
     staging.commit();

@@ -165,6 +165,11 @@ bool StagedExtraction::checkTarget(const FileSegments& path) {
 }
 
 void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
+    write(beginFile(path));
+    endFile();
+}
+
+int StagedExtraction::beginFile(const FileSegments& path) {
     if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
     StagedFile file{path, checkTarget(path)};
@@ -172,14 +177,17 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
     // existing one wait flat in the staging folder inside it.
     const int dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
     const std::string name = fresh() ? path.back() : stagedName(staged_.size());
-    OpsFd out(ops_,
-              ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
-    if (!out) failErrno("cannot create a file in the destination");
+    file_ = OpsFd(ops_,
+                  ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
+    if (!file_) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
-    write(out.get());
+    return file_.get();
+}
+
+void StagedExtraction::endFile() {
     // close() is where some file systems report a failed write.
-    if ((sync_ && ops_.fsync(out.get()) != 0) || ops_.close(out.release()) != 0)
-        failErrno("cannot write the file " + quoted(path));
+    if ((sync_ && ops_.fsync(file_.get()) != 0) || ops_.close(file_.release()) != 0)
+        failErrno("cannot write the file " + quoted(staged_.back().path));
 }
 
 void StagedExtraction::flush(int fd, const std::string& what, bool warnOnly) {

@@ -56,6 +56,12 @@ class StagedExtraction {
     // Existing::Refuse.
     void stage(const FileSegments& path, const std::function<void(int fd)>& write);
 
+    // stage() in two steps, for a writer fed piece by piece: the staged
+    // file's descriptor, valid until endFile(), which closes (and with
+    // `sync` flushes) it.
+    int beginFile(const FileSegments& path);
+    void endFile();
+
     // Moves every staged file into place. After it returns the extraction
     // is final. When it throws, everything is already undone, or the text
     // names each file that could not be put back.
@@ -103,6 +109,7 @@ class StagedExtraction {
     std::string stagingName_;
     std::string token_;  // the staging folder's stamp, repeated in its journal
     OpsFd staging_;      // also holds the lock that marks the extraction alive
+    OpsFd file_;         // the file being staged between beginFile() and endFile()
     // The staging tree of a new destination, or the existing destination.
     std::optional<FolderCache> folders_;
     Journal journal_;

@@ -1,0 +1,36 @@
+#pragma once
+
+// The one read of a package's items: every reader that needs their bytes
+// (extraction, the package check, verification, the packer's hashing)
+// pours them through this loop into a sink of its own, so that each byte is
+// read from the file once and checked (size and CRC-32) on the way.
+
+#include <functional>
+#include <string>
+
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/Package.hpp"
+
+namespace opc::model {
+
+class ItemSink {
+  public:
+    virtual ~ItemSink() = default;
+    // Whether to read the item `item`: "[Content_Types].xml" as the
+    // container names it (`part` null: it is no part), or a part by name.
+    virtual bool begin(const std::string& item, Part* part) = 0;
+    virtual void update(const unsigned char* data, std::size_t size) = 0;
+    virtual void end() = 0;
+    // The item could not be read whole: its bytes failed their size or
+    // CRC-32 check, or the file failed. The loop goes on with the next item
+    // unless this throws.
+    virtual void fail(const Exception& error) = 0;
+};
+
+// Reads "[Content_Types].xml", then every part in the container's order,
+// through its checked stream, in pieces of one buffer reused for all.
+// `beforePiece`, when set, runs before each piece is read: a cancellation
+// may throw from it.
+void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>& beforePiece = {});
+
+}  // namespace opc::model
