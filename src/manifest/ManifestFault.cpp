@@ -7,24 +7,6 @@
 
 namespace tsappinstall {
 
-FaultKind kindOf(ManifestFault fault) {
-    switch (fault) {
-        case ManifestFault::None:
-            return FaultKind::Other;
-        case ManifestFault::Unreadable:
-            return FaultKind::CannotRead;
-        case ManifestFault::MalformedXml:
-            return FaultKind::MalformedXml;
-        case ManifestFault::InvalidXml:
-            return FaultKind::InvalidXml;
-        case ManifestFault::BadFileCount:
-            return FaultKind::WrongFileCount;
-        case ManifestFault::BadSignature:
-            return FaultKind::BadSignature;
-    }
-    return FaultKind::Other;  // a value outside the enum
-}
-
 const char* describe(ManifestFault fault) {
     return fault == ManifestFault::None ? "good" : describe(kindOf(fault));
 }

@@ -14,20 +14,26 @@ class AppManifestSerializer;
 
 namespace tsappinstall {
 
-// The verdict of loadManifest: None, or one of the library's fault kinds
-// (kindOf). Stable: new kinds are added at the end.
+// The verdict of loadManifest: None, or one of the library's fault kinds,
+// whose value each verdict shares (kindOf).
 enum class ManifestFault : int {
-    None = 0,
-    Unreadable,    // the stream failed before a document was read
-    MalformedXml,  // not well-formed XML (or beyond the size and depth limits)
-    InvalidXml,    // well-formed, but the schema refuses it
-    BadFileCount,  // numFiles is not a decimal number in range
-    BadSignature,  // the signature is missing or does not seal the content
+    None = -1,
+    // the stream failed before a document was read
+    Unreadable = static_cast<int>(FaultKind::CannotRead),
+    // not well-formed XML (or beyond the size and depth limits)
+    MalformedXml = static_cast<int>(FaultKind::MalformedXml),
+    // well-formed, but the schema refuses it
+    InvalidXml = static_cast<int>(FaultKind::InvalidXml),
+    // numFiles is not a decimal number in range
+    BadFileCount = static_cast<int>(FaultKind::WrongFileCount),
+    // the signature is missing or does not seal the content
+    BadSignature = static_cast<int>(FaultKind::BadSignature),
 };
 
-// The fault kind of a verdict: CannotRead, MalformedXml, InvalidXml,
-// WrongFileCount, BadSignature; Other for None, which is no fault.
-TSAPP_API FaultKind kindOf(ManifestFault fault);
+// The fault kind of a verdict; Other for None, which is no fault.
+inline FaultKind kindOf(ManifestFault fault) {
+    return fault == ManifestFault::None ? FaultKind::Other : static_cast<FaultKind>(fault);
+}
 
 // A few words naming the kind ("not well-formed XML", "bad signature"),
 // the fault kind's own; "good" for None.
