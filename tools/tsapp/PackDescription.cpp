@@ -4,9 +4,9 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <set>
 
 #include "Text.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
@@ -20,23 +20,22 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-enum class Kind { Text, Texts, Author, Products };
-
-const std::map<std::string, Kind> kFields = {{"entryPoint", Kind::Text},
-                                             {"name", Kind::Text},
-                                             {"version", Kind::Text},
-                                             {"createdByTESSALRelease", Kind::Text},
-                                             {"summary", Kind::Text},
-                                             {"description", Kind::Text},
-                                             {"minTESSALVer", Kind::Text},
-                                             {"maxTESSALVer", Kind::Text},
-                                             {"author", Kind::Author},
-                                             {"supportedPlatforms", Kind::Texts},
-                                             {"requiredProducts", Kind::Products},
-                                             {"pathEntries", Kind::Texts},
-                                             {"icon", Kind::Text},
-                                             {"screenshot", Kind::Text},
-                                             {"files", Kind::Text}};
+// Every key tsapp.json may hold at its top level.
+const std::set<std::string> kFields = {"entryPoint",
+                                       "name",
+                                       "version",
+                                       "createdByTESSALRelease",
+                                       "summary",
+                                       "description",
+                                       "minTESSALVer",
+                                       "maxTESSALVer",
+                                       "author",
+                                       "supportedPlatforms",
+                                       "requiredProducts",
+                                       "pathEntries",
+                                       "icon",
+                                       "screenshot",
+                                       "files"};
 const char* const kRequired[] = {"entryPoint", "name", "version", "icon", "screenshot"};
 const char* const kAuthorKeys[] = {"name", "contact", "organization"};
 const char* const kProductKeys[] = {"identifier", "name", "version"};
@@ -174,26 +173,17 @@ std::vector<std::string> appFiles(const fs::path& root, Checker& check) {
 }
 
 void fillManifest(const json& d, Checker& check, AppManifest& m) {
-    for (const char* key : {"entryPoint", "name", "version", "createdByTESSALRelease", "summary",
-                            "description", "minTESSALVer", "maxTESSALVer"}) {
-        const std::u16string value = check.text(d, key, key);
-        if (std::string(key) == "entryPoint")
-            m.entryPoint = value;
-        else if (std::string(key) == "name")
-            m.name = value;
-        else if (std::string(key) == "version")
-            m.version = value;
-        else if (std::string(key) == "createdByTESSALRelease")
-            m.createdByTESSALRelease = value;
-        else if (std::string(key) == "summary")
-            m.summary = value;
-        else if (std::string(key) == "description")
-            m.description = value;
-        else if (std::string(key) == "minTESSALVer")
-            m.minTESSALVer = value;
-        else
-            m.maxTESSALVer = value;
-    }
+    using Text = std::u16string AppManifest::*;
+    static const std::pair<const char*, Text> kTexts[] = {
+        {"entryPoint", &AppManifest::entryPoint},
+        {"name", &AppManifest::name},
+        {"version", &AppManifest::version},
+        {"createdByTESSALRelease", &AppManifest::createdByTESSALRelease},
+        {"summary", &AppManifest::summary},
+        {"description", &AppManifest::description},
+        {"minTESSALVer", &AppManifest::minTESSALVer},
+        {"maxTESSALVer", &AppManifest::maxTESSALVer}};
+    for (const auto& [key, field] : kTexts) m.*field = check.text(d, key, key);
     if (d.contains("author") && check.object(d["author"], "author", kAuthorKeys, 3)) {
         m.authorName = check.text(d["author"], "name", "author.name");
         m.authorContact = check.text(d["author"], "contact", "author.contact");
