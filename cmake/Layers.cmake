@@ -42,7 +42,8 @@ endfunction()
 
 # tsapp_add_layer(<target> FOLDER <folder under src/>
 #                 SOURCES <files of the folder, or absolute generated files>...
-#                 [PUBLIC_HEADERS <headers under include/>...]
+#                 [HEADER_DIR <folder under include/>]
+#                 [PUBLIC_HEADERS <headers under include/, or under HEADER_DIR>...]
 #                 [SIBLING_HEADERS <headers of the folder>...]
 #                 [PUBLIC <libraries>...] [PRIVATE <libraries>...])
 #
@@ -54,7 +55,7 @@ endfunction()
 # this needs: include roots, compile definitions and the third-party
 # libraries to link.
 function(tsapp_add_layer target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER"
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER;HEADER_DIR"
     "SOURCES;PUBLIC_HEADERS;SIBLING_HEADERS;PUBLIC;PRIVATE")
   set(folder ${PROJECT_SOURCE_DIR}/src/${arg_FOLDER})
   set(root ${TSAPP_LAYER_ROOTS}/${target})
@@ -69,6 +70,9 @@ function(tsapp_add_layer target)
     endif()
   endforeach()
   foreach(header IN LISTS arg_PUBLIC_HEADERS)
+    if(arg_HEADER_DIR)
+      set(header ${arg_HEADER_DIR}/${header})
+    endif()
     list(APPEND sources ${PROJECT_SOURCE_DIR}/include/${header})
     tsapp_link_into_root(${PROJECT_SOURCE_DIR}/include/${header} ${root}/public/${header})
   endforeach()

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -41,6 +42,24 @@ inline const CLI::Validator& nonEmpty() {
         [](std::string& value) { return value.empty() ? std::string("must not be empty") : ""; },
         "", "");
     return validator;
+}
+
+// A command whose first argument, PKG, is the one package it works on and
+// what its failures are about.
+struct PackageCommand {
+    CLI::App* cli;
+    std::shared_ptr<std::string> package;
+
+    Command running(std::function<int(const std::string& package)> run) const {
+        return {cli, [package = package, run] { return run(*package); },
+                [package = package] { return *package; }};
+    }
+};
+
+inline PackageCommand addPackageCommand(CLI::App& app, const char* name, const char* description) {
+    PackageCommand command{app.add_subcommand(name, description), std::make_shared<std::string>()};
+    command.cli->add_option("PKG", *command.package, "App package")->required()->check(nonEmpty());
+    return command;
 }
 
 // A failure about one file, printed as "tsapp: FILE: cause": the library's

@@ -121,19 +121,13 @@ int runInfo(const std::string& package, bool json, bool verify) {
 }  // namespace
 
 std::vector<Command> addInfo(CLI::App& app) {
-    struct Options {
-        std::string package;
-        bool json = false;
-        bool noVerify = false;
-    };
-    auto o = std::make_shared<Options>();
-    CLI::App* info = app.add_subcommand("info", "Show the app's manifest.");
-    info->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
-    info->add_flag("--json", o->json, "Print one JSON object (schema in the README)");
-    info->add_flag("--no-verify", o->noVerify,
-                   "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
-    return {{info, [o] { return runInfo(o->package, o->json, !o->noVerify); },
-             [o] { return o->package; }}};
+    const auto json = std::make_shared<bool>(false), noVerify = std::make_shared<bool>(false);
+    const PackageCommand info = addPackageCommand(app, "info", "Show the app's manifest.");
+    info.cli->add_flag("--json", *json, "Print one JSON object (schema in the README)");
+    info.cli->add_flag("--no-verify", *noVerify,
+                       "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
+    return {info.running(
+        [=](const std::string& package) { return runInfo(package, *json, !*noVerify); })};
 }
 
 }  // namespace tsapp::tool

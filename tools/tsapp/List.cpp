@@ -126,19 +126,14 @@ int runList(const std::string& path, bool relationships, bool json) {
 }  // namespace
 
 std::vector<Command> addList(CLI::App& app) {
-    struct Options {
-        std::string package;
-        bool relationships = false;
-        bool json = false;
-    };
-    auto o = std::make_shared<Options>();
-    CLI::App* list = app.add_subcommand("list", "List the parts (and relationships) of a package.");
-    list->alias("ls");
-    list->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
-    list->add_flag("-r,--relationships", o->relationships, "Also list every relationship");
-    list->add_flag("--json", o->json, "Print one JSON object");
-    return {{list, [o] { return runList(o->package, o->relationships, o->json); },
-             [o] { return o->package; }}};
+    const auto relationships = std::make_shared<bool>(false), json = std::make_shared<bool>(false);
+    const PackageCommand list =
+        addPackageCommand(app, "list", "List the parts (and relationships) of a package.");
+    list.cli->alias("ls");
+    list.cli->add_flag("-r,--relationships", *relationships, "Also list every relationship");
+    list.cli->add_flag("--json", *json, "Print one JSON object");
+    return {list.running(
+        [=](const std::string& package) { return runList(package, *relationships, *json); })};
 }
 
 }  // namespace tsapp::tool

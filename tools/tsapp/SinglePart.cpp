@@ -92,13 +92,12 @@ int runPart(const std::string& package, const std::string& typeOrAlias, const st
 // part that of the type it is given.
 Command addCopy(CLI::App& app, const char* name, const char* description, const char* type) {
     struct Options {
-        std::string package;
         std::string relationshipType;
         std::string output;
     };
     auto o = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand(name, description);
-    command->add_option("PKG", o->package, "App package")->required()->check(nonEmpty());
+    const PackageCommand copy = addPackageCommand(app, name, description);
+    CLI::App* command = copy.cli;
     if (type != nullptr) {
         o->relationshipType = type;
     } else {
@@ -111,8 +110,9 @@ Command addCopy(CLI::App& app, const char* name, const char* description, const 
     command->add_option("OUT", o->output, "Output file, - for standard output")
         ->required()
         ->check(nonEmpty());
-    return {command, [o] { return runPart(o->package, o->relationshipType, o->output); },
-            [o] { return o->package; }};
+    return copy.running([o](const std::string& package) {
+        return runPart(package, o->relationshipType, o->output);
+    });
 }
 
 }  // namespace
