@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/base/ReadAt.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
 namespace opc::detail {
@@ -150,16 +151,8 @@ int FileOps::flock(int fd, int operation) const {
 
 long FileOps::readAt(int fd, void* buffer, std::size_t size, long long offset) const {
     if (failed(FileCall::Read)) return -1;
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t n =
-            ::pread(fd, static_cast<char*>(buffer) + done, size - done, offset + done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        if (n == 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    return static_cast<long>(done);
+    return read_at(fd, static_cast<unsigned char*>(buffer), size,
+                   static_cast<std::uint64_t>(offset));
 }
 
 std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
