@@ -250,6 +250,7 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
     }
     try {
         opc::model::OpenedPackage opened(path);
+        report.warnings = opened.warnings();
         opc::model::Package& package = opened.package();
         checkReservedNames(package, report);
         std::vector<Fault> digestFaults;

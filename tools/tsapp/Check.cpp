@@ -45,8 +45,9 @@ Verdict format(const std::string& path, const inspect::Report& report,
         for (const auto& fault : report.faults)
             faults.push_back(
                 {{"kind", tsappinstall::describe(fault.kind)}, {"text", fault.detail}});
-        const nlohmann::ordered_json object = {
+        nlohmann::ordered_json object = {
             {"package", path}, {"good", report.good()}, {"faults", faults}};
+        if (!report.warnings.empty()) object["warnings"] = report.warnings;
         verdict.text =
             object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
         return verdict;
@@ -55,6 +56,8 @@ Verdict format(const std::string& path, const inspect::Report& report,
     if (options.all)
         for (std::size_t i = 1; i < report.faults.size(); ++i)
             verdict.text += "  " + report.faults[i].detail + '\n';
+    for (const std::string& warning : report.warnings)
+        verdict.text += "  warning: " + warning + '\n';
     return verdict;
 }
 

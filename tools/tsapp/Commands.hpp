@@ -79,4 +79,7 @@ std::string causeOf(const std::exception& e);
 // One line on stderr: "tsapp: <what>", line breaks flattened.
 void printError(const std::string& what);
 
+// "tsapp: FILE: warning: <text>" for each of a package's warnings.
+void printWarnings(const std::string& file, const std::vector<std::string>& warnings);
+
 }  // namespace tsapp::tool

@@ -97,8 +97,9 @@ opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
 
 std::vector<std::string> extract(const std::filesystem::path& nativePath,
                                  const std::filesystem::path& nativeFolder,
-                                 const ExtractSettings& settings) {
+                                 const ExtractSettings& settings, const std::string& shown) {
     opc::model::OpenedPackage package(nativePath);
+    printWarnings(shown, package.warnings());
     opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
                                        optionsOf(settings));
     ProgressLine progress;
@@ -140,7 +141,7 @@ int runExtract(const std::string& package, const std::string& folder,
         const bool verify = settings.verify || !settings.trust.empty();
         for (const auto& left : verify
                                     ? extractVerified(packagePath, nativeFolder, settings, package)
-                                    : extract(packagePath, nativeFolder, settings))
+                                    : extract(packagePath, nativeFolder, settings, package))
             std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const Failure&) {
         throw;

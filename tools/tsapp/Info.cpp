@@ -102,6 +102,7 @@ void printHuman(const AppManifest& m) {
 int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
     const auto report = tsappinstall::inspect::checkPackage(package, serializer, false);
+    printWarnings(package, report.warnings);
     if (!report.manifest || (verify && !report.good()))
         throw Failure(package, report.faults.front().detail);
     const std::string fault = report.good() ? "" : report.faults.front().detail;

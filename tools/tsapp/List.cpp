@@ -111,6 +111,7 @@ void printRelationships(const ojson& list) {
 
 int runList(const std::string& path, bool relationships, bool json) {
     opc::model::OpenedPackage opened(nativePath(path));
+    printWarnings(path, opened.warnings());
     ojson out = {{"parts", partsOf(opened.package())}};
     if (relationships) out["relationships"] = relationshipsOf(opened.package());
     opened.close();

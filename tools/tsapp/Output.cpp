@@ -19,4 +19,8 @@ void printError(const std::string& what) {
     std::cerr << "tsapp: " << line << '\n';
 }
 
+void printWarnings(const std::string& file, const std::vector<std::string>& warnings) {
+    for (const std::string& warning : warnings) printError(file + ": warning: " + warning);
+}
+
 }  // namespace tsapp::tool

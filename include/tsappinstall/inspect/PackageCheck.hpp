@@ -29,6 +29,7 @@ using Fault = tsappinstall::Fault;
 
 struct Report {
     std::vector<Fault> faults;            // in the order found; empty when good
+    std::vector<std::string> warnings;    // what the container tolerated; never makes it bad
     std::optional<AppManifest> manifest;  // the record as read, also when its seal is wrong
     bool good() const { return faults.empty(); }
 };

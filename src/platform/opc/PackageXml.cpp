@@ -117,6 +117,30 @@ bool isValidMediaType(const std::string& text) {
     return true;
 }
 
+namespace {
+
+// A valid media type with type, subtype and parameter names in lower case
+// and no white space around ";": the form two equal ones share.
+std::string comparable_media_type(const std::string& text) {
+    std::size_t pos = skip_token(text, skip_token(text, 0) + 1);
+    std::string form = ascii_lower(text.substr(0, pos));
+    while (pos < text.size()) {
+        const std::size_t name = skip_spaces(text, skip_spaces(text, pos) + 1);
+        const std::size_t value = skip_token(text, name) + 1;
+        pos = text[value] == '"' ? skip_quoted(text, value) : skip_token(text, value);
+        form +=
+            ";" + ascii_lower(text.substr(name, value - name)) + text.substr(value, pos - value);
+    }
+    return form;
+}
+
+}  // namespace
+
+bool sameMediaType(const std::string& a, const std::string& b) {
+    return isValidMediaType(a) && isValidMediaType(b) &&
+           comparable_media_type(a) == comparable_media_type(b);
+}
+
 const std::string* ContentTypes::find(const PartName& name) const {
     const auto byName = overrides_.find(name.key());
     if (byName != overrides_.end()) return &byName->second;

@@ -42,4 +42,10 @@ std::vector<Relationship> readRelationships(xercesc::DOMLSParser* parser, InputS
 // type "/" subtype, then ";" parameters, no white space around "/" or "=".
 bool isValidMediaType(const std::string& text);
 
+// Whether two valid media types are the same: type, subtype and parameter
+// names compare ignoring ASCII case, parameter values exactly (a value's
+// case can matter to its parameter), in the order written; white space
+// before ";" and after it does not count. False when either is invalid.
+bool sameMediaType(const std::string& a, const std::string& b);
+
 }  // namespace opc::model::detail

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "platform/base/ReadAt.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -70,36 +71,50 @@ struct EndRecord {
     std::uint64_t entryCount = 0;
     std::uint64_t directorySize = 0;
     std::uint64_t directoryOffset = 0;
-    std::uint64_t start = 0;  // where the first end record begins
+    std::uint64_t start = 0;     // where the first end record begins
+    std::uint64_t trailing = 0;  // bytes after the classic record and its comment
 };
 
-// Looks for the classic end record in the last `tailSize` bytes; its
-// comment must end the file. Returns the file size when it is not there.
-std::uint64_t find_end_record_in_tail(const FileBytes& file, std::uint64_t tailSize) {
-    const std::uint64_t tailStart = file.size() - tailSize;
-    const std::vector<unsigned char> tail =
-        file.read(tailStart, static_cast<std::size_t>(tailSize));
+// Where the classic end record lies in `tail`, the file's last bytes, or
+// npos: with `exact`, the one whose comment ends the file, otherwise the
+// last one whose comment fits in it.
+std::size_t find_end_record_in_tail(const std::vector<unsigned char>& tail, bool exact) {
     for (std::size_t i = tail.size() - kEndBytes + 1; i-- > 0;) {
-        if (le32(&tail[i]) == kEndSignature && i + kEndBytes + le16(&tail[i + 20]) == tail.size()) {
-            return tailStart + i;
-        }
+        if (le32(&tail[i]) != kEndSignature) continue;
+        const std::size_t recordEnd = i + kEndBytes + le16(&tail[i + 20]);
+        if (exact ? recordEnd == tail.size() : recordEnd <= tail.size()) return i;
     }
-    return file.size();
+    return std::string::npos;
+}
+
+std::vector<unsigned char> read_tail(const FileBytes& file, std::uint64_t tailSize) {
+    return file.read(file.size() - tailSize, static_cast<std::size_t>(tailSize));
 }
 
 // The classic end record, found from the end. Most files carry no comment,
-// so a short tail is tried before the longest one a comment allows.
-std::uint64_t find_end_record(const FileBytes& file) {
+// so a short tail is tried before the longest one a comment allows. When no
+// record ends the file, bytes were appended after it (padding, a signature
+// block another tool adds): the last record in reach is taken, as readers
+// that tolerate such bytes take it, and the directory it describes must then
+// hold up to every check like any other.
+EndRecord find_end_record(const FileBytes& file) {
     if (file.size() < kEndBytes) refuse("the file is too short to be a ZIP file");
     constexpr std::uint64_t kShortTail = kEndBytes + 256;
-    std::uint64_t at =
-        find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kShortTail));
-    if (at == file.size() && file.size() > kShortTail) {
-        at =
-            find_end_record_in_tail(file, std::min<std::uint64_t>(file.size(), kEndBytes + 0xFFFF));
+    const std::uint64_t longestTail = std::min<std::uint64_t>(file.size(), kEndBytes + 0xFFFF);
+    std::vector<unsigned char> tail = read_tail(file, std::min(longestTail, kShortTail));
+    std::size_t at = find_end_record_in_tail(tail, true);
+    if (at == std::string::npos && tail.size() < longestTail) {
+        tail = read_tail(file, longestTail);
+        at = find_end_record_in_tail(tail, true);
     }
-    if (at == file.size()) refuse("no end of central directory record (not a ZIP file)");
-    return at;
+    EndRecord end;
+    if (at == std::string::npos) {
+        at = find_end_record_in_tail(tail, false);
+        if (at == std::string::npos) refuse("no end of central directory record (not a ZIP file)");
+        end.trailing = tail.size() - (at + kEndBytes + le16(&tail[at + 20]));
+    }
+    end.start = file.size() - tail.size() + at;
+    return end;
 }
 
 void read_zip64_end(const FileBytes& file, std::uint64_t locatorAt, EndRecord& end) {
@@ -122,21 +137,37 @@ void read_zip64_end(const FileBytes& file, std::uint64_t locatorAt, EndRecord& e
     end.start = at;
 }
 
+// A directory that ends before the end record begins is what bytes put in
+// front of the archive (a self-extracting stub) look like: every offset
+// would be off by their count. Such files are refused rather than shifted.
+void refuse_misplaced_directory(const EndRecord& end) {
+    if (end.directorySize <= end.start && end.directoryOffset < end.start - end.directorySize) {
+        refuse("the central directory ends " +
+               std::to_string(end.start - end.directorySize - end.directoryOffset) +
+               " bytes before the end record begins (bytes put in front of a ZIP file, such "
+               "as a self-extracting stub, are not accepted)");
+    }
+    if (end.directoryOffset > end.start || end.start - end.directoryOffset != end.directorySize) {
+        refuse("the central directory does not end where the end record begins");
+    }
+}
+
 EndRecord read_end(const FileBytes& file, const ZipLimits& limits) {
-    const std::uint64_t at = find_end_record(file);
+    EndRecord end = find_end_record(file);
+    const std::uint64_t at = end.start;
     const auto record = file.read(at, kEndBytes);
     if (le16(&record[4]) != 0 || le16(&record[6]) != 0 || le16(&record[8]) != le16(&record[10])) {
         refuse("split archives are not supported");
     }
-    EndRecord end{le16(&record[10]), le32(&record[12]), le32(&record[16]), at};
+    end.entryCount = le16(&record[10]);
+    end.directorySize = le32(&record[12]);
+    end.directoryOffset = le32(&record[16]);
     if (at >= kZip64LocatorBytes) {
         const auto probe = file.read(at - kZip64LocatorBytes, 4);
         if (le32(probe.data()) == kZip64LocatorSignature)
             read_zip64_end(file, at - kZip64LocatorBytes, end);
     }
-    if (end.directoryOffset > end.start || end.start - end.directoryOffset != end.directorySize) {
-        refuse("the central directory does not end where the end record begins");
-    }
+    refuse_misplaced_directory(end);
     if (end.entryCount > limits.maxEntries) {
         refuse(std::to_string(end.entryCount) + " entries, more than the " +
                std::to_string(limits.maxEntries) + " accepted");
@@ -310,10 +341,14 @@ void refuse_overlaps(const std::vector<PhysicalEntry*>& byOffset) {
     }
 }
 
+std::string trailing_bytes_warning(std::uint64_t count) {
+    return std::to_string(count) + (count == 1 ? " byte follows" : " bytes follow") +
+           " the end of the ZIP archive and " + (count == 1 ? "is" : "are") + " ignored";
+}
+
 }  // namespace
 
-std::vector<PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
-                                            const ZipLimits& limits) {
+ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits) {
     const FileBytes file(fd, fileSize);
     const EndRecord end = read_end(file, limits);
     const auto directory =
@@ -335,7 +370,9 @@ std::vector<PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
     });
     read_local_headers(file, end, byOffset);
     refuse_overlaps(byOffset);
-    return entries;
+    ZipDirectory checked{std::move(entries), {}};
+    if (end.trailing != 0) checked.warnings.push_back(trailing_bytes_warning(end.trailing));
+    return checked;
 }
 
 }  // namespace opc::zippackage

@@ -5,6 +5,7 @@
 // an attack needs before any entry is read.
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "tsappinstall/platform/opc/IPhysicalPackage.hpp"
@@ -17,11 +18,14 @@ struct ZipLimits {
     std::uint64_t maxDeflateRatio;
 };
 
+struct ZipDirectory {
+    std::vector<opc::interfaces::PhysicalEntry> entries;  // in directory order
+    std::vector<std::string> warnings;  // what was tolerated: bytes after the end record
+};
+
 // Reads the end records, the central directory and every local header of
-// the file open as `fd` (of `fileSize` bytes) with positioned reads, checks
-// them (see ZipPhysicalPackage) and returns the entries in directory order.
-// Throws opc::Exception.
-std::vector<opc::interfaces::PhysicalEntry> readZipDirectory(int fd, std::uint64_t fileSize,
-                                                             const ZipLimits& limits);
+// the file open as `fd` (of `fileSize` bytes) with positioned reads and
+// checks them (see ZipPhysicalPackage). Throws opc::Exception.
+ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits);
 
 }  // namespace opc::zippackage

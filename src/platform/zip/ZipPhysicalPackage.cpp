@@ -76,8 +76,11 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
         throw opc::Exception(opc::Reason::CannotRead,
                              "cannot open \"" + file + "\": " + std::strerror(errno));
     if (!opened || !S_ISREG(st.st_mode)) throw opc::Exception("not a regular file");
-    entries_ = readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
-                                {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
+    ZipDirectory directory =
+        readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
+                         {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
+    entries_ = std::move(directory.entries);
+    warnings_ = std::move(directory.warnings);
 
     archive_ = std::make_unique<Archive>(Archive{std::move(fd), {}});
 }

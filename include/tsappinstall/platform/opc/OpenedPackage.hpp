@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tsappinstall/platform/opc/Package.hpp"
 #include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
@@ -32,6 +33,8 @@ class OpenedPackage {
 
     Package& package() { return package_; }
     Package* operator->() { return &package_; }
+    // What the container tolerated (ZipPhysicalPackage::warnings).
+    const std::vector<std::string>& warnings() const { return container_.warnings(); }
     void close() { package_.close(); }
 
   private:

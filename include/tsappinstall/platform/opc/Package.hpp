@@ -24,10 +24,14 @@ namespace opc::model {
 //    beside "/a/b");
 //  - every part has a content type (Override first, then Default by
 //    extension, both compared ignoring ASCII case);
-//  - interleaved parts (items named "[0].piece" ... "[n].last.piece") are
-//    refused: no producer we read writes them, and supporting them only
-//    widens what hostile input can do;
-//  - "/_rels/.rels" has the relationships content type;
+//  - an interleaved part, stored as the items "a.xml/[0].piece" ...
+//    "a.xml/[n].last.piece" (any case), is the one part "/a.xml", its
+//    content type that of "/a.xml": the numbers run from 0 without a gap or
+//    a leading zero, only the highest is ".last.piece", and no other item
+//    is named "a.xml"; each piece's size and CRC-32 are checked as it is
+//    read ("[Content_Types].xml" itself is never read in pieces);
+//  - "/_rels/.rels" has the relationships content type (media types
+//    compare ignoring the case of type, subtype and parameter names);
 //  - relationship Ids are unique, Type and Target present, TargetMode
 //    "Internal" (the default) or "External".
 // Everything fails with opc::Exception. Opening reads the two XML parts and

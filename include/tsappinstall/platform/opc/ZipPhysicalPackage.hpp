@@ -22,8 +22,9 @@ namespace opc::zippackage {
 // the entry count, not the file size.
 //
 // Refused, each with its own text:
-//  - split archives, an end record that does not end the file, a central
-//    directory that does not end where the end records begin;
+//  - split archives, a central directory that does not end where the end
+//    records begin (bytes put in front of the archive, such as a
+//    self-extracting stub, are refused, not skipped);
 //  - more than kMaxEntries entries, a central directory above
 //    kMaxCentralDirectoryBytes, an entry count that does not match the
 //    records present;
@@ -34,6 +35,10 @@ namespace opc::zippackage {
 //  - encrypted entries, and methods other than stored (0) and deflate (8);
 //  - a stored entry whose two sizes differ, a deflated entry that claims to
 //    expand more than deflate can (kMaxDeflateRatio).
+// Tolerated with a warning (warnings()): bytes after the end record and its
+// comment (padding, a signature block), when the record lies within the
+// last 64 KiB + 22 bytes and the directory it describes passes every check
+// above.
 // ZIP64 sizes, offsets and counts are read where the 32-bit fields say so.
 // Pinned entries (pinEntry) live in memory until close().
 class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
@@ -59,11 +64,17 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     void pinEntry(std::uint64_t index, std::uint64_t maxSize) override;
     void close() override;
 
+    // What the file holds that was tolerated rather than refused, one line
+    // each for people ("12 bytes follow the end of the ZIP archive and are
+    // ignored"); empty for a file as a ZIP writer leaves it.
+    const std::vector<std::string>& warnings() const { return warnings_; }
+
   private:
     struct Archive;
     const opc::interfaces::PhysicalEntry& entryAt(std::uint64_t index) const;
 
     std::vector<opc::interfaces::PhysicalEntry> entries_;
+    std::vector<std::string> warnings_;
     std::unique_ptr<Archive> archive_;
 };
 
