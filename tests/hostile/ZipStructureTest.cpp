@@ -8,6 +8,8 @@
 #include <tuple>
 
 #include "facade/FacadeFixture.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::test {
 namespace {
@@ -76,8 +78,6 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
         {"65535 entries in a directory of five", field('e', "", 8, 4, 0xFFFFFFFF)},
         {"split archive", field('e', "", 6, 2, 3)},
         {"split archive disk", field('e', "", 4, 2, 1)},
-        {"junk before", [](ZipPatcher& z) { z.bytes().insert(0, 100, 'J'); }},
-        {"junk after", [](ZipPatcher& z) { z.bytes() += "junk"; }},
     };
     for (const auto& [label, patch] : cases) {
         patched(patch);
@@ -225,6 +225,153 @@ TEST_F(ZipStructure, AGibibyteDeflateBombAsTheManifestIsCutOff) {
     EXPECT_TRUE(facade.isAppFile(u16(pkg())));
     EXPECT_EQ(appInfoError(pkg()), internal_error_text());
     EXPECT_LT(peak_rss_kib() - before, 256 * 1024) << "KiB more at the peak";
+}
+
+// What opening the package at `path` says: the failure's text, or "opens",
+// the warnings and the content type and bytes of "/a.xml" read whole (with
+// a note when its entry's size or CRC-32 disagrees with those bytes).
+std::string verdict_of(const std::string& path) {
+    const int descriptors = open_descriptor_count();
+    std::string verdict = "opens";
+    try {
+        opc::model::OpenedPackage opened{std::filesystem::path(path)};
+        for (const std::string& warning : opened.warnings()) verdict += "; " + warning;
+        auto part = opened->getPart(opc::model::PartName(u"/a.xml"));
+        const std::string bytes = read_all(part.getInputStream());
+        verdict += "; " + part.getContentType() + " " + bytes;
+        if (part.getEntry().size != bytes.size() ||
+            part.getEntry().crc32 != crc32(0L, reinterpret_cast<const Bytef*>(bytes.data()),
+                                           static_cast<uInt>(bytes.size())))
+            verdict += " (its entry disagrees)";
+    } catch (const opc::Exception& e) {
+        verdict = e.what();
+    }
+    EXPECT_EQ(open_descriptor_count(), descriptors) << path;
+    return verdict;
+}
+
+// Layouts other producers write, and their broken twins.
+TEST(OddLayouts, TrailingBytesPiecesAndContentTypesInOtherCaseGetTheirVerdicts) {
+    using Edit = std::function<void(ZipPatcher&)>;
+    const auto append = [](std::size_t count, char c) {
+        return Edit([=](ZipPatcher& z) { z.bytes().append(count, c); });
+    };
+    const auto commented = [](const char* comment, std::uint16_t length) {
+        return Edit(
+            [=](ZipPatcher& z) { z.put16(z.endRecord() + 20, length), z.bytes() += comment; });
+    };
+    const char* const kPlain = "opens; application/xml <a/>";
+    const std::string kRels = kRelationshipsContentType;
+    const struct {
+        const char* label;
+        std::vector<ZipItem> parts;  // "a.xml" holding "<a/>" when none
+        Edit edit;
+        std::string relsType;  // the Default for "rels", when not the usual
+        std::string verdict;   // a part of what verdict_of says
+    } cases[] = {
+        {"padding",
+         {},
+         append(1000, '\0'),
+         "",
+         "opens; 1000 bytes follow the end of the ZIP archive and are ignored; application/xml "
+         "<a/>"},
+        {"one byte",
+         {},
+         append(1, 'x'),
+         "",
+         "opens; 1 byte follows the end of the ZIP archive and is ignored"},
+        {"a comment, then a signature", {}, commented("hellosig", 5), "", "opens; 3 bytes follow"},
+        {"a comment longer than the file",
+         {},
+         commented("hey", 5),
+         "",
+         "no end of central directory"},
+        {"more than 64 KiB", {}, append(70000, 'S'), "", "no end of central directory"},
+        {"a second end record",
+         {},
+         [](ZipPatcher& z) { z.bytes() += z.bytes().substr(z.endRecord()); },
+         "",
+         "the central directory ends 22 bytes before the end record begins"},
+        {"a self-extracting stub",
+         {},
+         [](ZipPatcher& z) { z.bytes().insert(0, 100, 'M'); },
+         "",
+         "the central directory ends 100 bytes before the end record begins (bytes put in front"},
+        {"a shifted directory, then padding",
+         {},
+         [](ZipPatcher& z) {
+             z.put32(z.endRecord() + 16, z.get32(z.endRecord() + 16) + 1), z.bytes() += "pad";
+         },
+         "",
+         "the central directory does not end where the end record begins"},
+        {"pieces in any order and case",
+         {{"a.xml/[2].LAST.PIECE", "three"},
+          {"a.xml/[0].piece", "one-", false},
+          {"a.xml/[1].Piece", "two-"}},
+         {},
+         "",
+         "opens; application/xml one-two-three"},
+        {"a gap",
+         {{"a.xml/[0].piece", "1"}, {"a.xml/[2].last.piece", "3"}},
+         {},
+         "",
+         "the interleaved part \"/a.xml\" lacks its piece numbered 1"},
+        {"a number twice",
+         {{"a.xml/[0].piece", "1"}, {"a.xml/[0].PIECE", "1"}, {"a.xml/[1].last.piece", "2"}},
+         {},
+         "",
+         "has two pieces numbered 0"},
+        {"no last piece",
+         {{"a.xml/[0].piece", "1"}, {"a.xml/[1].piece", "2"}},
+         {},
+         "",
+         "has no last piece"},
+        {"two last pieces",
+         {{"a.xml/[0].last.piece", "1"}, {"a.xml/[1].last.piece", "2"}},
+         {},
+         "",
+         "has pieces after its last piece"},
+        {"a leading zero", {{"a.xml/[00].last.piece", "1"}}, {}, "", "is not a valid piece name"},
+        {"a piece of nothing", {{"[0].last.piece", "1"}}, {}, "", "is a piece of no part"},
+        {"a part beside its pieces",
+         {{"a.xml", "1"}, {"a.xml/[0].last.piece", "2"}},
+         {},
+         "",
+         "\"/a.xml\" is both a part and an interleaved part"},
+        {"a damaged piece",
+         {{"a.xml/[0].piece", "one-"}, {"a.xml/[1].last.piece", "two", false}},
+         [](ZipPatcher& z) { z.bytes()[z.dataOffset("a.xml/[1].last.piece")] = 'T'; },
+         "",
+         "cannot read the ZIP entry \"a.xml/[1].last.piece\": its CRC-32 does not match"},
+        {"the relationships type in other case",
+         {},
+         {},
+         "Application/VND.openxmlformats-package.Relationships+XML",
+         kPlain},
+        {"the relationships type with a parameter",
+         {},
+         {},
+         kRels + "; charset=utf-8",
+         "does not have the relationships content type"},
+    };
+    TempDir dir;
+    for (const auto& c : cases) {
+        PackageBuilder builder;
+        builder.relationship("r", "urn:a", "/a.xml");
+        for (const ZipItem& part :
+             c.parts.empty() ? std::vector<ZipItem>{{"a.xml", "<a/>"}} : c.parts)
+            builder.part(part.name, part.data, part.deflate);
+        if (!c.relsType.empty())
+            builder.contentTypesXml(replaced(builder.contentTypesText(), kRels, c.relsType));
+        builder.write(dir.file("p.zip"));
+        if (c.edit) {
+            ZipPatcher z(dir.file("p.zip"));
+            c.edit(z);
+            z.save();
+        }
+        const std::string verdict = verdict_of(dir.file("p.zip"));
+        EXPECT_NE(verdict.find(c.verdict), std::string::npos) << c.label << ": " << verdict;
+    }
 }
 
 }  // namespace

@@ -299,6 +299,45 @@ TEST_F(TsappTool, OnlyRegularFilesAreOpenedAsPackages) {
     EXPECT_FALSE(fs::exists(dir.file("out")));
 }
 
+// A package named in Latin-1 and one with bytes after its end record: each
+// command reads both, shows the name escaped and the bytes as one warning.
+TEST_F(TsappTool, ForeignNamesShowEscapedAndTrailingBytesWarnOnce) {
+    const std::string latin = "caf\xe9.tsappinstall";
+    packSample(latin);
+    write_file(dir.file("tail.tsappinstall"), read_file(dir.file(latin)) + std::string(100, '\0'));
+    const std::string tail = "100 bytes follow the end of the ZIP archive and are ignored";
+    const std::string warning = "tsapp: tail.tsappinstall: warning: " + tail + "\n";
+    const struct {
+        Args args;
+        int status;
+        std::string out;  // a part of it
+        std::string err;
+    } cases[] = {
+        {{"check", latin, "tail.tsappinstall"},
+         0,
+         "caf\\xe9.tsappinstall: OK\ntail.tsappinstall: OK\n  warning: " + tail + "\n",
+         ""},
+        {{"check", "--json", "tail.tsappinstall"}, 0, "\"warnings\":[\"" + tail + "\"]", ""},
+        {{"info", "tail.tsappinstall"}, 0, "Name:", warning},
+        {{"list", "tail.tsappinstall"}, 0, "/manifest.xml", warning},
+        {{"extract", "tail.tsappinstall", "out\xe9"}, 0, "", warning},
+        {{"extract", "--verify", "--allow-unsigned", "tail.tsappinstall", "out"}, 0, "", warning},
+        {{"verify", latin}, 1, "caf\\xe9.tsappinstall: BAD, unsigned\n", ""},
+        {{"list", "\x1b[2J\xff.tsappinstall"},
+         1,
+         "",
+         "tsapp: \\x1b[2J\\xff.tsappinstall: cannot be read: cannot open \"" + dir.path() +
+             "/\\x1b[2J\\xff.tsappinstall\": No such file or directory\n"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsapp(c.args);
+        EXPECT_EQ(run.status, c.status) << c.args[0] << ": " << run.err;
+        EXPECT_NE(run.out.find(c.out), std::string::npos) << c.args[0] << ": " << run.out;
+        EXPECT_EQ(run.err, c.err) << c.args[0];
+    }
+    EXPECT_EQ(read_file(dir.file("out\xe9/files/main.js")), read_file(sample("files/main.js")));
+}
+
 TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
     packSample();
     for (const Args& args :

@@ -18,6 +18,7 @@
 #include "Text.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -46,13 +47,14 @@ Verdict format(const std::string& path, const inspect::Report& report,
             faults.push_back(
                 {{"kind", tsappinstall::describe(fault.kind)}, {"text", fault.detail}});
         nlohmann::ordered_json object = {
-            {"package", path}, {"good", report.good()}, {"faults", faults}};
+            {"package", fl::i18n::shown(path)}, {"good", report.good()}, {"faults", faults}};
         if (!report.warnings.empty()) object["warnings"] = report.warnings;
         verdict.text =
             object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
         return verdict;
     }
-    verdict.text = path + ": " + (report.good() ? "OK" : report.faults.front().detail) + '\n';
+    verdict.text =
+        fl::i18n::shown(path) + ": " + (report.good() ? "OK" : report.faults.front().detail) + '\n';
     if (options.all)
         for (std::size_t i = 1; i < report.faults.size(); ++i)
             verdict.text += "  " + report.faults[i].detail + '\n';

@@ -122,9 +122,12 @@ std::vector<std::string> extractVerified(const std::filesystem::path& nativePath
                                          const ExtractSettings& settings,
                                          const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
+    opc::model::OpenedPackage package(nativePath);
+    printWarnings(shown, package.warnings());
     const integrity::VerifiedExtraction result = integrity::extractVerified(
-        nativePath, nativeFolder, {settings.trust, !settings.allowUnsigned}, optionsOf(settings),
-        replaceModeOf(settings));
+        package.package(), nativeFolder, {settings.trust, !settings.allowUnsigned},
+        optionsOf(settings), replaceModeOf(settings));
+    package.close();
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
         printError(shown + ": " + tsappinstall::describe(fault));

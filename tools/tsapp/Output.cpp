@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "Commands.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace tsapp::tool {
@@ -16,7 +17,8 @@ void printError(const std::string& what) {
     for (char& c : line) {
         if (c == '\n' || c == '\r') c = ' ';
     }
-    std::cerr << "tsapp: " << line << '\n';
+    // File names are bytes, not always UTF-8, and may hold terminal controls.
+    std::cerr << "tsapp: " << fl::i18n::shown(line) << '\n';
 }
 
 void printWarnings(const std::string& file, const std::vector<std::string>& warnings) {

@@ -9,6 +9,7 @@
 
 #include "Commands.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -21,7 +22,7 @@ int runVerify(const std::vector<std::string>& packages, const std::vector<std::s
     int status = kGood;
     for (const std::string& path : packages) {
         const VerificationReport report = verifyPackage(path, policy);
-        std::cout << path << ": " << (report.ok() ? "OK" : "BAD");
+        std::cout << fl::i18n::shown(path) << ": " << (report.ok() ? "OK" : "BAD");
         const bool unreadable =
             !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
         if (!report.signer.empty())

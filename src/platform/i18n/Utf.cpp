@@ -1,4 +1,5 @@
 #include <boost/locale/encoding_utf.hpp>
+#include <boost/locale/utf.hpp>
 
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
@@ -24,6 +25,44 @@ std::u16string to_ustring(const std::string& text) {
 
 std::u16string to_ustring(const char* text) {
     return to_ustring(std::string(text != nullptr ? text : ""));
+}
+
+namespace {
+
+bool is_control(boost::locale::utf::code_point c) {
+    return c < 0x20 || (c >= 0x7F && c < 0xA0);
+}
+
+void append_escaped(std::string& out, std::string::const_iterator from,
+                    std::string::const_iterator to) {
+    static const char* const kDigits = "0123456789abcdef";
+    for (; from != to; ++from) {
+        const auto byte = static_cast<unsigned char>(*from);
+        out += "\\x";
+        out += kDigits[byte >> 4];
+        out += kDigits[byte & 0x0F];
+    }
+}
+
+}  // namespace
+
+std::string shown(const std::string& bytes) {
+    namespace utf = boost::locale::utf;
+    std::string out;
+    out.reserve(bytes.size());
+    for (auto at = bytes.begin(); at != bytes.end();) {
+        const auto start = at;
+        const utf::code_point c = utf::utf_traits<char>::decode(at, bytes.end());
+        if (c == utf::illegal || c == utf::incomplete) {
+            at = start + 1;
+            append_escaped(out, start, at);
+        } else if (is_control(c)) {
+            append_escaped(out, start, at);
+        } else {
+            out.append(start, at);
+        }
+    }
+    return out;
 }
 
 }  // namespace fl::i18n

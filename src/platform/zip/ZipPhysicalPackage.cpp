@@ -73,8 +73,8 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
     struct stat st {};
     const bool opened = fd.get() >= 0 && ::fstat(fd.get(), &st) == 0;
     if (!opened && errno != ENXIO)  // a socket cannot be opened at all
-        throw opc::Exception(opc::Reason::CannotRead,
-                             "cannot open \"" + file + "\": " + std::strerror(errno));
+        throw opc::Exception(opc::Reason::CannotRead, "cannot open \"" + fl::i18n::shown(file) +
+                                                          "\": " + std::strerror(errno));
     if (!opened || !S_ISREG(st.st_mode)) throw opc::Exception("not a regular file");
     ZipDirectory directory =
         readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
