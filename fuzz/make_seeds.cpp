@@ -230,6 +230,36 @@ std::string rawZip(std::vector<RawEntry> entries, const Layout& layout,
     return out;
 }
 
+// Layouts other producers write: bytes after the end record (after a
+// comment too), a self-extracting stub in front, a part in pieces (and one
+// with a gap), the relationships content type in other case.
+void writeOddLayouts(const fs::path& folder, const std::vector<RawEntry>& base) {
+    const std::string plain = rawZip(base, {});
+    writeFile(folder / "zip-trailing-bytes", plain + std::string(64, '\0') + "SIGNATURE");
+    writeFile(folder / "zip-comment-then-trailing",
+              plain.substr(0, plain.size() - 2) + le(4, 2) + "note" + "SIGNATURE");
+    writeFile(folder / "zip-prepended-stub", std::string("MZ\x90\0stub", 8) + plain);
+    writeFile(folder / "opc-pieces",
+              rawZip({base[0], rawEntry("doc.txt/[1].LAST.piece", "second half"),
+                      rawEntry("doc.txt/[0].piece", "first half, "), base[2]},
+                     {}));
+    writeFile(folder / "opc-pieces-gap", rawZip({base[0], rawEntry("doc.txt/[0].piece", "first"),
+                                                 rawEntry("doc.txt/[2].last.piece", "third")},
+                                                {}));
+    const std::string types =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Types xmlns=\"http://schemas.openxmlformats."
+        "org/package/2006/content-types\"><Default Extension=\"txt\" ContentType=\"text/"
+        "plain\"/><Default Extension=\"RELS\" ContentType=\"Application/"
+        "VND.openxmlformats-package.relationships+XML\"/></Types>";
+    const std::string rels =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Relationships xmlns=\"http://"
+        "schemas.openxmlformats.org/package/2006/relationships\"><Relationship Id=\"r1\" "
+        "Type=\"urn:a\" Target=\"/a.txt\"/></Relationships>";
+    writeFile(folder / "opc-rels-type-case", rawZip({rawEntry("[Content_Types].xml", types),
+                                                     rawEntry("_rels/.rels", rels), base[1]},
+                                                    {}));
+}
+
 void writeHostileZips(const fs::path& folder) {
     const std::string types =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Types xmlns=\"http://schemas.openxmlformats."
@@ -253,6 +283,7 @@ void writeHostileZips(const fs::path& folder) {
         localHeader(base[0], false).size() + base[0].data.size() + localHeader(outer, false).size();
     const std::string bytes = rawZip({base[0], outer}, {}, {inner});
     writeFile(folder / "zip-overlapping", bytes);
+    writeOddLayouts(folder, base);
 }
 
 void writeManifests(const fs::path& folder) {
