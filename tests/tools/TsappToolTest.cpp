@@ -310,8 +310,7 @@ TEST_F(TsappTool, ForeignNamesShowEscapedAndTrailingBytesWarnOnce) {
     const struct {
         Args args;
         int status;
-        std::string out;  // a part of it
-        std::string err;
+        std::string out, err;  // a part of stdout, all of stderr
     } cases[] = {
         {{"check", latin, "tail.tsappinstall"},
          0,
@@ -322,7 +321,6 @@ TEST_F(TsappTool, ForeignNamesShowEscapedAndTrailingBytesWarnOnce) {
         {{"list", "tail.tsappinstall"}, 0, "/manifest.xml", warning},
         {{"extract", "tail.tsappinstall", "out\xe9"}, 0, "", warning},
         {{"extract", "--verify", "--allow-unsigned", "tail.tsappinstall", "out"}, 0, "", warning},
-        {{"verify", latin}, 1, "caf\\xe9.tsappinstall: BAD, unsigned\n", ""},
         {{"list", "\x1b[2J\xff.tsappinstall"},
          1,
          "",
