@@ -109,10 +109,6 @@ xercesc::DOMLSParser* package_xml_parser() {
     return parser.get();
 }
 
-// The item is parsed from bytes that stay in memory, so that digests are
-// checked and files extracted from the same bytes the package was
-// understood from. Past the parser's limit the item is refused as the
-// parser would refuse it, before anything is read.
 constexpr std::uint64_t kXmlLimit = XercesHelper::kMaxDocumentBytes;
 
 void refuse_oversized_xml(std::uint64_t size) {
@@ -121,6 +117,10 @@ void refuse_oversized_xml(std::uint64_t size) {
                                  " bytes");
 }
 
+// The item is parsed from bytes that stay in memory, so that digests are
+// checked and files extracted from the same bytes the package was
+// understood from. Past the parser's limit the item is refused as the
+// parser would refuse it, before anything is read.
 std::unique_ptr<InputStream> pinnedXml(opc::interfaces::IPhysicalPackage& container,
                                        const PhysicalEntry& entry) {
     refuse_oversized_xml(entry.size);
