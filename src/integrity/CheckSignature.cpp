@@ -8,6 +8,11 @@
 #include <openssl/asn1.h>
 #include <openssl/err.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
 #include "OpenSsl.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -18,14 +23,27 @@ using namespace detail;
 
 namespace {
 
+[[noreturn]] void refuseAnchors(const std::string& file, const std::string& cause) {
+    throw IntegrityError({FaultKind::CannotRead, file, "cannot load trust anchors: " + cause},
+                         "cannot load trust anchors from \"" + file + "\": " + cause);
+}
+
+// The system's reason comes first: OpenSSL's own text for a missing file
+// is a chain of library codes rather than "No such file or directory".
+void loadAnchors(X509_STORE* store, const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) refuseAnchors(file, std::strerror(EISDIR));
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> readable(std::fopen(file.c_str(), "rb"),
+                                                                   &std::fclose);
+    if (!readable) refuseAnchors(file, std::strerror(errno));
+    if (X509_STORE_load_file(store, file.c_str()) != 1)
+        refuseAnchors(file, opensslError("no PEM certificate in it"));
+}
+
 StorePtr trustStore(const std::vector<std::string>& anchors) {
     StorePtr store(X509_STORE_new());
     if (!store) throw IntegrityError(opensslError("out of memory"));
-    for (const std::string& file : anchors) {
-        if (X509_STORE_load_file(store.get(), file.c_str()) != 1)
-            throw IntegrityError(opensslError("cannot load trust anchors from \"" + file + "\""),
-                                 FaultKind::CannotRead);
-    }
+    for (const std::string& file : anchors) loadAnchors(store.get(), file);
     return store;
 }
 
@@ -157,6 +175,10 @@ Fault fault(FaultKind kind, const std::string& what) {
 }
 
 }  // namespace
+
+void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
+    trustStore(trustAnchors);
+}
 
 SignatureCheck checkSignature(const std::string& signature, const std::string& content,
                               const std::vector<std::string>& trustAnchors) {

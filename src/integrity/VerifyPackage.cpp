@@ -112,6 +112,7 @@ std::optional<DigestListPart> readDigestList(opc::model::Package& package,
 
 void checkAuthor(opc::model::Package& package, const std::string& list,
                  const VerificationPolicy& policy, VerificationReport& report) {
+    if (!policy.checkSignature) return;
     const auto signatureParts = targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
     if (signatureParts.empty()) {
         if (policy.requireSignature)

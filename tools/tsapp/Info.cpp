@@ -1,6 +1,7 @@
 // tsapp info: the manifest record as the library reads it. The manifest and
-// its faults come from the library's package check, without decoding every
-// part, so --no-verify can show a record whose seal is wrong.
+// its faults come from the library's package check, the whole of it, so
+// that a package info shows as verified is one check calls good, and
+// --no-verify can show the record of one it calls bad.
 
 #include <cstdio>
 #include <cstdlib>
@@ -101,7 +102,7 @@ void printHuman(const AppManifest& m) {
 
 int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
-    const auto report = tsappinstall::inspect::checkPackage(package, serializer, false);
+    const auto report = tsappinstall::inspect::checkPackage(package, serializer);
     if (!report.manifest || (verify && !report.good()))
         throw Failure(package, report.faults.front().detail);
     const std::string fault = report.good() ? "" : report.faults.front().detail;
@@ -123,9 +124,9 @@ int runInfo(const std::string& package, bool json, bool verify) {
 std::vector<Command> addInfo(CLI::App& app) {
     const auto json = std::make_shared<bool>(false), noVerify = std::make_shared<bool>(false);
     const PackageCommand info = addPackageCommand(app, "info", "Show the app's manifest.");
-    info.cli->add_flag("--json", *json, "Print one JSON object (schema in the README)");
+    info.cli->add_flag("--json", *json, "Print one JSON object (see JSON OUTPUT in tsapp(1))");
     info.cli->add_flag("--no-verify", *noVerify,
-                       "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
+                       "Show the manifest of a package the check calls bad, marked NOT VERIFIED");
     return {info.running(
         [=](const std::string& package) { return runInfo(package, *json, !*noVerify); })};
 }

@@ -49,4 +49,10 @@ struct SignatureCheck {
 TSAPP_API SignatureCheck checkSignature(const std::string& signature, const std::string& content,
                                         const std::vector<std::string>& trustAnchors);
 
+// Loads the PEM files as checkSignature would, so that a caller can refuse
+// an unusable trust file before it opens a package, whatever the package
+// holds. Throws IntegrityError whose fault names the file as its item and
+// the cause as its detail ("cannot load trust anchors: ...").
+TSAPP_API void checkTrustAnchors(const std::vector<std::string>& trustAnchors);
+
 }  // namespace tsappinstall::integrity

@@ -20,6 +20,9 @@ struct VerificationPolicy {
     // When false, a package without a signature passes on its digests; a
     // signature that is there is checked all the same.
     bool requireSignature = true;
+    // When false, only the digests are checked and the signature part is
+    // not read: what an extraction without a trust decision asks for.
+    bool checkSignature = true;
 };
 
 struct VerificationReport {
