@@ -225,7 +225,8 @@ std::vector<Command> addExtract(CLI::App& app) {
                       "Fail, changing nothing, when a file would be replaced");
     extract
         ->add_option("--max-size", e->settings.maxBytes,
-                     "Most bytes the parts may add up to (default: no limit but the free space)")
+                     "Most bytes the parts may add up to, as 500M or 2G (binary units K, M, G, T; "
+                     "default: no limit but the free space)")
         ->type_name("SIZE")
         ->transform(sizeValue());
     extract->add_flag("--sync", e->settings.sync,

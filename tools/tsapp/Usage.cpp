@@ -62,7 +62,7 @@ std::string sizeInBytes(std::string& value) {
 }  // namespace
 
 const CLI::Validator& sizeValue() {
-    static const CLI::Validator validator(sizeInBytes, "SIZE", "size");
+    static const CLI::Validator validator(sizeInBytes, "", "size");
     return validator;
 }
 
