@@ -309,6 +309,11 @@ TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
          {Args{"icon", "hello.tsappinstall", "-"}, Args{"part", "hello.tsappinstall", "icon", "-"},
           Args{"part", "hello.tsappinstall", "/icon.png", "-"}})
         EXPECT_TRUE(tsapp(args).out == read_file(sample("icon.png")));
+    // "-" reads the package from stdin through a copy that does not outlive the run.
+    fs::create_directory(dir.file("tmp"));
+    EXPECT_TRUE(tsapp({"icon", "-", "-"}, "TMPDIR=tmp <hello.tsappinstall").out ==
+                read_file(sample("icon.png")));
+    EXPECT_TRUE(fs::is_empty(dir.file("tmp")));
     EXPECT_EQ(tsapp({"part", "hello.tsappinstall", "manifest", "m.xml"}).status, 0);
     EXPECT_TRUE(read_file(dir.file("m.xml")) ==
                 zip_item(dir.file("hello.tsappinstall"), "manifest.xml"));

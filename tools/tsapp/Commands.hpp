@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -52,6 +53,19 @@ const CLI::Validator& sizeValue();
 // throws Failure otherwise.
 void requireAppFileName(const std::string& package);
 
+// The most bytes a package read from standard input may have: 4 GiB.
+inline constexpr std::uint64_t kMaxStdinBytes = std::uint64_t{4} << 30;
+
+// Runs `run` on the package file named, or for "-" on a copy of standard
+// input's bytes in a private temporary folder, removed afterwards; a
+// failure about that copy is about "stdin".
+int withPackage(const std::string& package, const std::function<int(const std::string&)>& run);
+
+// "-" is standard input in messages.
+inline std::string shownPackage(const std::string& package) {
+    return package == "-" ? "stdin" : package;
+}
+
 // A command whose first argument, PKG, is the one package it works on and
 // what its failures are about.
 struct PackageCommand {
@@ -59,18 +73,14 @@ struct PackageCommand {
     std::shared_ptr<std::string> package;
 
     Command running(std::function<int(const std::string& package)> run) const {
-        return {cli,
-                [package = package, run] {
-                    requireAppFileName(*package);
-                    return run(*package);
-                },
-                [package = package] { return *package; }};
+        return {cli, [package = package, run] { return withPackage(*package, run); },
+                [package = package] { return shownPackage(*package); }};
     }
 };
 
 inline PackageCommand addPackageCommand(CLI::App& app, const char* name, const char* description) {
     PackageCommand command{app.add_subcommand(name, description), std::make_shared<std::string>()};
-    command.cli->add_option("PKG", *command.package, "App package (*.tsappinstall)")
+    command.cli->add_option("PKG", *command.package, "App package (*.tsappinstall, - for stdin)")
         ->required()
         ->check(nonEmpty());
     return command;

@@ -155,13 +155,10 @@ std::vector<std::string> extractPackage(const std::filesystem::path& nativePath,
     return leftAside;
 }
 
-int runExtract(const std::string& package, const std::string& folder,
-               const ExtractSettings& settings) {
-    if (settings.noVerify && (settings.verify || !settings.trust.empty()))
-        throw UsageError("--no-verify", "cannot be combined with --verify or --trust");
-    checkTrustFiles(settings.trust);
-    requireAppFileName(package);
-    const std::filesystem::path packagePath = nativePath(package);
+// Extracts the package file at `path`; messages name `package`.
+int extractFrom(const std::string& path, const std::string& package, const std::string& folder,
+                const ExtractSettings& settings) {
+    const std::filesystem::path packagePath = nativePath(path);
     const std::filesystem::path nativeFolder = nativePath(folder);
     catchStopSignals();
     try {
@@ -186,6 +183,17 @@ int runExtract(const std::string& package, const std::string& folder,
         throw Failure(atDestination ? folder : package, causeOf(e));
     }
     return kGood;
+}
+
+// `package` as the user named it, "-" for standard input.
+int runExtract(const std::string& package, const std::string& folder,
+               const ExtractSettings& settings) {
+    if (settings.noVerify && (settings.verify || !settings.trust.empty()))
+        throw UsageError("--no-verify", "cannot be combined with --verify or --trust");
+    checkTrustFiles(settings.trust);
+    return withPackage(package, [&](const std::string& path) {
+        return extractFrom(path, shownPackage(package), folder, settings);
+    });
 }
 
 int runRecover(const std::string& folder, bool discardUnreadable) {
@@ -215,7 +223,7 @@ std::vector<Command> addExtract(CLI::App& app) {
     auto e = std::make_shared<ExtractOptions>();
     CLI::App* extract =
         app.add_subcommand("extract", "Unpack every part of the package into a folder.");
-    extract->add_option("PKG", e->package, "App package (*.tsappinstall)")
+    extract->add_option("PKG", e->package, "App package (*.tsappinstall, - for stdin)")
         ->required()
         ->check(nonEmpty());
     extract->add_option("DIR", e->folder, "Destination folder (created when missing)")
@@ -260,7 +268,7 @@ std::vector<Command> addExtract(CLI::App& app) {
 
     return {
         {extract, [e] { return runExtract(e->package, e->folder, e->settings); },
-         [e] { return e->package; }},
+         [e] { return shownPackage(e->package); }},
         {recover, [r] { return runRecover(r->folder, r->discard); }, [r] { return r->folder; }}};
 }
 

@@ -1,7 +1,9 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -22,6 +24,86 @@ void printError(const std::string& what) {
         if (c == '\n' || c == '\r') c = ' ';
     }
     std::cerr << "tsapp: " << line << '\n';
+}
+
+namespace {
+
+// Standard input copied into stdin.tsappinstall in a folder of its own
+// (mode 0700), both removed when done.
+class SpooledStdin {
+  public:
+    SpooledStdin() {
+        const char* tmp = std::getenv("TMPDIR");
+        std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/tsapp-stdin-XXXXXX";
+        if (::mkdtemp(folder.data()) == nullptr) fail(std::strerror(errno));
+        folder_ = folder;
+        path_ = folder_ + "/stdin.tsappinstall";
+        const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0) fail(std::strerror(errno));
+        const std::string why = copyStdin(fd);
+        if (::close(fd) != 0 && why.empty()) fail(std::strerror(errno));
+        if (!why.empty()) fail(why);
+    }
+    ~SpooledStdin() { remove(); }
+    SpooledStdin(const SpooledStdin&) = delete;
+    SpooledStdin& operator=(const SpooledStdin&) = delete;
+
+    const std::string& path() const { return path_; }
+
+  private:
+    void remove() {
+        if (!path_.empty()) ::unlink(path_.c_str());
+        if (!folder_.empty()) ::rmdir(folder_.c_str());
+    }
+
+    // A constructor that throws runs no destructor: the cleanup is here.
+    [[noreturn]] void fail(const std::string& why) {
+        remove();
+        throw Failure("stdin", "cannot be read: " + why);
+    }
+
+    // Why the copy failed, or empty.
+    static std::string copyStdin(int fd) {
+        char block[1 << 16];
+        std::uint64_t total = 0;
+        for (;;) {
+            const ssize_t got = ::read(STDIN_FILENO, block, sizeof block);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) return std::strerror(errno);
+            if (got == 0) return {};
+            total += static_cast<std::uint64_t>(got);
+            if (total > kMaxStdinBytes)
+                return "more than 4 GiB, the most a package on stdin may have";
+            for (ssize_t done = 0; done < got;) {
+                const ssize_t written =
+                    ::write(fd, block + done, static_cast<std::size_t>(got - done));
+                if (written < 0 && errno == EINTR) continue;
+                if (written < 0) return std::string("the temporary copy: ") + std::strerror(errno);
+                done += written;
+            }
+        }
+    }
+
+    std::string folder_;
+    std::string path_;
+};
+
+}  // namespace
+
+int withPackage(const std::string& package, const std::function<int(const std::string&)>& run) {
+    if (package != "-") {
+        requireAppFileName(package);
+        return run(package);
+    }
+    const SpooledStdin input;
+    try {
+        return run(input.path());
+    } catch (const UsageError&) {
+        throw;
+    } catch (const Failure& e) {
+        if (e.file() != input.path()) throw;
+        throw Failure("stdin", e.what());
+    }
 }
 
 std::string shownOutput(const std::string& output) {
