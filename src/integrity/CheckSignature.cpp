@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 
 #include "OpenSsl.hpp"
@@ -55,6 +56,28 @@ std::string subjectOf(X509* certificate) {
     char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
     return std::string(text, static_cast<std::size_t>(size));
+}
+
+std::string utcOf(const ASN1_TIME* time) {
+    std::tm parts{};
+    if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) return {};
+    char text[32];
+    return std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0 ? "" : text;
+}
+
+SignerCertificate describeCertificate(X509* certificate) {
+    SignerCertificate out;
+    unsigned char* der = nullptr;
+    const int size = i2d_X509(certificate, &der);
+    if (size > 0) {
+        Sha256 hash;
+        hash.update(der, static_cast<std::size_t>(size));
+        out.fingerprint = hash.finishHex();
+    }
+    OPENSSL_free(der);
+    out.notBefore = utcOf(X509_get0_notBefore(certificate));
+    out.notAfter = utcOf(X509_get0_notAfter(certificate));
+    return out;
 }
 
 // See signEd25519: pure Ed25519 over the content, no signed attributes.
@@ -206,6 +229,7 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
     X509* certificate = nullptr;
     CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
     check.signer = subjectOf(certificate);
+    check.certificate = describeCertificate(certificate);
     const bool matches = EVP_PKEY_id(X509_get0_pubkey(certificate)) == EVP_PKEY_ED25519
                              ? ed25519Matches(signer, certificate, content)
                              : CMS_verify(cms.get(), nullptr, store.get(), memoryBio(content).get(),

@@ -496,7 +496,7 @@ TEST_F(TsappTool, JsonOutputsKeepTheirShapeAndBadPackagesAreRefusedEverywhere) {
         "organization": "string"}, "supportedPlatforms": ["string"], "requiredProducts":
         [{"identifier": "string", "name": "string", "version": "string"}], "pathEntries":
         ["string"], "numFiles": "number", "created": "string|null", "appEntries": ["string"],
-        "verified": "boolean", "fault": "string"})");
+        "signature": "null", "verified": "boolean", "fault": "string"})");
     const struct {
         Args args;
         int status;
@@ -529,6 +529,32 @@ TEST_F(TsappTool, JsonOutputsKeepTheirShapeAndBadPackagesAreRefusedEverywhere) {
     EXPECT_FALSE(fs::exists(dir.file("out")));
     EXPECT_EQ(tsapp({"extract", "--no-verify", "bad.tsappinstall", "out"}).status, 0);
     EXPECT_EQ(read_file(dir.file("out/files/main.js")), "x");
+}
+
+// info names the signer by the certificate's own SHA-256 fingerprint, and
+// only the author's anchor makes verify trust it.
+TEST_F(TsappTool, SignedPackageShowsItsSignerAndVerifiesOnlyAgainstItsAnchor) {
+    const std::string keys = "cd " + quoted(dir.path()) +
+                             " && for n in a b; do openssl req -x509 -newkey ed25519 -nodes "
+                             "-keyout $n.key -out $n.pem -subj /CN=$n -days 2 2>/dev/null; done";
+    ASSERT_EQ(std::system(keys.c_str()), 0);
+    ASSERT_EQ(
+        tsapp({"pack", sample(), "-o", "s.tsappinstall", "--sign", "a.key", "--cert", "a.pem"})
+            .status,
+        0);
+    const std::string print = "openssl x509 -in " + quoted(dir.file("a.pem")) +
+                              " -noout -fingerprint -sha256 | tr -d : | tr A-F a-f >" +
+                              quoted(dir.file("print"));
+    ASSERT_EQ(std::system(print.c_str()), 0);
+    const auto info = nlohmann::json::parse(tsapp({"info", "--json", "s.tsappinstall"}).out);
+    EXPECT_EQ(info["signature"]["signer"], "CN=a");
+    EXPECT_EQ("sha256 fingerprint=" + info["signature"]["fingerprint"].get<std::string>() + "\n",
+              read_file(dir.file("print")));
+    EXPECT_EQ(info["signature"]["fault"], "");
+    EXPECT_EQ(tsapp({"verify", "-q", "--trust", "a.pem", "s.tsappinstall"}).status, 0);
+    const ToolRun other = tsapp({"verify", "--json", "--trust", "b.pem", "s.tsappinstall"});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_EQ(nlohmann::json::parse(other.out)["faults"][0]["kind"], "untrusted-signer");
 }
 
 }  // namespace

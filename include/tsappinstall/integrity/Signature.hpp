@@ -33,9 +33,18 @@ class TSAPP_API Signer {
     std::unique_ptr<Keys> keys_;
 };
 
+// The signer's certificate as the signature carries it, for people to
+// recognise; empty strings when no certificate could be read.
+struct SignerCertificate {
+    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    std::string notBefore;    // UTC, "2026-01-31T12:00:00Z"
+    std::string notAfter;
+};
+
 struct SignatureCheck {
     std::optional<Fault> fault;
     std::string signer;  // the signer's subject (RFC 2253), when it could be read
+    SignerCertificate certificate;
 };
 
 // Checks `signature` over `content` and the signer's chain against the
