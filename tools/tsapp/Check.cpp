@@ -50,15 +50,15 @@ Judge checker(const VerdictOptions& options, bool all) {
     } catch (const std::exception& e) {
         setupError = e.what();
     }
-    return [=](const std::string& package) {
+    return [=](const std::string& path, const std::string& shown) {
         inspect::Report report;
         try {
             report =
-                *serializer ? inspect::checkPackage(package, **serializer) : unchecked(setupError);
+                *serializer ? inspect::checkPackage(path, **serializer) : unchecked(setupError);
         } catch (const std::exception& e) {
             report = unchecked(e.what());
         }
-        return format(package, report, options, all);
+        return format(shown, report, options, all);
     };
 }
 
@@ -73,7 +73,9 @@ std::vector<Command> addCheck(CLI::App& app) {
     auto o = std::make_shared<Options>();
     CLI::App* check = app.add_subcommand(
         "check", "Check every part, the manifest, its seal and the files it lists.");
-    check->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
+    check->add_option("PKG", o->packages, "App packages (*.tsappinstall; one may be -, stdin)")
+        ->required()
+        ->check(nonEmpty());
     check->add_option("-j,--jobs", o->verdicts.jobs,
                       "Packages checked at once (default: one per core)");
     check->add_flag("--json", o->verdicts.json,

@@ -40,8 +40,11 @@ class OrderedPrinter {
 
 }  // namespace
 
-int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& options,
-             const std::function<Judge()>& makeJudge) {
+namespace {
+
+// `stdinCopy`: the file standard input was copied into, for "-".
+int judgeEach(const std::vector<std::string>& packages, const VerdictOptions& options,
+              const std::function<Judge()>& makeJudge, const std::string& stdinCopy) {
     unsigned jobs = options.jobs;
     if (jobs == 0) jobs = std::max(1u, std::thread::hardware_concurrency());
     jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, packages.size()));
@@ -54,7 +57,8 @@ int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& opt
     auto worker = [&] {
         const Judge judge = makeJudge();
         for (std::size_t i; (i = next++) < packages.size();) {
-            printer.put(i, judge(packages[i]));
+            const std::string& package = packages[i];
+            printer.put(i, judge(package == "-" ? stdinCopy : package, shownPackage(package)));
             doneSignal.notify_one();
         }
         std::lock_guard<std::mutex> lock(doneMutex);
@@ -77,6 +81,18 @@ int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& opt
     if (!options.json && !(options.quiet && bad == 0))
         std::cout << bad << " of " << packages.size() << " packages bad\n";
     return bad == 0 ? kGood : kBad;
+}
+
+}  // namespace
+
+int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& options,
+             const std::function<Judge()>& makeJudge) {
+    const auto fromStdin = std::count(packages.begin(), packages.end(), "-");
+    if (fromStdin > 1) throw UsageError("-", "standard input can be read only once");
+    if (fromStdin == 0) return judgeEach(packages, options, makeJudge, {});
+    return withPackage("-", [&](const std::string& copy) {
+        return judgeEach(packages, options, makeJudge, copy);
+    });
 }
 
 nlohmann::ordered_json faultJson(const tsappinstall::Fault& fault) {

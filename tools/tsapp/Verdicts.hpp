@@ -24,11 +24,13 @@ struct VerdictOptions {
     bool quiet = false;  // only the bad packages; no count when none is bad
 };
 
-// Judges one package. Each worker makes its own judge, so that what a
-// judge keeps (a compiled schema) is never shared between threads.
-using Judge = std::function<Verdict(const std::string& package)>;
+// Judges the package file at `path`, called `shown` in what it prints.
+// Each worker makes its own judge, so that what a judge keeps (a compiled
+// schema) is never shared between threads.
+using Judge = std::function<Verdict(const std::string& path, const std::string& shown)>;
 
-// The exit status: 0 when no package is bad, 1 otherwise.
+// The exit status: 0 when no package is bad, 1 otherwise. A package "-"
+// (at most one) is standard input, read before the first verdict.
 int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& options,
              const std::function<Judge()>& makeJudge);
 

@@ -68,7 +68,9 @@ std::vector<Command> addVerify(CLI::App& app) {
     auto o = std::make_shared<Options>();
     CLI::App* verify =
         app.add_subcommand("verify", "Check each package's content digests and author signature.");
-    verify->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
+    verify->add_option("PKG", o->packages, "App packages (*.tsappinstall; one may be -, stdin)")
+        ->required()
+        ->check(nonEmpty());
     verify->add_option("--trust", o->trust, "PEM file of trusted certificates (repeatable)")
         ->type_name("FILE")
         ->allow_extra_args(false)
@@ -84,8 +86,8 @@ std::vector<Command> addVerify(CLI::App& app) {
         checkTrustFiles(o->trust);
         const VerificationPolicy policy{o->trust, !o->allowUnsigned};
         return judgeAll(o->packages, o->verdicts, [o, policy] {
-            return [o, policy](const std::string& package) {
-                return format(package, verified(package, policy), o->verdicts);
+            return [o, policy](const std::string& path, const std::string& shown) {
+                return format(shown, verified(path, policy), o->verdicts);
             };
         });
     };
