@@ -121,8 +121,17 @@ TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
     EXPECT_EQ(list["parts"][2], nlohmann::json::parse(R"({"name": "/icon.png", "size": 248,
         "compressedSize": 248, "method": "stored", "crc32": "41b7fc61", "contentType": "image/png"})"));
     EXPECT_EQ(list["relationships"][1]["target"], "/icon.png");
-    EXPECT_NE(tsapp({"list", "hello.tsappinstall"}).out.find(" /files/lib/util.js\n"),
-              std::string::npos);
+    const std::string table = tsapp({"list", "hello.tsappinstall"}).out;
+    EXPECT_NE(table.find(" /files/lib/util.js\n"), std::string::npos);
+    unsigned long long size = 0, packed = 0;
+    for (const auto& part : list["parts"]) {
+        size += part["size"].get<unsigned long long>();
+        packed += part["compressedSize"].get<unsigned long long>();
+    }
+    char totals[80];
+    std::snprintf(totals, sizeof totals, "%10llu %10llu %5.1f%%   9 parts\n", size, packed,
+                  100.0 * (1.0 - static_cast<double>(packed) / size));
+    EXPECT_EQ(table.substr(table.rfind('\n', table.size() - 2) + 1), totals);
 }
 
 TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
@@ -240,6 +249,9 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
         {{"extract", "--keep", "hello.tsappinstall", "src"},
          1,
          "tsapp: src: cannot be written: the file \"_rels/.rels\" already exists\n"},
+        {{"extract", "--max-size", "1K", "hello.tsappinstall", "o"},
+         1,
+         "tsapp: hello.tsappinstall: the package would write more than the limit of 1024 bytes\n"},
         {{"pack", "src", "-o", "out.zip"},
          1,
          "tsapp: out.zip: the package's name must end in .tsappinstall\n"},
