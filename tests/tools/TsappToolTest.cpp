@@ -569,6 +569,33 @@ TEST_F(TsappTool, SignedPackageShowsItsSignerAndVerifiesOnlyAgainstItsAnchor) {
     EXPECT_EQ(nlohmann::json::parse(other.out)["faults"][0]["kind"], "untrusted-signer");
 }
 
+using TsappToolConcurrency = TsappTool;
+
+// check and verify judge packages on a pool of threads and print the
+// verdicts in the order given, each its own package's.
+TEST_F(TsappToolConcurrency, VerdictsFromSeveralThreadsKeepTheirPackagesAndOrder) {
+    packSample();
+    Args packages;
+    for (int i = 0; i < 6; ++i) {
+        packages.push_back(std::to_string(i) + ".tsappinstall");
+        fs::copy_file(dir.file("hello.tsappinstall"), dir.file(packages.back()));
+        if (i % 2) editItem(dir.file(packages.back()), "files/main.js", "x");
+    }
+    for (Args args : {Args{"check", "-j", "4", "--json"},
+                      Args{"verify", "-j", "4", "--json", "--allow-unsigned"}}) {
+        args.insert(args.end(), packages.begin(), packages.end());
+        const ToolRun run = tsapp(args);
+        EXPECT_EQ(run.status, 1) << run.err;
+        std::istringstream lines(run.out);
+        std::string line;
+        for (std::size_t i = 0; i < packages.size() && std::getline(lines, line); ++i) {
+            const auto verdict = nlohmann::json::parse(line);
+            EXPECT_EQ(verdict["package"], packages[i]);
+            EXPECT_EQ(verdict["good"], i % 2 == 0) << args[0] << " " << i;
+        }
+    }
+}
+
 }  // namespace
 
 #endif  // TSAPP_TOOL
