@@ -166,8 +166,10 @@ class StandardOutput::Buffer : public std::streambuf {
         while (size > 0 && error_ == 0) {
             const ssize_t written = ::write(STDOUT_FILENO, data, size);
             if (written < 0 && errno == EINTR) continue;
-            if (written < 0) error_ = errno;
-            if (written < 0) break;
+            if (written < 0) {
+                error_ = errno;
+                break;
+            }
             data += written;
             size -= static_cast<std::size_t>(written);
         }
