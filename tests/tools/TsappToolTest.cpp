@@ -326,6 +326,13 @@ TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
     EXPECT_TRUE(tsapp({"icon", "-", "-"}, "TMPDIR=tmp <hello.tsappinstall").out ==
                 read_file(sample("icon.png")));
     EXPECT_TRUE(fs::is_empty(dir.file("tmp")));
+    // A name that is not UTF-8 (Latin-1 here) is read as the bytes it is.
+    fs::copy_file(dir.file("hello.tsappinstall"), dir.file("caf\xe9.tsappinstall"));
+    for (const Args& args :
+         std::vector<Args>{{"check", "caf\xe9.tsappinstall"},
+                           {"verify", "--allow-unsigned", "caf\xe9.tsappinstall"},
+                           {"extract", "caf\xe9.tsappinstall", "caf\xe9"}})
+        EXPECT_EQ(tsapp(args, "LC_ALL=C.UTF-8").status, 0) << args[0];
     EXPECT_EQ(tsapp({"part", "hello.tsappinstall", "manifest", "m.xml"}).status, 0);
     EXPECT_TRUE(read_file(dir.file("m.xml")) ==
                 zip_item(dir.file("hello.tsappinstall"), "manifest.xml"));
