@@ -328,7 +328,7 @@ TEST_F(TsappTool, ForeignNamesShowEscapedAndTrailingBytesWarnOnce) {
         int status;
         std::string out, err;  // a part of stdout, all of stderr
     } cases[] = {
-        {{"check", latin, "tail.tsappinstall"},
+        {{"check", "-j", "1", latin, "tail.tsappinstall"},
          0,
          "caf\\xe9.tsappinstall: OK\ntail.tsappinstall: OK\n  warning: " + tail + "\n",
          ""},
