@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -58,11 +60,42 @@ std::vector<unsigned char> savedManifest(const AppManifest& manifest) {
     return bytes;
 }
 
-void writePackage(const PackPlan& plan, const std::string& path,
-                  const tsappinstall::integrity::Signer* signer) {
+// "N of M MB packed" on stderr, redrawn at most four times a second, and
+// cleared at the end.
+class ProgressLine {
+  public:
+    void update(std::uint64_t done, std::uint64_t total) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::milliseconds(250) && done != total) return;
+        last_ = now;
+        shown_ = true;
+        std::fprintf(stderr, "\r%.1f of %.1f MB packed", done / 1048576.0, total / 1048576.0);
+        std::fflush(stderr);
+    }
+    ~ProgressLine() {
+        if (shown_) std::fprintf(stderr, "\r\033[K");
+    }
+
+  private:
+    std::chrono::steady_clock::time_point last_{};
+    bool shown_ = false;
+};
+
+struct Written {
+    std::uint64_t size = 0;
+    std::string sha256;
+};
+
+Written writePackage(const PackPlan& plan, const std::string& path,
+                     const tsappinstall::integrity::Signer* signer, unsigned jobs) {
     using namespace Corvane::addons::apps;
     PackageWriter writer(path);
     writer.setModificationTime(plan.when);
+    writer.setJobs(jobs);
+    ProgressLine progress;
+    if (::isatty(STDERR_FILENO))
+        writer.setProgress(
+            [&](std::uint64_t done, std::uint64_t total) { progress.update(done, total); });
     const std::string manifestPart =
         writer.addPart("manifest.xml", "application/xml", savedManifest(plan.manifest));
     const std::string iconPart =
@@ -79,15 +112,7 @@ void writePackage(const PackPlan& plan, const std::string& path,
     writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
     writer.addDigests(signer);
     writer.commit();
-}
-
-std::string sha256Of(const std::string& path) {
-    tsappinstall::integrity::Sha256 sha;
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> buffer(1 << 16);
-    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
-        sha.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
-    return sha.finishHex();
+    return {writer.writtenSize(), writer.writtenSha256()};
 }
 
 // The package is written here first; removed unless it was renamed.
@@ -100,7 +125,7 @@ struct TemporaryPackage {
 };
 
 int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
-            const std::string& keyFile, const std::string& certificateFile) {
+            const std::string& keyFile, const std::string& certificateFile, unsigned jobs) {
     const fs::path destination(output);
     const std::string extension = std::string(".") + Corvane::addons::apps::APP_FILE_EXTENSION;
     if (destination.extension() != extension)
@@ -124,24 +149,24 @@ int runPack(const std::string& sourceFolder, const std::string& output, const st
          ("." + destination.stem().string() + "." + std::to_string(::getpid()) + extension))
             .string()};
     // From here on a failure is about the package being written.
-    std::uintmax_t size = 0;
-    std::string digest;
+    Written written;
     try {
-        writePackage(plan, temporary.path, signer ? &*signer : nullptr);
+        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, jobs);
+        // Every part is decoded again and checked against the digest list:
+        // that is what catches a fault of the compressor or of the disk.
         AppManifestSerializer serializer;
         const auto report = tsappinstall::inspect::checkPackage(temporary.path, serializer);
         if (!report.good())
             throw std::runtime_error("the written package fails its check: " +
                                      report.faults.front().detail);
-        size = fs::file_size(temporary.path);
-        digest = sha256Of(temporary.path);
         fs::rename(temporary.path, output);
     } catch (const std::exception& e) {
         throw Failure(output, causeOf(e));
     }
     temporary.path.clear();
-    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size
-              << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
+    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, "
+              << written.size << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 "
+              << written.sha256 << '\n';
     return kGood;
 }
 
@@ -154,6 +179,7 @@ std::vector<Command> addPack(CLI::App& app) {
         std::string guid;
         std::string key;
         std::string cert;
+        unsigned jobs = 0;
     };
     auto o = std::make_shared<Options>();
     CLI::App* pack = app.add_subcommand(
@@ -169,9 +195,12 @@ std::vector<Command> addPack(CLI::App& app) {
         pack->add_option("--sign", o->key, "Sign the digests with this PEM private key");
     auto* signCert =
         pack->add_option("--cert", o->cert, "The signer's PEM certificate (and chain)");
+    pack->add_option("-j,--jobs", o->jobs,
+                     "Files compressed at once (default: one per core); the package is the "
+                     "same whatever the number");
     signKey->needs(signCert);
     signCert->needs(signKey);
-    return {{pack, [o] { return runPack(o->folder, o->output, o->guid, o->key, o->cert); },
+    return {{pack, [o] { return runPack(o->folder, o->output, o->guid, o->key, o->cert, o->jobs); },
              [o] { return o->folder; }}};
 }
 

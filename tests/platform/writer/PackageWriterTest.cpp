@@ -27,7 +27,8 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     const auto bytes_of = [](const std::string& s) {
         return std::vector<unsigned char>(s.begin(), s.end());
     };
-    writer.addPart("manifest.xml", "application/xml", bytes_of("<m/>"));
+    const std::string manifest = "<m>" + std::string(100, 'x') + "</m>";
+    writer.addPart("manifest.xml", "application/xml", bytes_of(manifest));
     writer.addPart("icon.png", "image/png", bytes_of(std::string("\x89PNG\r\n\x1a\n\0", 9)),
                    PackageWriter::Compression::Stored);
     writer.addPart("data/notes.xml", "text/x-notes", bytes_of("n"));
@@ -57,4 +58,6 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     EXPECT_EQ(zip_item(out, "icon.png"), std::string("\x89PNG\r\n\x1a\n\0", 9));
     EXPECT_EQ(z.get16(z.centralHeader("icon.png") + 10), 0);      // stored
     EXPECT_EQ(z.get16(z.centralHeader("manifest.xml") + 10), 8);  // deflated
+    EXPECT_EQ(zip_item(out, "manifest.xml"), manifest);
+    EXPECT_EQ(z.get16(z.centralHeader("bin/run") + 10), 0);  // deflate would not shrink it
 }
