@@ -17,9 +17,12 @@
 namespace opc::zippackage::detail {
 namespace {
 
-// libdeflate's level 6 gives smaller output than zlib's 6 (zip's default)
-// in less than half the time.
-constexpr int kLevel = 6;
+// libdeflate's level 7: measured in one process (bench_deflate), it deflates
+// C headers 0.8% smaller than zlib's 6 (zip's default) in half the time, and
+// the bench folder's small-vocabulary text 0.2% larger in 0.76 of the time;
+// its level 6 is 2.6% larger there, so 7 is the level that keeps packages
+// about as small as zip's.
+constexpr int kLevel = 7;
 constexpr std::size_t kPieceBytes = 1 << 20;
 
 std::string sha256Of(const unsigned char* data, std::size_t size) {
