@@ -26,7 +26,7 @@ struct EncodingJob {
 
 class ParallelEncoding {
   public:
-    static constexpr std::uint64_t kBudgetBytes = 32u << 20;
+    static constexpr std::uint64_t kBudgetBytes = 16u << 20;
 
     ParallelEncoding(std::vector<EncodingJob> jobs, unsigned threads);
     ~ParallelEncoding();  // abandons what is left and joins the threads

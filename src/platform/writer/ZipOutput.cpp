@@ -75,21 +75,24 @@ void ZipOutput::write(const void* data, std::size_t size) {
         return;
     }
     flush();
-    buffer_.assign(bytes, bytes + size);
-    flush();
+    writeAll(bytes, size);  // large data goes out without a copy
 }
 
 void ZipOutput::flush() {
+    writeAll(buffer_.data(), buffer_.size());
+    buffer_.clear();
+}
+
+void ZipOutput::writeAll(const unsigned char* data, std::size_t size) {
     std::size_t done = 0;
-    while (done < buffer_.size()) {
-        const ssize_t n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
+    while (done < size) {
+        const ssize_t n = ::write(fd_, data + done, size - done);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0)
             throw opc::Exception("cannot write the package \"" + path_ +
                                  "\": " + std::strerror(errno));
         done += static_cast<std::size_t>(n);
     }
-    buffer_.clear();
 }
 
 void ZipOutput::localHeader(const ZipEntryRecord& entry, bool zip64) {

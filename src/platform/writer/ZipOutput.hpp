@@ -54,6 +54,7 @@ class ZipOutput {
     void endRecords(std::uint64_t directoryOffset, std::uint64_t directorySize);
     void write(const void* data, std::size_t size);
     void flush();
+    void writeAll(const unsigned char* data, std::size_t size);
 
     int fd_;
     std::string path_;
