@@ -22,6 +22,7 @@ export SOURCE_DATE_EPOCH=1700000000
 
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
+ratio3() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.4fx", a / b}'; }
 
 # make_source FOLDER PACKAGE: the package's app files, with what pack needs.
 make_source() {
@@ -76,7 +77,7 @@ for tool in tsapp j1 j2 zip; do
   printf '%-8s %9s %8s %9s %8s %12s %8s %12s\n' "$tool" "${med[$tool]}" \
     "$(ratio "${med[zip]}" "${med[$tool]}")" "${cpu[$tool]}" \
     "$(ratio "${cpu[zip]}" "${cpu[$tool]}")" "${size[$tool]}" \
-    "$(ratio "${size[$tool]}" "${size[zip]}")" "$((mem[$tool] / 1024))"
+    "$(ratio3 "${size[$tool]}" "${size[zip]}")" "$((mem[$tool] / 1024))"
 done
 echo "(time ratios: how many times as fast as zip; size ratio: tsapp's bytes over zip's)"
 echo "goal: tsapp >= 2.5x as fast as zip, no larger; -j 2 against -j 1: $(ratio "${med[j1]}" "${med[j2]}")"
