@@ -36,8 +36,9 @@ std::size_t zlibSize(const std::string& in, std::vector<unsigned char>& out, int
 std::size_t libdeflateSize(libdeflate_compressor* c, const std::string& in,
                            std::vector<unsigned char>& out) {
     out.resize(in.size());
-    const std::size_t size =
-        in.empty() ? 0 : libdeflate_deflate_compress(c, in.data(), in.size(), out.data(), in.size() - 1);
+    const std::size_t size = in.empty() ? 0
+                                        : libdeflate_deflate_compress(c, in.data(), in.size(),
+                                                                      out.data(), in.size() - 1);
     return size != 0 ? size : in.size();
 }
 
@@ -56,8 +57,8 @@ int main(int argc, char** argv) {
         files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
         total += files.back().size();
     }
-    std::printf("%zu files, %.1f MB\n%-14s %8s %12s\n", files.size(), total / 1e6, "deflater",
-                "s", "bytes");
+    std::printf("%zu files, %.1f MB\n%-14s %8s %12s\n", files.size(), total / 1e6, "deflater", "s",
+                "bytes");
     std::vector<unsigned char> out;
     const auto report = [&](const std::string& name, Clock::time_point start, std::size_t size) {
         std::printf("%-14s %8.2f %12zu\n", name.c_str(),
