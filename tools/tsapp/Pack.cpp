@@ -181,7 +181,9 @@ void listPlan(const PackPlan& plan, bool json) {
     if (json) {
         nlohmann::ordered_json files = nlohmann::ordered_json::array();
         for (const auto& [path, size] : parts) files.push_back({{"path", path}, {"size", size}});
-        std::cout << nlohmann::ordered_json{{"package", plan.output}, {"files", files}, {"bytes", total}}
+        std::cout << nlohmann::ordered_json{{"package", plan.output},
+                                            {"files", files},
+                                            {"bytes", total}}
                          .dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
         return;
@@ -239,10 +241,10 @@ int runPack(const PackOptions& o) {
     const std::size_t parts = plan.files.size() + (signer ? 6 : 5);
     if (o.json)
         std::cout << nlohmann::ordered_json{{"package", output},
-                                    {"size", written.size},
-                                    {"sha256", written.sha256},
-                                    {"guid", plan.manifest.GUID},
-                                    {"parts", parts}}
+                                            {"size", written.size},
+                                            {"sha256", written.sha256},
+                                            {"guid", plan.manifest.GUID},
+                                            {"parts", parts}}
                          .dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
     else if (!o.quiet)
