@@ -285,14 +285,20 @@ std::vector<Command> addPack(CLI::App& app) {
         pack->add_option("--sign", o->key, "Sign the digests with this PEM private key");
     auto* signCert =
         pack->add_option("--cert", o->cert, "The signer's PEM certificate (and chain)");
-    auto* passFile = pack->add_option("--pass-file", o->passFile,
-                                      "Read the key's passphrase from the first line of this file");
-    auto* passEnv = pack->add_option("--pass-env", o->passEnv,
-                                     "Take the key's passphrase from this environment variable");
+    pack->add_option("--pass-file", o->passFile,
+                     "Read the key's passphrase from the first line of this file");
+    pack->add_option("--pass-env", o->passEnv,
+                     "Take the key's passphrase from this environment variable");
     signKey->needs(signCert);
     signCert->needs(signKey);
-    passFile->needs(signKey)->excludes(passEnv);
-    passEnv->needs(signKey);
+    // Checked here rather than with needs() and excludes(), whose notes
+    // would push the options' help onto a line of its own.
+    pack->parse_complete_callback([o] {
+        if (!o->passFile.empty() && !o->passEnv.empty())
+            throw CLI::ValidationError("--pass-file", "cannot be given with --pass-env");
+        if ((!o->passFile.empty() || !o->passEnv.empty()) && o->key.empty())
+            throw CLI::ValidationError("--pass-file/--pass-env", "needs --sign");
+    });
     return {{pack, [o] { return runPack(*o); }, [o] { return o->request.source.string(); }}};
 }
 
