@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
@@ -478,6 +479,38 @@ TEST_F(TsappTool, PackLeavesOutIgnoredFilesAndReportsWhatItWrote) {
                                  .dump());
     EXPECT_EQ(zip_item(dir.file("Hello_Tessal-1.2.0.tsappinstall"), "files/keep.log"), "k");
     EXPECT_EQ(tsapp({"pack", "src", "-q", "-o", "q.tsappinstall"}).out, "");
+}
+
+// Which app files a set of ignore rules leaves in, as --dry-run lists them.
+TEST_F(TsappTool, IgnoreRulesFollowGitignoreSyntax) {
+    fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
+    for (const char* folder : {"lib", "docs/x"})
+        fs::create_directories(dir.file("src/files/") + folder);
+    for (const char* name : {"a.log", "lib/b.log", "docs/x/y.md", ".hidden"})
+        write_file(dir.file("src/files/") + name, "k");
+    const struct {
+        std::string rules, packed;
+    } cases[] = {
+        {"*.log", ".hidden README.txt data/config.json docs/x/y.md lib/util.js main.js "},
+        {"/*.log",
+         ".hidden README.txt data/config.json docs/x/y.md lib/b.log lib/util.js main.js "},
+        {"lib/\n.*", "README.txt a.log data/config.json docs/x/y.md main.js "},
+        {"docs/**\n!docs/x/y.md\n*.log\n!lib/b.log",
+         ".hidden README.txt data/config.json lib/b.log lib/util.js main.js "},
+        {"**/y.md\n\\#x\n  \n# lib",
+         ".hidden README.txt a.log data/config.json lib/b.log lib/util.js main.js "},
+        {"d?cs\n[a-c].log", ".hidden README.txt data/config.json lib/util.js main.js "},
+    };
+    for (const auto& c : cases) {
+        write_file(dir.file("src/.tsappignore"), c.rules);
+        const ToolRun run = tsapp({"pack", "src", "--dry-run"});
+        std::string packed;
+        std::istringstream lines(run.out);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("\tfiles/") != std::string::npos)
+                packed += line.substr(line.find("\tfiles/") + 7) + " ";
+        EXPECT_EQ(packed, c.packed) << c.rules;
+    }
 }
 
 TEST_F(TsappTool, PackSignsWithoutATerminalAndWarnsOfAnUnfitCertificate) {
