@@ -29,16 +29,17 @@ struct VerificationReport {
     bool ok() const { return faults.empty(); }
 };
 
-// Reads the package once. Every fault is reported, not only the first.
+// Reads the package once, its parts decoded and hashed on `threads`
+// threads (0: one per core). Every fault is reported, not only the first.
 // Throws IntegrityError when a trust file cannot be read.
 TSAPP_API VerificationReport verifyPackage(const std::filesystem::path& path,
-                                           const VerificationPolicy& policy);
+                                           const VerificationPolicy& policy, unsigned threads = 1);
 
 // The same for a package already open. The digest and signature parts
 // (and, since the package was opened, its content types and relationships)
 // stay pinned in memory: whatever reads them from `package` later gets the
 // bytes verified here, even if the file has been rewritten meanwhile.
 TSAPP_API VerificationReport verifyPackage(opc::model::Package& package,
-                                           const VerificationPolicy& policy);
+                                           const VerificationPolicy& policy, unsigned threads = 1);
 
 }  // namespace tsappinstall::integrity
