@@ -3,6 +3,7 @@
 // The analysis is the library's package check; this file only runs it on a
 // pool of workers, each with its own serializer so the schema is compiled
 // once per worker rather than once per package, and prints the reports.
+// Threads that would find no package of their own decode parts instead.
 
 #include <algorithm>
 #include <atomic>
@@ -93,9 +94,12 @@ class OrderedPrinter {
 };
 
 int runCheck(const std::vector<std::string>& packages, const CheckOptions& options) {
-    unsigned jobs = options.jobs;
-    if (jobs == 0) jobs = std::max(1u, std::thread::hardware_concurrency());
-    jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, packages.size()));
+    const unsigned asked =
+        options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+    // Fewer packages than jobs: the jobs left over decode the parts of one
+    // package on several threads.
+    const auto jobs = static_cast<unsigned>(std::min<std::size_t>(asked, packages.size()));
+    const unsigned threadsPerPackage = std::max(1u, asked / jobs);
     OrderedPrinter printer(packages.size());
     std::atomic<std::size_t> next{0};
     std::mutex doneMutex;
@@ -113,7 +117,8 @@ int runCheck(const std::vector<std::string>& packages, const CheckOptions& optio
         for (std::size_t i; (i = next++) < packages.size();) {
             inspect::Report report;
             try {
-                report = serializer ? inspect::checkPackage(packages[i], *serializer)
+                report = serializer ? inspect::checkPackage(packages[i], *serializer, true,
+                                                            threadsPerPackage)
                                     : unchecked(setupError);
             } catch (const std::exception& e) {
                 report = unchecked(e.what());
@@ -153,8 +158,9 @@ std::vector<Command> addCheck(CLI::App& app) {
     CLI::App* check = app.add_subcommand(
         "check", "Check every part, the manifest, its seal and the files it lists.");
     check->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
-    check->add_option("-j,--jobs", o->checking.jobs,
-                      "Packages checked at once (default: one per core)");
+    check->add_option(
+        "-j,--jobs", o->checking.jobs,
+        "Threads checking packages, or the parts of fewer packages (default: one per core)");
     check->add_flag("--json", o->checking.json,
                     "One JSON object per line and package, every fault");
     check->add_flag("-q,--quiet", o->checking.quiet, "Print only the bad packages");

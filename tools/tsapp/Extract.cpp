@@ -37,6 +37,7 @@ struct ExtractSettings {
     bool verify = false;
     std::vector<std::string> trust;  // implies verify
     bool allowUnsigned = false;
+    unsigned jobs = 0;  // parts written at once; 0: one per core
 };
 
 // Shows "bytes and parts done" on stderr once the extraction has run for
@@ -82,11 +83,16 @@ void catchStopSignals() {
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-opc::extraction::Options optionsOf(const ExtractSettings& settings) {
+// `progress` must outlive the extraction.
+opc::extraction::Options optionsOf(const ExtractSettings& settings, ProgressLine& progress) {
     opc::extraction::Options options;
     options.maxBytes = settings.maxBytes;
     options.sync = settings.sync;
     options.cancelled = [] { return caughtSignal != 0; };
+    options.threads = settings.jobs;
+    if (::isatty(STDERR_FILENO))
+        options.progress = [&progress](std::uint64_t b, std::uint64_t tb, std::size_t p,
+                                       std::size_t tp) { progress.update(b, tb, p, tp); };
     return options;
 }
 
@@ -99,14 +105,9 @@ std::vector<std::string> extract(const std::filesystem::path& nativePath,
                                  const std::filesystem::path& nativeFolder,
                                  const ExtractSettings& settings) {
     opc::model::OpenedPackage package(nativePath);
-    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
-                                       optionsOf(settings));
     ProgressLine progress;
-    if (::isatty(STDERR_FILENO)) {
-        manager.setProgress([&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {
-            progress.update(b, tb, p, tp);
-        });
-    }
+    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
+                                       optionsOf(settings, progress));
     auto outcome =
         manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
                            opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
@@ -121,9 +122,10 @@ std::vector<std::string> extractVerified(const std::filesystem::path& nativePath
                                          const ExtractSettings& settings,
                                          const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
+    ProgressLine progress;
     const integrity::VerifiedExtraction result = integrity::extractVerified(
-        nativePath, nativeFolder, {settings.trust, !settings.allowUnsigned}, optionsOf(settings),
-        replaceModeOf(settings));
+        nativePath, nativeFolder, {settings.trust, !settings.allowUnsigned},
+        optionsOf(settings, progress), replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
         printError(shown + ": " + tsappinstall::describe(fault));
@@ -211,6 +213,8 @@ std::vector<Command> addExtract(CLI::App& app) {
         ->allow_extra_args(false);
     extract->add_flag("--allow-unsigned", e->settings.allowUnsigned,
                       "With --verify, accept a package without a signature when its digests match");
+    extract->add_option("-j,--jobs", e->settings.jobs,
+                        "Parts written at once, each on a thread (default: one per core)");
 
     struct RecoverOptions {
         std::string folder;

@@ -16,11 +16,11 @@ namespace {
 using namespace tsappinstall::integrity;
 
 int runVerify(const std::vector<std::string>& packages, const std::vector<std::string>& trust,
-              bool allowUnsigned) {
+              bool allowUnsigned, unsigned jobs) {
     const VerificationPolicy policy{trust, !allowUnsigned};
     int status = kGood;
     for (const std::string& path : packages) {
-        const VerificationReport report = verifyPackage(path, policy);
+        const VerificationReport report = verifyPackage(path, policy, jobs);
         std::cout << path << ": " << (report.ok() ? "OK" : "BAD");
         const bool unreadable =
             !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
@@ -42,6 +42,7 @@ std::vector<Command> addVerify(CLI::App& app) {
         std::vector<std::string> packages;
         std::vector<std::string> trust;
         bool allowUnsigned = false;
+        unsigned jobs = 0;
     };
     auto o = std::make_shared<Options>();
     CLI::App* verify =
@@ -51,9 +52,11 @@ std::vector<Command> addVerify(CLI::App& app) {
         ->allow_extra_args(false);
     verify->add_flag("--allow-unsigned", o->allowUnsigned,
                      "Accept a package without a signature when its digests match");
+    verify->add_option("-j,--jobs", o->jobs,
+                       "Threads decoding and hashing each package's parts (default: one per core)");
     // Each package's verdict is printed on its own; what escapes is about
     // no one file.
-    return {{verify, [o] { return runVerify(o->packages, o->trust, o->allowUnsigned); },
+    return {{verify, [o] { return runVerify(o->packages, o->trust, o->allowUnsigned, o->jobs); },
              [] { return std::string(); }}};
 }
 
