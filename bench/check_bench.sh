@@ -26,8 +26,8 @@ python3 "$here/make_big_package.py" "$pkg"
 
 # The same files packed and signed by tsapp, with a manifest, for verify.
 src=$work/src
-"$tsapp" extract "$pkg" "$src/files" >/dev/null
-rm -rf "$src/files/_digests" "$src/files/_rels"
+"$tsapp" extract "$pkg" "$src" >/dev/null
+rm -rf "$src/_digests" "$src/_rels"
 head -c 2000 /dev/urandom >"$src/icon.png"
 cp "$src/icon.png" "$src/screenshot.png"
 cat >"$src/tsapp.json" <<'EOF'
