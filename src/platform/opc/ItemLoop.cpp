@@ -133,7 +133,8 @@ void share(Loop& loop, WorkQueue& queue) noexcept {
 }  // namespace
 
 unsigned threadCount(unsigned asked) {
-    return asked ? asked : std::max(1u, std::thread::hardware_concurrency());
+    return std::min(asked ? asked : std::max(1u, std::thread::hardware_concurrency()),
+                    kMostThreads);
 }
 
 void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>& beforePiece) {
@@ -153,9 +154,10 @@ void readEveryItem(Package& package, const std::vector<ItemSink*>& sinks,
     std::stable_sort(items.begin(), items.end(),
                      [](const Item& a, const Item& b) { return a.size > b.size; });
     WorkQueue queue(std::move(items));
+    // A thread without an item of its own would only cost its buffer.
     std::vector<std::unique_ptr<Loop>> loops;
-    for (ItemSink* sink : sinks)
-        loops.push_back(std::make_unique<Loop>(package, *sink, beforePiece, &queue));
+    for (std::size_t i = 0; i < std::min(sinks.size(), names.size() + 1); ++i)
+        loops.push_back(std::make_unique<Loop>(package, *sinks[i], beforePiece, &queue));
     std::vector<std::thread> helpers;
     try {
         for (std::size_t i = 1; i < loops.size(); ++i)

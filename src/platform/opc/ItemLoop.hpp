@@ -38,9 +38,10 @@ class ItemSink {
 // may throw from it.
 void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>& beforePiece = {});
 
-// The same read on as many threads as there are sinks (the calling thread
-// is one of them), each pouring the items it takes into its own sink, so
-// sinks share nothing the loop knows of. With several sinks the largest
+// The same read on as many threads as there are sinks, or items if fewer
+// (the calling thread is one of them), each pouring the items it takes
+// into its own sink, so sinks share nothing the loop knows of. With
+// several sinks the largest
 // items are taken first, so that a big part starts at once while the
 // others share the rest. When a sink or `beforePiece` (called from every
 // thread) throws, the other threads stop before their next piece, leaving
@@ -49,7 +50,9 @@ void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>
 void readEveryItem(Package& package, const std::vector<ItemSink*>& sinks,
                    const std::function<void()>& beforePiece = {});
 
-// The threads a caller asking for `asked` gets: 0 asks for one per core.
+// The threads a caller asking for `asked` gets: 0 asks for one per core,
+// and none gets more than kMostThreads (each holds its buffers).
+inline constexpr unsigned kMostThreads = 64;
 unsigned threadCount(unsigned asked);
 
 }  // namespace opc::model

@@ -68,8 +68,9 @@ struct Options {
     // Not owned; null for none.
     PartObserver* observer = nullptr;
     // Parts inflated, checked and written at once, each on a thread of its
-    // own (the calling thread among them); 0 means one per core. A big part
-    // streams through one thread while the others take the small ones.
+    // own (the calling thread among them); 0 means one per core, and more
+    // than 64 are not started. A big part streams through one thread while
+    // the others take the small ones.
     unsigned threads = 1;
     // Called after each part is written and after every MiB written of a
     // large one (so that it moves while one big file is written), never by
