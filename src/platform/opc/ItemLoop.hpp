@@ -41,12 +41,11 @@ void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>
 // The same read on as many threads as there are sinks, or items if fewer
 // (the calling thread is one of them), each pouring the items it takes
 // into its own sink, so sinks share nothing the loop knows of. With
-// several sinks the largest
-// items are taken first, so that a big part starts at once while the
-// others share the rest. When a sink or `beforePiece` (called from every
-// thread) throws, the other threads stop before their next piece, leaving
-// their sinks where they were, and the first exception is rethrown once
-// all have stopped.
+// several sinks the largest items are taken first, so that a big part
+// starts at once while the others share the rest. When a sink or
+// `beforePiece` (called from every thread) throws, the other threads stop
+// before their next piece, leaving their sinks where they were, and the
+// first exception is rethrown once all have stopped.
 void readEveryItem(Package& package, const std::vector<ItemSink*>& sinks,
                    const std::function<void()>& beforePiece = {});
 
