@@ -128,9 +128,10 @@ std::vector<Fault> decodeEveryPart(opc::model::Package& package, unsigned thread
     std::optional<DigestCheck> digests = digestCheckOf(package, found);
     const std::vector<PartName> unlisted = integrity::detail::integrityParts(package);
     Unreadable unreadable;
-    const integrity::detail::SinksPerThread<CheckSink> sinks(threads, [&] {
-        return std::make_unique<CheckSink>(digests ? &*digests : nullptr, unlisted, unreadable);
-    });
+    const opc::model::SinksPerThread<CheckSink> sinks(
+        opc::model::threadCount(threads), [&](unsigned) {
+            return std::make_unique<CheckSink>(digests ? &*digests : nullptr, unlisted, unreadable);
+        });
     opc::model::readEveryItem(package, sinks.sinks);
     unreadable.report(report);
     if (digests) {

@@ -3,7 +3,6 @@
 // Walking the items a digest list covers in an open package.
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,22 +37,6 @@ class DigestSink : public opc::model::ItemSink {
     std::vector<opc::model::PartName> skipped_;
     bool contentTypesOnly_;
     std::optional<DigestCheck::Item> item_;
-};
-
-// The sinks of a read on `threads` threads (0: one per core), each made
-// by `make`, and the pointers the read takes.
-template <class Sink>
-struct SinksPerThread {
-    std::vector<std::unique_ptr<Sink>> owned;
-    std::vector<opc::model::ItemSink*> sinks;
-
-    template <class Make>
-    SinksPerThread(unsigned threads, Make make) {
-        for (unsigned i = 0; i < opc::model::threadCount(threads); ++i) {
-            owned.push_back(make());
-            sinks.push_back(owned.back().get());
-        }
-    }
 };
 
 // The digest and signature parts: never themselves covered.

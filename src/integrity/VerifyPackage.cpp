@@ -84,8 +84,9 @@ void checkDigests(opc::model::Package& package, const DigestList& list, unsigned
                   std::vector<Fault>& faults) {
     DigestCheck check(list);
     const std::vector<PartName> skipped = integrityParts(package);
-    const detail::SinksPerThread<detail::DigestSink> sinks(
-        threads, [&] { return std::make_unique<detail::DigestSink>(check, skipped); });
+    const opc::model::SinksPerThread<detail::DigestSink> sinks(
+        opc::model::threadCount(threads),
+        [&](unsigned) { return std::make_unique<detail::DigestSink>(check, skipped); });
     opc::model::readEveryItem(package, sinks.sinks);
     const std::vector<Fault>& found = check.finish();
     faults.insert(faults.end(), found.begin(), found.end());

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -195,16 +196,15 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
         observers = observersFor(*observer, threads);
         if (observers.empty()) threads = 1;
     }
-    std::vector<std::unique_ptr<ExtractionSink>> sinks;
-    for (unsigned i = 0; i < threads; ++i)
-        sinks.push_back(std::make_unique<ExtractionSink>(
-            plan, staging, *ops_, observers.empty() ? observer : observers[i].get(), progress));
-    std::vector<model::ItemSink*> each;
-    for (const auto& sink : sinks) each.push_back(sink.get());
-    model::readEveryItem(package_, each, [this] {
+    std::optional<model::SinksPerThread<ExtractionSink>> sinks(
+        std::in_place, threads, [&](unsigned i) {
+            return std::make_unique<ExtractionSink>(
+                plan, staging, *ops_, observers.empty() ? observer : observers[i].get(), progress);
+        });
+    model::readEveryItem(package_, sinks->sinks, [this] {
         if (options_.cancelled && options_.cancelled()) cancelled();
     });
-    sinks.clear();
+    sinks.reset();
     if (options_.cancelled && options_.cancelled()) cancelled();
     if (observer) observer->beforeCommit();
     staging.commit();

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,22 @@ void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>
 // first exception is rethrown once all have stopped.
 void readEveryItem(Package& package, const std::vector<ItemSink*>& sinks,
                    const std::function<void()>& beforePiece = {});
+
+// The sinks of a read on `threads` threads, the i-th made by `make(i)`,
+// and the pointers the read takes.
+template <class Sink>
+struct SinksPerThread {
+    std::vector<std::unique_ptr<Sink>> owned;
+    std::vector<ItemSink*> sinks;
+
+    template <class Make>
+    SinksPerThread(unsigned threads, Make make) {
+        for (unsigned i = 0; i < threads; ++i) {
+            owned.push_back(make(i));
+            sinks.push_back(owned.back().get());
+        }
+    }
+};
 
 // The threads a caller asking for `asked` gets: 0 asks for one per core,
 // and none gets more than kMostThreads (each holds its buffers).
