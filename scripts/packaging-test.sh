@@ -82,12 +82,15 @@ completion=$root/usr/share/bash-completion/completions/tsapp
 mkdir "$scratch/cwd" "$scratch/cwd/folder" && touch "$scratch/cwd/a.tsappinstall" "$scratch/cwd/b.txt"
 got=$(cd "$scratch/cwd" && bash -c 'source "$1"; complete -p tsapp
     c() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _tsapp; echo "${COMPREPLY[*]}"; }
-    c "$2" ch; c "$2" check --j; c "$2" check ""; c "$2" extract a.tsappinstall ""' _ "$completion" "$tsapp")
+    c "$2" ch; c "$2" check --j; c "$2" check ""; c "$2" extract a.tsappinstall ""
+    c "$2" extract --max-size 5M a.tsappinstall ""; c "$2" part a.tsappinstall m' _ "$completion" "$tsapp")
 expected="complete -F _tsapp tsapp
 check
 --jobs --json
 folder a.tsappinstall
-folder"
+folder
+folder
+manifest"
 [ "$got" = "$expected" ] || { printf 'got:\n%s\n' "$got" >"$log"; fail "bash completion"; }
 
 # A program builds against the -dev package alone and reads the package.

@@ -34,7 +34,7 @@ enum class FaultKind : int {
     UnreadableItem,      // a part's bytes disagree with its size or CRC-32 while read
     NoManifest,          // not exactly one manifest relationship, or no such part
     BadManifest,         // unreadable, not well-formed, or refused by the schema
-    BadSignature,        // the manifest's seal is missing or wrong
+    BadSeal,             // the manifest's seal is missing or wrong
     WrongFileCount,      // numFiles is not a number, or not the number of app entries
     BrokenRelationship,  // the icon or screenshot relationship names no part
     MissingAppFile,      // an app entry has no part (packer's layout only)
@@ -51,6 +51,9 @@ enum class FaultKind : int {
     MalformedSignature,   // the signature part is not a CMS signed-data structure
     SignatureMismatch,    // the signature was made over other bytes
     UntrustedSigner,      // the signer's chain does not lead to a trust anchor
+
+    // The seal's former name; it was never an author's signature.
+    BadSignature = BadSeal,
 };
 
 struct Fault {

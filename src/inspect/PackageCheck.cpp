@@ -157,7 +157,7 @@ std::string manifestText(ManifestFault fault, const std::string& text) {
         case ManifestFault::BadFileCount:
             return "bad file count in the manifest (numFiles is not a decimal number)";
         default:
-            return "the manifest's signature is missing or wrong";
+            return "the manifest's seal is missing or wrong";
     }
 }
 
@@ -165,9 +165,8 @@ std::string manifestText(ManifestFault fault, const std::string& text) {
 // the reason; a wrong seal or file count keeps its own kind.
 FaultKind manifestKind(ManifestFault fault) {
     const FaultKind kind = kindOf(fault);
-    return kind == FaultKind::BadSignature || kind == FaultKind::WrongFileCount
-               ? kind
-               : FaultKind::BadManifest;
+    return kind == FaultKind::BadSeal || kind == FaultKind::WrongFileCount ? kind
+                                                                           : FaultKind::BadManifest;
 }
 
 // Returns the manifest's part name, empty when there is no single one.

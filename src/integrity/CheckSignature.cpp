@@ -8,6 +8,12 @@
 #include <openssl/asn1.h>
 #include <openssl/err.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+
 #include "OpenSsl.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -18,14 +24,27 @@ using namespace detail;
 
 namespace {
 
+[[noreturn]] void refuseAnchors(const std::string& file, const std::string& cause) {
+    throw IntegrityError({FaultKind::CannotRead, file, "cannot load trust anchors: " + cause},
+                         "cannot load trust anchors from \"" + file + "\": " + cause);
+}
+
+// The system's reason comes first: OpenSSL's own text for a missing file
+// is a chain of library codes rather than "No such file or directory".
+void loadAnchors(X509_STORE* store, const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) refuseAnchors(file, std::strerror(EISDIR));
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> readable(std::fopen(file.c_str(), "rb"),
+                                                                   &std::fclose);
+    if (!readable) refuseAnchors(file, std::strerror(errno));
+    if (X509_STORE_load_file(store, file.c_str()) != 1)
+        refuseAnchors(file, opensslError("no PEM certificate in it"));
+}
+
 StorePtr trustStore(const std::vector<std::string>& anchors) {
     StorePtr store(X509_STORE_new());
     if (!store) throw IntegrityError(opensslError("out of memory"));
-    for (const std::string& file : anchors) {
-        if (X509_STORE_load_file(store.get(), file.c_str()) != 1)
-            throw IntegrityError(opensslError("cannot load trust anchors from \"" + file + "\""),
-                                 FaultKind::CannotRead);
-    }
+    for (const std::string& file : anchors) loadAnchors(store.get(), file);
     return store;
 }
 
@@ -37,6 +56,28 @@ std::string subjectOf(X509* certificate) {
     char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
     return std::string(text, static_cast<std::size_t>(size));
+}
+
+std::string utcOf(const ASN1_TIME* time) {
+    std::tm parts{};
+    if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) return {};
+    char text[32];
+    return std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0 ? "" : text;
+}
+
+SignerCertificate describeCertificate(X509* certificate) {
+    SignerCertificate out;
+    unsigned char* der = nullptr;
+    const int size = i2d_X509(certificate, &der);
+    if (size > 0) {
+        Sha256 hash;
+        hash.update(der, static_cast<std::size_t>(size));
+        out.fingerprint = hash.finishHex();
+    }
+    OPENSSL_free(der);
+    out.notBefore = utcOf(X509_get0_notBefore(certificate));
+    out.notAfter = utcOf(X509_get0_notAfter(certificate));
+    return out;
 }
 
 // See signEd25519: pure Ed25519 over the content, no signed attributes.
@@ -158,6 +199,10 @@ Fault fault(FaultKind kind, const std::string& what) {
 
 }  // namespace
 
+void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
+    trustStore(trustAnchors);
+}
+
 SignatureCheck checkSignature(const std::string& signature, const std::string& content,
                               const std::vector<std::string>& trustAnchors) {
     const StorePtr store = trustStore(trustAnchors);
@@ -184,6 +229,7 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
     X509* certificate = nullptr;
     CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
     check.signer = subjectOf(certificate);
+    check.certificate = describeCertificate(certificate);
     const bool matches = EVP_PKEY_id(X509_get0_pubkey(certificate)) == EVP_PKEY_ED25519
                              ? ed25519Matches(signer, certificate, content)
                              : CMS_verify(cms.get(), nullptr, store.get(), memoryBio(content).get(),

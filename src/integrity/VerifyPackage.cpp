@@ -115,6 +115,7 @@ std::optional<DigestListPart> readDigestList(opc::model::Package& package,
 
 void checkAuthor(opc::model::Package& package, const std::string& list,
                  const VerificationPolicy& policy, VerificationReport& report) {
+    if (!policy.checkSignature) return;
     const auto signatureParts = targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
     if (signatureParts.empty()) {
         if (policy.requireSignature)
@@ -129,6 +130,7 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
     if (!signature) return;
     SignatureCheck check = checkSignature(*signature, list, policy.trustAnchors);
     report.signer = check.signer;
+    report.certificate = check.certificate;
     if (check.fault) {
         check.fault->item = SIGNATURE_PART_NAME;
         report.faults.push_back(*check.fault);
@@ -148,6 +150,20 @@ VerificationReport verifyPackage(opc::model::Package& package, const Verificatio
     } catch (const opc::Exception& e) {
         // Only the two integrity parts' reads get here: every other item's
         // read failure is a fault of its own.
+        report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});
+    }
+    return report;
+}
+
+VerificationReport verifySignature(const std::filesystem::path& path,
+                                   const VerificationPolicy& policy) {
+    VerificationReport report;
+    try {
+        opc::model::OpenedPackage opened(path);
+        const auto list = detail::readDigestList(opened.package(), report.faults);
+        if (list) detail::checkAuthor(opened.package(), list->text, policy, report);
+        opened.close();
+    } catch (const opc::Exception& e) {
         report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});
     }
     return report;

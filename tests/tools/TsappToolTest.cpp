@@ -76,10 +76,13 @@ std::string miscountedManifest(const std::string& package, TempDir& dir) {
 
 class TsappTool : public ::testing::Test {
   protected:
-    ToolRun tsapp(const Args& args, const std::string& env = "") {
+    // `out`: where standard output goes (stdout then reads as empty).
+    ToolRun tsapp(const Args& args, const std::string& env = "", const std::string& out = "") {
         std::string command = "cd " + quoted(dir.path()) + " && " + env + " " + quoted(TSAPP_TOOL);
         for (const auto& arg : args) command += " " + quoted(arg);
-        command += " >" + quoted(dir.file("stdout")) + " 2>" + quoted(dir.file("stderr"));
+        write_file(dir.file("stdout"), "");
+        command += " >" + quoted(out.empty() ? dir.file("stdout") : out) + " 2>" +
+                   quoted(dir.file("stderr"));
         const int raw = std::system(command.c_str());
         return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read_file(dir.file("stdout")),
                 read_file(dir.file("stderr"))};
@@ -108,6 +111,7 @@ TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
               nlohmann::json::array({"README.txt", "data/config.json", "lib/util.js", "main.js"}));
     EXPECT_EQ(info["created"], "2023-11-14T23:13:20+01:00");
     EXPECT_EQ(info["verified"], true);
+    EXPECT_EQ(tsapp({"check", "-q", "hello.tsappinstall"}).out, "");
     EXPECT_NE(tsapp({"info", "hello.tsappinstall"}).out.find("Name:              Hello Tessal\n"),
               std::string::npos);
 
@@ -117,8 +121,17 @@ TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
     EXPECT_EQ(list["parts"][2], nlohmann::json::parse(R"({"name": "/icon.png", "size": 248,
         "compressedSize": 248, "method": "stored", "crc32": "41b7fc61", "contentType": "image/png"})"));
     EXPECT_EQ(list["relationships"][1]["target"], "/icon.png");
-    EXPECT_NE(tsapp({"list", "hello.tsappinstall"}).out.find(" /files/lib/util.js\n"),
-              std::string::npos);
+    const std::string table = tsapp({"list", "hello.tsappinstall"}).out;
+    EXPECT_NE(table.find(" /files/lib/util.js\n"), std::string::npos);
+    unsigned long long size = 0, packed = 0;
+    for (const auto& part : list["parts"]) {
+        size += part["size"].get<unsigned long long>();
+        packed += part["compressedSize"].get<unsigned long long>();
+    }
+    char totals[80];
+    std::snprintf(totals, sizeof totals, "%10llu %10llu %5.1f%%   9 parts\n", size, packed,
+                  100.0 * (1.0 - static_cast<double>(packed) / size));
+    EXPECT_EQ(table.substr(table.rfind('\n', table.size() - 2) + 1), totals);
 }
 
 TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
@@ -149,7 +162,7 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
              editItem(p, "manifest.xml",
                       replaced(zip_item(p, "manifest.xml"), "A small", "A big").c_str());
          },
-         "the manifest's signature is missing or wrong"},
+         "the manifest's seal is missing or wrong"},
         {"other.zip", [](auto&) {}, "not an app file: the extension is not .tsappinstall"},
     };
     Args args = {"check", "-j", "2", "--all"};
@@ -180,7 +193,7 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
 
     const ToolRun quiet =
         tsapp({"check", "-q", "--json", "hello.tsappinstall", "seal.tsappinstall"});
-    EXPECT_EQ(nlohmann::json::parse(quiet.out)["faults"][0]["kind"], "bad signature");
+    EXPECT_EQ(nlohmann::json::parse(quiet.out)["faults"][0]["kind"], "bad-seal");
     EXPECT_EQ(quiet.out.find('\n'), quiet.out.size() - 1);
 
     const ToolRun shown = tsapp({"info", "--no-verify", "--json", "seal.tsappinstall"});
@@ -236,10 +249,13 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
         {{"info", "schema.tsappinstall"},
          1,
          "tsapp: schema.tsappinstall: the manifest does not match the schema: "},
-        {{"extract", "hello.tsappinstall", ""}, 2, "tsapp: DIR: must not be empty"},
+        {{"extract", "hello.tsappinstall", ""}, 2, "tsapp: extract: DIR: must not be empty"},
         {{"extract", "--keep", "hello.tsappinstall", "src"},
          1,
          "tsapp: src: cannot be written: the file \"_rels/.rels\" already exists\n"},
+        {{"extract", "--max-size", "1K", "hello.tsappinstall", "o"},
+         1,
+         "tsapp: hello.tsappinstall: the package would write more than the limit of 1024 bytes\n"},
         {{"pack", "src", "-o", "out.zip"},
          1,
          "tsapp: out.zip: the package's name must end in .tsappinstall\n"},
@@ -306,8 +322,21 @@ TEST_F(TsappTool, OnlyRegularFilesAreOpenedAsPackages) {
 TEST_F(TsappTool, PartsAndExtractGiveBackTheSourceBytes) {
     packSample();
     for (const Args& args :
-         {Args{"icon", "hello.tsappinstall", "-"}, Args{"part", "hello.tsappinstall", "icon", "-"}})
+         {Args{"icon", "hello.tsappinstall", "-"}, Args{"part", "hello.tsappinstall", "icon", "-"},
+          Args{"part", "hello.tsappinstall", "/icon.png", "-"}})
         EXPECT_TRUE(tsapp(args).out == read_file(sample("icon.png")));
+    // "-" reads the package from stdin through a copy that does not outlive the run.
+    fs::create_directory(dir.file("tmp"));
+    EXPECT_TRUE(tsapp({"icon", "-", "-"}, "TMPDIR=tmp <hello.tsappinstall").out ==
+                read_file(sample("icon.png")));
+    EXPECT_TRUE(fs::is_empty(dir.file("tmp")));
+    // A name that is not UTF-8 (Latin-1 here) is read as the bytes it is.
+    fs::copy_file(dir.file("hello.tsappinstall"), dir.file("caf\xe9.tsappinstall"));
+    for (const Args& args :
+         std::vector<Args>{{"check", "caf\xe9.tsappinstall"},
+                           {"verify", "--allow-unsigned", "caf\xe9.tsappinstall"},
+                           {"extract", "caf\xe9.tsappinstall", "caf\xe9"}})
+        EXPECT_EQ(tsapp(args, "LC_ALL=C.UTF-8").status, 0) << args[0];
     EXPECT_EQ(tsapp({"part", "hello.tsappinstall", "manifest", "m.xml"}).status, 0);
     EXPECT_TRUE(read_file(dir.file("m.xml")) ==
                 zip_item(dir.file("hello.tsappinstall"), "manifest.xml"));
@@ -360,24 +389,222 @@ TEST_F(TsappTool, PackIsReproducibleAndAtomic) {
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
 }
 
+// Usage errors are found before any package is opened: nothing on stdout,
+// one line naming what is wrong and the help that answers it.
 TEST_F(TsappTool, UsageErrorsExitTwoAndHelpAndVersionZero) {
-    for (const Args& args : {Args{},
-                             {"frobnicate"},
-                             {"info"},
-                             {"icon", "a.tsappinstall"},
-                             {"check", "-j", "x", "a"},
-                             {"info", ""},
-                             {"help", "nope"}}) {
-        const ToolRun run = tsapp(args);
-        EXPECT_EQ(run.status, 2) << (args.empty() ? "" : args[0]);
-        EXPECT_EQ(run.err.rfind("tsapp: ", 0), 0u) << run.err;
+    packSample();
+    const std::string help = "(see 'tsapp --help')\n";
+    const struct {
+        Args args;
+        std::string err;  // the start of the line
+    } cases[] = {
+        {{}, "tsapp: A subcommand is required " + help},
+        {{"frobnicate"}, "tsapp: unknown command \"frobnicate\" " + help},
+        {{"extrct", "a.tsappinstall"},
+         "tsapp: unknown command \"extrct\"; did you mean \"extract\"? " + help},
+        {{"help", "lsit"}, "tsapp: unknown command \"lsit\"; did you mean \"list\"? " + help},
+        {{"info"}, "tsapp: info: PKG is required (see 'tsapp info --help')\n"},
+        {{"icon", "a.tsappinstall"}, "tsapp: icon: OUT is required"},
+        {{"check", "-j", "x", "a"}, "tsapp: check: "},
+        {{"info", ""}, "tsapp: info: PKG: must not be empty"},
+        {{"extract", "--max-size", "-5", "hello.tsappinstall", "o"},
+         "tsapp: extract: --max-size: not a size: -5"},
+        {{"extract", "--max-size", "99999999999999999999", "hello.tsappinstall", "o"},
+         "tsapp: extract: --max-size: too large: 99999999999999999999"},
+        {{"extract", "--max-size", "16E", "hello.tsappinstall", "o"},
+         "tsapp: extract: --max-size: not a size"},
+        {{"verify", "--allow-unsigned", "--trust", "typo.pem", "hello.tsappinstall"},
+         "tsapp: typo.pem: cannot load trust anchors: No such file or directory\n"},
+        {{"extract", "--trust", "hello.tsappinstall", "hello.tsappinstall", "o"},
+         "tsapp: hello.tsappinstall: cannot load trust anchors: no PEM certificate in it"},
+        {{"extract", "--no-verify", "--verify", "hello.tsappinstall", "o"},
+         "tsapp: --no-verify: cannot be combined with --verify or --trust\n"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsapp(c.args);
+        EXPECT_EQ(run.status, 2) << run.err;
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err.rfind(c.err, 0), 0u) << run.err;
         EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
     }
+    EXPECT_FALSE(fs::exists(dir.file("o")));
+    EXPECT_EQ(tsapp({"help"}).out, tsapp({"--help"}).out);
     EXPECT_EQ(tsapp({"help", "extract"}).out, tsapp({"extract", "--help"}).out);
     EXPECT_NE(tsapp({"help", "extract"}).out.find("--keep"), std::string::npos);
     const ToolRun version = tsapp({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out.rfind("tsapp ", 0), 0u);
+}
+
+// A write that fails is a failure: to a full stdout, or to an output file
+// whose part turns out damaged, which must keep its old bytes and leave no
+// new or temporary file behind.
+TEST_F(TsappTool, FailedOutputsExitOneAndLeaveFilesAsTheyWere) {
+    packSample();
+    fs::copy_file(dir.file("hello.tsappinstall"), dir.file("crc.tsappinstall"));
+    flipByte(dir.file("crc.tsappinstall"), "icon.png");
+    write_file(dir.file("old.png"), "old");
+    for (const Args& args : std::vector<Args>{{"info", "--json", "hello.tsappinstall"},
+                                              {"list", "hello.tsappinstall"},
+                                              {"check", "hello.tsappinstall"},
+                                              {"verify", "--allow-unsigned", "hello.tsappinstall"},
+                                              {"part", "hello.tsappinstall", "/icon.png", "-"},
+                                              {"help"}}) {
+        const ToolRun run = tsapp(args, "", "/dev/full");
+        EXPECT_EQ(run.status, 1) << args[0];
+        EXPECT_EQ(run.err, "tsapp: stdout: No space left on device\n") << args[0];
+    }
+    for (const std::string out : {"old.png", "new.png"}) {
+        const ToolRun run = tsapp({"icon", "crc.tsappinstall", out});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_NE(run.err.find("CRC-32"), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(read_file(dir.file("old.png")), "old");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
+}
+
+// Whether `value` has the shape `shape` gives: the same keys in the same
+// order, "string", "number", "boolean" or "string|null" for a leaf, one
+// element's shape for every element of an array.
+::testing::AssertionResult hasShape(const nlohmann::ordered_json& value,
+                                    const nlohmann::ordered_json& shape, const std::string& at) {
+    if (shape.is_string()) {
+        const std::string kind = shape;
+        const bool fits = kind == "string|null" ? value.is_string() || value.is_null()
+                                                : kind == value.type_name();
+        if (fits) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << at << " is a " << value.type_name();
+    }
+    if (shape.is_array() != value.is_array() || shape.is_object() != value.is_object())
+        return ::testing::AssertionFailure() << at << " is a " << value.type_name();
+    if (shape.is_array()) {
+        for (std::size_t i = 0; i < value.size(); ++i)
+            if (auto r = hasShape(value[i], shape[0], at + "[" + std::to_string(i) + "]"); !r)
+                return r;
+        return ::testing::AssertionSuccess();
+    }
+    auto key = value.begin();
+    for (auto expected = shape.begin(); expected != shape.end(); ++expected, ++key) {
+        if (key == value.end() || key.key() != expected.key())
+            return ::testing::AssertionFailure() << at << " lacks " << expected.key();
+        if (auto r = hasShape(*key, *expected, at + "." + key.key()); !r) return r;
+    }
+    if (key != value.end()) return ::testing::AssertionFailure() << at << " has " << key.key();
+    return ::testing::AssertionSuccess();
+}
+
+// Every JSON output against the shape the man page gives, on a package
+// whose digest list does not match: extraction and info refuse what check
+// calls bad, and every fault kind is a token.
+TEST_F(TsappTool, JsonOutputsKeepTheirShapeAndBadPackagesAreRefusedEverywhere) {
+    packSample();
+    fs::copy_file(dir.file("hello.tsappinstall"), dir.file("bad.tsappinstall"));
+    editItem(dir.file("bad.tsappinstall"), "files/main.js", "x");
+    editItem(dir.file("bad.tsappinstall"), "files/a%0Ab.txt", "x");
+    const auto faults = nlohmann::ordered_json::parse(
+        R"([{"kind": "string", "item": "string", "text": "string"}])");
+    const auto verdict =
+        nlohmann::ordered_json{{"package", "string"}, {"good", "boolean"}, {"faults", faults}};
+    auto verified = verdict;
+    verified.erase("faults");
+    verified.update({{"signed", "boolean"}, {"signer", "string"}, {"faults", faults}});
+    const auto list = nlohmann::ordered_json::parse(R"({"parts": [{"name": "string",
+        "size": "number", "compressedSize": "number", "method": "string", "crc32": "string",
+        "contentType": "string"}], "relationships": [{"source": "string", "id": "string",
+        "type": "string", "target": "string", "external": "boolean"}]})");
+    const auto info = nlohmann::ordered_json::parse(R"({"GUID": "string", "entryPoint": "string",
+        "name": "string", "version": "string", "createdByTESSALRelease": "string",
+        "summary": "string", "description": "string", "minTESSALVer": "string",
+        "maxTESSALVer": "string", "author": {"name": "string", "contact": "string",
+        "organization": "string"}, "supportedPlatforms": ["string"], "requiredProducts":
+        [{"identifier": "string", "name": "string", "version": "string"}], "pathEntries":
+        ["string"], "numFiles": "number", "created": "string|null", "appEntries": ["string"],
+        "signature": "null", "verified": "boolean", "fault": "string"})");
+    const struct {
+        Args args;
+        int status;
+        nlohmann::ordered_json shape;
+    } cases[] = {
+        {{"check", "--json", "bad.tsappinstall"}, 1, verdict},
+        {{"verify", "--json", "bad.tsappinstall"}, 1, verified},
+        {{"list", "-r", "--json", "bad.tsappinstall"}, 0, list},
+        {{"info", "--no-verify", "--json", "bad.tsappinstall"}, 0, info},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsapp(c.args);
+        EXPECT_EQ(run.status, c.status) << c.args[0] << run.err;
+        const auto value = nlohmann::ordered_json::parse(run.out);
+        EXPECT_TRUE(hasShape(value, c.shape, c.args[0]));
+        for (const auto& fault : value.value("faults", nlohmann::ordered_json::array()))
+            EXPECT_EQ(
+                fault["kind"].get<std::string>().find_first_not_of("abcdefghijklmnopqrstuvwxyz-"),
+                std::string::npos);
+    }
+    EXPECT_EQ(nlohmann::json::parse(tsapp(cases[1].args).out)["faults"][0]["kind"],
+              "digest-mismatch");
+    EXPECT_NE(tsapp({"list", "bad.tsappinstall"}).out.find(" /files/a\\nb.txt\n"),
+              std::string::npos);
+    EXPECT_EQ(tsapp({"info", "--json", "bad.tsappinstall"}).status, 1);
+    const ToolRun extract = tsapp({"extract", "bad.tsappinstall", "out"});
+    EXPECT_EQ(extract.status, 1);
+    EXPECT_EQ(extract.err.rfind("tsapp: bad.tsappinstall: digest-mismatch /files/main.js: ", 0),
+              0u);
+    EXPECT_FALSE(fs::exists(dir.file("out")));
+    EXPECT_EQ(tsapp({"extract", "--no-verify", "bad.tsappinstall", "out"}).status, 0);
+    EXPECT_EQ(read_file(dir.file("out/files/main.js")), "x");
+}
+
+// info names the signer by the certificate's own SHA-256 fingerprint, and
+// only the author's anchor makes verify trust it.
+TEST_F(TsappTool, SignedPackageShowsItsSignerAndVerifiesOnlyAgainstItsAnchor) {
+    const std::string keys = "cd " + quoted(dir.path()) +
+                             " && for n in a b; do openssl req -x509 -newkey ed25519 -nodes "
+                             "-keyout $n.key -out $n.pem -subj /CN=$n -days 2 2>/dev/null; done";
+    ASSERT_EQ(std::system(keys.c_str()), 0);
+    ASSERT_EQ(
+        tsapp({"pack", sample(), "-o", "s.tsappinstall", "--sign", "a.key", "--cert", "a.pem"})
+            .status,
+        0);
+    const std::string print = "openssl x509 -in " + quoted(dir.file("a.pem")) +
+                              " -noout -fingerprint -sha256 | tr -d : | tr A-F a-f >" +
+                              quoted(dir.file("print"));
+    ASSERT_EQ(std::system(print.c_str()), 0);
+    const auto info = nlohmann::json::parse(tsapp({"info", "--json", "s.tsappinstall"}).out);
+    EXPECT_EQ(info["signature"]["signer"], "CN=a");
+    EXPECT_EQ("sha256 fingerprint=" + info["signature"]["fingerprint"].get<std::string>() + "\n",
+              read_file(dir.file("print")));
+    EXPECT_EQ(info["signature"]["fault"], "");
+    EXPECT_EQ(tsapp({"verify", "-q", "--trust", "a.pem", "s.tsappinstall"}).status, 0);
+    const ToolRun other = tsapp({"verify", "--json", "--trust", "b.pem", "s.tsappinstall"});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_EQ(nlohmann::json::parse(other.out)["faults"][0]["kind"], "untrusted-signer");
+}
+
+using TsappToolConcurrency = TsappTool;
+
+// check and verify judge packages on a pool of threads and print the
+// verdicts in the order given, each its own package's.
+TEST_F(TsappToolConcurrency, VerdictsFromSeveralThreadsKeepTheirPackagesAndOrder) {
+    packSample();
+    Args packages;
+    for (int i = 0; i < 6; ++i) {
+        packages.push_back(std::to_string(i) + ".tsappinstall");
+        fs::copy_file(dir.file("hello.tsappinstall"), dir.file(packages.back()));
+        if (i % 2) editItem(dir.file(packages.back()), "files/main.js", "x");
+    }
+    for (Args args : {Args{"check", "-j", "4", "--json"},
+                      Args{"verify", "-j", "4", "--json", "--allow-unsigned"}}) {
+        args.insert(args.end(), packages.begin(), packages.end());
+        const ToolRun run = tsapp(args);
+        EXPECT_EQ(run.status, 1) << run.err;
+        std::istringstream lines(run.out);
+        std::string line;
+        for (std::size_t i = 0; i < packages.size() && std::getline(lines, line); ++i) {
+            const auto verdict = nlohmann::json::parse(line);
+            EXPECT_EQ(verdict["package"], packages[i]);
+            EXPECT_EQ(verdict["good"], i % 2 == 0) << args[0] << " " << i;
+        }
+    }
 }
 
 }  // namespace

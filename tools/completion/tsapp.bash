@@ -32,9 +32,10 @@ _tsapp_read_command() {
             sub(/^ +/, ""); sub(/  .*/, "")
             n = split($1, names, ",")
             for (i = 1; i <= n; i++) opts = opts " " names[i]
-            if ($2 ~ /^[A-Z]+$/ && $2 !~ /INT|NUM|FLOAT/)
+            # The kind of value: "FILE", "UINT", "SIZE", "UINT:SIZE".
+            if ($2 ~ /^[A-Z][A-Z:_]*$/ && $2 !~ /INT|NUM|FLOAT|SIZE/)
                 for (i = 1; i <= n; i++) valued = valued " " names[i]
-            else if ($2 ~ /^[A-Z]+$/)
+            else if ($2 ~ /^[A-Z][A-Z:_]*$/)
                 for (i = 1; i <= n; i++) numeric = numeric " " names[i]
         }
         END { print opts; print valued numeric; print args; print numeric }'
@@ -59,10 +60,22 @@ _tsapp_lookup() {
     _tsapp_reply=${_tsapp_cache[$key]}
 }
 
-# Fills COMPREPLY for an argument named $1 (from the usage line).
+# The part names of the package $2, one per line, as `list` shows them.
+_tsapp_part_names() {
+    "$1" list --json "$2" 2>/dev/null | sed -n 's/^      "name": "\(.*\)",$/\1/p'
+}
+
+# Fills COMPREPLY for an argument named $1 (from the usage line); $4 is
+# the package named before it, if any.
 _tsapp_complete_argument() {
-    local name=$1 cur=$2 tool=$3
+    local name=$1 cur=$2 tool=$3 package=$4
     case $name in
+        PART*)
+            local names=$'manifest\nicon\nscreenshot'
+            [[ -n $package ]] && names+=$'\n'$(_tsapp_part_names "$tool" "$package")
+            local IFS=$'\n'
+            mapfile -t COMPREPLY < <(compgen -W "$names" -- "$cur")
+            ;;
         PKG* | PACKAGE*)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$cur"; compgen -f -X '!*.tsappinstall' -- "$cur")
@@ -113,13 +126,13 @@ _tsapp() {
     fi
 
     # Which argument is this? Count the words before it that are not
-    # options or option values.
-    local position=0
+    # options or option values; the first is the package, for PART.
+    local position=0 first=""
     for ((i = at + 1; i < COMP_CWORD; i++)); do
         if [[ ${COMP_WORDS[i]} == -* ]]; then
             [[ " $valued " == *" ${COMP_WORDS[i]} "* ]] && ((i++))
         else
-            ((position++))
+            ((position++ == 0)) && first=${COMP_WORDS[i]}
         fi
     done
     local -a names
@@ -129,7 +142,7 @@ _tsapp() {
         name=${names[-1]}
     fi
     if [[ -n $name ]]; then
-        _tsapp_complete_argument "$name" "$cur" "$tool"
+        _tsapp_complete_argument "$name" "$cur" "$tool" "${first/#\~/$HOME}"
     fi
 }
 

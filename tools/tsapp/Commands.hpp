@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -44,6 +45,27 @@ inline const CLI::Validator& nonEmpty() {
     return validator;
 }
 
+// Sizes as "500M", "2G", "4096": a count of bytes with an optional binary
+// unit (K, M, G, T; "KiB" and "KB" mean K too), at most 2^64 - 1 bytes.
+const CLI::Validator& sizeValue();
+
+// Every command reads a package only from a file named *.tsappinstall:
+// throws Failure otherwise.
+void requireAppFileName(const std::string& package);
+
+// The most bytes a package read from standard input may have: 4 GiB.
+inline constexpr std::uint64_t kMaxStdinBytes = std::uint64_t{4} << 30;
+
+// Runs `run` on the package file named, or for "-" on a copy of standard
+// input's bytes in a private temporary folder, removed afterwards; a
+// failure about that copy is about "stdin".
+int withPackage(const std::string& package, const std::function<int(const std::string&)>& run);
+
+// "-" is standard input in messages.
+inline std::string shownPackage(const std::string& package) {
+    return package == "-" ? "stdin" : package;
+}
+
 // A command whose first argument, PKG, is the one package it works on and
 // what its failures are about.
 struct PackageCommand {
@@ -51,14 +73,16 @@ struct PackageCommand {
     std::shared_ptr<std::string> package;
 
     Command running(std::function<int(const std::string& package)> run) const {
-        return {cli, [package = package, run] { return run(*package); },
-                [package = package] { return *package; }};
+        return {cli, [package = package, run] { return withPackage(*package, run); },
+                [package = package] { return shownPackage(*package); }};
     }
 };
 
 inline PackageCommand addPackageCommand(CLI::App& app, const char* name, const char* description) {
     PackageCommand command{app.add_subcommand(name, description), std::make_shared<std::string>()};
-    command.cli->add_option("PKG", *command.package, "App package")->required()->check(nonEmpty());
+    command.cli->add_option("PKG", *command.package, "App package (*.tsappinstall, - for stdin)")
+        ->required()
+        ->check(nonEmpty());
     return command;
 }
 
@@ -70,6 +94,49 @@ class Failure : public tsappinstall::Error {
         : tsappinstall::Error(
               tsappinstall::Fault{tsappinstall::FaultKind::Other, std::move(file), cause}, cause) {}
     const std::string& file() const { return fault().item; }
+};
+
+// A command line that cannot be carried out as given (exit 2), found
+// before any package is opened.
+class UsageError : public Failure {
+  public:
+    using Failure::Failure;
+};
+
+// `unknown command "extrct"; did you mean "extract"?`
+std::string unknownCommand(const CLI::App& app, const std::string& name);
+
+// A parser's complaint as one line pointing at the help that answers it:
+// the command's own when the command line named one.
+std::string usageText(const std::string& complaint, const CLI::App* command);
+
+// Loads the trust files as verification will, so that an unusable one is a
+// usage error before any package is opened: throws UsageError naming it.
+void checkTrustFiles(const std::vector<std::string>& files);
+
+// "-" is standard output in messages.
+std::string shownOutput(const std::string& output);
+
+// A part name (or any text) on one line of a terminal: a control byte
+// becomes a C escape ("\n", "\t", "\001"), a backslash "\\", as `ls -b`
+// writes names.
+std::string escapedName(const std::string& name);
+
+// Standard output for the whole run, unbuffered by the C library: every
+// write is checked, and finish() turns a failed one into "tsapp: stdout:
+// CAUSE" and exit 1 (`>/dev/full`).
+class StandardOutput {
+  public:
+    StandardOutput();
+    ~StandardOutput();
+    StandardOutput(const StandardOutput&) = delete;
+    StandardOutput& operator=(const StandardOutput&) = delete;
+    int finish(int status);
+
+  private:
+    class Buffer;
+    std::unique_ptr<Buffer> buffer_;
+    std::streambuf* previous_;
 };
 
 // The cause of a library failure: the package layer's kind and its text,

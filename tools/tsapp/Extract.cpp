@@ -2,7 +2,8 @@
 // folder whose extraction was killed.
 //
 // Runs the same steps as the facade's extractAppFile, with the same modes
-// (--keep chooses FailIfExists), but through the extractor directly: that
+// (--keep chooses FailIfExists), and checks the package's digest list in
+// the same pass when it has one, but through the extractor directly: that
 // lets a terminal show progress, lets the user set the size limit and
 // durability, lets SIGINT, SIGTERM and SIGHUP roll the extraction back, and
 // lets an error line carry the cause by kind.
@@ -19,6 +20,7 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -33,11 +35,12 @@ using Clock = std::chrono::steady_clock;
 struct ExtractSettings {
     std::uint64_t maxBytes = 0;  // 0: no limit but the free space
     bool sync = false;
-    bool keep = false;  // fail, changing nothing, when a file would be replaced
-    bool verify = false;
+    bool keep = false;               // fail, changing nothing, when a file would be replaced
+    bool verify = false;             // the signature too
     std::vector<std::string> trust;  // implies verify
     bool allowUnsigned = false;
-    unsigned jobs = 0;  // parts written at once; 0: one per core
+    unsigned jobs = 0;      // parts written at once; 0: one per core
+    bool noVerify = false;  // not even the digests
 };
 
 // Shows "bytes and parts done" on stderr once the extraction has run for
@@ -101,30 +104,30 @@ opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
                          : opc::qvservices::ReplaceMode::Replace;
 }
 
-std::vector<std::string> extract(const std::filesystem::path& nativePath,
+std::vector<std::string> extract(opc::model::Package& package,
                                  const std::filesystem::path& nativeFolder,
                                  const ExtractSettings& settings) {
-    opc::model::OpenedPackage package(nativePath);
     ProgressLine progress;
-    opc::extraction::Extractor manager(package.package(), opc::FileSystemOpsSelector(),
+    opc::extraction::Extractor manager(package, opc::FileSystemOpsSelector(),
                                        optionsOf(settings, progress));
     auto outcome =
         manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
                            opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
-    package.close();
     return outcome.leftAside;
 }
 
 // Each fault on a line of its own, then a line saying that nothing changed.
-// `shown` is the package as the user named it.
-std::vector<std::string> extractVerified(const std::filesystem::path& nativePath,
+// `shown` is the package as the user named it. Without --verify the
+// signature is left unread: only the digests are checked.
+std::vector<std::string> extractVerified(opc::model::Package& package,
                                          const std::filesystem::path& nativeFolder,
                                          const ExtractSettings& settings,
                                          const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
+    const bool signature = settings.verify || !settings.trust.empty();
     ProgressLine progress;
     const integrity::VerifiedExtraction result = integrity::extractVerified(
-        nativePath, nativeFolder, {settings.trust, !settings.allowUnsigned},
+        package, nativeFolder, {settings.trust, !settings.allowUnsigned, signature},
         optionsOf(settings, progress), replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
@@ -133,16 +136,36 @@ std::vector<std::string> extractVerified(const std::filesystem::path& nativePath
                   "verification failed; the folder " + nativeFolder.string() + " is as it was");
 }
 
-int runExtract(const std::string& package, const std::string& folder,
-               const ExtractSettings& settings) {
-    const std::filesystem::path packagePath = nativePath(package);
+// The digests are checked whenever the package lists them; a package
+// without a list is extracted as it is, unless the signature is asked for.
+bool checksDigests(opc::model::Package& package, const ExtractSettings& settings) {
+    if (settings.noVerify) return false;
+    if (settings.verify || !settings.trust.empty()) return true;
+    return !package
+                .getRelationshipsByType(utf16(tsappinstall::integrity::DIGESTS_RELATIONSHIP_TYPE))
+                .empty();
+}
+
+std::vector<std::string> extractPackage(const std::filesystem::path& nativePath,
+                                        const std::filesystem::path& nativeFolder,
+                                        const ExtractSettings& settings, const std::string& shown) {
+    opc::model::OpenedPackage opened(nativePath);
+    std::vector<std::string> leftAside =
+        checksDigests(opened.package(), settings)
+            ? extractVerified(opened.package(), nativeFolder, settings, shown)
+            : extract(opened.package(), nativeFolder, settings);
+    opened.close();
+    return leftAside;
+}
+
+// Extracts the package file at `path`; messages name `package`.
+int extractFrom(const std::string& path, const std::string& package, const std::string& folder,
+                const ExtractSettings& settings) {
+    const std::filesystem::path packagePath = nativePath(path);
     const std::filesystem::path nativeFolder = nativePath(folder);
     catchStopSignals();
     try {
-        const bool verify = settings.verify || !settings.trust.empty();
-        for (const auto& left : verify
-                                    ? extractVerified(packagePath, nativeFolder, settings, package)
-                                    : extract(packagePath, nativeFolder, settings))
+        for (const auto& left : extractPackage(packagePath, nativeFolder, settings, package))
             std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const Failure&) {
         throw;
@@ -163,6 +186,17 @@ int runExtract(const std::string& package, const std::string& folder,
         throw Failure(atDestination ? folder : package, causeOf(e));
     }
     return kGood;
+}
+
+// `package` as the user named it, "-" for standard input.
+int runExtract(const std::string& package, const std::string& folder,
+               const ExtractSettings& settings) {
+    if (settings.noVerify && (settings.verify || !settings.trust.empty()))
+        throw UsageError("--no-verify", "cannot be combined with --verify or --trust");
+    checkTrustFiles(settings.trust);
+    return withPackage(package, [&](const std::string& path) {
+        return extractFrom(path, shownPackage(package), folder, settings);
+    });
 }
 
 int runRecover(const std::string& folder, bool discardUnreadable) {
@@ -192,7 +226,9 @@ std::vector<Command> addExtract(CLI::App& app) {
     auto e = std::make_shared<ExtractOptions>();
     CLI::App* extract =
         app.add_subcommand("extract", "Unpack every part of the package into a folder.");
-    extract->add_option("PKG", e->package, "App package")->required()->check(nonEmpty());
+    extract->add_option("PKG", e->package, "App package (*.tsappinstall, - for stdin)")
+        ->required()
+        ->check(nonEmpty());
     extract->add_option("DIR", e->folder, "Destination folder (created when missing)")
         ->required()
         ->check(nonEmpty());
@@ -200,19 +236,25 @@ std::vector<Command> addExtract(CLI::App& app) {
                       "Fail, changing nothing, when a file would be replaced");
     extract
         ->add_option("--max-size", e->settings.maxBytes,
-                     "Most bytes the parts may add up to (default: no limit but the free space)")
-        ->transform(CLI::AsSizeValue(false));
+                     "Most bytes the parts may add up to, as 500M or 2G (binary units K, M, G, T; "
+                     "default: no limit but the free space)")
+        ->type_name("SIZE")
+        ->transform(sizeValue());
     extract->add_flag("--sync", e->settings.sync,
                       "Flush every file and folder to disk before the new files count");
     extract->add_flag("--verify", e->settings.verify,
-                      "Check the signature, then every part's digest as it is written; on any "
-                      "fault change nothing");
+                      "Also check the signature, before anything is written; require one unless "
+                      "--allow-unsigned");
     extract
         ->add_option("--trust", e->settings.trust,
                      "PEM file of trusted certificates (repeatable; implies --verify)")
-        ->allow_extra_args(false);
+        ->type_name("FILE")
+        ->allow_extra_args(false)
+        ->check(nonEmpty());
     extract->add_flag("--allow-unsigned", e->settings.allowUnsigned,
                       "With --verify, accept a package without a signature when its digests match");
+    extract->add_flag("--no-verify", e->settings.noVerify,
+                      "Do not check the digest list (checked by default as each part is written)");
     extract->add_option("-j,--jobs", e->settings.jobs,
                         "Parts written at once, each on a thread (default: one per core)");
 
@@ -231,7 +273,7 @@ std::vector<Command> addExtract(CLI::App& app) {
 
     return {
         {extract, [e] { return runExtract(e->package, e->folder, e->settings); },
-         [e] { return e->package; }},
+         [e] { return shownPackage(e->package); }},
         {recover, [r] { return runRecover(r->folder, r->discard); }, [r] { return r->folder; }}};
 }
 

@@ -1,15 +1,19 @@
 // tsapp info: the manifest record as the library reads it. The manifest and
-// its faults come from the library's package check, without decoding every
-// part, so --no-verify can show a record whose seal is wrong.
+// its faults come from the library's package check, the whole of it, so
+// that a package info shows as verified is one check calls good, and
+// --no-verify can show the record of one it calls bad.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "Commands.hpp"
 #include "Text.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
+#include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
@@ -74,7 +78,7 @@ void printLine(const char* label, const std::string& value) {
     std::cout << label << (value.empty() ? "-" : value) << '\n';
 }
 
-void printHuman(const AppManifest& m) {
+void printHuman(const AppManifest& m, const std::string& signature) {
     printLine("Name:              ", utf8(m.name));
     printLine("Version:           ", utf8(m.version));
     printLine("GUID:              ", m.GUID);
@@ -96,24 +100,61 @@ void printHuman(const AppManifest& m) {
     printLine("Path entries:      ", joined(m.pathEntries));
     printLine("Files:             ", std::to_string(m.numFiles));
     printLine("Created:           ", createdWithOffset(m.created));
+    printLine("Signed by:         ", signature);
     for (const auto& entry : m.appEntries) std::cout << "  " << utf8(entry) << '\n';
+}
+
+namespace integrity = tsappinstall::integrity;
+
+// The signature is checked against no trust anchor: every sound one has
+// the signer untrusted, which info does not count as a fault of its own.
+std::optional<integrity::VerificationReport> signatureOf(const std::string& package) {
+    integrity::VerificationReport report = integrity::verifySignature(package, {{}, false});
+    if (!report.isSigned) return std::nullopt;
+    auto& faults = report.faults;
+    faults.erase(std::remove_if(faults.begin(), faults.end(),
+                                [](const auto& f) {
+                                    return f.kind == tsappinstall::FaultKind::UntrustedSigner;
+                                }),
+                 faults.end());
+    return report;
+}
+
+nlohmann::ordered_json signatureJson(const std::optional<integrity::VerificationReport>& report) {
+    if (!report) return nullptr;
+    return {{"signer", report->signer},
+            {"fingerprint", report->certificate.fingerprint},
+            {"notBefore", report->certificate.notBefore},
+            {"notAfter", report->certificate.notAfter},
+            {"fault", report->ok() ? std::string() : describe(report->faults.front())}};
+}
+
+std::string signatureText(const std::optional<integrity::VerificationReport>& report) {
+    if (!report) return "-";
+    const auto& certificate = report->certificate;
+    std::string text = report->signer + " (SHA-256 " + certificate.fingerprint + ", valid " +
+                       certificate.notBefore + " to " + certificate.notAfter + ")";
+    return text + (report->ok() ? "; the signer is not checked here: tsapp verify --trust"
+                                : "; BROKEN: " + describe(report->faults.front()));
 }
 
 int runInfo(const std::string& package, bool json, bool verify) {
     AppManifestSerializer serializer;
-    const auto report = tsappinstall::inspect::checkPackage(package, serializer, false);
+    const auto report = tsappinstall::inspect::checkPackage(package, serializer);
     if (!report.manifest || (verify && !report.good()))
         throw Failure(package, report.faults.front().detail);
     const std::string fault = report.good() ? "" : report.faults.front().detail;
+    const auto signature = signatureOf(package);
     if (json) {
         auto object = toJson(*report.manifest);
+        object["signature"] = signatureJson(signature);
         object["verified"] = report.good();
         if (!report.good()) object["fault"] = fault;
         std::cout << object.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
     } else {
         if (!report.good()) std::cout << "NOT VERIFIED: " << fault << '\n';
-        printHuman(*report.manifest);
+        printHuman(*report.manifest, signatureText(signature));
     }
     return kGood;
 }
@@ -123,9 +164,9 @@ int runInfo(const std::string& package, bool json, bool verify) {
 std::vector<Command> addInfo(CLI::App& app) {
     const auto json = std::make_shared<bool>(false), noVerify = std::make_shared<bool>(false);
     const PackageCommand info = addPackageCommand(app, "info", "Show the app's manifest.");
-    info.cli->add_flag("--json", *json, "Print one JSON object (schema in the README)");
+    info.cli->add_flag("--json", *json, "Print one JSON object (see JSON OUTPUT in tsapp(1))");
     info.cli->add_flag("--no-verify", *noVerify,
-                       "Show a manifest whose seal or file count is wrong, marked NOT VERIFIED");
+                       "Show the manifest of a package the check calls bad, marked NOT VERIFIED");
     return {info.running(
         [=](const std::string& package) { return runInfo(package, *json, !*noVerify); })};
 }

@@ -90,23 +90,50 @@ ojson relationshipsOf(opc::model::Package& package) {
     return list;
 }
 
+// printf-style formatting of one line, every text field escaped so that a
+// name cannot break the table.
+template <typename... Fields>
+void printRow(const char* format, const Fields&... fields) {
+    const int size = std::snprintf(nullptr, 0, format, fields...);
+    if (size < 0) return;
+    std::string line(static_cast<std::size_t>(size) + 1, '\0');
+    std::snprintf(line.data(), line.size(), format, fields...);
+    line.pop_back();
+    std::cout << line;
+}
+
+std::string text(const ojson& value) {
+    return escapedName(value.get<std::string>());
+}
+
+// The closing line, like `unzip -l`'s: parts, bytes, packed bytes and how
+// much smaller the packed form is.
+void printTotals(const ojson& parts) {
+    unsigned long long size = 0, packed = 0;
+    for (const auto& p : parts) {
+        size += p["size"].get<unsigned long long>();
+        packed += p["compressedSize"].get<unsigned long long>();
+    }
+    const double saved = size == 0 ? 0.0 : 100.0 * (1.0 - static_cast<double>(packed) / size);
+    printRow("%10llu %10llu %5.1f%%   %zu part%s\n", size, packed, saved, parts.size(),
+             parts.size() == 1 ? "" : "s");
+}
+
 void printParts(const ojson& parts) {
-    std::printf("%10s %10s %-7s %-8s  %-24s %s\n", "Size", "Packed", "Method", "CRC-32",
-                "Content type", "Name");
+    printRow("%10s %10s %-7s %-8s  %-24s %s\n", "Size", "Packed", "Method", "CRC-32",
+             "Content type", "Name");
     for (const auto& p : parts)
-        std::printf("%10llu %10llu %-7s %s  %-24s %s\n", p["size"].get<unsigned long long>(),
-                    p["compressedSize"].get<unsigned long long>(),
-                    p["method"].get<std::string>().c_str(), p["crc32"].get<std::string>().c_str(),
-                    p["contentType"].get<std::string>().c_str(),
-                    p["name"].get<std::string>().c_str());
+        printRow("%10llu %10llu %-7s %s  %-24s %s\n", p["size"].get<unsigned long long>(),
+                 p["compressedSize"].get<unsigned long long>(), text(p["method"]).c_str(),
+                 text(p["crc32"]).c_str(), text(p["contentType"]).c_str(), text(p["name"]).c_str());
+    printTotals(parts);
 }
 
 void printRelationships(const ojson& list) {
-    std::printf("\n%-12s %-8s %-24s %s\n", "Source", "Id", "Target", "Type");
+    printRow("\n%-12s %-8s %-24s %s\n", "Source", "Id", "Target", "Type");
     for (const auto& r : list)
-        std::printf("%-12s %-8s %-24s %s\n", r["source"].get<std::string>().c_str(),
-                    r["id"].get<std::string>().c_str(), r["target"].get<std::string>().c_str(),
-                    r["type"].get<std::string>().c_str());
+        printRow("%-12s %-8s %-24s %s\n", text(r["source"]).c_str(), text(r["id"]).c_str(),
+                 text(r["target"]).c_str(), text(r["type"]).c_str());
 }
 
 int runList(const std::string& path, bool relationships, bool json) {

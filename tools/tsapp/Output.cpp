@@ -1,3 +1,10 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "Commands.hpp"
@@ -17,6 +24,179 @@ void printError(const std::string& what) {
         if (c == '\n' || c == '\r') c = ' ';
     }
     std::cerr << "tsapp: " << line << '\n';
+}
+
+namespace {
+
+// Standard input copied into stdin.tsappinstall in a folder of its own
+// (mode 0700), both removed when done.
+class SpooledStdin {
+  public:
+    SpooledStdin() {
+        const char* tmp = std::getenv("TMPDIR");
+        std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/tsapp-stdin-XXXXXX";
+        if (::mkdtemp(folder.data()) == nullptr) fail(std::strerror(errno));
+        folder_ = folder;
+        path_ = folder_ + "/stdin.tsappinstall";
+        const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0) fail(std::strerror(errno));
+        const std::string why = copyStdin(fd);
+        if (::close(fd) != 0 && why.empty()) fail(std::strerror(errno));
+        if (!why.empty()) fail(why);
+    }
+    ~SpooledStdin() { remove(); }
+    SpooledStdin(const SpooledStdin&) = delete;
+    SpooledStdin& operator=(const SpooledStdin&) = delete;
+
+    const std::string& path() const { return path_; }
+
+  private:
+    void remove() {
+        if (!path_.empty()) ::unlink(path_.c_str());
+        if (!folder_.empty()) ::rmdir(folder_.c_str());
+    }
+
+    // A constructor that throws runs no destructor: the cleanup is here.
+    [[noreturn]] void fail(const std::string& why) {
+        remove();
+        throw Failure("stdin", "cannot be read: " + why);
+    }
+
+    // Why the copy failed, or empty.
+    static std::string copyStdin(int fd) {
+        char block[1 << 16];
+        std::uint64_t total = 0;
+        for (;;) {
+            const ssize_t got = ::read(STDIN_FILENO, block, sizeof block);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) return std::strerror(errno);
+            if (got == 0) return {};
+            total += static_cast<std::uint64_t>(got);
+            if (total > kMaxStdinBytes)
+                return "more than 4 GiB, the most a package on stdin may have";
+            for (ssize_t done = 0; done < got;) {
+                const ssize_t written =
+                    ::write(fd, block + done, static_cast<std::size_t>(got - done));
+                if (written < 0 && errno == EINTR) continue;
+                if (written < 0) return std::string("the temporary copy: ") + std::strerror(errno);
+                done += written;
+            }
+        }
+    }
+
+    std::string folder_;
+    std::string path_;
+};
+
+}  // namespace
+
+int withPackage(const std::string& package, const std::function<int(const std::string&)>& run) {
+    if (package != "-") {
+        requireAppFileName(package);
+        return run(package);
+    }
+    const SpooledStdin input;
+    try {
+        return run(input.path());
+    } catch (const UsageError&) {
+        throw;
+    } catch (const Failure& e) {
+        if (e.file() != input.path()) throw;
+        throw Failure("stdin", e.what());
+    }
+}
+
+std::string shownOutput(const std::string& output) {
+    return output == "-" ? "stdout" : output;
+}
+
+std::string escapedName(const std::string& name) {
+    std::string out;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == '\\') {
+            out += "\\\\";
+        } else if (byte == '\n' || byte == '\t' || byte == '\r') {
+            out += byte == '\n' ? "\\n" : byte == '\t' ? "\\t" : "\\r";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            char octal[5];
+            std::snprintf(octal, sizeof octal, "\\%03o", byte);
+            out += octal;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+// Writes to descriptor 1 in blocks and keeps the first failure's errno:
+// once a write failed, later ones are dropped, so the cause is the first.
+class StandardOutput::Buffer : public std::streambuf {
+  public:
+    Buffer() { setp(block_, block_ + sizeof block_); }
+    int error() const { return error_; }
+
+  protected:
+    int_type overflow(int_type c) override {
+        if (sync() != 0) return traits_type::eof();
+        if (!traits_type::eq_int_type(c, traits_type::eof())) {
+            *pptr() = traits_type::to_char_type(c);
+            pbump(1);
+        }
+        return traits_type::not_eof(c);
+    }
+    std::streamsize xsputn(const char* data, std::streamsize size) override {
+        if (size >= epptr() - pptr()) {
+            if (sync() != 0) return 0;
+            if (size >= static_cast<std::streamsize>(sizeof block_))
+                return writeAll(data, static_cast<std::size_t>(size)) ? size : 0;
+        }
+        std::memcpy(pptr(), data, static_cast<std::size_t>(size));
+        pbump(static_cast<int>(size));
+        return size;
+    }
+    int sync() override {
+        const bool written = writeAll(pbase(), static_cast<std::size_t>(pptr() - pbase()));
+        setp(block_, block_ + sizeof block_);
+        return written ? 0 : -1;
+    }
+
+  private:
+    bool writeAll(const char* data, std::size_t size) {
+        while (size > 0 && error_ == 0) {
+            const ssize_t written = ::write(STDOUT_FILENO, data, size);
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) {
+                error_ = errno;
+                break;
+            }
+            data += written;
+            size -= static_cast<std::size_t>(written);
+        }
+        return error_ == 0;
+    }
+
+    char block_[1 << 16];
+    int error_ = 0;
+};
+
+StandardOutput::StandardOutput()
+    : buffer_(std::make_unique<Buffer>()), previous_(std::cout.rdbuf(buffer_.get())) {}
+
+StandardOutput::~StandardOutput() {
+    std::cout.flush();
+    std::cout.rdbuf(previous_);
+}
+
+int StandardOutput::finish(int status) {
+    std::cout.flush();
+    int error = buffer_->error();
+    // Anything written through the C library's stdout goes its own way.
+    if (error == 0 && (std::fflush(stdout) != 0 || std::ferror(stdout)))
+        error = errno ? errno : EIO;
+    if (error == 0) return status;
+    printError(std::string("stdout: ") + std::strerror(error));
+    return status == kGood ? kBad : status;
 }
 
 }  // namespace tsapp::tool

@@ -1,21 +1,25 @@
-// tsapp icon / screenshot / part: copy the target of one package
-// relationship into a file, or to standard output for "-".
+// tsapp icon / screenshot / part: copy one part, named or the target of a
+// package relationship, into a file, or to standard output for "-".
 //
 // Read through the package layer rather than the facade so that a failure
 // names its cause: no such relationship, a damaged part, an output that
 // cannot be written.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "Commands.hpp"
 #include "Text.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
@@ -30,60 +34,105 @@ std::string relationshipTypeFor(const std::string& typeOrAlias) {
     return typeOrAlias;
 }
 
-// Closes the output file on every way out but the one that checks close().
+[[noreturn]] void failWithErrno(const std::string& file) {
+    throw Failure(shownOutput(file), std::strerror(errno));
+}
+
+// The output: a regular file is written beside its name and renamed onto
+// it only once complete, so that a failure leaves an existing file as it
+// was and no new one behind. What is not a regular file (a terminal,
+// /dev/null, a FIFO) is written in place, and "-" is standard output.
 class OutputFile {
   public:
-    explicit OutputFile(int fd) : fd_(fd) {}
+    explicit OutputFile(const std::string& output) : output_(output) {
+        if (output == "-") return;
+        namespace fs = std::filesystem;
+        std::error_code error;
+        // A link stays a link: what it points to is replaced.
+        const fs::path target = fs::is_symlink(output, error) ? fs::canonical(output, error) : "";
+        final_ = error || target.empty() ? fs::path(output) : target;
+        const fs::file_status status = fs::status(final_, error);
+        if (fs::is_directory(status)) throw Failure(output, std::strerror(EISDIR));
+        if (fs::exists(status) && !fs::is_regular_file(status)) {
+            fd_ = ::open(final_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+            if (fd_ < 0) failWithErrno(output);
+            return;
+        }
+        const fs::path folder = final_.parent_path().empty() ? "." : final_.parent_path();
+        std::string name = (folder / ("." + final_.filename().string() + ".XXXXXX")).string();
+        fd_ = ::mkostemp(name.data(), O_CLOEXEC);
+        if (fd_ < 0) failWithErrno(output);
+        temporary_ = name;
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        if (::fchmod(fd_, 0666 & ~mask) != 0) failWithErrno(output);
+    }
     ~OutputFile() {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0 && fd_ != STDOUT_FILENO) ::close(fd_);
+        if (!temporary_.empty()) ::unlink(temporary_.c_str());
     }
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
+    void write(const unsigned char* data, std::size_t size) {
+        while (size > 0) {
+            const ssize_t written = ::write(fd_, data, size);
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) failWithErrno(output_);
+            data += written;
+            size -= static_cast<std::size_t>(written);
+        }
+    }
+
+    void commit() {
+        if (fd_ == STDOUT_FILENO) return;
+        if (::close(std::exchange(fd_, -1)) != 0) failWithErrno(output_);
+        if (temporary_.empty()) return;
+        if (::rename(temporary_.c_str(), final_.c_str()) != 0) failWithErrno(output_);
+        temporary_.clear();
+    }
 
   private:
-    int fd_;
+    std::string output_;
+    std::filesystem::path final_;
+    std::string temporary_;  // removed unless committed
+    int fd_ = STDOUT_FILENO;
 };
 
-[[noreturn]] void failWithErrno(const std::string& file) {
-    throw Failure(file, std::strerror(errno));
-}
-
-void writeAll(int fd, const unsigned char* data, std::size_t size, const std::string& output) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) failWithErrno(output);
-        data += written;
-        size -= static_cast<std::size_t>(written);
+// A part named as `list` shows it ("/files/a b.txt"), or the target of
+// the package relationship of a type or alias.
+opc::model::Part partOf(opc::model::Package& package, const std::string& path,
+                        const std::string& what) {
+    if (what.rfind('/', 0) == 0) {
+        std::optional<opc::model::PartName> name;
+        try {
+            name.emplace(utf16(opc::model::PartName::forPath(what.substr(1))));
+        } catch (const opc::Exception& e) {
+            throw Failure(path, "no part " + what + ": " + e.what());
+        }
+        if (!package.containsPart(*name)) throw Failure(path, "no part " + what);
+        return package.getPart(*name);
     }
+    const std::string type = relationshipTypeFor(what);
+    const auto found = package.getRelationshipsByType(utf16(type));
+    if (found.empty()) throw Failure(path, "no package relationship of type " + type);
+    return package.getPart(opc::model::PartName(found.front().getTargetURI()));
 }
 
-int runPart(const std::string& package, const std::string& typeOrAlias, const std::string& output) {
+int runPart(const std::string& package, const std::string& what, const std::string& output) {
     opc::model::OpenedPackage opened(nativePath(package));
-    const std::string type = relationshipTypeFor(typeOrAlias);
-    const auto found = opened->getRelationshipsByType(utf16(type));
-    if (found.empty()) throw Failure(package, "no package relationship of type " + type);
-    opc::model::Part part = opened->getPart(opc::model::PartName(found.front().getTargetURI()));
-
-    const bool toFile = output != "-";
-    OutputFile file(toFile ? ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
-                           : -1);
-    if (toFile && file.get() < 0) failWithErrno(output);
-    const int fd = toFile ? file.get() : STDOUT_FILENO;
+    opc::model::Part part = partOf(opened.package(), package, what);
+    OutputFile file(output);
     unsigned char buffer[1 << 16];
     opc::InputStream& in = part.getInputStream();
     try {
-        for (std::size_t n; (n = in.read(buffer, sizeof buffer)) != 0;)
-            writeAll(fd, buffer, n, output);
+        for (std::size_t n; (n = in.read(buffer, sizeof buffer)) != 0;) file.write(buffer, n);
     } catch (const Failure&) {
         throw;
     } catch (const std::exception& e) {
         throw Failure(package, part.getPartName().ascii() + ": " + causeOf(e));
     }
-    if (toFile && ::close(file.release()) != 0) failWithErrno(output);
+    file.commit();
     opened.close();
     return kGood;
 }
@@ -102,8 +151,9 @@ Command addCopy(CLI::App& app, const char* name, const char* description, const 
         o->relationshipType = type;
     } else {
         command
-            ->add_option("RELTYPE", o->relationshipType,
-                         "Relationship type URI, or manifest, icon or screenshot")
+            ->add_option("PART", o->relationshipType,
+                         "A part's name as list shows it (/files/a.js), a relationship type URI, "
+                         "or manifest, icon or screenshot")
             ->required()
             ->check(nonEmpty());
     }
@@ -121,8 +171,7 @@ std::vector<Command> addSinglePart(CLI::App& app) {
     return {
         addCopy(app, "icon", "Copy the app's primary icon into a file.", "icon"),
         addCopy(app, "screenshot", "Copy the app's primary screenshot into a file.", "screenshot"),
-        addCopy(app, "part", "Copy the target of a package relationship type into a file.",
-                nullptr),
+        addCopy(app, "part", "Copy a part, by name or relationship type, into a file.", nullptr),
     };
 }
 

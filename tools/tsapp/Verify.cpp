@@ -1,13 +1,15 @@
-// tsapp verify: per package a verdict line, then every fault indented:
+// tsapp verify: per package a verdict line, then every fault indented, then
+// the count of bad packages:
 //
 //   a.tsappinstall: OK, signed by CN=Jane Doe,O=Example
 //   b.tsappinstall: BAD, signed by CN=Jane Doe,O=Example
 //     digest-mismatch /files/app.js: SHA-256 is ..., the list says ...
+//   1 of 2 packages bad
 
-#include <iostream>
 #include <memory>
 
 #include "Commands.hpp"
+#include "Verdicts.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 
 namespace tsapp::tool {
@@ -15,24 +17,44 @@ namespace {
 
 using namespace tsappinstall::integrity;
 
-int runVerify(const std::vector<std::string>& packages, const std::vector<std::string>& trust,
-              bool allowUnsigned, unsigned jobs) {
-    const VerificationPolicy policy{trust, !allowUnsigned};
-    int status = kGood;
-    for (const std::string& path : packages) {
-        const VerificationReport report = verifyPackage(path, policy, jobs);
-        std::cout << path << ": " << (report.ok() ? "OK" : "BAD");
-        const bool unreadable =
-            !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
-        if (!report.signer.empty())
-            std::cout << ", signed by " << report.signer;
-        else if (!report.isSigned && !unreadable)
-            std::cout << ", unsigned";
-        std::cout << '\n';
-        for (const Fault& fault : report.faults) std::cout << "  " << describe(fault) << '\n';
-        if (!report.ok()) status = kBad;
+VerificationReport verified(const std::string& path, const VerificationPolicy& policy,
+                            unsigned threads) {
+    try {
+        requireAppFileName(path);
+        return verifyPackage(path, policy, threads);
+    } catch (const std::exception& e) {
+        // The trust files were loaded before; anything here is this
+        // package's alone.
+        VerificationReport report;
+        report.faults.push_back({FaultKind::UnreadablePackage, {}, causeOf(e)});
+        return report;
     }
-    return status;
+}
+
+Verdict format(const std::string& path, const VerificationReport& report,
+               const VerdictOptions& options) {
+    Verdict verdict{!report.ok(), {}};
+    if (options.quiet && !verdict.bad) return verdict;
+    if (options.json) {
+        auto faults = nlohmann::ordered_json::array();
+        for (const Fault& fault : report.faults) faults.push_back(faultJson(fault));
+        verdict.text = jsonLine({{"package", path},
+                                 {"good", report.ok()},
+                                 {"signed", report.isSigned},
+                                 {"signer", report.signer},
+                                 {"faults", faults}});
+        return verdict;
+    }
+    verdict.text = path + ": " + (report.ok() ? "OK" : "BAD");
+    const bool unreadable =
+        !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
+    if (!report.signer.empty())
+        verdict.text += ", signed by " + report.signer;
+    else if (!report.isSigned && !unreadable)
+        verdict.text += ", unsigned";
+    verdict.text += '\n';
+    for (const Fault& fault : report.faults) verdict.text += "  " + describe(fault) + '\n';
+    return verdict;
 }
 
 }  // namespace
@@ -42,22 +64,39 @@ std::vector<Command> addVerify(CLI::App& app) {
         std::vector<std::string> packages;
         std::vector<std::string> trust;
         bool allowUnsigned = false;
-        unsigned jobs = 0;
+        VerdictOptions verdicts;
     };
     auto o = std::make_shared<Options>();
     CLI::App* verify =
         app.add_subcommand("verify", "Check each package's content digests and author signature.");
-    verify->add_option("PKG", o->packages, "App packages")->required()->check(nonEmpty());
+    verify->add_option("PKG", o->packages, "App packages (*.tsappinstall; one may be -, stdin)")
+        ->required()
+        ->check(nonEmpty());
     verify->add_option("--trust", o->trust, "PEM file of trusted certificates (repeatable)")
-        ->allow_extra_args(false);
+        ->type_name("FILE")
+        ->allow_extra_args(false)
+        ->check(nonEmpty());
     verify->add_flag("--allow-unsigned", o->allowUnsigned,
                      "Accept a package without a signature when its digests match");
-    verify->add_option("-j,--jobs", o->jobs,
-                       "Threads decoding and hashing each package's parts (default: one per core)");
+    verify->add_option("-j,--jobs", o->verdicts.jobs,
+                       "Packages verified at once, the jobs left over decoding the parts of fewer "
+                       "packages (default: one per core)");
+    verify->add_flag("--json", o->verdicts.json,
+                     "One JSON object per line and package, every fault");
+    verify->add_flag("-q,--quiet", o->verdicts.quiet, "Print only the bad packages");
+    const auto run = [o] {
+        checkTrustFiles(o->trust);
+        const VerificationPolicy policy{o->trust, !o->allowUnsigned};
+        const unsigned threads = workersFor(o->verdicts, o->packages.size()).threadsEach;
+        return judgeAll(o->packages, o->verdicts, [o, policy, threads] {
+            return [o, policy, threads](const std::string& path, const std::string& shown) {
+                return format(shown, verified(path, policy, threads), o->verdicts);
+            };
+        });
+    };
     // Each package's verdict is printed on its own; what escapes is about
     // no one file.
-    return {{verify, [o] { return runVerify(o->packages, o->trust, o->allowUnsigned, o->jobs); },
-             [] { return std::string(); }}};
+    return {{verify, run, [] { return std::string(); }}};
 }
 
 }  // namespace tsapp::tool

@@ -16,56 +16,19 @@ using namespace tsapp::tool;
 
 const char* kExitStatusHelp =
     "Exit status: 0 when everything asked for is good, 1 when a package is bad or the operation "
-    "failed, "
-    "2 for a usage error.";
+    "failed, 2 for a usage error.";
 
-}  // namespace
+// The command the first argument names (before parsing, so that an
+// unknown one is named as such rather than as a missing command).
+const CLI::App* namedCommand(const CLI::App& app, int argc, char** argv) {
+    if (argc < 2 || argv[1][0] == '-') return nullptr;
+    for (const CLI::App* sub : app.get_subcommands({}))
+        if (sub->check_name(argv[1])) return sub;
+    throw CLI::ParseError(unknownCommand(app, argv[1]), CLI::ExitCodes::InvalidError);
+}
 
-int main(int argc, char** argv) {
-    // The library's messages follow LC_MESSAGES.
-    std::setlocale(LC_ALL, "");
-    // With TZ unset, every local-time conversion re-reads /etc/localtime,
-    // and reading a package converts each entry's time. Naming that same
-    // file once makes the C library keep what it loaded: same zone, one
-    // read per process instead of one per entry.
-    ::setenv("TZ", ":/etc/localtime", 0);
-
-    CLI::App app{"Inspect, check, unpack and build app packages (.tsappinstall).", "tsapp"};
-    app.footer(kExitStatusHelp);
-    app.set_version_flag("--version", std::string("tsapp ") + TSAPP_VERSION);
-    app.require_subcommand(1);
-
-    std::vector<Command> commands;
-    for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify}) {
-        for (Command& command : add(app)) commands.push_back(std::move(command));
-    }
-
-    std::string topic;
-    auto* help = app.add_subcommand("help", "Show the help of a command.");
-    help->add_option("CMD", topic, "Command");
-
-    for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
-
-    try {
-        app.parse(argc, argv);
-        if (help->parsed() && !topic.empty() && topic != "help") {
-            CLI::App* sub = app.get_subcommand(topic);  // throws for an unknown one
-            std::cout << sub->help("tsapp");
-            return kGood;
-        }
-        if (help->parsed()) {
-            std::cout << app.help();
-            return kGood;
-        }
-    } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::CallForVersion& e) {
-        return app.exit(e);
-    } catch (const CLI::Error& e) {
-        printError(std::string(e.what()) + " (see 'tsapp --help')");
-        return kUsage;
-    }
-
+// Runs the command the command line named; its exit status.
+int runNamed(const std::vector<Command>& commands) {
     for (const Command& command : commands) {
         if (!command.cli->parsed()) continue;
         // Failures name the file they are about; anything the command does
@@ -73,6 +36,9 @@ int main(int argc, char** argv) {
         const std::string subject = command.subject();
         try {
             return command.run();
+        } catch (const UsageError& e) {
+            printError(e.file() + ": " + e.what());
+            return kUsage;
         } catch (const Failure& e) {
             printError(e.file() + ": " + e.what());
             return kBad;
@@ -85,4 +51,63 @@ int main(int argc, char** argv) {
         }
     }
     return kUsage;
+}
+
+// "tsapp help [CMD]": the command list, or one command's help.
+int runHelp(const CLI::App& app, const std::string& topic) {
+    if (topic.empty() || topic == "help") {
+        // App::help() would show the help of the command just parsed: help.
+        std::cout << app.get_formatter()->make_help(&app, "tsapp", CLI::AppFormatMode::Normal);
+        return kGood;
+    }
+    for (const CLI::App* sub : app.get_subcommands({}))
+        if (sub->check_name(topic)) {
+            std::cout << sub->help("tsapp");
+            return kGood;
+        }
+    printError(unknownCommand(app, topic) + " (see 'tsapp --help')");
+    return kUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The library's messages follow LC_MESSAGES.
+    std::setlocale(LC_ALL, "");
+    // With TZ unset, every local-time conversion re-reads /etc/localtime,
+    // and reading a package converts each entry's time. Naming that same
+    // file once makes the C library keep what it loaded: same zone, one
+    // read per process instead of one per entry.
+    ::setenv("TZ", ":/etc/localtime", 0);
+    StandardOutput out;
+
+    CLI::App app{"Inspect, check, unpack and build app packages (.tsappinstall).", "tsapp"};
+    app.footer(kExitStatusHelp);
+    app.set_version_flag("--version", std::string("tsapp ") + TSAPP_VERSION);
+    app.require_subcommand(1);
+
+    std::vector<Command> commands;
+    for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify}) {
+        for (Command& command : add(app)) commands.push_back(std::move(command));
+    }
+
+    std::string topic;
+    auto* help = app.add_subcommand("help", "Show the list of commands, or one command's help.");
+    help->add_option("CMD", topic, "Command");
+
+    for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
+
+    const CLI::App* named = nullptr;
+    try {
+        named = namedCommand(app, argc, argv);
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return out.finish(app.exit(e));
+    } catch (const CLI::CallForVersion& e) {
+        return out.finish(app.exit(e));
+    } catch (const CLI::Error& e) {
+        printError(usageText(e.what(), named));
+        return kUsage;
+    }
+    return out.finish(help->parsed() ? runHelp(app, topic) : runNamed(commands));
 }

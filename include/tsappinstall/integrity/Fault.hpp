@@ -5,6 +5,7 @@
 // its item.
 
 #include <string>
+#include <utility>
 
 #include "tsappinstall/Fault.hpp"
 #include "tsappinstall/export.hpp"
@@ -21,6 +22,7 @@ class TSAPP_API IntegrityError : public Error {
   public:
     explicit IntegrityError(const std::string& what, FaultKind kind = FaultKind::Other)
         : Error(kind, what) {}
+    IntegrityError(Fault fault, const std::string& what) : Error(std::move(fault), what) {}
 };
 
 }  // namespace tsappinstall::integrity

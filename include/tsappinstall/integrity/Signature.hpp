@@ -33,9 +33,18 @@ class TSAPP_API Signer {
     std::unique_ptr<Keys> keys_;
 };
 
+// The signer's certificate as the signature carries it, for people to
+// recognise; empty strings when no certificate could be read.
+struct SignerCertificate {
+    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    std::string notBefore;    // UTC, "2026-01-31T12:00:00Z"
+    std::string notAfter;
+};
+
 struct SignatureCheck {
     std::optional<Fault> fault;
     std::string signer;  // the signer's subject (RFC 2253), when it could be read
+    SignerCertificate certificate;
 };
 
 // Checks `signature` over `content` and the signer's chain against the
@@ -48,5 +57,11 @@ struct SignatureCheck {
 // trust file cannot be read.
 TSAPP_API SignatureCheck checkSignature(const std::string& signature, const std::string& content,
                                         const std::vector<std::string>& trustAnchors);
+
+// Loads the PEM files as checkSignature would, so that a caller can refuse
+// an unusable trust file before it opens a package, whatever the package
+// holds. Throws IntegrityError whose fault names the file as its item and
+// the cause as its detail ("cannot load trust anchors: ...").
+TSAPP_API void checkTrustAnchors(const std::vector<std::string>& trustAnchors);
 
 }  // namespace tsappinstall::integrity

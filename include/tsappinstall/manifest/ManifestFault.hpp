@@ -27,7 +27,7 @@ enum class ManifestFault : int {
     // numFiles is not a decimal number in range
     BadFileCount = static_cast<int>(FaultKind::WrongFileCount),
     // the signature is missing or does not seal the content
-    BadSignature = static_cast<int>(FaultKind::BadSignature),
+    BadSignature = static_cast<int>(FaultKind::BadSeal),
 };
 
 // The fault kind of a verdict; Other for None, which is no fault.
@@ -35,7 +35,7 @@ inline FaultKind kindOf(ManifestFault fault) {
     return fault == ManifestFault::None ? FaultKind::Other : static_cast<FaultKind>(fault);
 }
 
-// A few words naming the kind ("not well-formed XML", "bad signature"),
+// A few words naming the kind ("not well-formed XML", "bad seal"),
 // the fault kind's own; "good" for None.
 TSAPP_API const char* describe(ManifestFault fault);
 

@@ -43,8 +43,8 @@ KindTexts textsOf(FaultKind kind) {
             return {"no-manifest", "no manifest"};
         case FaultKind::BadManifest:
             return {"bad-manifest", "bad manifest"};
-        case FaultKind::BadSignature:
-            return {"bad-signature", "bad signature"};
+        case FaultKind::BadSeal:
+            return {"bad-seal", "bad seal"};
         case FaultKind::WrongFileCount:
             return {"wrong-file-count", "wrong file count"};
         case FaultKind::BrokenRelationship:
