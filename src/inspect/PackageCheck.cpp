@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <set>
+#include <utility>
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/ManifestFault.hpp"
@@ -62,50 +65,75 @@ void pinManifest(opc::model::Package& package) {
     }
 }
 
+// The parts that could not be read, from every thread of the read, with
+// their place in the package.
+struct Unreadable {
+    std::mutex mutex;
+    std::vector<std::pair<std::size_t, std::string>> lines;
+
+    void note(std::size_t order, std::string line) {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.emplace_back(order, std::move(line));
+    }
+    void report(Report& report) {
+        std::sort(lines.begin(), lines.end());
+        for (auto& line : lines) add(report, FaultKind::UnreadableItem, std::move(line.second));
+    }
+};
+
 // Decodes every part, so that its size and CRC-32 are checked, and in the
 // same read checks the items against the package's digest list, if any.
+// One per thread of the read.
 class CheckSink : public opc::model::ItemSink {
   public:
-    CheckSink(DigestCheck* digests, std::vector<PartName> unlisted, Report& report)
-        : digests_(digests), unlisted_(std::move(unlisted)), report_(report) {}
+    CheckSink(DigestCheck* digests, const std::vector<PartName>& unlisted, Unreadable& unreadable)
+        : digests_(digests), unlisted_(unlisted), unreadable_(unreadable) {}
 
-    bool begin(const std::string& item, opc::model::Part* part) override {
+    bool begin(const std::string& item, opc::model::Part* part, std::size_t order) override {
         item_ = item;
+        order_ = order;
         // The content types were read whole when the package opened.
-        hashing_ =
-            digests_ && (part == nullptr || std::find(unlisted_.begin(), unlisted_.end(),
-                                                      part->getPartName()) == unlisted_.end());
-        if (hashing_) digests_->begin(item);
+        if (digests_ && (part == nullptr || std::find(unlisted_.begin(), unlisted_.end(),
+                                                      part->getPartName()) == unlisted_.end()))
+            hashing_.emplace(*digests_, item, order);
         return part != nullptr || hashing_;
     }
     void update(const unsigned char* data, std::size_t size) override {
-        if (hashing_) digests_->update(data, size);
+        if (hashing_) hashing_->update(data, size);
     }
     void end() override {
-        if (hashing_) digests_->end();
+        if (hashing_) hashing_->end();
+        hashing_.reset();
     }
     void fail(const opc::Exception& error) override {
-        if (hashing_) digests_->abandon(error.what());
-        add(report_, FaultKind::UnreadableItem,
-            describe(FaultKind::UnreadableItem) + (" " + item_) + ": " + error.what());
+        if (hashing_) hashing_->abandon(error.what());
+        hashing_.reset();
+        unreadable_.note(order_,
+                         describe(FaultKind::UnreadableItem) + (" " + item_) + ": " + error.what());
     }
 
   private:
     DigestCheck* digests_;
-    std::vector<PartName> unlisted_;
-    Report& report_;
+    const std::vector<PartName>& unlisted_;
+    Unreadable& unreadable_;
     std::string item_;
-    bool hashing_ = false;
+    std::size_t order_ = 0;
+    std::optional<DigestCheck::Item> hashing_;
 };
 
 // Returns the digest faults: they are reported after the others, which
 // name the cause more plainly (a removed app file, a changed manifest).
-std::vector<Fault> decodeEveryPart(opc::model::Package& package, Report& report) {
+std::vector<Fault> decodeEveryPart(opc::model::Package& package, unsigned threads, Report& report) {
     std::vector<integrity::Fault> found;
     std::optional<DigestCheck> digests = digestCheckOf(package, found);
-    CheckSink sink(digests ? &*digests : nullptr, integrity::detail::integrityParts(package),
-                   report);
-    opc::model::readEveryItem(package, sink);
+    const std::vector<PartName> unlisted = integrity::detail::integrityParts(package);
+    Unreadable unreadable;
+    const opc::model::SinksPerThread<CheckSink> sinks(
+        opc::model::threadCount(threads), [&](unsigned) {
+            return std::make_unique<CheckSink>(digests ? &*digests : nullptr, unlisted, unreadable);
+        });
+    opc::model::readEveryItem(package, sinks.sinks);
+    unreadable.report(report);
     if (digests) {
         const auto& more = digests->finish();
         found.insert(found.end(), more.begin(), more.end());
@@ -240,7 +268,7 @@ void checkReservedNames(const opc::model::Package& package, Report& report) {
 }  // namespace
 
 Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
-                    bool decodeParts) {
+                    bool decodeParts, unsigned threads) {
     Report report;
     if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
         add(report, FaultKind::NotAppFile,
@@ -255,7 +283,7 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         std::vector<Fault> digestFaults;
         if (decodeParts) {
             pinManifest(package);
-            digestFaults = decodeEveryPart(package, report);
+            digestFaults = decodeEveryPart(package, threads, report);
         }
         const std::string manifestPart = readManifest(package, serializer, report);
         checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);

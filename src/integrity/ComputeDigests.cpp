@@ -11,7 +11,7 @@ class HashSink : public opc::model::ItemSink {
   public:
     explicit HashSink(std::vector<opc::model::PartName> skipped) : skipped_(std::move(skipped)) {}
 
-    bool begin(const std::string& item, opc::model::Part* part) override {
+    bool begin(const std::string& item, opc::model::Part* part, std::size_t) override {
         item_ = item;
         return part == nullptr ||
                std::find(skipped_.begin(), skipped_.end(), part->getPartName()) == skipped_.end();

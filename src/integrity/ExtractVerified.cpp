@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <optional>
+#include <unordered_map>
+
 #include "BackgroundDigestCheck.hpp"
 #include "PackageItems.hpp"
 #include "VerifySteps.hpp"
@@ -6,6 +10,57 @@
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsappinstall::integrity {
+namespace {
+
+using opc::model::PartName;
+
+// Checks the parts an extraction on several threads writes: each thread
+// hashes the parts it writes itself, so that hashing is spread as widely
+// as inflating. The observer the extraction is given makes one for each
+// thread and, at the end, collects their verdict.
+class SpreadDigestCheck final : public opc::extraction::PartObserver {
+  public:
+    // Places in the package's order, by part name.
+    using Orders = std::unordered_map<std::string, std::size_t>;
+
+    SpreadDigestCheck(DigestCheck& check, const std::vector<PartName>& skipped,
+                      const Orders& orders)
+        : check_(check), skipped_(skipped), orders_(orders) {}
+
+    void begin(const PartName& part) override {
+        if (std::find(skipped_.begin(), skipped_.end(), part) != skipped_.end()) return;
+        item_.emplace(check_, part.ascii(), orders_.at(part.ascii()));
+    }
+    void update(const unsigned char* data, std::size_t size) override {
+        if (item_) item_->update(data, size);
+    }
+    void end() override {
+        if (item_) item_->end();
+        item_.reset();
+    }
+    void beforeCommit() override {
+        const std::vector<Fault>& faults = check_.finish();
+        if (!faults.empty()) throw detail::DigestFaults{faults};
+    }
+    std::unique_ptr<PartObserver> forThread() override {
+        return std::make_unique<SpreadDigestCheck>(check_, skipped_, orders_);
+    }
+
+    static Orders ordersOf(const opc::model::Package& package) {
+        Orders orders;
+        for (const PartName& name : package.getPartNames())
+            orders.emplace(name.ascii(), orders.size() + 1);
+        return orders;
+    }
+
+  private:
+    DigestCheck& check_;
+    const std::vector<PartName>& skipped_;
+    const Orders& orders_;
+    std::optional<DigestCheck::Item> item_;
+};
+
+}  // namespace
 
 VerifiedExtraction extractVerified(opc::model::Package& package,
                                    const std::filesystem::path& folder,
@@ -24,8 +79,16 @@ VerifiedExtraction extractVerified(opc::model::Package& package,
     // are not extracted, come by on their own (pinned: no second read).
     detail::DigestSink contentTypes(check, {}, true);
     opc::model::readEveryItem(package, contentTypes);
-    detail::BackgroundDigestCheck hashing(check, detail::integrityParts(package));
-    options.observer = &hashing;
+    // On one thread, hashing has a thread of its own; on several, each
+    // hashes what it writes.
+    const std::vector<PartName> skipped = detail::integrityParts(package);
+    const SpreadDigestCheck::Orders orders = SpreadDigestCheck::ordersOf(package);
+    std::optional<detail::BackgroundDigestCheck> background;
+    std::optional<SpreadDigestCheck> spread;
+    if (opc::model::threadCount(options.threads) > 1)
+        options.observer = &spread.emplace(check, skipped, orders);
+    else
+        options.observer = &background.emplace(check, skipped);
     opc::extraction::Extractor extractor(package, opc::FileSystemOpsSelector(), std::move(options));
     try {
         result.leftAside = extractor

@@ -26,28 +26,26 @@ std::vector<PartName> integrityParts(const opc::model::Package& package) {
     return parts;
 }
 
-bool DigestSink::begin(const std::string& item, opc::model::Part* part) {
-    if (part == nullptr) {
-        check_.begin(item);
-        return true;
-    }
-    const PartName& name = part->getPartName();
-    if (contentTypesOnly_ || std::find(skipped_.begin(), skipped_.end(), name) != skipped_.end())
+bool DigestSink::begin(const std::string& item, opc::model::Part* part, std::size_t order) {
+    if (part != nullptr && (contentTypesOnly_ || std::find(skipped_.begin(), skipped_.end(),
+                                                           part->getPartName()) != skipped_.end()))
         return false;
-    check_.begin(item);
+    item_.emplace(check_, item, order);
     return true;
 }
 
 void DigestSink::update(const unsigned char* data, std::size_t size) {
-    check_.update(data, size);
+    item_->update(data, size);
 }
 
 void DigestSink::end() {
-    check_.end();
+    item_->end();
+    item_.reset();
 }
 
 void DigestSink::fail(const opc::Exception& error) {
-    check_.abandon(error.what());
+    item_->abandon(error.what());
+    item_.reset();
 }
 
 }  // namespace tsappinstall::integrity::detail

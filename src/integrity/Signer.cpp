@@ -1,5 +1,8 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <ctime>
 
 #include "OpenSsl.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -55,8 +58,21 @@ CertsPtr issuerPath(X509* certificate, STACK_OF(X509) * pool) {
 
 Signer::Signer(const std::string& keyFile, const std::string& certificateFile)
     : keys_(std::make_unique<Keys>()) {
+    load(keyFile, certificateFile, nullptr);
+}
+
+Signer::Signer(const std::string& keyFile, const std::string& certificateFile,
+               const std::string& passphrase)
+    : keys_(std::make_unique<Keys>()) {
+    load(keyFile, certificateFile, &passphrase);
+}
+
+// Without a passphrase OpenSSL asks the terminal for one when the key needs it.
+void Signer::load(const std::string& keyFile, const std::string& certificateFile,
+                  const std::string* passphrase) {
     ERR_clear_error();
-    keys_->key.reset(PEM_read_bio_PrivateKey(openFile(keyFile).get(), nullptr, nullptr, nullptr));
+    void* secret = passphrase ? const_cast<char*>(passphrase->c_str()) : nullptr;
+    keys_->key.reset(PEM_read_bio_PrivateKey(openFile(keyFile).get(), nullptr, nullptr, secret));
     if (!keys_->key) throw IntegrityError(opensslError("no private key in \"" + keyFile + "\""));
     const BioPtr certs = openFile(certificateFile);
     keys_->certificate.reset(PEM_read_bio_X509(certs.get(), nullptr, nullptr, nullptr));
@@ -75,6 +91,35 @@ Signer::Signer(const std::string& keyFile, const std::string& certificateFile)
 }
 
 Signer::~Signer() = default;
+
+namespace {
+
+std::string dayOf(const ASN1_TIME* time) {
+    std::tm tm{};
+    char text[16] = "?";
+    if (ASN1_TIME_to_tm(time, &tm) == 1) std::strftime(text, sizeof text, "%Y-%m-%d", &tm);
+    return text;
+}
+
+}  // namespace
+
+std::vector<std::string> Signer::certificateProblems(std::time_t now) const {
+    X509* certificate = keys_->certificate.get();
+    std::vector<std::string> problems;
+    if (X509_cmp_time(X509_get0_notBefore(certificate), &now) > 0)
+        problems.push_back("the certificate is not valid before " +
+                           dayOf(X509_get0_notBefore(certificate)));
+    if (X509_cmp_time(X509_get0_notAfter(certificate), &now) < 0)
+        problems.push_back("the certificate expired on " + dayOf(X509_get0_notAfter(certificate)));
+    const std::uint32_t flags = X509_get_extension_flags(certificate);
+    if ((flags & EXFLAG_XKUSAGE) != 0 &&
+        (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) == 0)
+        problems.push_back("the certificate's extended key usage does not include code signing");
+    if ((flags & EXFLAG_KUSAGE) != 0 &&
+        (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) == 0)
+        problems.push_back("the certificate's key usage does not include digital signatures");
+    return problems;
+}
 
 namespace {
 

@@ -80,11 +80,14 @@ std::optional<std::string> readPinned(opc::model::Package& package, const PartNa
     return bytes;
 }
 
-void checkDigests(opc::model::Package& package, const DigestList& list,
+void checkDigests(opc::model::Package& package, const DigestList& list, unsigned threads,
                   std::vector<Fault>& faults) {
     DigestCheck check(list);
-    detail::DigestSink sink(check, integrityParts(package));
-    opc::model::readEveryItem(package, sink);
+    const std::vector<PartName> skipped = integrityParts(package);
+    const opc::model::SinksPerThread<detail::DigestSink> sinks(
+        opc::model::threadCount(threads),
+        [&](unsigned) { return std::make_unique<detail::DigestSink>(check, skipped); });
+    opc::model::readEveryItem(package, sinks.sinks);
     const std::vector<Fault>& found = check.finish();
     faults.insert(faults.end(), found.begin(), found.end());
 }
@@ -136,12 +139,13 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
 
 }  // namespace detail
 
-VerificationReport verifyPackage(opc::model::Package& package, const VerificationPolicy& policy) {
+VerificationReport verifyPackage(opc::model::Package& package, const VerificationPolicy& policy,
+                                 unsigned threads) {
     VerificationReport report;
     try {
         const auto list = detail::readDigestList(package, report.faults);
         if (!list) return report;
-        if (list->list) checkDigests(package, *list->list, report.faults);
+        if (list->list) checkDigests(package, *list->list, threads, report.faults);
         detail::checkAuthor(package, list->text, policy, report);
     } catch (const opc::Exception& e) {
         // Only the two integrity parts' reads get here: every other item's
@@ -166,10 +170,10 @@ VerificationReport verifySignature(const std::filesystem::path& path,
 }
 
 VerificationReport verifyPackage(const std::filesystem::path& path,
-                                 const VerificationPolicy& policy) {
+                                 const VerificationPolicy& policy, unsigned threads) {
     try {
         opc::model::OpenedPackage opened(path);
-        VerificationReport report = verifyPackage(opened.package(), policy);
+        VerificationReport report = verifyPackage(opened.package(), policy, threads);
         opened.close();
         return report;
     } catch (const opc::Exception& e) {

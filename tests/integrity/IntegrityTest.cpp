@@ -186,9 +186,15 @@ TEST(Integrity, TamperingFailsWithTheRightFault) {
         writePackage(pkg, "a", &ec);
         c.tamper();
         const VerificationPolicy policy{{keys().dir.file("ca.pem")}};
-        EXPECT_EQ(pairs(verifyPackage(pkg, policy).faults), c.expected) << c.name;
-        EXPECT_EQ(pairs(extractVerified(pkg, dest, policy).report.faults), c.expected) << c.name;
-        EXPECT_EQ(snapshot_tree(dest), before) << c.name;
+        // On several threads too, with the faults in the same order.
+        for (const unsigned threads : {1u, 3u}) {
+            opc::extraction::Options options;
+            options.threads = threads;
+            EXPECT_EQ(pairs(verifyPackage(pkg, policy, threads).faults), c.expected) << c.name;
+            EXPECT_EQ(pairs(extractVerified(pkg, dest, policy, options).report.faults), c.expected)
+                << c.name;
+            EXPECT_EQ(snapshot_tree(dest), before) << c.name;
+        }
     }
     writePackage(pkg, "a", &ec);
     EXPECT_TRUE(extractVerified(pkg, dest, {{keys().dir.file("ca.pem")}}).report.ok());

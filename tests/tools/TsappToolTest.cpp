@@ -11,9 +11,11 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 
 #ifdef TSAPP_TOOL
@@ -186,6 +188,10 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
     EXPECT_EQ(line, "hello.tsappinstall: OK");
     std::getline(lines, line);
     EXPECT_EQ(line, "9 of 10 packages bad");
+    // Jobs left over decode one package's parts on several threads, to the same verdict.
+    for (const auto& c : cases)
+        EXPECT_EQ(tsapp({"check", "-j", "4", "--json", c.name}).out,
+                  tsapp({"check", "-j", "1", "--json", c.name}).out);
 
     const ToolRun quiet =
         tsapp({"check", "-q", "--json", "hello.tsappinstall", "seal.tsappinstall"});
@@ -282,7 +288,7 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
     EXPECT_EQ(tsapp({"pack", "src", "-o", "a.tsappinstall"}, "SOURCE_DATE_EPOCH=abc").err,
               "tsapp: src/tsapp.json: files: back\\slash.txt cannot be a part name: it holds a "
               "percent-encoded \"/\" or \"\\\"\n"
-              "tsapp: SOURCE_DATE_EPOCH: not a number of seconds since 1980: abc\n");
+              "tsapp: SOURCE_DATE_EPOCH: not a whole number of seconds: \"abc\"\n");
     EXPECT_FALSE(file_exists(dir.file("a.tsappinstall")));
 }
 
@@ -420,6 +426,166 @@ TEST_F(TsappTool, PackIsReproducibleAndAtomic) {
               "tsapp: src/tsapp.json: screenshot: screenshot.png is not a regular file\n");
     EXPECT_TRUE(read_file(dir.file("a.tsappinstall")) == read_file(dir.file("b.tsappinstall")));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
+}
+
+// Each source is the sample spoiled one way; pack finds it before it writes.
+TEST_F(TsappTool, PackRefusesEveryBadSourceBeforeWriting) {
+    const auto json = [](const std::string& from, const std::string& to) {
+        return [=](const std::string& src) {
+            write_file(src + "/tsapp.json", replaced(read_file(src + "/tsapp.json"), from, to));
+        };
+    };
+    const auto file = [](const std::string& name, const std::string& bytes) {
+        return [=](const std::string& src) { write_file(src + "/" + name, bytes); };
+    };
+    struct Case {
+        std::function<void(const std::string&)> spoil;
+        std::string env, output, err;
+    };
+    const std::string at = "tsapp: src/tsapp.json: ";
+    const std::vector<Case> cases = {
+        {file("files/a\x01"
+              "b.txt",
+              "x"),
+         "", "",
+         at + "files: a\\x01b.txt cannot be a part name: it holds a control character or is "
+              "not UTF-8\n"},
+        {file("files/Main.JS", "x"), "", "",
+         at + "files: main.js and Main.JS would be one part: part names ignore case\n"},
+        {json("\"Hello Tessal\"", "\"Hello\\u0007\""), "", "",
+         at + "name: holds a control character\n"},
+        {json("\"1.2.0\"", "\"\""), "", "", at + "version: must not be empty\n"},
+        {json("\"name\":", "\"version\": \"2\", \"name\":"), "", "",
+         at + "version: given more than once\n"},
+        {file("icon.png", "not an image"), "", "", at + "icon: icon.png is not a PNG image\n"},
+        {file("icon.png", "\xFF\xD8\xFF\xE0"), "", "",
+         at + "icon: icon.png is not a PNG image: it holds a JPEG one\n"},
+        {json("\"screenshot.png\"", "\"icon.png\""), "", "",
+         at + "screenshot: icon.png would be the same part as the icon icon.png\n"},
+        {[](const std::string&) {}, "SOURCE_DATE_EPOCH=-5", "",
+         "tsapp: SOURCE_DATE_EPOCH: -5 is before 1980-01-01, the earliest time a ZIP file holds\n"},
+        {[](const std::string&) {}, "SOURCE_DATE_EPOCH=4354819200", "",
+         "tsapp: SOURCE_DATE_EPOCH: 4354819200 is after 2107-12-31, the latest time a ZIP file "
+         "holds\n"},
+        {[](const std::string&) {}, "", "src/files/next.tsappinstall",
+         "tsapp: src/files/next.tsappinstall: lies inside the app files folder, so the next pack "
+         "would pack it\n"},
+    };
+    for (const Case& c : cases) {
+        fs::remove_all(dir.file("src"));
+        fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
+        c.spoil(dir.file("src"));
+        const ToolRun run =
+            tsapp({"pack", "src", "-o", c.output.empty() ? "out.tsappinstall" : c.output}, c.env);
+        EXPECT_EQ(run.status, 1) << c.err;
+        EXPECT_EQ(run.err, c.err);
+        EXPECT_FALSE(file_exists(dir.file("out.tsappinstall")));
+        EXPECT_FALSE(file_exists(dir.file("src/files/next.tsappinstall")));
+    }
+}
+
+TEST_F(TsappTool, PackLeavesOutIgnoredFilesAndReportsWhatItWrote) {
+    fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
+    write_file(dir.file("src/.tsappignore"), "# not shipped\n*.log\n!keep.log\nbuild/\n/tmp*\n");
+    for (const char* folder : {"build", "sub", "empty"})
+        fs::create_directories(dir.file("src/files/") + folder);
+    for (const char* name : {"a.log", "keep.log", "build/x.js", "tmp1", "sub/tmp2", "sub/b.tmp"})
+        write_file(dir.file("src/files/") + name, "k");
+    const std::string warning = "tsapp: src/files/empty: warning: an empty folder is not packed\n";
+
+    const ToolRun dry = tsapp({"pack", "src", "--dry-run", "--exclude", "*.tmp"});
+    EXPECT_EQ(dry.status, 0);
+    EXPECT_EQ(dry.out,
+              "248\ticon.png\n556\tscreenshot.png\n84\tfiles/README.txt\n40\tfiles/data/"
+              "config.json\n1\tfiles/keep.log\n119\tfiles/lib/util.js\n170\tfiles/main.js\n"
+              "1\tfiles/sub/tmp2\n8 files, 1219 bytes, would be packed into "
+              "Hello_Tessal-1.2.0.tsappinstall\n");
+    EXPECT_EQ(dry.err, warning);
+    const ToolRun strict = tsapp({"pack", "src", "--strict"});
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_EQ(strict.err, warning + "tsapp: src: refused (--strict): the warnings above\n");
+    EXPECT_FALSE(file_exists(dir.file("Hello_Tessal-1.2.0.tsappinstall")));
+
+    const ToolRun packed = tsapp({"pack", "src", "--json", "--exclude", "*.tmp", "-j", "3"});
+    ASSERT_EQ(packed.status, 0) << packed.err;
+    const auto result = nlohmann::json::parse(packed.out);
+    const std::string written = read_file(dir.file("Hello_Tessal-1.2.0.tsappinstall"));
+    tsappinstall::integrity::Sha256 sha;
+    sha.update(written.data(), written.size());
+    EXPECT_EQ(result.dump(), nlohmann::json({{"guid", result["guid"]},
+                                             {"package", "Hello_Tessal-1.2.0.tsappinstall"},
+                                             {"parts", 11},
+                                             {"sha256", sha.finishHex()},
+                                             {"size", written.size()}})
+                                 .dump());
+    EXPECT_EQ(zip_item(dir.file("Hello_Tessal-1.2.0.tsappinstall"), "files/keep.log"), "k");
+    EXPECT_EQ(tsapp({"pack", "src", "-q", "-o", "q.tsappinstall"}).out, "");
+}
+
+// Which app files a set of ignore rules leaves in, as --dry-run lists them.
+TEST_F(TsappTool, IgnoreRulesFollowGitignoreSyntax) {
+    fs::copy(sample(), dir.file("src"), fs::copy_options::recursive);
+    for (const char* folder : {"lib", "docs/x"})
+        fs::create_directories(dir.file("src/files/") + folder);
+    for (const char* name : {"a.log", "lib/b.log", "docs/x/y.md", ".hidden"})
+        write_file(dir.file("src/files/") + name, "k");
+    const struct {
+        std::string rules, packed;
+    } cases[] = {
+        {"*.log", ".hidden README.txt data/config.json docs/x/y.md lib/util.js main.js "},
+        {"/*.log",
+         ".hidden README.txt data/config.json docs/x/y.md lib/b.log lib/util.js main.js "},
+        {"lib/\n.*", "README.txt a.log data/config.json docs/x/y.md main.js "},
+        {"docs/**\n!docs/x/y.md\n*.log\n!lib/b.log",
+         ".hidden README.txt data/config.json lib/b.log lib/util.js main.js "},
+        {"**/y.md\n\\#x\n  \n# lib",
+         ".hidden README.txt a.log data/config.json lib/b.log lib/util.js main.js "},
+        {"d?cs\n[a-c].log", ".hidden README.txt data/config.json lib/util.js main.js "},
+    };
+    for (const auto& c : cases) {
+        write_file(dir.file("src/.tsappignore"), c.rules);
+        const ToolRun run = tsapp({"pack", "src", "--dry-run"});
+        std::string packed;
+        std::istringstream lines(run.out);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("\tfiles/") != std::string::npos)
+                packed += line.substr(line.find("\tfiles/") + 7) + " ";
+        EXPECT_EQ(packed, c.packed) << c.rules;
+    }
+}
+
+TEST_F(TsappTool, PackSignsWithoutATerminalAndWarnsOfAnUnfitCertificate) {
+    ASSERT_EQ(std::system(("cd " + quoted(dir.path()) +
+                           " && openssl genpkey -algorithm ed25519 -aes-128-cbc -pass pass:secret "
+                           "-out k.pem && openssl req -x509 -key k.pem -passin pass:secret -subj "
+                           "/CN=a -days 2 -addext extendedKeyUsage=serverAuth -out c.pem "
+                           "2>/dev/null")
+                              .c_str()),
+              0);
+    write_file(dir.file("pass"), "secret\n");
+    const std::string warning =
+        "tsapp: c.pem: warning: the certificate's extended key usage does not include code "
+        "signing\n";
+    const Args sign = {"pack", sample(), "-q", "--sign", "k.pem", "--cert", "c.pem", "-o"};
+    const auto run = [&](const char* out, Args more, const std::string& env = "") {
+        Args args = sign;
+        args.push_back(out);
+        args.insert(args.end(), more.begin(), more.end());
+        return tsapp(args, env);
+    };
+    const ToolRun fromFile = run("a.tsappinstall", {"--pass-file", "pass"});
+    EXPECT_EQ(fromFile.status, 0);
+    EXPECT_EQ(fromFile.out + fromFile.err, warning);
+    EXPECT_EQ(run("b.tsappinstall", {"--pass-env", "P"}, "P=secret").status, 0);
+    const ToolRun strict = run("c.tsappinstall", {"--pass-env", "P", "--strict"}, "P=secret");
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_EQ(strict.err,
+              warning + "tsapp: " + sample() + ": refused (--strict): the warnings above\n");
+    EXPECT_EQ(run("c.tsappinstall", {"--pass-env", "P"}, "P=wrong").err.rfind("tsapp: k.pem: ", 0),
+              0u);
+    EXPECT_EQ(run("c.tsappinstall", {"--pass-env", "UNSET_P"}).err,
+              "tsapp: UNSET_P: the environment variable is not set\n");
+    EXPECT_FALSE(file_exists(dir.file("c.tsappinstall")));
 }
 
 // Usage errors are found before any package is opened: nothing on stdout,

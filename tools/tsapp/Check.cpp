@@ -48,8 +48,9 @@ inspect::Report unchecked(const std::string& why) {
 }
 
 // A judge with its own serializer, so the schema is compiled once per
-// worker rather than once per package.
-Judge checker(const VerdictOptions& options, bool all) {
+// worker rather than once per package, that decodes each package's parts
+// on `threads` threads.
+Judge checker(const VerdictOptions& options, bool all, unsigned threads) {
     auto serializer = std::make_shared<std::optional<AppManifestSerializer>>();
     std::string setupError;
     try {
@@ -60,8 +61,8 @@ Judge checker(const VerdictOptions& options, bool all) {
     return [=](const std::string& path, const std::string& shown) {
         inspect::Report report;
         try {
-            report =
-                *serializer ? inspect::checkPackage(path, **serializer) : unchecked(setupError);
+            report = *serializer ? inspect::checkPackage(path, **serializer, true, threads)
+                                 : unchecked(setupError);
         } catch (const std::exception& e) {
             report = unchecked(e.what());
         }
@@ -84,7 +85,8 @@ std::vector<Command> addCheck(CLI::App& app) {
         ->required()
         ->check(nonEmpty());
     check->add_option("-j,--jobs", o->verdicts.jobs,
-                      "Packages checked at once (default: one per core)");
+                      "Packages checked at once, the jobs left over decoding the parts of fewer "
+                      "packages (default: one per core)");
     check->add_flag("--json", o->verdicts.json,
                     "One JSON object per line and package, every fault");
     check->add_flag("-q,--quiet", o->verdicts.quiet, "Print only the bad packages");
@@ -92,7 +94,9 @@ std::vector<Command> addCheck(CLI::App& app) {
     // Each package's failure is reported on its own line; what escapes is
     // about no one file.
     const auto run = [o] {
-        return judgeAll(o->packages, o->verdicts, [o] { return checker(o->verdicts, o->all); });
+        const unsigned threads = workersFor(o->verdicts, o->packages.size()).threadsEach;
+        return judgeAll(o->packages, o->verdicts,
+                        [o, threads] { return checker(o->verdicts, o->all, threads); });
     };
     return {{check, run, [] { return std::string(); }}};
 }

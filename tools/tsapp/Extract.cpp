@@ -39,6 +39,7 @@ struct ExtractSettings {
     bool verify = false;             // the signature too
     std::vector<std::string> trust;  // implies verify
     bool allowUnsigned = false;
+    unsigned jobs = 0;      // parts written at once; 0: one per core
     bool noVerify = false;  // not even the digests
 };
 
@@ -85,11 +86,16 @@ void catchStopSignals() {
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-opc::extraction::Options optionsOf(const ExtractSettings& settings) {
+// `progress` must outlive the extraction.
+opc::extraction::Options optionsOf(const ExtractSettings& settings, ProgressLine& progress) {
     opc::extraction::Options options;
     options.maxBytes = settings.maxBytes;
     options.sync = settings.sync;
     options.cancelled = [] { return caughtSignal != 0; };
+    options.threads = settings.jobs;
+    if (::isatty(STDERR_FILENO))
+        options.progress = [&progress](std::uint64_t b, std::uint64_t tb, std::size_t p,
+                                       std::size_t tp) { progress.update(b, tb, p, tp); };
     return options;
 }
 
@@ -101,13 +107,9 @@ opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
 std::vector<std::string> extract(opc::model::Package& package,
                                  const std::filesystem::path& nativeFolder,
                                  const ExtractSettings& settings) {
-    opc::extraction::Extractor manager(package, opc::FileSystemOpsSelector(), optionsOf(settings));
     ProgressLine progress;
-    if (::isatty(STDERR_FILENO)) {
-        manager.setProgress([&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {
-            progress.update(b, tb, p, tp);
-        });
-    }
+    opc::extraction::Extractor manager(package, opc::FileSystemOpsSelector(),
+                                       optionsOf(settings, progress));
     auto outcome =
         manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
                            opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
@@ -123,9 +125,10 @@ std::vector<std::string> extractVerified(opc::model::Package& package,
                                          const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
     const bool signature = settings.verify || !settings.trust.empty();
+    ProgressLine progress;
     const integrity::VerifiedExtraction result = integrity::extractVerified(
         package, nativeFolder, {settings.trust, !settings.allowUnsigned, signature},
-        optionsOf(settings), replaceModeOf(settings));
+        optionsOf(settings, progress), replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
         printError(shown + ": " + tsappinstall::describe(fault));
@@ -253,6 +256,8 @@ std::vector<Command> addExtract(CLI::App& app) {
                       "With --verify, accept a package without a signature when its digests match");
     extract->add_flag("--no-verify", e->settings.noVerify,
                       "Do not check the digest list (checked by default as each part is written)");
+    extract->add_option("-j,--jobs", e->settings.jobs,
+                        "Parts written at once, each on a thread (default: one per core)");
 
     struct RecoverOptions {
         std::string folder;

@@ -10,10 +10,15 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "Commands.hpp"
@@ -58,18 +63,49 @@ std::vector<unsigned char> savedManifest(const AppManifest& manifest) {
     return bytes;
 }
 
-void writePackage(const PackPlan& plan, const std::string& path,
-                  const tsappinstall::integrity::Signer* signer) {
+// "N of M MB packed" on stderr, redrawn at most four times a second, and
+// cleared at the end.
+class ProgressLine {
+  public:
+    void update(std::uint64_t done, std::uint64_t total) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::milliseconds(250) && done != total) return;
+        last_ = now;
+        shown_ = true;
+        std::fprintf(stderr, "\r%.1f of %.1f MB packed", done / 1048576.0, total / 1048576.0);
+        std::fflush(stderr);
+    }
+    ~ProgressLine() {
+        if (shown_) std::fprintf(stderr, "\r\033[K");
+    }
+
+  private:
+    std::chrono::steady_clock::time_point last_{};
+    bool shown_ = false;
+};
+
+struct Written {
+    std::uint64_t size = 0;
+    std::string sha256;
+};
+
+Written writePackage(const PackPlan& plan, const std::string& path,
+                     const tsappinstall::integrity::Signer* signer, unsigned jobs, bool quiet) {
     using namespace Corvane::addons::apps;
     PackageWriter writer(path);
     writer.setModificationTime(plan.when);
+    writer.setJobs(jobs);
+    ProgressLine progress;
+    if (!quiet && ::isatty(STDERR_FILENO))
+        writer.setProgress(
+            [&](std::uint64_t done, std::uint64_t total) { progress.update(done, total); });
     const std::string manifestPart =
         writer.addPart("manifest.xml", "application/xml", savedManifest(plan.manifest));
     const std::string iconPart =
-        writer.addPartFromFile(plan.icon.filename().string(), contentTypeFor(plan.icon),
-                               plan.icon.string(), PackageWriter::Compression::Stored);
+        writer.addPartFromFile(plan.icon.filename().string(), plan.iconType, plan.icon.string(),
+                               PackageWriter::Compression::Stored);
     const std::string shotPart =
-        writer.addPartFromFile(plan.screenshot.filename().string(), contentTypeFor(plan.screenshot),
+        writer.addPartFromFile(plan.screenshot.filename().string(), plan.screenshotType,
                                plan.screenshot.string(), PackageWriter::Compression::Stored);
     for (const auto& file : plan.files)
         writer.addPartFromFile("files/" + file, contentTypeFor(file),
@@ -79,15 +115,7 @@ void writePackage(const PackPlan& plan, const std::string& path,
     writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
     writer.addDigests(signer);
     writer.commit();
-}
-
-std::string sha256Of(const std::string& path) {
-    tsappinstall::integrity::Sha256 sha;
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> buffer(1 << 16);
-    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
-        sha.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
-    return sha.finishHex();
+    return {writer.writtenSize(), writer.writtenSha256()};
 }
 
 // The package is written here first; removed unless it was renamed.
@@ -99,80 +127,179 @@ struct TemporaryPackage {
     }
 };
 
-int runPack(const std::string& sourceFolder, const std::string& output, const std::string& guid,
-            const std::string& keyFile, const std::string& certificateFile) {
-    const fs::path destination(output);
+struct PackOptions {
+    PackRequest request;
+    std::string key, cert, passFile, passEnv;
+    unsigned jobs = 0;
+    bool strict = false, dryRun = false, quiet = false, json = false;
+};
+
+// The key's passphrase from --pass-file (its first line) or --pass-env.
+std::optional<std::string> passphrase(const PackOptions& o) {
+    if (!o.passFile.empty()) {
+        std::ifstream in(o.passFile, std::ios::binary);
+        std::string line;
+        if (!in) throw Failure(o.passFile, "cannot be read");
+        std::getline(in, line);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        return line;
+    }
+    if (!o.passEnv.empty()) {
+        const char* value = std::getenv(o.passEnv.c_str());
+        if (value == nullptr) throw Failure(o.passEnv, "the environment variable is not set");
+        return std::string(value);
+    }
+    return std::nullopt;
+}
+
+// Read before anything is written: a wrong key stops the tool here.
+void loadSigner(const PackOptions& o, std::optional<tsappinstall::integrity::Signer>& signer,
+                std::vector<std::string>& warnings) {
+    if (o.key.empty()) return;
+    const std::optional<std::string> secret = passphrase(o);
+    try {
+        if (secret)
+            signer.emplace(o.key, o.cert, *secret);
+        else
+            signer.emplace(o.key, o.cert);
+    } catch (const std::exception& e) {
+        throw Failure(o.key, causeOf(e));
+    }
+    for (const std::string& problem : signer->certificateProblems(std::time(nullptr)))
+        warnings.push_back(o.cert + ": warning: " + problem);
+}
+
+// --dry-run: what would be packed, with its sizes, and where.
+void listPlan(const PackPlan& plan, bool json) {
+    std::vector<std::pair<std::string, std::uint64_t>> parts = {
+        {plan.icon.filename().string(), plan.sizes[0]},
+        {plan.screenshot.filename().string(), plan.sizes[1]}};
+    for (std::size_t i = 0; i < plan.files.size(); ++i)
+        parts.emplace_back("files/" + plan.files[i], plan.sizes[i + 2]);
+    std::uint64_t total = 0;
+    for (const auto& part : parts) total += part.second;
+    if (json) {
+        nlohmann::ordered_json files = nlohmann::ordered_json::array();
+        for (const auto& [path, size] : parts) files.push_back({{"path", path}, {"size", size}});
+        std::cout << nlohmann::ordered_json{{"package", plan.output},
+                                            {"files", files},
+                                            {"bytes", total}}
+                         .dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+                  << '\n';
+        return;
+    }
+    for (const auto& [path, size] : parts) std::cout << size << '\t' << path << '\n';
+    std::cout << parts.size() << " files, " << total << " bytes, would be packed into "
+              << plan.output << '\n';
+}
+
+int runPack(const PackOptions& o) {
     const std::string extension = std::string(".") + Corvane::addons::apps::APP_FILE_EXTENSION;
-    if (destination.extension() != extension)
-        throw Failure(output, "the package's name must end in " + extension);
+    if (!o.request.output.empty() && fs::path(o.request.output).extension() != extension)
+        throw Failure(o.request.output, "the package's name must end in " + extension);
     PackPlan plan;
-    const std::vector<std::string> problems = planPack(sourceFolder, guid, plan);
+    const std::vector<std::string> problems = planPack(o.request, plan);
+    const std::string source = o.request.source.string();
     for (const auto& problem : problems)
-        printError(problem.rfind("tsapp.json", 0) == 0 ? (fs::path(sourceFolder) / problem).string()
+        printError(problem.rfind("tsapp.json", 0) == 0 ? (fs::path(source) / problem).string()
                                                        : problem);
     if (!problems.empty()) return kBad;
-    // Read the key before writing anything: a wrong one stops the tool here.
+    std::vector<std::string> warnings = plan.warnings;
     std::optional<tsappinstall::integrity::Signer> signer;
-    try {
-        if (!keyFile.empty()) signer.emplace(keyFile, certificateFile);
-    } catch (const std::exception& e) {
-        throw Failure(keyFile, causeOf(e));
+    loadSigner(o, signer, warnings);
+    for (const auto& warning : warnings) printError(warning);
+    if (o.strict && !warnings.empty()) {
+        printError(source + ": refused (--strict): the warnings above");
+        return kBad;
     }
-
+    if (o.dryRun) {
+        listPlan(plan, o.json);
+        return kGood;
+    }
+    const std::string& output = plan.output;
+    const fs::path destination(output);
     TemporaryPackage temporary{
         (destination.parent_path() /
          ("." + destination.stem().string() + "." + std::to_string(::getpid()) + extension))
             .string()};
     // From here on a failure is about the package being written.
-    std::uintmax_t size = 0;
-    std::string digest;
+    Written written;
     try {
-        writePackage(plan, temporary.path, signer ? &*signer : nullptr);
+        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, o.jobs, o.quiet);
+        // Every part is decoded again and checked against the digest list:
+        // that is what catches a fault of the compressor or of the disk.
         AppManifestSerializer serializer;
         const auto report = tsappinstall::inspect::checkPackage(temporary.path, serializer);
         if (!report.good())
             throw std::runtime_error("the written package fails its check: " +
                                      report.faults.front().detail);
-        size = fs::file_size(temporary.path);
-        digest = sha256Of(temporary.path);
         fs::rename(temporary.path, output);
     } catch (const std::exception& e) {
         throw Failure(output, causeOf(e));
     }
     temporary.path.clear();
-    std::cout << output << ": " << plan.files.size() + (signer ? 6 : 5) << " parts, " << size
-              << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << digest << '\n';
+    const std::size_t parts = plan.files.size() + (signer ? 6 : 5);
+    if (o.json)
+        std::cout << nlohmann::ordered_json{{"package", output},
+                                            {"size", written.size},
+                                            {"sha256", written.sha256},
+                                            {"guid", plan.manifest.GUID},
+                                            {"parts", parts}}
+                         .dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+                  << '\n';
+    else if (!o.quiet)
+        std::cout << output << ": " << parts << " parts, " << written.size << " bytes, GUID "
+                  << plan.manifest.GUID << ", SHA-256 " << written.sha256 << '\n';
     return kGood;
 }
 
 }  // namespace
 
 std::vector<Command> addPack(CLI::App& app) {
-    struct Options {
-        std::string folder;
-        std::string output;
-        std::string guid;
-        std::string key;
-        std::string cert;
-    };
-    auto o = std::make_shared<Options>();
+    auto o = std::make_shared<PackOptions>();
     CLI::App* pack = app.add_subcommand(
         "pack",
         "Build a sealed app package with content digests from a folder holding tsapp.json.");
-    pack->add_option("SRC", o->folder, "Source folder")->required()->check(nonEmpty());
-    pack->add_option("-o,--output", o->output, "Package to write (.tsappinstall)")
-        ->required()
+    pack->add_option("SRC", o->request.source, "Source folder")->required()->check(nonEmpty());
+    pack->add_option("-o,--output", o->request.output,
+                     "Package to write (.tsappinstall; default: NAME-VERSION.tsappinstall here)")
         ->check(nonEmpty());
-    pack->add_option("--guid", o->guid,
+    pack->add_option("--guid", o->request.guid,
                      "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)");
+    pack->add_option("--exclude", o->request.excludes,
+                     "Leave out app files matching this pattern (as in SRC/.tsappignore; "
+                     "repeatable)");
+    pack->add_option("-j,--jobs", o->jobs,
+                     "Files compressed at once (default: one per core); the package is the "
+                     "same whatever the number");
+    pack->add_flag("--dry-run", o->dryRun,
+                   "Check everything and list the files that would be packed, with their sizes; "
+                   "write nothing");
+    pack->add_flag("-q,--quiet", o->quiet, "Print nothing but warnings and failures");
+    pack->add_flag("--json", o->json,
+                   "Print the result as JSON: package, size, sha256, guid, parts");
+    pack->add_flag("--strict", o->strict,
+                   "Refuse to pack when there is any warning (an expired or unfit certificate, "
+                   "an empty folder)");
     auto* signKey =
         pack->add_option("--sign", o->key, "Sign the digests with this PEM private key");
     auto* signCert =
         pack->add_option("--cert", o->cert, "The signer's PEM certificate (and chain)");
+    pack->add_option("--pass-file", o->passFile,
+                     "Read the key's passphrase from the first line of this file");
+    pack->add_option("--pass-env", o->passEnv,
+                     "Take the key's passphrase from this environment variable");
     signKey->needs(signCert);
     signCert->needs(signKey);
-    return {{pack, [o] { return runPack(o->folder, o->output, o->guid, o->key, o->cert); },
-             [o] { return o->folder; }}};
+    // Checked here rather than with needs() and excludes(), whose notes
+    // would push the options' help onto a line of its own.
+    pack->parse_complete_callback([o] {
+        if (!o->passFile.empty() && !o->passEnv.empty())
+            throw CLI::ValidationError("--pass-file", "cannot be given with --pass-env");
+        if ((!o->passFile.empty() || !o->passEnv.empty()) && o->key.empty())
+            throw CLI::ValidationError("--pass-file/--pass-env", "needs --sign");
+    });
+    return {{pack, [o] { return runPack(*o); }, [o] { return o->request.source.string(); }}};
 }
 
 }  // namespace tsapp::tool

@@ -2,16 +2,20 @@
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 
+#include "IgnoreRules.hpp"
 #include "Text.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
 namespace tsapp::tool {
@@ -47,21 +51,34 @@ class Checker {
     void problem(const std::string& field, const std::string& what) {
         problems.push_back("tsapp.json: " + field + ": " + what);
     }
-    std::u16string text(const json& object, const std::string& key, const std::string& field) {
+    // Line breaks and tabs only where a text may run over several lines.
+    std::u16string text(const json& object, const std::string& key, const std::string& field,
+                        bool multiline = false) {
         if (!object.contains(key)) return {};
-        if (object[key].is_string()) return utf16(object[key].get<std::string>());
-        problem(field, "must be a string");
-        return {};
+        if (!object[key].is_string()) {
+            problem(field, "must be a string");
+            return {};
+        }
+        const std::string value = object[key].get<std::string>();
+        for (unsigned char c : value) {
+            if ((c < 0x20 || c == 0x7F) && !(multiline && (c == '\t' || c == '\n' || c == '\r'))) {
+                problem(field, "holds a control character");
+                break;
+            }
+        }
+        return utf16(value);
     }
     std::vector<std::u16string> texts(const json& object, const std::string& key) {
         std::vector<std::u16string> list;
         if (!object.contains(key)) return list;
         if (!object[key].is_array()) problem(key, "must be a list of strings");
         for (const auto& item : object[key]) {
-            if (item.is_string())
-                list.push_back(utf16(item.get<std::string>()));
-            else
+            if (item.is_string()) {
+                const json holder = {{"value", item}};
+                list.push_back(text(holder, "value", key));
+            } else {
                 problem(key, "must be a list of strings");
+            }
         }
         return list;
     }
@@ -81,15 +98,27 @@ class Checker {
     }
 };
 
-// SOURCE_DATE_EPOCH makes two builds of the same folder byte-identical.
+// SOURCE_DATE_EPOCH makes two builds of the same folder byte-identical; it
+// must be a time a ZIP entry holds (in UTC, 1980 to 2107).
 std::time_t buildTime(Checker& check) {
     const char* epoch = std::getenv("SOURCE_DATE_EPOCH");
     if (!epoch) return std::time(nullptr);
+    constexpr long long kFirst = 315532800;  // 1980-01-01T00:00:00Z
+    constexpr long long kLast = 4354819199;  // 2107-12-31T23:59:59Z
+    const std::string text = epoch;
     char* end = nullptr;
+    errno = 0;
     const long long value = std::strtoll(epoch, &end, 10);
-    if (*epoch == '\0' || *end != '\0' || value < 315532800)  // ZIP times begin in 1980
-        check.problems.push_back("SOURCE_DATE_EPOCH: not a number of seconds since 1980: " +
-                                 std::string(epoch));
+    const auto problem = [&](const std::string& what) {
+        check.problems.push_back("SOURCE_DATE_EPOCH: " + what);
+        return std::time_t{0};
+    };
+    if (text.empty() || *end != '\0' || !std::isdigit(static_cast<unsigned char>(text.back())))
+        return problem("not a whole number of seconds: \"" + text + "\"");
+    if (value < kFirst)
+        return problem(text + " is before 1980-01-01, the earliest time a ZIP file holds");
+    if (errno == ERANGE || value > kLast)
+        return problem(text + " is after 2107-12-31, the latest time a ZIP file holds");
     return static_cast<std::time_t>(value);
 }
 
@@ -134,41 +163,175 @@ fs::path inside(const fs::path& source, const std::u16string& name, const std::s
     return path;
 }
 
-fs::path regularFile(const fs::path& source, const json& d, const char* key, Checker& check) {
+// A name as it can be shown on a terminal: control characters and bytes
+// that are not UTF-8 as \xNN.
+std::string printable(const std::string& name, bool& clean) {
+    std::string out;
+    clean = true;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const auto c = static_cast<unsigned char>(name[i]);
+        std::size_t length = c < 0x80         ? 1
+                             : (c >> 5) == 6  ? 2
+                             : (c >> 4) == 14 ? 3
+                             : (c >> 3) == 30 ? 4
+                                              : 0;
+        bool good = length != 0 && i + length <= name.size() && c >= 0x20 && c != 0x7F;
+        for (std::size_t k = 1; good && k < length; ++k)
+            good = (static_cast<unsigned char>(name[i + k]) & 0xC0) == 0x80;
+        if (good) {
+            out.append(name, i, length);
+            i += length - 1;
+            continue;
+        }
+        static const char* hex = "0123456789abcdef";
+        out += "\\x";
+        out += hex[c >> 4];
+        out += hex[c & 15];
+        clean = false;
+    }
+    return out;
+}
+
+// The image types an icon or a screenshot may be, known by their bytes.
+struct ImageType {
+    const char* name;
+    const char* contentType;
+    std::vector<std::string> extensions;
+};
+const ImageType kImages[] = {{"PNG", "image/png", {".png"}},
+                             {"JPEG", "image/jpeg", {".jpg", ".jpeg"}},
+                             {"SVG", "image/svg+xml", {".svg"}}};
+
+const ImageType* imageTypeOf(const std::string& head) {
+    if (head.rfind("\x89PNG\r\n\x1a\n", 0) == 0) return &kImages[0];
+    if (head.rfind("\xFF\xD8\xFF", 0) == 0) return &kImages[1];
+    std::size_t start = head.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
+    start = head.find_first_not_of(" \t\r\n", start);
+    if (start != std::string::npos && head[start] == '<' &&
+        head.find("<svg", start) != std::string::npos)
+        return &kImages[2];
+    return nullptr;
+}
+
+// The icon's or screenshot's content type, from its bytes, which must be
+// the image its name's extension says.
+std::string imageContentType(const fs::path& file, const std::string& shown, const char* key,
+                             Checker& check) {
+    std::string extension = file.extension().string();
+    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const ImageType* named = nullptr;
+    for (const ImageType& type : kImages)
+        if (std::find(type.extensions.begin(), type.extensions.end(), extension) !=
+            type.extensions.end())
+            named = &type;
+    if (named == nullptr) {
+        check.problem(key, shown + " must be a PNG, JPEG or SVG image (.png, .jpg, .jpeg, .svg)");
+        return {};
+    }
+    std::ifstream in(file, std::ios::binary);
+    std::string head(1024, '\0');
+    in.read(&head[0], static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<std::size_t>(in.gcount()));
+    const ImageType* found = imageTypeOf(head);
+    if (found == named) return named->contentType;
+    check.problem(key, shown + " is not a " + named->name + " image" +
+                           (found ? std::string(": it holds a ") + found->name + " one" : ""));
+    return {};
+}
+
+fs::path regularFile(const fs::path& source, const json& d, const char* key, Checker& check,
+                     std::string& contentType) {
     const std::u16string name = check.text(d, key, key);
     if (name.empty()) return {};
     const fs::path file = inside(source, name, key, check);
     if (file.empty()) return {};
-    if (!fs::is_regular_file(fs::symlink_status(source / utf8(name))))
+    if (!fs::is_regular_file(fs::symlink_status(source / utf8(name)))) {
         check.problem(key, utf8(name) + " is not a regular file");
+        return {};
+    }
+    contentType = imageContentType(file, utf8(name), key, check);
     return file;
 }
 
-// Every regular file below `root`, each one that can become a part name.
-std::vector<std::string> appFiles(const fs::path& root, Checker& check) {
+// Why an app file's name cannot be a part name; empty when it can.
+std::string whyNotPartName(const std::string& name) {
+    bool clean = true;
+    printable(name, clean);
+    if (!clean) return "it holds a control character or is not UTF-8";
+    const std::string part = opc::model::PartName::forPath("files/" + name);
+    std::string why = opc::model::PartName::whyInvalid(part);
+    if (why.empty() && opc::extraction::isReservedPartName(part))
+        why = "the extractor reserves names beginning with \".~tsapp\"";
+    return why;
+}
+
+// Part names compare ignoring ASCII case.
+std::string asciiLower(std::string name) {
+    for (char& c : name)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return name;
+}
+
+enum class Kind { File, Folder, EmptyFolder, Link, Other };
+
+// What lies below `root`, in name order, without what the rules leave out
+// (nor, as git does, anything inside a folder they leave out).
+std::vector<std::pair<std::string, Kind>> walk(const fs::path& root, const IgnoreRules& rules) {
+    std::vector<std::pair<std::string, Kind>> found;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const fs::file_status status = it->symlink_status();
+        const bool folder = fs::is_directory(status);
+        const std::string name = fs::relative(it->path(), root).generic_string();
+        if (rules.ignores(name, folder)) {
+            if (folder) it.disable_recursion_pending();
+            continue;
+        }
+        const Kind kind = fs::is_symlink(status) ? Kind::Link
+                          : folder ? (fs::is_empty(it->path()) ? Kind::EmptyFolder : Kind::Folder)
+                          : fs::is_regular_file(status) ? Kind::File
+                                                        : Kind::Other;
+        found.emplace_back(name, kind);
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// Every regular file below `root` that the rules do not leave out, each one
+// that can become a part name; an empty folder is noted, as it is not
+// packed (a package holds files only).
+std::vector<std::string> appFiles(const fs::path& root, const fs::path& shownRoot,
+                                  const IgnoreRules& rules, Checker& check,
+                                  std::vector<std::string>& warnings) {
     std::vector<std::string> files;
     if (!fs::is_directory(fs::symlink_status(root))) {
         check.problem("files", root.string() + " is not a folder");
         return files;
     }
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        const std::string name = fs::relative(entry.path(), root).generic_string();
-        if (entry.is_symlink())
-            check.problem("files", name + " is a symbolic link");
-        else if (entry.is_directory())
-            continue;
-        else if (!entry.is_regular_file())
-            check.problem("files", name + " is not a regular file");
-        else {
-            const std::string part = opc::model::PartName::forPath("files/" + name);
-            std::string why = opc::model::PartName::whyInvalid(part);
-            if (why.empty() && opc::extraction::isReservedPartName(part))
-                why = "the extractor reserves names beginning with \".~tsapp\"";
-            if (!why.empty()) check.problem("files", name + " cannot be a part name: " + why);
+    std::map<std::string, std::string> lowerNames;
+    for (const auto& [name, kind] : walk(root, rules)) {
+        bool clean = true;
+        const std::string shown = printable(name, clean);
+        if (kind == Kind::Link) {
+            check.problem("files", shown + " is a symbolic link");
+        } else if (kind == Kind::EmptyFolder) {
+            warnings.push_back((shownRoot / shown).string() +
+                               ": warning: an empty folder is not packed");
+        } else if (kind == Kind::Other) {
+            check.problem("files", shown + " is not a regular file");
+        } else if (kind == Kind::File) {
+            const std::string why = whyNotPartName(name);
+            if (!why.empty()) {
+                check.problem("files", shown + " cannot be a part name: " + why);
+                continue;
+            }
+            const auto [other, added] = lowerNames.emplace(asciiLower(name), name);
+            if (!added)
+                check.problem("files", shown + " and " + printable(other->second, clean) +
+                                           " would be one part: part names ignore case");
             files.push_back(name);
         }
     }
-    std::sort(files.begin(), files.end());
     return files;
 }
 
@@ -183,7 +346,12 @@ void fillManifest(const json& d, Checker& check, AppManifest& m) {
         {"description", &AppManifest::description},
         {"minTESSALVer", &AppManifest::minTESSALVer},
         {"maxTESSALVer", &AppManifest::maxTESSALVer}};
-    for (const auto& [key, field] : kTexts) m.*field = check.text(d, key, key);
+    for (const auto& [key, field] : kTexts)
+        m.*field = check.text(d, key, key,
+                              field == &AppManifest::description || field == &AppManifest::summary);
+    for (const char* key : {"name", "version"})
+        if (d.contains(key) && d[key].is_string() && d[key].get<std::string>().empty())
+            check.problem(key, "must not be empty");
     if (d.contains("author") && check.object(d["author"], "author", kAuthorKeys, 3)) {
         m.authorName = check.text(d["author"], "name", "author.name");
         m.authorContact = check.text(d["author"], "contact", "author.contact");
@@ -204,15 +372,73 @@ void fillManifest(const json& d, Checker& check, AppManifest& m) {
     }
 }
 
+// Keys given twice, which a JSON reader would otherwise take the last of.
+json parseRejectingDuplicates(std::istream& in, Checker& check) {
+    std::vector<std::set<std::string>> open;
+    return json::parse(in, [&](int, json::parse_event_t event, json& parsed) {
+        if (event == json::parse_event_t::object_start) {
+            open.emplace_back();
+        } else if (event == json::parse_event_t::object_end) {
+            open.pop_back();
+        } else if (event == json::parse_event_t::key &&
+                   !open.back().insert(parsed.get<std::string>()).second) {
+            check.problem(parsed.get<std::string>(), "given more than once");
+        }
+        return true;
+    });
+}
+
+IgnoreRules ignoreRules(const fs::path& source, const std::vector<std::string>& excludes) {
+    IgnoreRules rules;
+    std::ifstream in(source / ".tsappignore", std::ios::binary);
+    if (in) rules.addLines(std::string(std::istreambuf_iterator<char>(in), {}));
+    for (const std::string& pattern : excludes) rules.add(pattern);
+    return rules;
+}
+
+bool isInside(const fs::path& path, const fs::path& folder) {
+    const fs::path full = fs::weakly_canonical(path);
+    const fs::path root = fs::weakly_canonical(folder);
+    return std::mismatch(root.begin(), root.end(), full.begin(), full.end()).first == root.end();
+}
+
+// NAME-VERSION.tsappinstall, anything but letters, digits and ".+-_" as "_".
+std::string defaultOutput(const AppManifest& m) {
+    std::string name = utf8(m.name) + "-" + utf8(m.version);
+    for (char& c : name)
+        if (!std::isalnum(static_cast<unsigned char>(c)) &&
+            std::string(".+-_").find(c) == std::string::npos)
+            c = '_';
+    return name + ".tsappinstall";
+}
+
+// The part names that must stay distinct, compared as part names are.
+void checkDistinctParts(const PackPlan& plan, Checker& check) {
+    if (plan.icon.empty() || plan.screenshot.empty()) return;
+    if (asciiLower(plan.icon.filename().string()) ==
+        asciiLower(plan.screenshot.filename().string()))
+        check.problem("screenshot", plan.screenshot.filename().string() +
+                                        " would be the same part as the icon " +
+                                        plan.icon.filename().string());
+    // [Content_Types].xml, the relationships, the manifest, icon and
+    // screenshot, the digest list and its signature.
+    constexpr std::size_t kOwnEntries = 7;
+    const std::size_t most = opc::zippackage::ZipPhysicalPackage::kMaxEntries - kOwnEntries;
+    if (plan.files.size() > most)
+        check.problem("files", std::to_string(plan.files.size()) +
+                                   " app files; a package holds at most " + std::to_string(most));
+}
+
 }  // namespace
 
-std::vector<std::string> planPack(const fs::path& source, const std::string& guid, PackPlan& plan) {
+std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
+    const fs::path& source = request.source;
     Checker check;
     json d;
     std::ifstream in(source / "tsapp.json");
     if (!in) return {"tsapp.json: cannot be read"};
     try {
-        d = json::parse(in);
+        d = parseRejectingDuplicates(in, check);
     } catch (const json::parse_error& e) {
         return {"tsapp.json: not JSON (at byte " + std::to_string(e.byte) + ")"};
     }
@@ -221,25 +447,40 @@ std::vector<std::string> planPack(const fs::path& source, const std::string& gui
         if (!kFields.count(item.key())) check.problem(item.key(), "unknown field");
     for (const char* key : kRequired)
         if (!d.contains(key)) check.problem(key, "is required");
-    if (!guid.empty() && !isGuid(guid))
-        check.problems.push_back("--guid: not 8-4-4-4-12 hex digits: " + guid);
+    if (!request.guid.empty() && !isGuid(request.guid))
+        check.problems.push_back("--guid: not 8-4-4-4-12 hex digits: " + request.guid);
 
     AppManifest& m = plan.manifest;
     fillManifest(d, check, m);
-    plan.icon = regularFile(source, d, "icon", check);
-    plan.screenshot = regularFile(source, d, "screenshot", check);
+    plan.icon = regularFile(source, d, "icon", check, plan.iconType);
+    plan.screenshot = regularFile(source, d, "screenshot", check, plan.screenshotType);
     const std::u16string folder = check.text(d, "files", "files");
-    plan.filesRoot = inside(source, folder.empty() ? u"files" : folder, "files", check);
-    if (!plan.filesRoot.empty()) plan.files = appFiles(plan.filesRoot, check);
+    const std::u16string filesName = folder.empty() ? u"files" : folder;
+    plan.filesRoot = inside(source, filesName, "files", check);
+    if (!plan.filesRoot.empty())
+        plan.files = appFiles(plan.filesRoot, source / utf8(filesName),
+                              ignoreRules(source, request.excludes), check, plan.warnings);
     if (d.contains("entryPoint") &&
         std::find(plan.files.begin(), plan.files.end(), utf8(m.entryPoint)) == plan.files.end())
         check.problem("entryPoint", utf8(m.entryPoint) + " is not among the app files");
+    checkDistinctParts(plan, check);
     plan.when = buildTime(check);
 
-    m.GUID = guid.empty() ? freshGuid() : guid;
+    m.GUID = request.guid.empty() ? freshGuid() : request.guid;
     for (const auto& file : plan.files) m.appEntries.push_back(utf16(file));
     m.numFiles = plan.files.size();
     m.created = convertUTCToLocalTime(boost::posix_time::from_time_t(plan.when));
+
+    plan.output = request.output.empty() ? defaultOutput(m) : request.output;
+    if (!plan.filesRoot.empty() && isInside(plan.output, plan.filesRoot))
+        check.problems.push_back(plan.output +
+                                 ": lies inside the app files folder, so the next pack would "
+                                 "pack it");
+    std::error_code ignored;
+    for (const fs::path& image : {plan.icon, plan.screenshot})
+        plan.sizes.push_back(image.empty() ? 0 : fs::file_size(image, ignored));
+    for (const auto& file : plan.files)
+        plan.sizes.push_back(fs::file_size(plan.filesRoot / file, ignored));
     return check.problems;
 }
 

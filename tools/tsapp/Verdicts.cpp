@@ -45,9 +45,7 @@ namespace {
 // `stdinCopy`: the file standard input was copied into, for "-".
 int judgeEach(const std::vector<std::string>& packages, const VerdictOptions& options,
               const std::function<Judge()>& makeJudge, const std::string& stdinCopy) {
-    unsigned jobs = options.jobs;
-    if (jobs == 0) jobs = std::max(1u, std::thread::hardware_concurrency());
-    jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, packages.size()));
+    const unsigned jobs = workersFor(options, packages.size()).packages;
     OrderedPrinter printer(packages.size());
     std::atomic<std::size_t> next{0};
     std::mutex doneMutex;
@@ -84,6 +82,14 @@ int judgeEach(const std::vector<std::string>& packages, const VerdictOptions& op
 }
 
 }  // namespace
+
+Workers workersFor(const VerdictOptions& options, std::size_t packages) {
+    const unsigned asked =
+        options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+    const auto judges =
+        static_cast<unsigned>(std::clamp<std::size_t>(packages, 1, std::max(asked, 1u)));
+    return {judges, std::max(1u, asked / judges)};
+}
 
 int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& options,
              const std::function<Judge()>& makeJudge) {

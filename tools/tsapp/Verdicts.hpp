@@ -29,6 +29,14 @@ struct VerdictOptions {
 // schema) is never shared between threads.
 using Judge = std::function<Verdict(const std::string& path, const std::string& shown)>;
 
+// Packages judged at once, and the threads each of those judges gives the
+// parts of its package: the jobs that would find no package of their own.
+struct Workers {
+    unsigned packages;
+    unsigned threadsEach;
+};
+Workers workersFor(const VerdictOptions& options, std::size_t packages);
+
 // The exit status: 0 when no package is bad, 1 otherwise. A package "-"
 // (at most one) is standard input, read before the first verdict.
 int judgeAll(const std::vector<std::string>& packages, const VerdictOptions& options,

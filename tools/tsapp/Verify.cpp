@@ -18,10 +18,11 @@ namespace {
 
 using namespace tsappinstall::integrity;
 
-VerificationReport verified(const std::string& path, const VerificationPolicy& policy) {
+VerificationReport verified(const std::string& path, const VerificationPolicy& policy,
+                            unsigned threads) {
     try {
         requireAppFileName(path);
-        return verifyPackage(path, policy);
+        return verifyPackage(path, policy, threads);
     } catch (const std::exception& e) {
         // The trust files were loaded before; anything here is this
         // package's alone.
@@ -79,16 +80,18 @@ std::vector<Command> addVerify(CLI::App& app) {
     verify->add_flag("--allow-unsigned", o->allowUnsigned,
                      "Accept a package without a signature when its digests match");
     verify->add_option("-j,--jobs", o->verdicts.jobs,
-                       "Packages verified at once (default: one per core)");
+                       "Packages verified at once, the jobs left over decoding the parts of fewer "
+                       "packages (default: one per core)");
     verify->add_flag("--json", o->verdicts.json,
                      "One JSON object per line and package, every fault");
     verify->add_flag("-q,--quiet", o->verdicts.quiet, "Print only the bad packages");
     const auto run = [o] {
         checkTrustFiles(o->trust);
         const VerificationPolicy policy{o->trust, !o->allowUnsigned};
-        return judgeAll(o->packages, o->verdicts, [o, policy] {
-            return [o, policy](const std::string& path, const std::string& shown) {
-                return format(shown, verified(path, policy), o->verdicts);
+        const unsigned threads = workersFor(o->verdicts, o->packages.size()).threadsEach;
+        return judgeAll(o->packages, o->verdicts, [o, policy, threads] {
+            return [o, policy, threads](const std::string& path, const std::string& shown) {
+                return format(shown, verified(path, policy, threads), o->verdicts);
             };
         });
     };

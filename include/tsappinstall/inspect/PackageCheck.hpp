@@ -39,9 +39,11 @@ struct Report {
 // the same read (its signature is verifyPackage's business), unless
 // `decodeParts` is false (a reader that wants the manifest and its faults
 // quickly); all faults are collected, except that a package which does
-// not open stops the check there. Throws only what the serializer's load
-// passes on (allocation, time conversion).
+// not open stops the check there. The parts are decoded and hashed on
+// `threads` threads (0: one per core); the report is the same whatever
+// their number. Throws only what the serializer's load passes on
+// (allocation, time conversion).
 TSAPP_API Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
-                              bool decodeParts = true);
+                              bool decodeParts = true, unsigned threads = 1);
 
 }  // namespace tsappinstall::inspect

@@ -99,7 +99,8 @@ TSAPP_API DigestList computeDigests(opc::model::Package& package);
 // and in any pieces, so that a reader can check while it does its own work
 // with the bytes (extraction inflates each part once). Feed every item with
 // begin, update..., end (or abandon when reading it failed); finish then
-// adds a fault for every listed item never fed. Items are named to begin
+// adds a fault for every listed item never fed. Several threads may feed
+// it at once through an Item each. Items are named to begin
 // as the package names them, whatever the list's version: a part by its
 // part name ("/files/a%20b.js"), the content types by its ZIP item name.
 class TSAPP_API DigestCheck {
@@ -113,11 +114,38 @@ class TSAPP_API DigestCheck {
     void update(const void* data, std::size_t size);
     void end();
     void abandon(const std::string& why);
+    // The faults in the order of the items they concern, those of listed
+    // items never fed last.
     const std::vector<Fault>& finish();
+
+    // For readers that feed several items at once, each on a thread of its
+    // own: one item's check (update..., then end or abandon), fed by one
+    // thread while others feed theirs. `order` is the item's place in the
+    // package, by which finish() sorts the faults.
+    class TSAPP_API Item {
+      public:
+        Item(DigestCheck& check, const std::string& item, std::size_t order);
+        ~Item();
+        Item(const Item&) = delete;
+        Item& operator=(const Item&) = delete;
+
+        void update(const void* data, std::size_t size);
+        void end();
+        void abandon(const std::string& why);
+
+      private:
+        DigestCheck& check_;
+        std::string item_;
+        std::size_t order_;
+        const std::string* expected_ = nullptr;  // null when not to be checked
+        Sha256 hash_;
+    };
 
   private:
     struct State;
     std::unique_ptr<State> state_;
+    std::unique_ptr<Item> current_;  // the item begin() started
+    std::size_t begun_ = 0;
 };
 
 }  // namespace tsappinstall::integrity

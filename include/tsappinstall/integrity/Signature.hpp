@@ -4,6 +4,7 @@
 // over the bytes of the digest part, carrying the signer's certificate and
 // the certificates up to its root, and nothing else.
 
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,13 +23,25 @@ class TSAPP_API Signer {
     // any other is left out. Throws IntegrityError when either cannot be
     // read or the key does not belong to the certificate.
     Signer(const std::string& keyFile, const std::string& certificateFile);
+    // The same with the key's passphrase given, so that no terminal is
+    // asked for it (a key without one ignores it).
+    Signer(const std::string& keyFile, const std::string& certificateFile,
+           const std::string& passphrase);
     ~Signer();
     Signer(const Signer&) = delete;
     Signer& operator=(const Signer&) = delete;
 
     std::vector<unsigned char> sign(const std::string& content) const;
 
+    // What makes the signer's certificate unfit to sign at `now`, one line
+    // each: not valid yet, expired, or its uses restricted to others than
+    // code signing (one that names no uses is not restricted). Empty when
+    // none.
+    std::vector<std::string> certificateProblems(std::time_t now) const;
+
   private:
+    void load(const std::string& keyFile, const std::string& certificateFile,
+              const std::string* passphrase);
     struct Keys;
     std::unique_ptr<Keys> keys_;
 };

@@ -27,7 +27,8 @@ struct VerifiedExtraction {
 // Extracts the package at `path` into `folder` (absolute) as the facade's
 // extractAppFile does: every part, names percent-decoded, existing files
 // replaced unless `replace` says FailIfExists. Each part is hashed as it
-// is inflated (on a second thread); [Content_Types].xml, which is not
+// is inflated (on a second thread, or with `options.threads` above one by
+// the thread that writes it); [Content_Types].xml, which is not
 // extracted, is hashed on its own. `options.observer` is taken for the
 // digests. Throws opc::Exception when the extraction itself fails (a
 // damaged entry, an unwritable destination, a cancellation), the folder

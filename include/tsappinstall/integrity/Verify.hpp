@@ -34,10 +34,11 @@ struct VerificationReport {
     bool ok() const { return faults.empty(); }
 };
 
-// Reads the package once. Every fault is reported, not only the first.
+// Reads the package once, its parts decoded and hashed on `threads`
+// threads (0: one per core). Every fault is reported, not only the first.
 // Throws IntegrityError when a trust file cannot be read.
 TSAPP_API VerificationReport verifyPackage(const std::filesystem::path& path,
-                                           const VerificationPolicy& policy);
+                                           const VerificationPolicy& policy, unsigned threads = 1);
 
 // The signature alone, over the digest list as the package holds it: who
 // signed, and the faults of the signature and its signer under `policy`
@@ -52,6 +53,6 @@ TSAPP_API VerificationReport verifySignature(const std::filesystem::path& path,
 // stay pinned in memory: whatever reads them from `package` later gets the
 // bytes verified here, even if the file has been rewritten meanwhile.
 TSAPP_API VerificationReport verifyPackage(opc::model::Package& package,
-                                           const VerificationPolicy& policy);
+                                           const VerificationPolicy& policy, unsigned threads = 1);
 
 }  // namespace tsappinstall::integrity

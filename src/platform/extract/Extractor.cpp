@@ -7,7 +7,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include <algorithm>
+#include <mutex>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/extract/ExtractionPaths.hpp"
@@ -60,37 +64,65 @@ void checkFreeSpace(const detail::FileOps& ops, std::uint64_t bytesTotal,
     throw Exception(Reason::Cancelled, "the extraction was cancelled");
 }
 
-// Writes each part the one read of the package pours into its staged file
-// and shows it to the observer; the content types are no file.
+// Counts what every thread has written and passes it on to the progress
+// callback, one call at a time.
+class ProgressCount {
+  public:
+    ProgressCount(const FileSystemManager::Progress& progress, std::uint64_t bytesTotal,
+                  std::size_t partsTotal)
+        : progress_(progress), bytesTotal_(bytesTotal), partsTotal_(partsTotal) {}
+
+    void add(std::uint64_t bytes, std::size_t parts) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        bytesDone_ += bytes;
+        partsDone_ += parts;
+        if (progress_) progress_(bytesDone_, bytesTotal_, partsDone_, partsTotal_);
+    }
+
+  private:
+    const FileSystemManager::Progress& progress_;
+    const std::uint64_t bytesTotal_;
+    const std::size_t partsTotal_;
+    std::mutex mutex_;
+    std::uint64_t bytesDone_ = 0;
+    std::size_t partsDone_ = 0;
+};
+
+// Writes each part the read of the package pours into it into its staged
+// file and shows it to the observer; the content types are no file. One
+// per thread of the extraction.
 class ExtractionSink : public model::ItemSink {
   public:
     using Plan = std::unordered_map<std::string, detail::FileSegments>;
 
-    ExtractionSink(const Plan& plan, detail::StagedExtraction& staging, const detail::FileOps& ops,
-                   extraction::PartObserver* observer,
-                   const std::function<void(std::uint64_t)>& written)
-        : plan_(plan), staging_(staging), ops_(ops), observer_(observer), written_(written) {}
+    // Bytes written of one part between two progress calls.
+    static constexpr std::uint64_t kProgressStep = 1u << 20;
 
-    bool begin(const std::string& item, model::Part* part) override {
+    ExtractionSink(const Plan& plan, detail::StagedExtraction& staging, const detail::FileOps& ops,
+                   extraction::PartObserver* observer, ProgressCount& progress)
+        : plan_(plan), staging_(staging), ops_(ops), observer_(observer), progress_(progress) {}
+
+    bool begin(const std::string& item, model::Part* part, std::size_t) override {
         const auto planned = part ? plan_.find(item) : plan_.end();
         if (planned == plan_.end()) return false;
         path_ = &planned->second;
-        size_ = part->getEntry().size;
-        fd_ = staging_.beginFile(*path_);
+        file_ = staging_.beginFile(*path_);
         if (observer_) observer_->begin(part->getPartName());
         return true;
     }
     void update(const unsigned char* data, std::size_t size) override {
-        if (ops_.writeAll(fd_, data, size) != 0)
+        if (ops_.writeAll(file_.get(), data, size) != 0)
             throw Exception(Reason::CannotWrite, "cannot write the file \"" +
                                                      detail::joinSegments(*path_) +
                                                      "\": " + std::strerror(errno));
         if (observer_) observer_->update(data, size);
+        unreported_ += size;
+        if (unreported_ >= kProgressStep) progress_.add(std::exchange(unreported_, 0), 0);
     }
     void end() override {
-        staging_.endFile();
+        staging_.endFile(std::move(file_), *path_);
         if (observer_) observer_->end();
-        written_(size_);
+        progress_.add(std::exchange(unreported_, 0), 1);
     }
     // A part that fails its size or CRC-32 check fails the extraction.
     void fail(const Exception& error) override { throw error; }
@@ -100,11 +132,23 @@ class ExtractionSink : public model::ItemSink {
     detail::StagedExtraction& staging_;
     const detail::FileOps& ops_;
     extraction::PartObserver* observer_;
-    const std::function<void(std::uint64_t)>& written_;
+    ProgressCount& progress_;
     const detail::FileSegments* path_ = nullptr;
-    std::uint64_t size_ = 0;
-    int fd_ = -1;
+    detail::OpsFd file_;  // the part being written
+    std::uint64_t unreported_ = 0;
 };
+
+// An observer for each of `threads` threads, made by the caller's own;
+// none when it cannot be split.
+std::vector<std::unique_ptr<extraction::PartObserver>> observersFor(
+    extraction::PartObserver& observer, unsigned threads) {
+    std::vector<std::unique_ptr<extraction::PartObserver>> observers;
+    for (unsigned i = 0; i < threads; ++i) {
+        observers.push_back(observer.forThread());
+        if (!observers.back()) return {};
+    }
+    return observers;
+}
 
 }  // namespace
 
@@ -115,7 +159,7 @@ Extractor::Extractor(model::Package& package, const FileSystemOpsSelector& selec
     : package_(package), ops_(&detail::fileOpsOf(selector)), options_(std::move(options)) {}
 
 void Extractor::setProgress(FileSystemManager::Progress progress) {
-    progress_ = std::move(progress);
+    options_.progress = std::move(progress);
 }
 
 Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode restore,
@@ -142,17 +186,25 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
                                      options_.sync, *ops_);
-    std::uint64_t bytesDone = 0;
-    std::size_t partsDone = 0;
-    const std::function<void(std::uint64_t)> written = [&](std::uint64_t size) {
-        bytesDone += size;
-        if (progress_) progress_(bytesDone, bytesTotal, ++partsDone, plan.size());
-    };
+    ProgressCount progress(options_.progress, bytesTotal, plan.size());
     PartObserver* observer = options_.observer;
-    ExtractionSink sink(plan, staging, *ops_, observer, written);
-    model::readEveryItem(package_, sink, [this] {
+    // More threads than parts would have nothing to do.
+    unsigned threads = static_cast<unsigned>(std::clamp<std::size_t>(
+        model::threadCount(options_.threads), 1, std::max<std::size_t>(plan.size(), 1)));
+    std::vector<std::unique_ptr<PartObserver>> observers;
+    if (observer && threads > 1) {
+        observers = observersFor(*observer, threads);
+        if (observers.empty()) threads = 1;
+    }
+    std::optional<model::SinksPerThread<ExtractionSink>> sinks(
+        std::in_place, threads, [&](unsigned i) {
+            return std::make_unique<ExtractionSink>(
+                plan, staging, *ops_, observers.empty() ? observer : observers[i].get(), progress);
+        });
+    model::readEveryItem(package_, sinks->sinks, [this] {
         if (options_.cancelled && options_.cancelled()) cancelled();
     });
+    sinks.reset();
     if (options_.cancelled && options_.cancelled()) cancelled();
     if (observer) observer->beforeCommit();
     staging.commit();

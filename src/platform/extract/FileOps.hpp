@@ -71,6 +71,7 @@ class FileOps {
 
   protected:
     // 0 lets the call through; anything else is the errno it fails with.
+    // An extraction on several threads asks from all of them at once.
     virtual int fault(FileCall) const { return 0; }
 
   private:

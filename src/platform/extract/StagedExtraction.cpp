@@ -165,29 +165,31 @@ bool StagedExtraction::checkTarget(const FileSegments& path) {
 }
 
 void StagedExtraction::stage(const FileSegments& path, const std::function<void(int fd)>& write) {
-    write(beginFile(path));
-    endFile();
+    OpsFd file = beginFile(path);
+    write(file.get());
+    endFile(std::move(file), path);
 }
 
-int StagedExtraction::beginFile(const FileSegments& path) {
+OpsFd StagedExtraction::beginFile(const FileSegments& path) {
     if (path.empty()) fail("a part has no file name", Reason::BadPath);
+    std::lock_guard<std::mutex> lock(stagingMutex_);
     reservePath(path);
     StagedFile file{path, checkTarget(path)};
     // A new destination is staged as the tree it becomes; files for an
     // existing one wait flat in the staging folder inside it.
     const int dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
     const std::string name = fresh() ? path.back() : stagedName(staged_.size());
-    file_ = OpsFd(ops_,
-                  ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
-    if (!file_) failErrno("cannot create a file in the destination");
+    OpsFd out(ops_,
+              ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
+    if (!out) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
-    return file_.get();
+    return out;
 }
 
-void StagedExtraction::endFile() {
+void StagedExtraction::endFile(OpsFd file, const FileSegments& path) const {
     // close() is where some file systems report a failed write.
-    if ((sync_ && ops_.fsync(file_.get()) != 0) || ops_.close(file_.release()) != 0)
-        failErrno("cannot write the file " + quoted(staged_.back().path));
+    if ((sync_ && ops_.fsync(file.get()) != 0) || ops_.close(file.release()) != 0)
+        failErrno("cannot write the file " + quoted(path));
 }
 
 void StagedExtraction::flush(int fd, const std::string& what, bool warnOnly) {

@@ -22,6 +22,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -56,11 +57,11 @@ class StagedExtraction {
     // Existing::Refuse.
     void stage(const FileSegments& path, const std::function<void(int fd)>& write);
 
-    // stage() in two steps, for a writer fed piece by piece: the staged
-    // file's descriptor, valid until endFile(), which closes (and with
-    // `sync` flushes) it.
-    int beginFile(const FileSegments& path);
-    void endFile();
+    // stage() in two steps, for writers fed piece by piece, several at
+    // once if need be (each on a thread of its own): the staged file, open
+    // for writing, which endFile() closes (with `sync` flushing it first).
+    OpsFd beginFile(const FileSegments& path);
+    void endFile(OpsFd file, const FileSegments& path) const;
 
     // Moves every staged file into place. After it returns the extraction
     // is final. When it throws, everything is already undone, or the text
@@ -107,9 +108,9 @@ class StagedExtraction {
     OpsFd parent_;
     OpsFd dest_;  // an existing destination; invalid for a new one
     std::string stagingName_;
-    std::string token_;  // the staging folder's stamp, repeated in its journal
-    OpsFd staging_;      // also holds the lock that marks the extraction alive
-    OpsFd file_;         // the file being staged between beginFile() and endFile()
+    std::string token_;        // the staging folder's stamp, repeated in its journal
+    OpsFd staging_;            // also holds the lock that marks the extraction alive
+    std::mutex stagingMutex_;  // beginFile() may come from several threads
     // The staging tree of a new destination, or the existing destination.
     std::optional<FolderCache> folders_;
     Journal journal_;

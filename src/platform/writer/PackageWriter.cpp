@@ -1,14 +1,27 @@
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 
-#include <zip.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
-#include <fstream>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <exception>
 #include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <thread>
 #include <utility>
 
 #include "platform/base/Ascii.hpp"
+#include "platform/base/UniqueFd.hpp"
 #include "platform/opc/OpcNames.hpp"
+#include "platform/writer/ParallelEncoding.hpp"
+#include "platform/writer/PartEncoder.hpp"
+#include "platform/writer/ZipOutput.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -21,11 +34,9 @@ using opc::names::kContentTypesNamespace;
 using opc::names::kRelationshipsContentType;
 using opc::names::kRelationshipsNamespace;
 
-struct ArchiveDiscarder {
-    void operator()(zip_t* archive) const { zip_discard(archive); }
-};
-using ArchivePtr = std::unique_ptr<zip_t, ArchiveDiscarder>;
-
+using detail::EncodedPart;
+using detail::PartEncoder;
+using detail::ZipOutput;
 using opc::detail::ascii_lower;
 
 std::string escape_xml(const std::string& text) {
@@ -84,6 +95,10 @@ struct PackageWriter::Impl {
     std::time_t modificationTime = std::time(nullptr);
     bool digests = false;
     const tsappinstall::integrity::Signer* signer = nullptr;
+    unsigned jobs = 0;
+    Progress progress;
+    std::uint64_t writtenSize = 0;
+    std::string writtenSha256;
 
     std::string add(const std::string& path, const std::string& contentType,
                     std::vector<unsigned char> bytes, std::string sourceFile,
@@ -112,7 +127,12 @@ struct PackageWriter::Impl {
         relationships.push_back({"tsappSignature", integrity::SIGNATURE_RELATIONSHIP_TYPE,
                                  integrity::SIGNATURE_PART_NAME});
     }
-    void addDigestParts(const std::string& contentTypes, const std::string& rels);
+    std::size_t coveredParts() const {
+        return parts.size() - (digests ? (signer != nullptr ? 2 : 1) : 0);
+    }
+    std::vector<std::string> writeParts(ZipOutput& zip);
+    void writeDigestParts(ZipOutput& zip, PartEncoder& encoder, const std::string& contentTypesSha,
+                          const std::string& relsSha, const std::vector<std::string>& partShas);
 
     std::string contentTypesXml() const {
         std::map<std::string, std::string> defaults{{"rels", kRelationshipsContentType}};
@@ -186,101 +206,182 @@ void PackageWriter::setModificationTime(std::time_t when) {
     impl_->modificationTime = when;
 }
 
+void PackageWriter::setJobs(unsigned jobs) {
+    impl_->jobs = jobs;
+}
+
+void PackageWriter::setProgress(Progress progress) {
+    impl_->progress = std::move(progress);
+}
+
+std::uint64_t PackageWriter::writtenSize() const {
+    return impl_->writtenSize;
+}
+
+const std::string& PackageWriter::writtenSha256() const {
+    return impl_->writtenSha256;
+}
+
 namespace {
 
-[[noreturn]] void fail(zip_t* archive, const std::string& what) {
-    throw opc::Exception(what + ": " + zip_strerror(archive));
+std::vector<unsigned char> bytesOf(const std::string& text) {
+    return {text.begin(), text.end()};
 }
 
-void add_entry(zip_t* archive, const std::string& zipName, zip_source_t* source, bool deflate,
-               std::time_t mtime) {
-    if (source == nullptr) fail(archive, "cannot prepare the entry \"" + zipName + "\"");
-    const zip_int64_t index = zip_file_add(archive, zipName.c_str(), source, ZIP_FL_ENC_UTF_8);
-    if (index < 0) {
-        zip_source_free(source);
-        fail(archive, "cannot add the entry \"" + zipName + "\"");
-    }
-    const auto i = static_cast<zip_uint64_t>(index);
-    if (zip_set_file_compression(archive, i, deflate ? ZIP_CM_DEFLATE : ZIP_CM_STORE,
-                                 deflate ? 6 : 0) != 0 ||
-        zip_file_set_mtime(archive, i, mtime, 0) != 0) {
-        fail(archive, "cannot set up the entry \"" + zipName + "\"");
-    }
+void addEncoded(ZipOutput& zip, const std::string& name, const EncodedPart& part) {
+    zip.addEntry(name, part.deflated, part.crc, part.size, part.data.data(), part.data.size());
 }
 
-// The bytes in memory, or those of `sourceFile` when it is given.
-std::string sha256Of(const std::vector<unsigned char>& bytes, const std::string& sourceFile) {
-    tsappinstall::integrity::Sha256 hash;
-    if (sourceFile.empty()) {
-        hash.update(bytes.data(), bytes.size());
-        return hash.finishHex();
-    }
-    std::ifstream in(sourceFile, std::ios::binary);
-    std::vector<char> buffer(1 << 16);
-    while (in) {
-        in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-        hash.update(buffer.data(), static_cast<std::size_t>(in.gcount()));
-    }
-    if (!in.eof()) throw opc::Exception("cannot read \"" + sourceFile + "\"");
-    return hash.finishHex();
+// The size of a source file as planned; a link or anything but a regular
+// file is refused here, before a byte is written.
+std::uint64_t sourceSize(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0)
+        throw opc::Exception("cannot read \"" + path + "\": " + std::strerror(errno));
+    if (!S_ISREG(st.st_mode))
+        throw opc::Exception("cannot read \"" + path + "\": not a regular file");
+    return static_cast<std::uint64_t>(st.st_size);
 }
 
-std::string sha256Of(const std::string& bytes) {
-    tsappinstall::integrity::Sha256 hash;
-    hash.update(bytes.data(), bytes.size());
-    return hash.finishHex();
-}
+// A new file beside `destination`, renamed onto it by keep() and removed
+// unless it was kept.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(const std::string& destination) {
+        const std::size_t slash = destination.rfind('/');
+        const std::string folder =
+            slash == std::string::npos ? std::string() : destination.substr(0, slash + 1);
+        const std::string base =
+            slash == std::string::npos ? destination : destination.substr(slash + 1);
+        std::random_device random;
+        for (int attempt = 0; attempt < 100 && !fd_; ++attempt) {
+            path_ = folder + "." + base + "." + std::to_string(random()) + ".tmp";
+            fd_ = opc::detail::UniqueFd(
+                ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+            if (!fd_ && errno != EEXIST) break;
+        }
+        if (!fd_) {
+            const std::string why = std::strerror(errno);
+            path_.clear();
+            throw opc::Exception("cannot create the package \"" + destination + "\": " + why);
+        }
+    }
+    ~TemporaryFile() {
+        if (!path_.empty()) ::unlink(path_.c_str());
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    int fd() const { return fd_.get(); }
+    void keep(const std::string& destination) {
+        if (::close(fd_.release()) != 0 || ::rename(path_.c_str(), destination.c_str()) != 0)
+            throw opc::Exception("cannot write the package \"" + destination +
+                                 "\": " + std::strerror(errno));
+        path_.clear();
+    }
+
+  private:
+    std::string path_;
+    opc::detail::UniqueFd fd_;
+};
 
 }  // namespace
 
-// The digest and signature parts are added as placeholders first, so that
-// the content types and relationships that the digests cover name them;
-// their bytes are filled in once everything else is final. Parts are
-// listed by the paths they are extracted to (a version-2 list).
-void PackageWriter::Impl::addDigestParts(const std::string& contentTypes, const std::string& rels) {
+// Parts are encoded on every core and written in the order they were
+// added; large files are streamed here, on the writing thread, while the
+// others go on encoding what follows. Returns each part's SHA-256.
+std::vector<std::string> PackageWriter::Impl::writeParts(ZipOutput& zip) {
+    const std::size_t count = coveredParts();
+    std::vector<detail::EncodingJob> work(count);
+    std::uint64_t total = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        PendingPart& part = parts[i];
+        const bool deflate = part.compression == Compression::Deflate;
+        detail::EncodingJob& job = work[i];
+        if (part.sourceFile.empty()) {
+            job.bytes = part.bytes.size();
+            job.encode = [&part, deflate](PartEncoder& e) {
+                return e.encode(std::move(part.bytes), deflate);
+            };
+        } else {
+            job.bytes = sourceSize(part.sourceFile);
+            job.streamed = job.bytes > detail::kWholePartBytes;
+            job.encode = [&part, deflate, size = job.bytes](PartEncoder& e) {
+                return e.encode(detail::readWholeFile(part.sourceFile, size), deflate);
+            };
+        }
+        total += job.bytes;
+    }
+    std::vector<std::uint64_t> streamedSize(count);  // 0: encoded by the threads
+    for (std::size_t i = 0; i < count; ++i)
+        if (work[i].streamed) streamedSize[i] = work[i].bytes;
+
+    std::uint64_t done = 0;
+    const auto advance = [&](std::uint64_t bytes) {
+        done += bytes;
+        if (progress) progress(done, total);
+    };
+    std::vector<std::string> shas;
+    shas.reserve(count);
+    detail::ParallelEncoding encoding(std::move(work),
+                                      jobs != 0 ? jobs : std::thread::hardware_concurrency());
+    for (std::size_t i = 0; i < count; ++i) {
+        const PendingPart& part = parts[i];
+        if (streamedSize[i] != 0) {
+            shas.push_back(detail::streamFile(part.sourceFile, part.name.substr(1),
+                                              part.compression == Compression::Deflate,
+                                              streamedSize[i], zip, advance));
+        } else {
+            const EncodedPart encoded = encoding.take(i);
+            addEncoded(zip, part.name.substr(1), encoded);
+            shas.push_back(encoded.sha256);
+            advance(encoded.size);
+        }
+        encoding.written(i);
+    }
+    return shas;
+}
+
+// The digest and signature parts were added as placeholders, so that the
+// content types and relationships the digests cover name them; their bytes
+// are made here, once everything else is written. Parts are listed by the
+// paths they are extracted to (a version-2 list).
+void PackageWriter::Impl::writeDigestParts(ZipOutput& zip, PartEncoder& encoder,
+                                           const std::string& contentTypesSha,
+                                           const std::string& relsSha,
+                                           const std::vector<std::string>& partShas) {
     namespace integrity = tsappinstall::integrity;
     integrity::DigestList list;
-    list.contentTypesSha256 = sha256Of(contentTypes);
-    list.parts.push_back({integrity::listedName("/_rels/.rels", 2), sha256Of(rels)});
-    const std::size_t covered = parts.size() - (signer != nullptr ? 2 : 1);
-    for (std::size_t i = 0; i < covered; ++i)
-        list.parts.push_back({integrity::listedName(parts[i].name, 2),
-                              sha256Of(parts[i].bytes, parts[i].sourceFile)});
+    list.contentTypesSha256 = contentTypesSha;
+    list.parts.push_back({integrity::listedName("/_rels/.rels", 2), relsSha});
+    for (std::size_t i = 0; i < partShas.size(); ++i)
+        list.parts.push_back({integrity::listedName(parts[i].name, 2), partShas[i]});
     const std::string text = integrity::formatDigestList(list);
-    parts[covered].bytes.assign(text.begin(), text.end());
-    if (signer != nullptr) parts[covered + 1].bytes = signer->sign(text);
+    const PendingPart& listPart = parts[partShas.size()];
+    addEncoded(zip, listPart.name.substr(1), encoder.encode(bytesOf(text), true));
+    if (signer == nullptr) return;
+    const PendingPart& signaturePart = parts[partShas.size() + 1];
+    addEncoded(zip, signaturePart.name.substr(1), encoder.encode(signer->sign(text), false));
 }
 
 void PackageWriter::commit() {
-    if (impl_->digests) impl_->addDigestPlaceholders();
-    int error = 0;
-    ArchivePtr archive(zip_open(impl_->outputPath.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
-    if (!archive) {
-        zip_error_t ze;
-        zip_error_init_with_code(&ze, error);
-        const std::string text = zip_error_strerror(&ze);
-        zip_error_fini(&ze);
-        throw opc::Exception("cannot create the package \"" + impl_->outputPath + "\": " + text);
-    }
-    zip_t* za = archive.get();
-    const std::string contentTypes = impl_->contentTypesXml();
-    const std::string rels = impl_->relationshipsXml();
-    // Buffers stay alive in the strings/parts until zip_close has read them.
-    if (impl_->digests) impl_->addDigestParts(contentTypes, rels);
-    add_entry(za, "[Content_Types].xml",
-              zip_source_buffer(za, contentTypes.data(), contentTypes.size(), 0), true,
-              impl_->modificationTime);
-    add_entry(za, "_rels/.rels", zip_source_buffer(za, rels.data(), rels.size(), 0), true,
-              impl_->modificationTime);
-    for (const Impl::PendingPart& part : impl_->parts) {
-        zip_source_t* source = part.sourceFile.empty()
-                                   ? zip_source_buffer(za, part.bytes.data(), part.bytes.size(), 0)
-                                   : zip_source_file(za, part.sourceFile.c_str(), 0, -1);
-        add_entry(za, part.name.substr(1), source, part.compression == Compression::Deflate,
-                  impl_->modificationTime);
-    }
-    if (zip_close(za) != 0) fail(za, "cannot write the package \"" + impl_->outputPath + "\"");
-    archive.release();  // zip_close freed it
+    Impl& impl = *impl_;
+    if (impl.digests) impl.addDigestPlaceholders();
+    const std::string contentTypes = impl.contentTypesXml();
+    const std::string rels = impl.relationshipsXml();
+    TemporaryFile file(impl.outputPath);
+    ZipOutput zip(file.fd(), impl.outputPath, impl.modificationTime);
+    PartEncoder encoder;
+    const EncodedPart typesEntry = encoder.encode(bytesOf(contentTypes), true);
+    const EncodedPart relsEntry = encoder.encode(bytesOf(rels), true);
+    addEncoded(zip, "[Content_Types].xml", typesEntry);
+    addEncoded(zip, "_rels/.rels", relsEntry);
+    const std::vector<std::string> shas = impl.writeParts(zip);
+    if (impl.digests)
+        impl.writeDigestParts(zip, encoder, typesEntry.sha256, relsEntry.sha256, shas);
+    impl.writtenSha256 = zip.finish();
+    impl.writtenSize = zip.size();
+    file.keep(impl.outputPath);
 }
 
 }  // namespace opc::zippackage

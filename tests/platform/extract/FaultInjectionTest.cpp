@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -45,13 +47,13 @@ struct FailingOps : opc::detail::FileOps {
     int fault(FileCall call) const override {
         static const int errors[] = {EIO, ENOSPC, EACCES, EMFILE, EFBIG};
         if (call != family) return 0;
-        ++calls;
-        return calls == n || (persistent && calls > n) ? errors[calls % 5] : 0;
+        const long now = ++calls;
+        return now == n || (persistent && now > n) ? errors[now % 5] : 0;
     }
     FileCall family;
     long n;
     bool persistent;
-    mutable long calls = 0;
+    mutable std::atomic<long> calls{0};
 };
 
 class Extraction : public ::testing::Test {
@@ -63,6 +65,7 @@ class Extraction : public ::testing::Test {
             .part("lib/b.txt", "new b")
             .part("lib/sub/c.txt", std::string(300, 'c'))
             .part("img/d.png", "d", false)
+            .part("big.txt", std::string(3u << 20, 'b'))
             .write(dir.file("app.zip"));
         return dir.file("app.zip");
     }
@@ -80,10 +83,11 @@ class Extraction : public ::testing::Test {
 
     // "" when it succeeded, else the error.
     std::string extract(const opc::detail::FileOps* ops, bool sync = false,
-                        std::uint64_t maxBytes = 0) {
+                        std::uint64_t maxBytes = 0, unsigned threads = 1) {
         opc::extraction::Options options;
         options.sync = sync;
         options.maxBytes = maxBytes;
+        options.threads = threads;
         return error_of<opc::Exception>([&] {
             opc::extraction::Extractor(package, opc::FileSystemOpsSelector(ops), options)
                 .extractAll(dest(), opc::qvservices::RestoreMode::AllParts,
@@ -175,7 +179,8 @@ TEST_F(Extraction, AFileThatAppearsInAFolderTheCallMadeIsNeverLost) {
 }
 
 TEST_F(Extraction, EveryFailingCallLeavesTheDestinationAsItWasOrComplete) {
-    for (const bool existing : {false, true}) {
+    for (const auto& [existing, threads] :
+         {std::pair{false, 1u}, {true, 1u}, {false, 3u}, {true, 3u}}) {
         reset(existing);
         const Tree before = snapshot_tree(root());
         ASSERT_EQ(extract(nullptr), "");
@@ -185,13 +190,14 @@ TEST_F(Extraction, EveryFailingCallLeavesTheDestinationAsItWasOrComplete) {
             const auto family = static_cast<FileCall>(f);
             for (const bool persistent : {false, true}) {
                 for (long n = 1;; ++n) {
-                    SCOPED_TRACE(testing::Message() << "existing " << existing << ", family "
-                                                    << static_cast<int>(family) << ", call " << n
-                                                    << (persistent ? " on" : " alone"));
+                    SCOPED_TRACE(testing::Message()
+                                 << "existing " << existing << ", threads " << threads
+                                 << ", family " << static_cast<int>(family) << ", call " << n
+                                 << (persistent ? " on" : " alone"));
                     reset(existing);
                     FailingOps ops(family, n, persistent);
                     const int descriptors = open_descriptor_count();
-                    const std::string error = extract(&ops, family == FileCall::Fsync);
+                    const std::string error = extract(&ops, family == FileCall::Fsync, 0, threads);
                     EXPECT_EQ(open_descriptor_count(), descriptors);
                     if (ops.calls < n) break;  // past the last call of the family
                     if (!persistent) {
@@ -220,7 +226,7 @@ struct CountingOps : opc::detail::FileOps {
         ++counts[static_cast<std::size_t>(call)];
         return 0;
     }
-    mutable std::array<long, opc::detail::kFileCallFamilies> counts{};
+    mutable std::array<std::atomic<long>, opc::detail::kFileCallFamilies> counts{};
 };
 
 // Calls per system call name, from `strace -c -o FILE`.
@@ -248,7 +254,7 @@ TEST_F(Extraction, TheSeamSeesEveryFileSystemCall) {
         reset(true);
         CountingOps ops;
         if (std::string(counted) == "extract") {
-            ASSERT_EQ(extract(&ops), "");
+            ASSERT_EQ(extract(&ops, false, 0, 3), "");
         }
         std::string text;
         for (long n : ops.counts) text += std::to_string(n) + " ";
@@ -295,6 +301,32 @@ TEST_F(Extraction, TheSeamSeesEveryFileSystemCall) {
     EXPECT_GE(sum({"pread64", "read"}), seen(FileCall::Read));
 }
 
+// Parts written by several threads at once land as one thread writes
+// them; the progress, called by one thread at a time, only grows, and
+// moves inside the big part too.
+TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
+    for (const bool existing : {false, true}) {
+        reset(existing);
+        ASSERT_EQ(extract(nullptr), "");
+        const Tree one = snapshot_tree(root());
+        reset(existing);
+        std::vector<std::uint64_t> done;
+        opc::extraction::Options options;
+        options.threads = 4;
+        options.progress = [&](std::uint64_t bytes, std::uint64_t total, std::size_t, std::size_t) {
+            done.push_back(bytes);
+            EXPECT_LE(bytes, total);
+        };
+        opc::extraction::Extractor(package, opc::FileSystemOpsSelector(), options)
+            .extractAll(dest(), opc::qvservices::RestoreMode::AllParts,
+                        opc::qvservices::TransformMode::PercentDecode,
+                        opc::qvservices::ReplaceMode::Replace);
+        EXPECT_EQ(snapshot_tree(root()), one);
+        EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+        EXPECT_EQ(done.size(), package.getPartNames().size() + 3);  // a call per MiB of big.txt
+    }
+}
+
 TEST_F(Extraction, ATotalAboveTheLimitWritesNothing) {
     reset(false);
     EXPECT_NE(extract(nullptr, false, 300), "");
@@ -319,7 +351,7 @@ TEST_F(Extraction, KillNineAtAnyMomentIsRepairedByTheNextRun) {
             reset(existing);
             const pid_t child = ::fork();
             ASSERT_GE(child, 0);
-            if (child == 0) _exit(extract(nullptr).empty() ? 0 : 1);
+            if (child == 0) _exit(extract(nullptr, false, 0, 3).empty() ? 0 : 1);
             // Forking takes about as long again as the extraction itself.
             std::this_thread::sleep_for(took * 2 * run / kRuns);
             ::kill(child, SIGKILL);

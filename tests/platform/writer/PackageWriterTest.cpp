@@ -1,10 +1,15 @@
+#include <algorithm>
+#include <filesystem>
+
 #include "support/PackageBuilder.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/PackageWriter.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
 
 using opc::zippackage::PackageWriter;
 using namespace tsapp::test;
+namespace fs = std::filesystem;
 
 TEST(PackageWriter, PartNamesArePercentEncodedAndNeverEquivalent) {
     EXPECT_EQ(opc::model::PartName::forPath("manifest.xml"), "/manifest.xml");
@@ -27,7 +32,8 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     const auto bytes_of = [](const std::string& s) {
         return std::vector<unsigned char>(s.begin(), s.end());
     };
-    writer.addPart("manifest.xml", "application/xml", bytes_of("<m/>"));
+    const std::string manifest = "<m>" + std::string(100, 'x') + "</m>";
+    writer.addPart("manifest.xml", "application/xml", bytes_of(manifest));
     writer.addPart("icon.png", "image/png", bytes_of(std::string("\x89PNG\r\n\x1a\n\0", 9)),
                    PackageWriter::Compression::Stored);
     writer.addPart("data/notes.xml", "text/x-notes", bytes_of("n"));
@@ -57,4 +63,60 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     EXPECT_EQ(zip_item(out, "icon.png"), std::string("\x89PNG\r\n\x1a\n\0", 9));
     EXPECT_EQ(z.get16(z.centralHeader("icon.png") + 10), 0);      // stored
     EXPECT_EQ(z.get16(z.centralHeader("manifest.xml") + 10), 8);  // deflated
+    EXPECT_EQ(zip_item(out, "manifest.xml"), manifest);
+    EXPECT_EQ(z.get16(z.centralHeader("bin/run") + 10), 0);  // deflate would not shrink it
+}
+
+// A big file is streamed in pieces, with a progress step for each; the rest
+// are compressed on several threads. The bytes must not depend on how many,
+// and a source that vanishes fails the commit leaving nothing behind.
+TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
+    TempDir dir;
+    std::string big;
+    for (int i = 0; big.size() < (17u << 20); ++i) big += "line " + std::to_string(i) + "\n";
+    std::string noise(300000, '\0');
+    std::uint32_t state = 7;
+    for (char& c : noise) c = static_cast<char>((state = state * 1103515245u + 12345u) >> 24);
+    write_file(dir.file("big.txt"), big);
+    write_file(dir.file("noise.bin"), noise);
+    std::uint64_t total = big.size() + noise.size();
+    for (int i = 0; i < 40; ++i) {
+        write_file(dir.file("f" + std::to_string(i)), std::string(i * 997, 'a' + i % 26));
+        total += i * 997;
+    }
+    const auto pack = [&](const std::string& out, unsigned jobs,
+                          std::vector<std::uint64_t>* steps = nullptr) {
+        PackageWriter writer(dir.file(out));
+        writer.setModificationTime(1700000000);
+        writer.setJobs(jobs);
+        if (steps)
+            writer.setProgress(
+                [steps](std::uint64_t done, std::uint64_t) { steps->push_back(done); });
+        writer.addPartFromFile("big.txt", "text/plain", dir.file("big.txt"));
+        writer.addPartFromFile("noise.bin", "application/octet-stream", dir.file("noise.bin"));
+        for (int i = 0; i < 40; ++i)
+            writer.addPartFromFile("d/f" + std::to_string(i), "text/plain",
+                                   dir.file("f" + std::to_string(i)));
+        writer.addDigests();
+        writer.commit();
+        return read_file(dir.file(out));
+    };
+    std::vector<std::uint64_t> steps;
+    const std::string one = pack("1.tsappinstall", 1, &steps);
+    EXPECT_TRUE(one == pack("4.tsappinstall", 4));
+    EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end()));
+    EXPECT_GE(steps.size(), 17u + 41u);
+    EXPECT_EQ(steps.back(), total);
+    EXPECT_TRUE(zip_item(dir.file("1.tsappinstall"), "big.txt") == big);
+    ZipPatcher z(dir.file("1.tsappinstall"));
+    EXPECT_EQ(z.get16(z.centralHeader("noise.bin") + 10), 0);  // deflate would not shrink it
+    tsappinstall::integrity::Sha256 sha;
+    sha.update(big.data(), big.size());
+    EXPECT_NE(zip_item(dir.file("1.tsappinstall"), "_digests/sha256sums")
+                  .find(sha.finishHex() + "  big.txt\n"),
+              std::string::npos);
+
+    fs::remove(dir.file("f3"));
+    EXPECT_THROW(pack("gone.tsappinstall", 2), opc::Exception);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 43);
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,11 @@ class TSAPP_API PartObserver {
     // Once every part is written and before any becomes visible in the
     // destination: throwing here rolls the extraction back.
     virtual void beforeCommit() = 0;
+    // For an extraction on several threads: an observer of its own for one
+    // of them, which sees the parts that thread writes (begin, update...,
+    // end) while the others see theirs; only this one gets beforeCommit().
+    // Null, the default, keeps the extraction on one thread.
+    virtual std::unique_ptr<PartObserver> forThread() { return nullptr; }
 };
 
 struct Options {
@@ -54,12 +60,22 @@ struct Options {
     // fsync() every file and every folder touched before the new files
     // count as installed, so that they survive a power cut too.
     bool sync = false;
-    // Asked between parts and while a large part is being read; when it
-    // returns true the extraction is rolled back and throws opc::Exception.
-    // It may read a flag set by a signal handler.
+    // Asked between parts and while a large part is being read, from every
+    // thread of the extraction; when it returns true the extraction is
+    // rolled back and throws opc::Exception. It may read a flag set by a
+    // signal handler.
     std::function<bool()> cancelled;
     // Not owned; null for none.
     PartObserver* observer = nullptr;
+    // Parts inflated, checked and written at once, each on a thread of its
+    // own (the calling thread among them); 0 means one per core, and more
+    // than 64 are not started. A big part streams through one thread while
+    // the others take the small ones.
+    unsigned threads = 1;
+    // Called after each part is written and after every MiB written of a
+    // large one (so that it moves while one big file is written), never by
+    // two threads at once; with several threads not always by the calling one.
+    qvservices::FileSystemManager::Progress progress;
 };
 
 struct Outcome {
@@ -76,6 +92,7 @@ class TSAPP_API Extractor {
     Extractor(opc::model::Package& package, const FileSystemOpsSelector& selector,
               Options options = {});
 
+    // Sets Options::progress.
     void setProgress(qvservices::FileSystemManager::Progress progress);
 
     // What FileSystemManager::extractAll() does, with these options. When
@@ -89,7 +106,6 @@ class TSAPP_API Extractor {
     opc::model::Package& package_;
     const detail::FileOps* ops_;
     Options options_;
-    qvservices::FileSystemManager::Progress progress_;
 };
 
 struct Recovery {

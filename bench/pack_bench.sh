@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# Times `tsapp pack` against `zip -qr` (level 6, its default) on the same
+# source folder in the same run, on /dev/shm (or $TSAPP_BENCH_DIR): about
+# 200 MB in 2,002 files, one in seven incompressible (the parts of
+# make_big_package.py's mixed package, with a tsapp.json, an icon and a
+# screenshot). Then `pack -j 1` against `pack -j 2`, which must write the
+# same bytes, and the peak memory of packing a folder whose one app file
+# is 1 GiB.
+#
+#   bench/pack_bench.sh [build-dir] [runs]
+#
+# Prints the median wall and CPU time (user + system) of each, the ratios
+# to zip, the sizes of what they wrote and the peak resident memory.
+set -euo pipefail
+build=${1:-build-release}
+runs=${2:-3}
+here=$(cd "$(dirname "$0")" && pwd)
+tsapp=$(realpath "$build/tools/tsapp")
+work=$(mktemp -d "${TSAPP_BENCH_DIR:-/dev/shm}/tsapp-pack-bench.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+export SOURCE_DATE_EPOCH=1700000000
+
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
+ratio3() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.4fx", a / b}'; }
+
+# make_source FOLDER PACKAGE: the package's app files, with what pack needs.
+make_source() {
+  mkdir -p "$1"
+  unzip -q "$2" 'files/*' -d "$1"
+  cp "$here/../sample/app/icon.png" "$here/../sample/app/screenshot.png" "$1/"
+  local entry
+  entry=$(cd "$1/files" && find . -type f | sort | head -1 | cut -c3-)
+  cat >"$1/tsapp.json" <<EOF
+{"entryPoint": "$entry", "name": "bench", "version": "1.0", "icon": "icon.png",
+ "screenshot": "screenshot.png", "author": {"name": "bench"}}
+EOF
+}
+
+# time_tool NAME COMMAND...: runs the command $runs times (OUT stands for
+# a fresh output path); sets med[NAME], cpu[NAME], mem[NAME] (peak KB) and
+# size[NAME] (bytes written).
+declare -A med cpu mem size
+time_tool() {
+  local tool=$1 times=() cpus=() peak=0 secs kb user sys out
+  shift
+  for ((r = 0; r < runs; r++)); do
+    out=$work/out-$tool.tsappinstall
+    rm -f "$out"
+    /usr/bin/time -f "%e %M %U %S" -o "$work/time" "${@//OUT/$out}" >/dev/null
+    read -r secs kb user sys <"$work/time"
+    times+=("$secs")
+    cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {print u + s}')")
+    ((kb > peak)) && peak=$kb
+  done
+  med[$tool]=$(printf '%s\n' "${times[@]}" | median)
+  cpu[$tool]=$(printf '%s\n' "${cpus[@]}" | median)
+  mem[$tool]=$peak
+  size[$tool]=$(stat -c %s "$out")
+}
+
+python3 "$here/make_big_package.py" "$work/mixed.tsappinstall"
+make_source "$work/src" "$work/mixed.tsappinstall"
+rm -f "$work/mixed.tsappinstall"
+echo "source: $(du -sm "$work/src" | cut -f1) MB, $(find "$work/src" -type f | wc -l) files," \
+  "$(nproc) cores;$(uptime | sed 's/.*load/ load/')"
+time_tool tsapp "$tsapp" pack --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+time_tool j1 "$tsapp" pack -j 1 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+time_tool j2 "$tsapp" pack -j 2 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+time_tool zip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/src" OUT
+"$tsapp" check "$work/out-tsapp.tsappinstall" >/dev/null
+cmp "$work/out-j1.tsappinstall" "$work/out-j2.tsappinstall"
+echo "pack -j 1 and -j 2 wrote the same bytes; the package passes tsapp check"
+printf '%-8s %9s %8s %9s %8s %12s %8s %12s\n' tool "median s" "vs zip" "cpu s" "vs zip" \
+  "bytes" "vs zip" "peak RSS MB"
+for tool in tsapp j1 j2 zip; do
+  printf '%-8s %9s %8s %9s %8s %12s %8s %12s\n' "$tool" "${med[$tool]}" \
+    "$(ratio "${med[zip]}" "${med[$tool]}")" "${cpu[$tool]}" \
+    "$(ratio "${cpu[zip]}" "${cpu[$tool]}")" "${size[$tool]}" \
+    "$(ratio3 "${size[$tool]}" "${size[zip]}")" "$((mem[$tool] / 1024))"
+done
+echo "(time ratios: how many times as fast as zip; size ratio: tsapp's bytes over zip's)"
+echo "goal: tsapp >= 2.5x as fast as zip, no larger; -j 2 against -j 1: $(ratio "${med[j1]}" "${med[j2]}")"
+rm -rf "$work/src" "$work/out-"*
+
+# One app file of 1 GiB: streamed in pieces, never held in memory.
+mkdir -p "$work/huge/files"
+python3 - "$work/huge/files/huge.txt" <<'EOF'
+import random, sys
+words = "function return const value index the package part name { } ( ) ; 0 1 42".split()
+rng = random.Random(20261123)
+block = "".join(" ".join(rng.choice(words) for _ in range(9)) + "\n" for _ in range(200000)).encode()
+with open(sys.argv[1], "wb") as out:
+    written = 0
+    while written < 1 << 30:
+        piece = block[: (1 << 30) - written]
+        out.write(piece)
+        written += len(piece)
+EOF
+cp "$here/../sample/app/icon.png" "$here/../sample/app/screenshot.png" "$work/huge/"
+echo '{"entryPoint": "huge.txt", "name": "huge", "version": "1.0", "icon": "icon.png",
+ "screenshot": "screenshot.png", "author": {"name": "bench"}}' >"$work/huge/tsapp.json"
+runs=1
+time_tool huge "$tsapp" pack "$work/huge" -o OUT
+time_tool hugezip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/huge" OUT
+echo
+echo "one app file of 1024 MB (one run each)"
+printf '%-8s %9s %12s %12s\n' tool "s" "bytes" "peak RSS MB"
+for tool in huge hugezip; do
+  printf '%-8s %9s %12s %12s\n' "$tool" "${med[$tool]}" "${size[$tool]}" "$((mem[$tool] / 1024))"
+done
+echo "goal: tsapp peak RSS <= 64 MB"
