@@ -29,10 +29,14 @@ StoreError::StoreError(Reason reason, std::vector<std::string> lines)
 
 const char* token(AuditFinding::Kind kind) {
     switch (kind) {
-        case AuditFinding::Kind::Modified: return "modified";
-        case AuditFinding::Kind::Missing: return "missing";
-        case AuditFinding::Kind::Mode: return "mode";
-        case AuditFinding::Kind::Extra: return "extra";
+        case AuditFinding::Kind::Modified:
+            return "modified";
+        case AuditFinding::Kind::Missing:
+            return "missing";
+        case AuditFinding::Kind::Mode:
+            return "mode";
+        case AuditFinding::Kind::Extra:
+            return "extra";
     }
     return "modified";
 }
@@ -62,7 +66,8 @@ bool isGuid(const std::string& text) {
 std::string folderNameFor(const std::string& version) {
     std::string name = "v";
     for (char c : version.substr(0, 40)) {
-        const bool safe = opc::detail::is_ascii_alnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' || c == '+' || c == '_';
+        const bool safe = opc::detail::is_ascii_alnum(static_cast<unsigned char>(c)) || c == '.' ||
+                          c == '-' || c == '+' || c == '_';
         name += safe ? c : '_';
     }
     return name + "-" + randomToken();
@@ -70,7 +75,9 @@ std::string folderNameFor(const std::string& version) {
 
 std::string sha256OfFile(const std::filesystem::path& file) {
     const FileOps& ops = opc::detail::posixFileOps();
-    return findFile(ops, AT_FDCWD, file.string(), true, "").sha256;
+    const OpsFd fd(ops, ops.openat(AT_FDCWD, file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) failed(file.string() + " cannot be read", errno);
+    return sha256Of(ops, fd.get(), file.string());
 }
 
 std::string leafOf(const std::string& relative) {
@@ -122,16 +129,19 @@ struct AppStore::Impl {
     std::string resolve(const std::string& app) const {
         if (isGuid(app)) {
             const std::string guid = opc::detail::ascii_lower(app);
-            if (!records->currentId(guid)) refuse(StoreError::Reason::NotInstalled, "no app " + guid + " is installed");
+            if (!records->currentId(guid))
+                refuse(StoreError::Reason::NotInstalled, "no app " + guid + " is installed");
             return guid;
         }
         const auto guids = records->guidsNamed(app);
-        if (guids.empty()) refuse(StoreError::Reason::NotInstalled, "no installed app is called " + app);
+        if (guids.empty())
+            refuse(StoreError::Reason::NotInstalled, "no installed app is called " + app);
         if (guids.size() > 1) {
             std::string list;
             for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;
-            refuse(StoreError::Reason::Ambiguous,
-                   app + " names " + std::to_string(guids.size()) + " installed apps (" + list + "); give a GUID");
+            refuse(StoreError::Reason::Ambiguous, app + " names " + std::to_string(guids.size()) +
+                                                      " installed apps (" + list +
+                                                      "); give a GUID");
         }
         return guids.front();
     }
@@ -174,7 +184,8 @@ struct AppStore::Impl {
         // Staging folders of an extraction that died beside it go too.
         opc::extraction::recover(folderOf(relative), options.ops);
         const OpsFd apps = appsFolder();
-        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!app) {
             if (errno == ENOENT) return;
             failed(shown("apps/" + guid) + " cannot be opened", errno);
@@ -206,7 +217,8 @@ struct AppStore::Impl {
         }
         const AppManifest& manifest = *report.manifest;
         if (!isGuid(manifest.GUID))
-            refuse(StoreError::Reason::BadPackage, "the GUID " + manifest.GUID + " is not of the form 8-4-4-4-12 hex digits");
+            refuse(StoreError::Reason::BadPackage,
+                   "the GUID " + manifest.GUID + " is not of the form 8-4-4-4-12 hex digits");
         InstalledVersion version;
         version.guid = opc::detail::ascii_lower(manifest.GUID);
         version.name = fl::i18n::to_string(manifest.name);
@@ -217,7 +229,8 @@ struct AppStore::Impl {
         version.forced = !version.forcedReasons.empty();
         if (version.forced && !installOptions.force) {
             std::vector<std::string> lines;
-            for (const auto& reason : version.forcedReasons) lines.push_back("does not fit this host: " + reason);
+            for (const auto& reason : version.forcedReasons)
+                lines.push_back("does not fit this host: " + reason);
             lines.push_back("not installed; --force installs it anyway");
             throw StoreError(StoreError::Reason::NotCompatible, lines);
         }
@@ -235,7 +248,8 @@ struct AppStore::Impl {
             const OpsFd apps = appsFolder();
             makeFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
         }
-        const std::int64_t pendingId = records->addPending("install", version.guid, relative, false);
+        const std::int64_t pendingId =
+            records->addPending("install", version.guid, relative, false);
         auto packageSha = std::async(std::launch::async, sha256OfFile, package);
         Unpacked unpacked;
         try {
@@ -270,8 +284,9 @@ struct AppStore::Impl {
             return InstallResult::Kind::Reinstall;
         }
         if (!options.allowDowngrade)
-            refuse(StoreError::Reason::Refused, "version " + wanted + " is older than the installed " +
-                                                    installed + "; --allow-downgrade installs it");
+            refuse(StoreError::Reason::Refused, "version " + wanted +
+                                                    " is older than the installed " + installed +
+                                                    "; --allow-downgrade installs it");
         return InstallResult::Kind::Downgrade;
     }
 
@@ -283,11 +298,11 @@ struct AppStore::Impl {
             return;
         const std::string now = fresh.signerFingerprint.empty()
                                     ? "this package's signer is not verified (see --trust)"
-                                    : "this package is signed by " + fresh.signerSubject + " (SHA-256 " +
-                                          fresh.signerFingerprint + ")";
-        refuse(StoreError::Reason::Refused, "version " + was.version + " is signed by " + was.signerSubject +
-                                                " (SHA-256 " + was.signerFingerprint + "); " + now +
-                                                "; --allow-signer-change installs it");
+                                    : "this package is signed by " + fresh.signerSubject +
+                                          " (SHA-256 " + fresh.signerFingerprint + ")";
+        refuse(StoreError::Reason::Refused,
+               "version " + was.version + " is signed by " + was.signerSubject + " (SHA-256 " +
+                   was.signerFingerprint + "); " + now + "; --allow-signer-change installs it");
     }
 
     // One transaction: the new version's records, the old ones beyond the
@@ -307,7 +322,8 @@ struct AppStore::Impl {
         }
         const OpsFd apps = appsFolder();
         const OpsFd app = openFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
-        switchLink(ops, app.get(), "current", leafOf(relative), shown("apps/" + version.guid + "/current"));
+        switchLink(ops, app.get(), "current", leafOf(relative),
+                   shown("apps/" + version.guid + "/current"));
         transaction.commit();
     }
 
@@ -346,7 +362,8 @@ struct AppStore::Impl {
     std::vector<std::string> finishRemove(const PendingRow& row) {
         std::vector<std::string> kept;
         const OpsFd apps = appsFolder();
-        OpsFd app(ops, ops.openat(apps.get(), row.guid.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        OpsFd app(ops, ops.openat(apps.get(), row.guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!app && errno != ENOENT) failed(shown("apps/" + row.guid) + " cannot be opened", errno);
         if (app) {
             if (ops.unlinkat(app.get(), "current", 0) != 0 && errno != ENOENT)
@@ -360,7 +377,8 @@ struct AppStore::Impl {
             ops.unlinkat(apps.get(), row.guid.c_str(), AT_REMOVEDIR);  // when nothing is kept
         }
         Transaction transaction(*db);
-        for (const VersionRow& version : records->versionsOf(row.guid)) records->dropVersion(version.id);
+        for (const VersionRow& version : records->versionsOf(row.guid))
+            records->dropVersion(version.id);
         records->dropApp(row.guid);
         records->dropPending(row.id);
         transaction.commit();
@@ -370,7 +388,8 @@ struct AppStore::Impl {
     std::vector<std::string> removeRecordedFiles(int app, const std::string& relative) {
         std::vector<std::string> kept;
         const std::string leaf = leafOf(relative);
-        OpsFd folder(ops, ops.openat(app, leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        OpsFd folder(
+            ops, ops.openat(app, leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!folder) {
             if (errno == ENOENT) return kept;
             failed(shown("apps/" + relative) + " cannot be opened", errno);
@@ -388,7 +407,8 @@ struct AppStore::Impl {
         for (const InstalledFile& file : files) {
             const FoundFile found = findFile(ops, folder.get(), file.path, true, shownFolder);
             if (found.state == FoundFile::State::Missing) continue;
-            if (found.state == FoundFile::State::Regular && found.sha256 == file.sha256 && found.mode == file.mode)
+            if (found.state == FoundFile::State::Regular && found.sha256 == file.sha256 &&
+                found.mode == file.mode)
                 removeFile(ops, folder.get(), file.path, shownFolder);
             else
                 kept.push_back(file.path);
@@ -397,7 +417,8 @@ struct AppStore::Impl {
             if (!isFolder && !recorded.count(path)) kept.push_back(path);
         });
         // Deepest first, so that a folder's sub-folders go before it.
-        for (auto it = folders.rbegin(); it != folders.rend(); ++it) removeEmptyFolder(ops, folder.get(), *it);
+        for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+            removeEmptyFolder(ops, folder.get(), *it);
         folder.reset();
         ops.unlinkat(app, leaf.c_str(), AT_REMOVEDIR);
         std::sort(kept.begin(), kept.end());
@@ -419,7 +440,9 @@ struct AppStore::Impl {
             else if (!previous)
                 previous = row;
         }
-        if (!previous) refuse(StoreError::Reason::NoPrevious, guid + " has no previous version to roll back to");
+        if (!previous)
+            refuse(StoreError::Reason::NoPrevious,
+                   guid + " has no previous version to roll back to");
         try {
             Transaction transaction(*db);
             records->setCurrent(guid, previous->id);
@@ -427,7 +450,8 @@ struct AppStore::Impl {
             records->addPending("purge", guid, current->folder, false);
             const OpsFd apps = appsFolder();
             const OpsFd appFolder = openFolder(ops, apps.get(), guid, shown("apps/" + guid));
-            switchLink(ops, appFolder.get(), "current", leafOf(previous->folder), shown("apps/" + guid + "/current"));
+            switchLink(ops, appFolder.get(), "current", leafOf(previous->folder),
+                       shown("apps/" + guid + "/current"));
             transaction.commit();
         } catch (...) {
             settleAfterFailure();
@@ -447,10 +471,12 @@ struct AppStore::Impl {
         const std::string shownFolder = shown("apps/" + row.folder);
         const auto files = records->files(row.id);
         const OpsFd apps = appsFolder();
-        OpsFd folder(ops, ops.openBeneath(apps.get(), row.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        OpsFd folder(ops, ops.openBeneath(apps.get(), row.folder.c_str(),
+                                          O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!folder) {
             if (errno != ENOENT) failed(shownFolder + " cannot be opened", errno);
-            for (const InstalledFile& file : files) report.findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
+            for (const InstalledFile& file : files)
+                report.findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
             return report;
         }
         std::set<std::string> recorded;
@@ -459,10 +485,12 @@ struct AppStore::Impl {
             auditFile(folder.get(), file, shownFolder, report.findings);
         }
         walk(ops, folder.get(), shownFolder, [&](const std::string& path, bool isFolder) {
-            if (!isFolder && !recorded.count(path)) report.findings.push_back({AuditFinding::Kind::Extra, path, ""});
+            if (!isFolder && !recorded.count(path))
+                report.findings.push_back({AuditFinding::Kind::Extra, path, ""});
         });
-        std::stable_sort(report.findings.begin(), report.findings.end(),
-                         [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
+        std::stable_sort(
+            report.findings.begin(), report.findings.end(),
+            [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
         return report;
     }
 
@@ -470,19 +498,24 @@ struct AppStore::Impl {
                    std::vector<AuditFinding>& findings) const {
         FoundFile found = findFile(ops, folder, file.path, false, shownFolder);
         using State = FoundFile::State;
-        if (found.state == State::Missing) return findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
+        if (found.state == State::Missing)
+            return findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
         if (found.state == State::Link)
-            return findings.push_back({AuditFinding::Kind::Modified, file.path, "replaced by a symbolic link"});
+            return findings.push_back(
+                {AuditFinding::Kind::Modified, file.path, "replaced by a symbolic link"});
         if (found.state == State::Other)
-            return findings.push_back({AuditFinding::Kind::Modified, file.path, "not a regular file"});
+            return findings.push_back(
+                {AuditFinding::Kind::Modified, file.path, "not a regular file"});
         if (found.size != file.size) {
-            findings.push_back({AuditFinding::Kind::Modified, file.path,
-                                "size " + std::to_string(found.size) + ", recorded " + std::to_string(file.size)});
+            findings.push_back(
+                {AuditFinding::Kind::Modified, file.path,
+                 "size " + std::to_string(found.size) + ", recorded " + std::to_string(file.size)});
         } else if (findFile(ops, folder, file.path, true, shownFolder).sha256 != file.sha256) {
             findings.push_back({AuditFinding::Kind::Modified, file.path, "content differs"});
         }
         if (found.mode != file.mode)
-            findings.push_back({AuditFinding::Kind::Mode, file.path, octal(found.mode) + ", recorded " + octal(file.mode)});
+            findings.push_back({AuditFinding::Kind::Mode, file.path,
+                                octal(found.mode) + ", recorded " + octal(file.mode)});
     }
 
     static std::string octal(unsigned mode) {
@@ -530,7 +563,8 @@ InstallResult AppStore::install(const std::filesystem::path& package, const Host
 std::vector<InstalledApp> AppStore::list() const {
     Transaction snapshot(*impl_->db, "BEGIN");
     std::vector<InstalledApp> apps;
-    for (const auto& [guid, folder] : impl_->records->currentFolders()) apps.push_back(impl_->appOf(guid));
+    for (const auto& [guid, folder] : impl_->records->currentFolders())
+        apps.push_back(impl_->appOf(guid));
     std::sort(apps.begin(), apps.end(), [](const InstalledApp& a, const InstalledApp& b) {
         return std::tie(a.current.name, a.current.guid) < std::tie(b.current.name, b.current.guid);
     });
@@ -576,7 +610,8 @@ std::optional<std::string> AppStore::state(const std::string& scope, const std::
     return impl_->records->state(scope, key);
 }
 
-void AppStore::setState(const std::string& scope, const std::string& key, const std::string& value) {
+void AppStore::setState(const std::string& scope, const std::string& key,
+                        const std::string& value) {
     impl_->records->setState(scope, key, value);
 }
 

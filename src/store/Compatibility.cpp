@@ -70,16 +70,18 @@ void checkPlatform(const AppManifest& app, const std::string& host,
 
 void checkProducts(const AppManifest& app, const HostProfile& host,
                    std::vector<std::string>& reasons) {
+    if (host.products.empty()) return;
     for (const auto& product : app.requiredProducts) {
         const std::string id = utf8(product.identifier), wanted = utf8(product.version);
-        const std::string named = id + (product.name.empty() ? "" : " (" + utf8(product.name) + ")");
+        const std::string named =
+            id + (product.name.empty() ? "" : " (" + utf8(product.name) + ")");
         const auto found = host.products.find(id);
         if (found == host.products.end())
             reasons.push_back("needs product " + named + (wanted.empty() ? "" : " " + wanted) +
                               "; this host does not have it");
         else if (!wanted.empty() && compareVersions(found->second, wanted) < 0)
-            reasons.push_back("needs product " + named + " " + wanted + " or later; this host has " +
-                              found->second);
+            reasons.push_back("needs product " + named + " " + wanted +
+                              " or later; this host has " + found->second);
     }
 }
 

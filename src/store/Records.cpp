@@ -93,7 +93,8 @@ std::vector<InstalledFile> Records::files(std::int64_t version) const {
 std::vector<PendingRow> Records::pending() const {
     Statement s(db_, "SELECT id, action, guid, folder, purge FROM pending ORDER BY id");
     std::vector<PendingRow> rows;
-    while (s.step()) rows.push_back({s.integer(0), s.text(1), s.text(2), s.text(3), s.integer(4) != 0});
+    while (s.step())
+        rows.push_back({s.integer(0), s.text(1), s.text(2), s.text(3), s.integer(4) != 0});
     return rows;
 }
 
@@ -110,7 +111,8 @@ std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& f
     s.bind(12, reasons.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     s.run();
     const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
-    Statement file(db_, "INSERT INTO files(version_id, path, size, mode, sha256) VALUES(?, ?, ?, ?, ?)");
+    Statement file(db_,
+                   "INSERT INTO files(version_id, path, size, mode, sha256) VALUES(?, ?, ?, ?, ?)");
     for (const InstalledFile& f : files) {
         file.bind(1, id).bind(2, f.path).bind(3, static_cast<std::int64_t>(f.size));
         file.bind(4, static_cast<std::int64_t>(f.mode)).bind(5, f.sha256);

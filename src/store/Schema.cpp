@@ -64,11 +64,11 @@ int userVersion(const Database& db) {
 
 void refuseNewer(const Database& db, int found) {
     if (found <= kSchemaVersion) return;
-    throw StoreError(StoreError::Reason::BadDatabase,
-                     {"the database " + std::string(sqlite3_db_filename(db.get(), "main")) +
-                      " has schema version " + std::to_string(found) +
-                      ", newer than this program knows (" + std::to_string(kSchemaVersion) +
-                      "); it was left as it is"});
+    throw StoreError(
+        StoreError::Reason::BadDatabase,
+        {"the database " + std::string(sqlite3_db_filename(db.get(), "main")) +
+         " has schema version " + std::to_string(found) + ", newer than this program knows (" +
+         std::to_string(kSchemaVersion) + "); it was left as it is"});
 }
 
 }  // namespace

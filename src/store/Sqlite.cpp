@@ -6,9 +6,9 @@ namespace tsappinstall::store::detail {
 
 Database::Database(const std::string& file, int busyMillis) : file_(file) {
     sqlite3* db = nullptr;
-    const int code = sqlite3_open_v2(
-        file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-        nullptr);
+    const int code =
+        sqlite3_open_v2(file.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     db_.reset(db);
     if (code != SQLITE_OK) fail(code, "cannot be opened");
     sqlite3_extended_result_codes(db, 1);
@@ -62,8 +62,9 @@ bool Statement::step() {
 
 std::string Statement::text(int column) const {
     const auto* bytes = sqlite3_column_text(statement_.get(), column);
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes),
-                               static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column)))
+    return bytes ? std::string(
+                       reinterpret_cast<const char*>(bytes),
+                       static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column)))
                  : std::string();
 }
 

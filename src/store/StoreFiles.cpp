@@ -125,19 +125,23 @@ FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool
     if (!hash) return found;
     OpsFd file(ops, ops.openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!file) failed(shown + "/" + path + " cannot be read", errno);
+    found.sha256 = sha256Of(ops, file.get(), shown + "/" + path, &found.size);
+    return found;
+}
+
+std::string sha256Of(const FileOps& ops, int fd, const std::string& shown, std::uint64_t* size) {
     integrity::Sha256 sha;
     std::vector<unsigned char> buffer(1 << 20);
     long long offset = 0;
     for (;;) {
-        const long n = ops.readAt(file.get(), buffer.data(), buffer.size(), offset);
-        if (n < 0) failed(shown + "/" + path + " cannot be read", errno);
+        const long n = ops.readAt(fd, buffer.data(), buffer.size(), offset);
+        if (n < 0) failed(shown + " cannot be read", errno);
         sha.update(buffer.data(), static_cast<std::size_t>(n));
         offset += n;
         if (static_cast<std::size_t>(n) < buffer.size()) break;
     }
-    found.size = static_cast<std::uint64_t>(offset);
-    found.sha256 = sha.finishHex();
-    return found;
+    if (size) *size = static_cast<std::uint64_t>(offset);
+    return sha.finishHex();
 }
 
 void walk(const FileOps& ops, int folder, const std::string& shown,

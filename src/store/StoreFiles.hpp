@@ -56,6 +56,10 @@ struct FoundFile {
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
                    const std::string& shown);
 
+// SHA-256 of an open file's bytes, hex; its size in `size` when given.
+std::string sha256Of(const FileOps& ops, int fd, const std::string& shown,
+                     std::uint64_t* size = nullptr);
+
 // Calls `visit` for every entry below `folder` (relative paths, parents
 // first), never descending through a link.
 void walk(const FileOps& ops, int folder, const std::string& shown,

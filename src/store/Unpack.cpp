@@ -6,8 +6,8 @@
 #include <map>
 #include <optional>
 
-#include "integrity/PackageItems.hpp"
 #include "StoreFiles.hpp"
+#include "integrity/PackageItems.hpp"
 #include "integrity/VerifySteps.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
@@ -96,7 +96,8 @@ std::map<std::string, std::string> listedDigests(opc::model::Package& package,
 // Every part's file with its size and mode as it landed, and its digest
 // from `digests` or, for the few parts neither the list nor the observer
 // covered (the digest list and signature themselves), read back.
-std::vector<InstalledFile> recordsOf(opc::model::Package& package, const std::filesystem::path& folder,
+std::vector<InstalledFile> recordsOf(opc::model::Package& package,
+                                     const std::filesystem::path& folder,
                                      const std::map<std::string, std::string>& digests,
                                      const FileOps& ops) {
     OpsFd dir(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -131,8 +132,7 @@ std::string readSmallFile(const FileOps& ops, const std::filesystem::path& file)
 }
 
 void addSigner(Unpacked& unpacked, const std::filesystem::path& folder, const FileOps& ops) {
-    const std::string signature =
-        readSmallFile(ops, folder / (integrity::SIGNATURE_PART_NAME + 1));
+    const std::string signature = readSmallFile(ops, folder / (integrity::SIGNATURE_PART_NAME + 1));
     unpacked.signerFingerprint = signerFingerprint(signature);
 }
 
@@ -141,8 +141,9 @@ void addSigner(Unpacked& unpacked, const std::filesystem::path& folder, const Fi
 Unpacked unpackVerified(opc::model::Package& package, const std::filesystem::path& folder,
                         const InstallOptions& options, const integrity::DigestList& list) {
     const integrity::VerificationPolicy policy{options.trustAnchors, !options.trustAnchors.empty()};
-    integrity::VerifiedExtraction result = integrity::extractVerified(
-        package, folder, policy, extractionOptions(options), opc::qvservices::ReplaceMode::FailIfExists);
+    integrity::VerifiedExtraction result =
+        integrity::extractVerified(package, folder, policy, extractionOptions(options),
+                                   opc::qvservices::ReplaceMode::FailIfExists);
     if (!result.report.ok()) badPackage(result.report.faults);
     Unpacked unpacked;
     const FileOps& ops = opc::detail::posixFileOps();
@@ -165,7 +166,9 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     const bool noList = faults.size() == 1 && faults[0].kind == FaultKind::NoDigestList;
     if (!faults.empty() && (trusting || !noList)) badPackage(faults);
     integrity::VerificationReport author;
-    if (list) integrity::detail::checkAuthor(package, list->text, {options.trustAnchors, trusting}, author);
+    if (list)
+        integrity::detail::checkAuthor(package, list->text, {options.trustAnchors, trusting},
+                                       author);
     if (trusting && !author.ok()) badPackage(author.faults);
     // Without trust anchors a signature is not checked (as the package
     // check does), so a signed package goes the way below, which the
@@ -179,7 +182,8 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
         integrity::detail::DigestSink contentTypes(*check, {}, true);
         opc::model::readEveryItem(package, contentTypes);
     }
-    RecordingObserver observer(check ? &*check : nullptr, integrity::detail::integrityParts(package));
+    RecordingObserver observer(check ? &*check : nullptr,
+                               integrity::detail::integrityParts(package));
     opc::extraction::Options extraction = extractionOptions(options);
     extraction.observer = &observer;
     opc::extraction::Extractor extractor(package, selector, std::move(extraction));

@@ -15,8 +15,9 @@ struct AppManifest;
 
 namespace tsappinstall::store {
 
-// What a host offers. A field left empty is not checked: an app's release
-// range means nothing to a host whose release is unknown.
+// What a host offers. A field left empty is not checked (an app's release
+// range means nothing to a host whose release is unknown); nor are
+// required products when no product is named.
 struct HostProfile {
     std::string release;                          // "2026.2"
     std::string platform;                         // "linux-x86_64"
