@@ -57,7 +57,7 @@ bool Statement::step() {
     const int code = sqlite3_step(statement_.get());
     if (code == SQLITE_ROW) return true;
     if (code == SQLITE_DONE) return false;
-    db_->fail(code, "cannot be read or written");
+    db_->fail(code, "cannot be used");
 }
 
 std::string Statement::text(int column) const {
