@@ -272,8 +272,10 @@ int runAudit(const ReadSettings& s) {
         }
         const auto& v = report.version;
         std::cout << v.name << " " << v.version << " (" << v.guid << "): "
-                  << (report.clean() ? "OK"
-                                     : std::to_string(report.findings.size()) + " differences")
+                  << (report.clean()
+                          ? "OK"
+                          : std::to_string(report.findings.size()) +
+                                (report.findings.size() == 1 ? " difference" : " differences"))
                   << "\n";
         for (const auto& f : report.findings)
             std::cout << "  " << store::token(f.kind) << " " << f.path
