@@ -96,7 +96,14 @@ struct AppStore::Impl {
         makeFolder(ops, rootFd.get(), "apps", shown("apps"));
         db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
         migrate(*db);
+        // In WAL mode a commit is then atomic but flushed only at
+        // checkpoints; install --sync flushes each (FULL).
+        db->exec("PRAGMA synchronous = NORMAL");
         records = std::make_unique<Records>(*db);
+        // What a crash left is settled at once unless another process is
+        // at work (it settles it itself, or the next writer does).
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::TryExclusive, root.string());
+        if (lock.held()) settle();
     }
 
     std::string shown(const std::string& below) const { return (root / below).string(); }
@@ -191,6 +198,8 @@ struct AppStore::Impl {
             failed(shown("apps/" + guid) + " cannot be opened", errno);
         }
         removeTree(ops, app.get(), relative.substr(slash + 1), shown("apps/" + relative));
+        app.reset();
+        if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
     }
 
     // Quietly settles after a failure; what cannot be settled now is
@@ -206,8 +215,9 @@ struct AppStore::Impl {
 
     InstallResult install(const std::filesystem::path& package, const HostProfile& host,
                           const InstallOptions& installOptions) {
-        RootLock lock(ops, rootFd.get(), true, root.string());
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
+        if (installOptions.sync) db->exec("PRAGMA synchronous = FULL");
         AppManifestSerializer serializer;
         const inspect::Report report = inspect::checkPackage(package, serializer, false);
         if (!report.good()) {
@@ -244,15 +254,12 @@ struct AppStore::Impl {
         }
 
         const std::string relative = version.guid + "/" + folderNameFor(version.version);
-        {
-            const OpsFd apps = appsFolder();
-            makeFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
-        }
         const std::int64_t pendingId =
             records->addPending("install", version.guid, relative, false);
         auto packageSha = std::async(std::launch::async, sha256OfFile, package);
         Unpacked unpacked;
         try {
+            makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
             opc::model::OpenedPackage opened(package);
             unpacked = unpack(opened.package(), folderOf(relative), installOptions, options.ops);
             opened.close();
@@ -344,7 +351,7 @@ struct AppStore::Impl {
     // --- remove -------------------------------------------------------------
 
     RemoveResult remove(const std::string& app, bool purge) {
-        RootLock lock(ops, rootFd.get(), true, root.string());
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
         const std::string guid = resolve(app);
         const VersionRow current = *records->version(*records->currentId(guid));
@@ -374,7 +381,8 @@ struct AppStore::Impl {
                 discardFolder(row.folder);
             else
                 kept = removeRecordedFiles(app.get(), row.folder);
-            ops.unlinkat(apps.get(), row.guid.c_str(), AT_REMOVEDIR);  // when nothing is kept
+            app.reset();
+            removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));  // when nothing is kept
         }
         Transaction transaction(*db);
         for (const VersionRow& version : records->versionsOf(row.guid))
@@ -418,9 +426,9 @@ struct AppStore::Impl {
         });
         // Deepest first, so that a folder's sub-folders go before it.
         for (auto it = folders.rbegin(); it != folders.rend(); ++it)
-            removeEmptyFolder(ops, folder.get(), *it);
+            removeEmptyFolder(ops, folder.get(), *it, shownFolder);
         folder.reset();
-        ops.unlinkat(app, leaf.c_str(), AT_REMOVEDIR);
+        removeEmptyFolder(ops, app, leaf, shown("apps/" + relative.substr(0, relative.find('/'))));
         std::sort(kept.begin(), kept.end());
         kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
         return kept;
@@ -429,7 +437,7 @@ struct AppStore::Impl {
     // --- rollback -----------------------------------------------------------
 
     InstalledVersion rollback(const std::string& app) {
-        RootLock lock(ops, rootFd.get(), true, root.string());
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
         const std::string guid = resolve(app);
         const auto currentId = *records->currentId(guid);
@@ -529,10 +537,10 @@ struct AppStore::Impl {
     template <class Read>
     auto auditing(Read read) {
         if (!records->pending().empty()) {
-            RootLock lock(ops, rootFd.get(), true, root.string());
+            RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
             settle();
         }
-        RootLock lock(ops, rootFd.get(), false, root.string());
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Shared, root.string());
         return read();
     }
 
@@ -602,7 +610,7 @@ std::vector<AuditReport> AppStore::auditAll() const {
 }
 
 std::vector<std::string> AppStore::recover() {
-    RootLock lock(impl_->ops, impl_->rootFd.get(), true, impl_->root.string());
+    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
     return impl_->settle();
 }
 

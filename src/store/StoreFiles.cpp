@@ -46,15 +46,20 @@ OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std
     return fd;
 }
 
-RootLock::RootLock(const FileOps& ops, int root, bool exclusive, const std::string& shown) {
+RootLock::RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown) {
     const std::string file = shown + "/.lock";
     fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd_ && !exclusive && errno == EACCES)  // a reader of a root it may not write
+    if (!fd_ && mode == Mode::Shared && errno == EACCES)  // a reader of a root it may not write
         fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd_) failed(file + " cannot be opened", errno);
-    while (ops.flock(fd_.get(), exclusive ? LOCK_EX : LOCK_SH) != 0) {
+    const int operation = mode == Mode::Shared      ? LOCK_SH
+                          : mode == Mode::Exclusive ? LOCK_EX
+                                                    : LOCK_EX | LOCK_NB;
+    while (ops.flock(fd_.get(), operation) != 0) {
+        if (mode == Mode::TryExclusive && errno == EWOULDBLOCK) return;
         if (errno != EINTR) failed(file + " cannot be locked", errno);
     }
+    held_ = true;
 }
 
 void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {
@@ -186,11 +191,18 @@ bool removeFile(const FileOps& ops, int folder, const std::string& path, const s
     failed(shown + "/" + path + " cannot be removed", errno);
 }
 
-bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path) {
+bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
+                       const std::string& shown) {
     const auto [parent, name] = splitLast(path);
     OpsFd dir(ops, parent.empty() ? ops.dup(folder)
                                   : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
-    return dir && ops.unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0;
+    if (!dir) {
+        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV) return false;
+        failed(shown + "/" + parent + " cannot be opened", errno);
+    }
+    if (ops.unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) return true;
+    if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOENT || errno == ENOTDIR) return false;
+    failed(shown + "/" + path + " cannot be removed", errno);
 }
 
 std::string randomToken() {

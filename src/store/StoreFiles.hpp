@@ -27,13 +27,17 @@ OpsFd openFolder(const FileOps& ops, int dir, const std::string& relative,
 OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
 
 // The root's lock: flock() on ROOT/.lock, which the kernel drops when its
-// holder dies, so no crash leaves a stale lock behind. Blocks until held.
+// holder dies, so no crash leaves a stale lock behind. Blocks until held,
+// except TryExclusive, which takes it only when it is free at once.
 class RootLock {
   public:
-    RootLock(const FileOps& ops, int root, bool exclusive, const std::string& shown);
+    enum class Mode { Shared, Exclusive, TryExclusive };
+    RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown);
+    bool held() const { return held_; }
 
   private:
     OpsFd fd_;
+    bool held_ = false;
 };
 
 // Removes `name` in `dir` and everything below it; a link is removed, never
@@ -68,8 +72,10 @@ void walk(const FileOps& ops, int folder, const std::string& shown,
 // Deletes the file `path` below `folder` (the last component unlinked, never
 // followed); true when it was there.
 bool removeFile(const FileOps& ops, int folder, const std::string& path, const std::string& shown);
-// Removes the folder `path` below `folder` when it is empty; true when it did.
-bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path);
+// Removes the folder `path` below `folder` when it is empty; true when it
+// did, false when it holds something or is gone. Throws for anything else.
+bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
+                       const std::string& shown);
 
 // 16 random hex digits.
 std::string randomToken();
