@@ -102,6 +102,7 @@ struct AppStore::Impl {
         records = std::make_unique<Records>(*db);
         // What a crash left is settled at once unless another process is
         // at work (it settles it itself, or the next writer does).
+        if (records->pending().empty()) return;
         RootLock lock(ops, rootFd.get(), RootLock::Mode::TryExclusive, root.string());
         if (lock.held()) settle();
     }
@@ -155,9 +156,14 @@ struct AppStore::Impl {
 
     // --- settling what an interrupted operation left ------------------------
 
-    std::vector<std::string> settle() {
+    // Finishes or undoes what the pending records name, then points the
+    // links of the apps concerned (all of them with `everyLink`) at the
+    // versions the records name.
+    std::vector<std::string> settle(bool everyLink = false) {
         std::vector<std::string> done;
+        std::set<std::string> touched;
         for (const PendingRow& row : records->pending()) {
+            touched.insert(row.guid);
             if (row.action == "install") {
                 discardFolder(row.folder);
                 done.push_back("removed the unfinished install " + shown("apps/" + row.folder));
@@ -173,6 +179,7 @@ struct AppStore::Impl {
         }
         const OpsFd apps = appsFolder();
         for (const auto& [guid, folder] : records->currentFolders()) {
+            if (!everyLink && !touched.count(guid)) continue;
             const OpsFd app = makeFolder(ops, apps.get(), guid, shown("apps/" + guid));
             const std::string leaf = leafOf(folder);
             if (linkTarget(app.get(), "current") == leaf) continue;
@@ -451,8 +458,13 @@ struct AppStore::Impl {
         if (!previous)
             refuse(StoreError::Reason::NoPrevious,
                    guid + " has no previous version to roll back to");
+        // Marks the app for settling should the link switch but the
+        // records not commit.
+        const std::int64_t pendingId =
+            records->addPending("rollback", guid, current->folder, false);
         try {
             Transaction transaction(*db);
+            records->dropPending(pendingId);
             records->setCurrent(guid, previous->id);
             records->dropVersion(current->id);
             records->addPending("purge", guid, current->folder, false);
@@ -571,8 +583,22 @@ InstallResult AppStore::install(const std::filesystem::path& package, const Host
 std::vector<InstalledApp> AppStore::list() const {
     Transaction snapshot(*impl_->db, "BEGIN");
     std::vector<InstalledApp> apps;
-    for (const auto& [guid, folder] : impl_->records->currentFolders())
-        apps.push_back(impl_->appOf(guid));
+    std::map<std::string, std::size_t> at;  // GUID -> index in apps
+    for (const auto& [row, current] : impl_->records->allVersions()) {
+        auto [found, added] = at.try_emplace(row.version.guid, apps.size());
+        if (added) {
+            apps.emplace_back();
+            apps.back().link = impl_->root / "apps" / row.version.guid / "current";
+        }
+        InstalledApp& app = apps[found->second];
+        if (current)
+            app.current = impl_->publicVersion(row);
+        else
+            app.previous.push_back(impl_->publicVersion(row));
+    }
+    apps.erase(std::remove_if(apps.begin(), apps.end(),
+                              [](const InstalledApp& app) { return app.current.guid.empty(); }),
+               apps.end());
     std::sort(apps.begin(), apps.end(), [](const InstalledApp& a, const InstalledApp& b) {
         return std::tie(a.current.name, a.current.guid) < std::tie(b.current.name, b.current.guid);
     });
@@ -611,7 +637,7 @@ std::vector<AuditReport> AppStore::auditAll() const {
 
 std::vector<std::string> AppStore::recover() {
     RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
-    return impl_->settle();
+    return impl_->settle(true);
 }
 
 std::optional<std::string> AppStore::state(const std::string& scope, const std::string& key) const {

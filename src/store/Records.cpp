@@ -5,9 +5,10 @@
 namespace tsappinstall::store::detail {
 namespace {
 
-constexpr const char* kVersionColumns =
+const std::string kColumns =
     "SELECT id, guid, name, version, folder, package, package_sha256, signer_subject, "
-    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons FROM versions ";
+    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons";
+const std::string kVersionColumns = kColumns + " FROM versions ";
 
 VersionRow versionRow(const Statement& s) {
     VersionRow row;
@@ -41,17 +42,26 @@ std::optional<std::int64_t> Records::currentId(const std::string& guid) const {
 }
 
 std::optional<VersionRow> Records::version(std::int64_t id) const {
-    Statement s(db_, (std::string(kVersionColumns) + "WHERE id = ?").c_str());
+    Statement s(db_, (kVersionColumns + "WHERE id = ?").c_str());
     s.bind(1, id);
     if (!s.step()) return std::nullopt;
     return versionRow(s);
 }
 
 std::vector<VersionRow> Records::versionsOf(const std::string& guid) const {
-    Statement s(db_, (std::string(kVersionColumns) + "WHERE guid = ? ORDER BY id DESC").c_str());
+    Statement s(db_, (kVersionColumns + "WHERE guid = ? ORDER BY id DESC").c_str());
     s.bind(1, guid);
     std::vector<VersionRow> rows;
     while (s.step()) rows.push_back(versionRow(s));
+    return rows;
+}
+
+std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
+    Statement s(db_, (kColumns + ", id = (SELECT current FROM apps a WHERE a.guid = versions.guid) "
+                                 "FROM versions ORDER BY guid, id DESC")
+                         .c_str());
+    std::vector<std::pair<VersionRow, bool>> rows;
+    while (s.step()) rows.emplace_back(versionRow(s), s.integer(13) != 0);
     return rows;
 }
 

@@ -39,6 +39,9 @@ class Records {
     std::optional<VersionRow> version(std::int64_t id) const;
     // Newest first.
     std::vector<VersionRow> versionsOf(const std::string& guid) const;
+    // Every version of every app, by GUID, newest first, with whether it
+    // is its app's current one.
+    std::vector<std::pair<VersionRow, bool>> allVersions() const;
     std::optional<std::int64_t> versionIdOf(const std::string& folder) const;
     // GUIDs whose current version has this name.
     std::vector<std::string> guidsNamed(const std::string& name) const;
