@@ -68,7 +68,7 @@ TEST(StoreTool, FailuresAndJson) {
         std::string out;  // the whole of it, or its first line for JSON
     } cases[] = {
         {"remove nosuch", 1, "tsapp: nosuch: no installed app is called nosuch\n"},
-        {"show --json 'Hello Tessal' | head -c 74", 0,
+        {"show --json 'Hello Tessal' | head -c 68", 0,
          "{\"guid\":\"" + std::string(kGuid) + "\",\"name\":\"Hello Tessal\""},
         {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
         {"rollback 'Hello Tessal'", 1,
