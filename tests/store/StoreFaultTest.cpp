@@ -118,7 +118,7 @@ TEST_F(StoreFaults, KillNineLeavesTheOldStateOrTheNew) {
                 op.run(apps, dir);
                 ::_exit(0);
             }
-            ::usleep(static_cast<useconds_t>(moment * 1500));
+            ::usleep(static_cast<useconds_t>(moment * 3000));
             ::kill(child, SIGKILL);
             int status = 0;
             ::waitpid(child, &status, 0);
