@@ -224,10 +224,10 @@ struct AppStore::Impl {
                           const InstallOptions& installOptions) {
         RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
-        if (installOptions.sync) db->exec("PRAGMA synchronous = FULL");
+        db->exec(installOptions.sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
         AppManifestSerializer serializer;
         const inspect::Report report = inspect::checkPackage(package, serializer, false);
-        if (!report.good()) {
+        if (!report.good() || !report.manifest) {
             std::vector<std::string> lines;
             for (const Fault& fault : report.faults) lines.push_back(fault.detail);
             throw StoreError(StoreError::Reason::BadPackage, lines);
