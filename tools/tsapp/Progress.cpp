@@ -4,14 +4,27 @@
 
 namespace tsapp::tool {
 
-void ProgressLine::update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
-                          std::size_t totalParts) {
+bool ProgressLine::due() {
     const auto now = Clock::now();
     if (now - start_ < std::chrono::milliseconds(500) ||
         now - last_ < std::chrono::milliseconds(100))
-        return;
+        return false;
     last_ = now;
     shown_ = true;
+    return true;
+}
+
+void ProgressLine::tick(const std::string& what) {
+    if (counted_ || !due()) return;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_);
+    std::fprintf(stderr, "\r%s: %lld s", what.c_str(), static_cast<long long>(seconds.count()));
+    std::fflush(stderr);
+}
+
+void ProgressLine::update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
+                          std::size_t totalParts) {
+    counted_ = true;
+    if (!due()) return;
     std::fprintf(stderr, "\r%.1f of %.1f MB, %zu of %zu parts", bytes / 1048576.0,
                  totalBytes / 1048576.0, parts, totalParts);
     std::fflush(stderr);

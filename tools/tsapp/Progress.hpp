@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 namespace tsapp::tool {
 
@@ -17,6 +18,8 @@ class ProgressLine {
   public:
     void update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
                 std::size_t totalParts);
+    // For work that reports no counts: "WHAT: N s" until update() is called.
+    void tick(const std::string& what);
     ~ProgressLine();
 
   private:
@@ -24,6 +27,8 @@ class ProgressLine {
     Clock::time_point start_ = Clock::now();
     Clock::time_point last_{};
     bool shown_ = false;
+    bool counted_ = false;
+    bool due();
 };
 
 // The signal SIGINT, SIGTERM or SIGHUP that asked to stop; 0 for none.

@@ -147,13 +147,20 @@ const char* verbOf(store::InstallResult::Kind kind) {
 
 void installOne(store::AppStore& apps, const std::string& package, const store::HostProfile& host,
                 store::InstallOptions options) {
-    ProgressLine progress;
-    if (::isatty(STDERR_FILENO))
-        options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p, std::size_t tp) {
-            progress.update(b, tb, p, tp);
-        };
-    const auto result =
-        onStore(package, [&] { return apps.install(nativePath(package), host, options); });
+    store::InstallResult result;
+    {  // the progress line is cleared before the result is printed
+        ProgressLine progress;
+        if (::isatty(STDERR_FILENO)) {
+            options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p,
+                                   std::size_t tp) { progress.update(b, tb, p, tp); };
+            // The verified extraction reports no counts, only that it goes on.
+            options.cancelled = [&progress, what = "installing " + package] {
+                progress.tick(what);
+                return caughtSignal != 0;
+            };
+        }
+        result = onStore(package, [&] { return apps.install(nativePath(package), host, options); });
+    }
     const auto& v = result.installed;
     std::cout << verbOf(result.kind) << " " << v.name << " "
               << (result.replacedVersion.empty() ? "" : result.replacedVersion + " -> ")
