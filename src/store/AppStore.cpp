@@ -14,9 +14,11 @@
 #include "StoreFiles.hpp"
 #include "Unpack.hpp"
 #include "platform/base/Ascii.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
@@ -78,6 +80,26 @@ std::string sha256OfFile(const std::filesystem::path& file) {
     const OpsFd fd(ops, ops.openat(AT_FDCWD, file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) failed(file.string() + " cannot be read", errno);
     return sha256Of(ops, fd.get(), file.string());
+}
+
+// The manifest as unpacked must be the one checked: the package file may
+// have been replaced between the check and the unpacking, which read it
+// apart.
+void checkUnpackedManifest(opc::model::Package& package, const std::filesystem::path& folder,
+                           const AppManifest& checked) {
+    const auto found = package.getRelationshipsByType(
+        fl::i18n::to_ustring(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
+    AppManifest unpacked;
+    if (found.size() == 1) {
+        const opc::model::PartName name(found.front().getTargetURI());
+        const auto file =
+            folder / opc::detail::joinSegments(opc::detail::fileSegmentsFor(name.ascii(), true));
+        AppManifestSerializer serializer;
+        serializer.load(fl::i18n::to_ustring(file.string()), unpacked);
+    }
+    if (unpacked.GUID != checked.GUID || unpacked.version != checked.version ||
+        unpacked.name != checked.name)
+        refuse(StoreError::Reason::BadPackage, "the package changed while it was being installed");
 }
 
 std::string leafOf(const std::string& relative) {
@@ -269,6 +291,7 @@ struct AppStore::Impl {
             makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
             opc::model::OpenedPackage opened(package);
             unpacked = unpack(opened.package(), folderOf(relative), installOptions, options.ops);
+            checkUnpackedManifest(opened.package(), folderOf(relative), manifest);
             opened.close();
             version.packageSha256 = packageSha.get();
             version.signerSubject = unpacked.signerSubject;
