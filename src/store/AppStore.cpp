@@ -8,6 +8,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <utility>
 
 #include "Records.hpp"
 #include "Schema.hpp"
@@ -126,7 +127,7 @@ struct AppStore::Impl {
         // at work (it settles it itself, or the next writer does).
         if (records->pending().empty()) return;
         RootLock lock(ops, rootFd.get(), RootLock::Mode::TryExclusive, root.string());
-        if (lock.held()) settle();
+        if (lock.held()) settledOnOpen = settle();
     }
 
     std::string shown(const std::string& below) const { return (root / below).string(); }
@@ -585,6 +586,7 @@ struct AppStore::Impl {
     OpsFd rootFd;
     std::unique_ptr<Database> db;
     std::unique_ptr<Records> records;
+    std::vector<std::string> settledOnOpen;  // what opening settled, for recover() to tell
 };
 
 AppStore::AppStore(const std::filesystem::path& root) : AppStore(root, Options()) {}
@@ -660,7 +662,9 @@ std::vector<AuditReport> AppStore::auditAll() const {
 
 std::vector<std::string> AppStore::recover() {
     RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
-    return impl_->settle(true);
+    std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
+    for (auto& line : impl_->settle(true)) done.push_back(std::move(line));
+    return done;
 }
 
 std::optional<std::string> AppStore::state(const std::string& scope, const std::string& key) const {
