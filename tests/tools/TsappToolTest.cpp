@@ -262,9 +262,11 @@ TEST_F(TsappTool, EveryFailureIsOneLineNamingTheFileAndItsCause) {
          1,
          "tsapp: out.zip: the package's name must end in .tsappinstall\n"},
         {{"pack", "src", "-o", "a.tsappinstall", "--guid", "not-a-guid"},
+         2,
+         "tsapp: pack: --guid: not 8-4-4-4-12 hex digits: not-a-guid (see 'tsapp pack --help')\n"},
+        {{"pack", "src", "-o", "a.tsappinstall"},
          1,
          "tsapp: src/tsapp.json: entryPoint: is required\n"
-         "tsapp: --guid: not 8-4-4-4-12 hex digits: not-a-guid\n"
          "tsapp: src/tsapp.json: author.email: unknown field\n"
          "tsapp: src/tsapp.json: author.name: is required\n"
          "tsapp: src/tsapp.json: requiredProducts[0].nm: unknown field\n"

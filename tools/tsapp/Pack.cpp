@@ -218,6 +218,10 @@ int runPack(const PackOptions& o) {
     }
     const std::string& output = plan.output;
     const fs::path destination(output);
+    // Found now, not as a failed rename of the temporary file after all
+    // the work.
+    std::error_code error;
+    if (fs::is_directory(destination, error)) throw Failure(output, "Is a directory");
     TemporaryPackage temporary{
         (destination.parent_path() /
          ("." + destination.stem().string() + "." + std::to_string(::getpid()) + extension))
@@ -265,7 +269,12 @@ std::vector<Command> addPack(CLI::App& app) {
                      "Package to write (.tsappinstall; default: NAME-VERSION.tsappinstall here)")
         ->check(nonEmpty());
     pack->add_option("--guid", o->request.guid,
-                     "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)");
+                     "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)")
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                return isGuid(value) ? std::string() : "not 8-4-4-4-12 hex digits: " + value;
+            },
+            "GUID", "guid"));
     pack->add_option("--exclude", o->request.excludes,
                      "Leave out app files matching this pattern (as in SRC/.tsappignore; "
                      "repeatable)");

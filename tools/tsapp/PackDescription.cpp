@@ -139,16 +139,6 @@ std::string freshGuid() {
     return guid;
 }
 
-bool isGuid(const std::string& text) {
-    if (text.size() != 36) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i])))
-            return false;
-    }
-    return true;
-}
-
 // A path named in tsapp.json, which must stay inside the source folder;
 // empty when it does not, so that nothing outside is ever read or walked.
 fs::path inside(const fs::path& source, const std::u16string& name, const std::string& field,
@@ -447,8 +437,6 @@ std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
         if (!kFields.count(item.key())) check.problem(item.key(), "unknown field");
     for (const char* key : kRequired)
         if (!d.contains(key)) check.problem(key, "is required");
-    if (!request.guid.empty() && !isGuid(request.guid))
-        check.problems.push_back("--guid: not 8-4-4-4-12 hex digits: " + request.guid);
 
     AppManifest& m = plan.manifest;
     fillManifest(d, check, m);
@@ -482,6 +470,16 @@ std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
     for (const auto& file : plan.files)
         plan.sizes.push_back(fs::file_size(plan.filesRoot / file, ignored));
     return check.problems;
+}
+
+bool isGuid(const std::string& text) {
+    if (text.size() != 36) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i])))
+            return false;
+    }
+    return true;
 }
 
 }  // namespace tsapp::tool

@@ -37,4 +37,7 @@ struct PackPlan {
 // an environment variable or the output (empty when the plan is good).
 std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan);
 
+// 8-4-4-4-12 hex digits, the form --guid takes.
+bool isGuid(const std::string& text);
+
 }  // namespace tsapp::tool
