@@ -46,6 +46,9 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# Building needs libsqlite3-dev beside the other -dev packages
+# scripts/setup.sh installs; the run-time library (libsqlite3-0) is found by
+# dpkg-shlibdeps like every other.
 # dpkg-shlibdeps finds the run-time dependencies of every ELF file; the
 # library's package gets a shlibs file (CPack has no per-package switch for
 # it, and only a package holding a library gets one), so that programs
@@ -62,7 +65,8 @@ libtsappinstall reads app packages (.tsappinstall files: OPC packages in a
 ZIP container): it tells whether a file is one, reads and validates the
 app's signed XML manifest, copies the icon, the screenshot or any part into
 a file, and unpacks the whole package into a folder, all or nothing.
-It also reads, builds, signs and writes manifests.
+It also reads, builds, signs and writes manifests, and installs apps into
+an apps root whose records it keeps in an SQLite database.
 This package holds the shared library.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${TSAPP_DEB_DEV})
@@ -87,7 +91,8 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${TSAPP_DEB_RUNTIME} (= ${PROJECT_VERSION
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "inspect, check, unpack and build app packages
 tsapp works on app packages (.tsappinstall files): it checks many packages
 at once, shows the signed manifest for people or as JSON, copies the icon,
-the screenshot or any part into a file, unpacks a package, and builds a
-signed package from a folder.")
+the screenshot or any part into a file, unpacks a package, builds a
+signed package from a folder, and installs, upgrades, rolls back, removes
+and audits apps in an apps root.")
 
 include(CPack)

@@ -10,7 +10,7 @@ packages=(
   libzip-dev zip unzip
   libssl-dev openssl zlib1g-dev libdeflate-dev libisal-dev
   libgtest-dev googletest
-  nlohmann-json3-dev libcli11-dev
+  nlohmann-json3-dev libcli11-dev libsqlite3-dev
   python3 locales tzdata
   libarchive-tools time strace
   dpkg-dev file lintian help2man man-db

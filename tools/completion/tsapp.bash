@@ -4,7 +4,7 @@
 # and `tsapp CMD --help` the first time a shell needs them, so a new command
 # or option completes without a change here. The list below is used only
 # when the help text cannot be read (tsapp missing or not runnable).
-_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack verify help"
+_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack verify install installed list-installed show remove rollback audit help"
 
 # The command names: the first word of each line of the section whose
 # heading ends in "commands:" ("name, alias" counts as two names).
@@ -91,6 +91,16 @@ _tsapp_complete_argument() {
         OUT* | FILE* | PATH*)
             compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            ;;
+        APP*)
+            # The GUIDs of the apps installed in the root given on the line
+            # (or the default root).
+            local root=() j
+            for ((j = 1; j < COMP_CWORD; j++)); do
+                [[ ${COMP_WORDS[j]} == --root ]] && root=(--root "${COMP_WORDS[j + 1]}")
+            done
+            mapfile -t COMPREPLY < <(compgen -W "$("$tool" installed "${root[@]}" 2>/dev/null |
+                awk '{print $1}')" -- "$cur")
             ;;
     esac
 }

@@ -36,6 +36,7 @@ std::vector<Command> addSinglePart(CLI::App& app);  // icon, screenshot, part
 std::vector<Command> addExtract(CLI::App& app);     // extract, recover
 std::vector<Command> addPack(CLI::App& app);
 std::vector<Command> addVerify(CLI::App& app);
+std::vector<Command> addStore(CLI::App& app);  // install, installed, show, remove, rollback, audit
 
 // For paths: an empty one would otherwise mean the current folder.
 inline const CLI::Validator& nonEmpty() {

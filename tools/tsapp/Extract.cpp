@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Commands.hpp"
+#include "Progress.hpp"
 #include "Text.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
@@ -26,11 +27,10 @@
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
+#include "tsappinstall/store/AppStore.hpp"
 
 namespace tsapp::tool {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 struct ExtractSettings {
     std::uint64_t maxBytes = 0;  // 0: no limit but the free space
@@ -41,49 +41,6 @@ struct ExtractSettings {
     bool allowUnsigned = false;
     bool noVerify = false;  // not even the digests
 };
-
-// Shows "bytes and parts done" on stderr once the extraction has run for
-// half a second, at most ten times a second, and clears the line at the end.
-class ProgressLine {
-  public:
-    void update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
-                std::size_t totalParts) {
-        const auto now = Clock::now();
-        if (now - start_ < std::chrono::milliseconds(500) ||
-            now - last_ < std::chrono::milliseconds(100))
-            return;
-        last_ = now;
-        shown_ = true;
-        std::fprintf(stderr, "\r%.1f of %.1f MB, %zu of %zu parts", bytes / 1048576.0,
-                     totalBytes / 1048576.0, parts, totalParts);
-        std::fflush(stderr);
-    }
-    ~ProgressLine() {
-        if (shown_) std::fprintf(stderr, "\r\033[K");
-    }
-
-  private:
-    Clock::time_point start_ = Clock::now();
-    Clock::time_point last_{};
-    bool shown_ = false;
-};
-
-volatile sig_atomic_t caughtSignal = 0;
-
-void noteSignal(int signal) {
-    caughtSignal = signal;
-}
-
-// The signals that stop the tool become a request to roll back. A write
-// beyond `ulimit -f` then fails with EFBIG instead of killing the process
-// before it could clean up.
-void catchStopSignals() {
-    struct sigaction action {};
-    action.sa_handler = noteSignal;
-    sigemptyset(&action.sa_mask);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
-    ::signal(SIGXFSZ, SIG_IGN);
-}
 
 opc::extraction::Options optionsOf(const ExtractSettings& settings) {
     opc::extraction::Options options;
@@ -196,7 +153,18 @@ int runExtract(const std::string& package, const std::string& folder,
     });
 }
 
+// An apps root settles what an interrupted install, upgrade, rollback or
+// remove left, from its records.
+int recoverStore(const std::string& folder) {
+    tsappinstall::store::AppStore apps(nativePath(folder));
+    const auto done = apps.recover();
+    for (const auto& line : done) std::cout << line << "\n";
+    if (done.empty()) std::cout << "nothing to recover in " << nativePath(folder).string() << "\n";
+    return kGood;
+}
+
 int runRecover(const std::string& folder, bool discardUnreadable) {
+    if (std::filesystem::exists(nativePath(folder) / "store.db")) return recoverStore(folder);
     const std::string nativeFolder = nativePath(folder).string();
     const auto recovery =
         opc::extraction::recover(nativeFolder, opc::FileSystemOpsSelector(), discardUnreadable);
@@ -258,8 +226,10 @@ std::vector<Command> addExtract(CLI::App& app) {
         bool discard = false;
     };
     auto r = std::make_shared<RecoverOptions>();
-    CLI::App* recover = app.add_subcommand(
-        "recover", "Complete an extraction into DIR that a crash interrupted, remove leftovers.");
+    CLI::App* recover =
+        app.add_subcommand("recover",
+                           "Complete an extraction into DIR that a crash interrupted, remove "
+                           "leftovers; in an apps root, settle an interrupted install or remove.");
     recover->add_option("DIR", r->folder, "Destination folder of the interrupted extraction")
         ->required()
         ->check(nonEmpty());

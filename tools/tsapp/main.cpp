@@ -81,13 +81,14 @@ int main(int argc, char** argv) {
     ::setenv("TZ", ":/etc/localtime", 0);
     StandardOutput out;
 
-    CLI::App app{"Inspect, check, unpack and build app packages (.tsappinstall).", "tsapp"};
+    CLI::App app{"Inspect, check, unpack, build and install app packages (.tsappinstall).", "tsapp"};
     app.footer(kExitStatusHelp);
     app.set_version_flag("--version", std::string("tsapp ") + TSAPP_VERSION);
     app.require_subcommand(1);
 
     std::vector<Command> commands;
-    for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify}) {
+    for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify,
+                     addStore}) {
         for (Command& command : add(app)) commands.push_back(std::move(command));
     }
 

@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Times the app store against the tools it builds on, on the same data in
+# the same run, in fresh folders on /dev/shm (or $TSAPP_BENCH_DIR):
+#   - tsapp install of a 200 MB app (about 2,000 files, one in seven
+#     incompressible) into a fresh root, against tsapp extract of the same
+#     package into a fresh folder (install also checks the manifest, hashes
+#     the package file, verifies the digests and writes the records);
+#   - tsapp installed --json with 1,000 recorded apps;
+#   - tsapp audit of the 200 MB app, against sha256sum over its files.
+#
+#   bench/store_bench.sh [build-dir] [runs]
+#
+# Prints the median wall time of each and the ratios the README quotes.
+set -euo pipefail
+build=${1:-build-release}
+runs=${2:-5}
+tsapp=$(cd "$build/tools" && pwd)/tsapp
+work=$(mktemp -d "${TSAPP_BENCH_DIR:-/dev/shm}/tsapp-store-bench.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+here=$(cd "$(dirname "$0")" && pwd)
+
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
+
+# timed NAME PREPARE COMMAND: runs PREPARE then times COMMAND, $runs times;
+# sets med[NAME].
+declare -A med
+timed() {
+  local name=$1 prepare=$2 command=$3 times=()
+  for ((r = 0; r < runs; r++)); do
+    eval "$prepare"
+    /usr/bin/time -f "%e" -o "$work/time" bash -c "$command" >/dev/null
+    times+=("$(cat "$work/time")")
+  done
+  med[$name]=$(printf '%s\n' "${times[@]}" | median)
+}
+
+# The app: the sample's manifest and icons, 200 MB of deterministic files.
+cp -r "$here/../sample/app" "$work/src"
+python3 - "$work/src/files" <<'PY'
+import os, random, sys
+random.seed(7)
+root = sys.argv[1]
+words = [("w%d" % i).encode() for i in range(5000)]
+for i in range(2000):
+    folder = os.path.join(root, "d%02d" % (i % 40))
+    os.makedirs(folder, exist_ok=True)
+    size = 100 * 1024
+    if i % 7 == 0:
+        data = random.randbytes(size)
+    else:
+        data = b" ".join(random.choice(words) for _ in range(size // 5))[:size]
+    with open(os.path.join(folder, "f%04d.txt" % i), "wb") as f:
+        f.write(data)
+PY
+pkg=$work/app.tsappinstall
+"$tsapp" pack "$work/src" --guid 0123abcd-0000-4000-8000-0000000000be -o "$pkg" >/dev/null
+echo "package: $(du -m "$pkg" | cut -f1) MB, $(unzip -Z1 "$pkg" | wc -l) entries;$(uptime | sed 's/.*load/ load/')"
+host="--host-release 2026.2 --platform linux-x86_64 --product tessal.core=2026.1"
+
+timed extract "rm -rf $work/out" "'$tsapp' extract '$pkg' '$work/out'"
+timed install "rm -rf $work/root" "'$tsapp' install --root '$work/root' $host '$pkg'"
+echo "extract ${med[extract]} s, install ${med[install]} s: install costs $(ratio "${med[install]}" "${med[extract]}") extract"
+
+folder=$(readlink -f "$work/root/apps/0123abcd-0000-4000-8000-0000000000be/current")
+timed sha256sum ":" "cd '$folder' && find . -type f -print0 | xargs -0 sha256sum"
+timed audit ":" "'$tsapp' audit --root '$work/root'"
+echo "sha256sum ${med[sha256sum]} s, audit ${med[audit]} s: audit costs $(ratio "${med[audit]}" "${med[sha256sum]}") sha256sum"
+
+# 1,000 recorded apps: the one installed, its records copied under new
+# GUIDs, each with its folder and link.
+python3 - "$work/root" <<'PY'
+import os, sqlite3, sys
+root = sys.argv[1]
+db = sqlite3.connect(os.path.join(root, "store.db"))
+(vid, folder) = db.execute("SELECT id, folder FROM versions").fetchone()
+columns = "name, version, package, package_sha256, signer_subject, signer_fingerprint, installed_at, host_profile, forced, forced_reasons"
+for i in range(1, 1000):
+    guid = "0123abcd-0000-4000-8000-%012d" % i
+    leaf = folder.split("/")[1]
+    cur = db.execute(f"INSERT INTO versions(guid, folder, {columns}) SELECT ?, ?, {columns} FROM versions WHERE id = ?",
+                     (guid, guid + "/" + leaf, vid))
+    db.execute("INSERT INTO apps(guid, current) VALUES(?, ?)", (guid, cur.lastrowid))
+    os.makedirs(os.path.join(root, "apps", guid, leaf))
+    os.symlink(leaf, os.path.join(root, "apps", guid, "current"))
+db.commit()
+PY
+timed installed ":" "'$tsapp' installed --json --root '$work/root'"
+echo "installed --json with $("$tsapp" installed --root "$work/root" | wc -l) apps: ${med[installed]} s"

@@ -1,0 +1,186 @@
+#pragma once
+
+// The app store: an apps root folder whose installed apps are recorded in
+// an SQLite database inside it, so that the root moves and backs up as one
+// folder. Each installed version lives in a folder of its own,
+// ROOT/apps/GUID/vVERSION-TOKEN; ROOT/apps/GUID/current is a symbolic link
+// to the current one, switched by one rename. Every change is one
+// transaction: the files are staged and placed first and the database
+// commits last; an operation interrupted between the two (a crash, a
+// failing call) is settled from the database by the next writer to open
+// the root, or by recover(), so files and records always agree.
+//
+// Writers (install, remove, rollback, recover, setState) hold an exclusive
+// lock on ROOT/.lock for the whole operation; audits hold it shared; list
+// and show read one database snapshot. An AppStore object is used by one
+// thread at a time; several objects, threads or processes may work on one
+// root at once.
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/Fault.hpp"
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/platform/opc/FileSystemManager.hpp"
+#include "tsappinstall/store/Compatibility.hpp"
+
+namespace tsappinstall::store {
+
+// Why a store operation did not happen. The error's text is its first
+// line; `lines()` holds every line (one per incompatibility or fault).
+class TSAPP_API StoreError : public tsappinstall::Error {
+  public:
+    enum class Reason {
+        Failed,         // a file or database operation failed
+        BadPackage,     // the package is damaged, or fails its digests or signature
+        NotCompatible,  // the host does not fit the app (--force installs anyway)
+        Refused,        // a version or signer rule refuses the install
+        NotInstalled,   // no installed app is called that
+        Ambiguous,      // a name that several installed apps share
+        NoPrevious,     // nothing to roll back to
+        BadDatabase,    // the database is damaged or from a newer schema
+    };
+    StoreError(Reason reason, std::vector<std::string> lines);
+    Reason reason() const noexcept { return reason_; }
+    const std::vector<std::string>& lines() const noexcept { return *lines_; }
+
+  private:
+    Reason reason_;
+    std::shared_ptr<const std::vector<std::string>> lines_;
+};
+
+struct InstallOptions {
+    std::vector<std::string> trustAnchors;  // PEM files; any one makes a signature required
+    bool force = false;                     // install an incompatible app, recording why
+    bool reinstall = false;                 // replace the same version
+    bool allowDowngrade = false;
+    bool allowSignerChange = false;
+    bool sync = false;  // flush every file to disk before the records commit
+    std::function<bool()> cancelled;
+    opc::qvservices::FileSystemManager::Progress progress;
+};
+
+struct InstalledFile {
+    std::string path;  // relative to the version's folder: "files/lib/a.js"
+    std::uint64_t size = 0;
+    unsigned mode = 0;   // permission bits
+    std::string sha256;  // 64 lower-case hex digits
+};
+
+struct InstalledVersion {
+    std::string guid;  // lower case
+    std::string name;
+    std::string version;
+    std::filesystem::path folder;  // absolute
+    std::string package;           // the package file as installed from
+    std::string packageSha256;
+    std::string signerSubject;      // empty unless a signature was verified against --trust
+    std::string signerFingerprint;  // SHA-256 of the signer's certificate, hex
+    std::int64_t installedAt = 0;   // seconds since the epoch, UTC
+    std::string hostProfile;        // the profile checked against, as toJson() writes it
+    bool forced = false;
+    std::vector<std::string> forcedReasons;  // the incompatibilities --force overrode
+};
+
+struct InstalledApp {
+    InstalledVersion current;
+    std::vector<InstalledVersion> previous;  // kept for rollback, newest first
+    std::filesystem::path link;              // ROOT/apps/GUID/current
+};
+
+struct InstallResult {
+    enum class Kind { New, Upgrade, Reinstall, Downgrade };
+    Kind kind = Kind::New;
+    InstalledVersion installed;
+    std::string replacedVersion;        // empty for a new app
+    std::vector<std::string> leftOver;  // what could not be cleaned up afterwards
+};
+
+struct AuditFinding {
+    enum class Kind { Modified, Missing, Mode, Extra };
+    Kind kind = Kind::Modified;
+    std::string path;    // relative to the version's folder
+    std::string detail;  // "size 10, recorded 12", "0600, recorded 0644", ...
+};
+
+// "modified", "missing", "mode", "extra".
+TSAPP_API const char* token(AuditFinding::Kind kind);
+
+struct AuditReport {
+    InstalledVersion version;
+    std::vector<AuditFinding> findings;  // sorted by path; empty when clean
+    bool clean() const { return findings.empty(); }
+};
+
+struct RemoveResult {
+    InstalledVersion removed;
+    // Files changed or added since the install, kept where they are
+    // (relative to the removed version's folder, which keeps them too).
+    std::vector<std::string> kept;
+};
+
+class TSAPP_API AppStore {
+  public:
+    struct Options {
+        // Previous versions kept for rollback after an upgrade.
+        unsigned keepPrevious = 1;
+        // Other file operations, for the library's fault-injection tests.
+        opc::FileSystemOpsSelector ops;
+    };
+
+    // Opens the root, creating it and its database when missing, running
+    // the schema's migrations. Throws StoreError: BadDatabase for a
+    // damaged database or one from a newer schema (never reset), Failed
+    // when the root cannot be made or written.
+    explicit AppStore(const std::filesystem::path& root);
+    AppStore(const std::filesystem::path& root, Options options);
+    ~AppStore();
+    AppStore(const AppStore&) = delete;
+    AppStore& operator=(const AppStore&) = delete;
+
+    const std::filesystem::path& root() const;
+
+    // Installs, upgrades or replaces the app in `package` as the options
+    // allow. The package is checked whole (container, manifest, every
+    // entry and, when it has them, its digests; with trust anchors its
+    // signature, before the first byte is written), then unpacked beside
+    // any current version and made current in one step.
+    InstallResult install(const std::filesystem::path& package, const HostProfile& host,
+                          const InstallOptions& options = {});
+
+    // Every installed app, by name then GUID.
+    std::vector<InstalledApp> list() const;
+    // `app` is a GUID (any case) or the name of exactly one installed app.
+    InstalledApp show(const std::string& app) const;
+    // Files of the current version as recorded, by path.
+    std::vector<InstalledFile> files(const std::string& app) const;
+
+    // Deletes the recorded files that are unchanged and the folders left
+    // empty; changed and added files are kept (and listed) unless `purge`.
+    RemoveResult remove(const std::string& app, bool purge = false);
+    // Makes the newest previous version current again and deletes the one
+    // that was current. Returns the version now current.
+    InstalledVersion rollback(const std::string& app);
+
+    AuditReport audit(const std::string& app) const;
+    std::vector<AuditReport> auditAll() const;
+
+    // Settles what an interrupted operation left; one line per repair.
+    std::vector<std::string> recover();
+
+    // Small state of the store's users (a repository's highest index
+    // version seen), kept in the same database.
+    std::optional<std::string> state(const std::string& scope, const std::string& key) const;
+    void setState(const std::string& scope, const std::string& key, const std::string& value);
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tsappinstall::store

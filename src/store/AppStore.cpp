@@ -1,0 +1,679 @@
+#include "tsappinstall/store/AppStore.hpp"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <ctime>
+#include <future>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
+
+#include "Records.hpp"
+#include "Schema.hpp"
+#include "StoreFiles.hpp"
+#include "Unpack.hpp"
+#include "platform/base/Ascii.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
+
+namespace tsappinstall::store {
+
+StoreError::StoreError(Reason reason, std::vector<std::string> lines)
+    : Error(FaultKind::Other, lines.empty() ? std::string() : lines.front()),
+      reason_(reason),
+      lines_(std::make_shared<const std::vector<std::string>>(std::move(lines))) {}
+
+const char* token(AuditFinding::Kind kind) {
+    switch (kind) {
+        case AuditFinding::Kind::Modified:
+            return "modified";
+        case AuditFinding::Kind::Missing:
+            return "missing";
+        case AuditFinding::Kind::Mode:
+            return "mode";
+        case AuditFinding::Kind::Extra:
+            return "extra";
+    }
+    return "modified";
+}
+
+namespace {
+
+using namespace detail;
+
+constexpr int kBusyMillis = 60000;
+
+[[noreturn]] void refuse(StoreError::Reason reason, std::string line) {
+    throw StoreError(reason, {std::move(line)});
+}
+
+bool isGuid(const std::string& text) {
+    static const int groups[] = {8, 4, 4, 4, 12};
+    std::size_t at = 0;
+    for (int group = 0; group < 5; ++group) {
+        for (int i = 0; i < groups[group]; ++i, ++at)
+            if (at >= text.size() || opc::detail::hex_value(text[at]) < 0) return false;
+        if (group < 4 && (at >= text.size() || text[at++] != '-')) return false;
+    }
+    return at == text.size();
+}
+
+// A version as a folder name: "v" and the version's safe characters.
+std::string folderNameFor(const std::string& version) {
+    std::string name = "v";
+    for (char c : version.substr(0, 40)) {
+        const bool safe = opc::detail::is_ascii_alnum(static_cast<unsigned char>(c)) || c == '.' ||
+                          c == '-' || c == '+' || c == '_';
+        name += safe ? c : '_';
+    }
+    return name + "-" + randomToken();
+}
+
+std::string sha256OfFile(const std::filesystem::path& file) {
+    const FileOps& ops = opc::detail::posixFileOps();
+    const OpsFd fd(ops, ops.openat(AT_FDCWD, file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) failed(file.string() + " cannot be read", errno);
+    return sha256Of(ops, fd.get(), file.string());
+}
+
+// The manifest as unpacked must be the one checked: the package file may
+// have been replaced between the check and the unpacking, which read it
+// apart.
+void checkUnpackedManifest(opc::model::Package& package, const std::filesystem::path& folder,
+                           const AppManifest& checked) {
+    const auto found = package.getRelationshipsByType(
+        fl::i18n::to_ustring(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
+    AppManifest unpacked;
+    if (found.size() == 1) {
+        const opc::model::PartName name(found.front().getTargetURI());
+        const auto file =
+            folder / opc::detail::joinSegments(opc::detail::fileSegmentsFor(name.ascii(), true));
+        AppManifestSerializer serializer;
+        serializer.load(fl::i18n::to_ustring(file.string()), unpacked);
+    }
+    if (unpacked.GUID != checked.GUID || unpacked.version != checked.version ||
+        unpacked.name != checked.name)
+        refuse(StoreError::Reason::BadPackage, "the package changed while it was being installed");
+}
+
+std::string leafOf(const std::string& relative) {
+    return relative.substr(relative.find('/') + 1);
+}
+
+}  // namespace
+
+struct AppStore::Impl {
+    Impl(const std::filesystem::path& rootPath, Options opts)
+        : root(rootPath), options(opts), ops(opc::detail::fileOpsOf(opts.ops)) {
+        std::error_code error;
+        std::filesystem::create_directories(root, error);
+        rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!rootFd) failed(root.string() + " cannot be opened", errno);
+        makeFolder(ops, rootFd.get(), "apps", shown("apps"));
+        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
+        migrate(*db);
+        // In WAL mode a commit is then atomic but flushed only at
+        // checkpoints; install --sync flushes each (FULL).
+        db->exec("PRAGMA synchronous = NORMAL");
+        records = std::make_unique<Records>(*db);
+        // What a crash left is settled at once unless another process is
+        // at work (it settles it itself, or the next writer does).
+        if (records->pending().empty()) return;
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::TryExclusive, root.string());
+        if (lock.held()) settledOnOpen = settle();
+    }
+
+    std::string shown(const std::string& below) const { return (root / below).string(); }
+    std::filesystem::path folderOf(const std::string& relative) const {
+        return root / "apps" / relative;
+    }
+    OpsFd appsFolder() const { return openFolder(ops, rootFd.get(), "apps", shown("apps")); }
+
+    InstalledVersion publicVersion(const VersionRow& row) const {
+        InstalledVersion version = row.version;
+        version.folder = folderOf(row.folder);
+        return version;
+    }
+
+    InstalledApp appOf(const std::string& guid) const {
+        const auto rows = records->versionsOf(guid);
+        const auto current = records->currentId(guid);
+        InstalledApp app;
+        for (const VersionRow& row : rows) {
+            if (current && row.id == *current)
+                app.current = publicVersion(row);
+            else
+                app.previous.push_back(publicVersion(row));
+        }
+        app.link = root / "apps" / guid / "current";
+        return app;
+    }
+
+    // GUID (any case) or the name of exactly one installed app.
+    std::string resolve(const std::string& app) const {
+        if (isGuid(app)) {
+            const std::string guid = opc::detail::ascii_lower(app);
+            if (!records->currentId(guid))
+                refuse(StoreError::Reason::NotInstalled, "no app " + guid + " is installed");
+            return guid;
+        }
+        const auto guids = records->guidsNamed(app);
+        if (guids.empty())
+            refuse(StoreError::Reason::NotInstalled, "no installed app is called " + app);
+        if (guids.size() > 1) {
+            std::string list;
+            for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;
+            refuse(StoreError::Reason::Ambiguous, app + " names " + std::to_string(guids.size()) +
+                                                      " installed apps (" + list +
+                                                      "); give a GUID");
+        }
+        return guids.front();
+    }
+
+    // --- settling what an interrupted operation left ------------------------
+
+    // Finishes or undoes what the pending records name, then points the
+    // links of the apps concerned (all of them with `everyLink`) at the
+    // versions the records name.
+    std::vector<std::string> settle(bool everyLink = false) {
+        std::vector<std::string> done;
+        std::set<std::string> touched;
+        for (const PendingRow& row : records->pending()) {
+            touched.insert(row.guid);
+            if (row.action == "install") {
+                discardFolder(row.folder);
+                done.push_back("removed the unfinished install " + shown("apps/" + row.folder));
+            } else if (row.action == "purge") {
+                discardFolder(row.folder);
+                done.push_back("removed the old version " + shown("apps/" + row.folder));
+            } else if (row.action == "remove") {
+                finishRemove(row);
+                done.push_back("finished removing " + row.guid);
+                continue;
+            }
+            records->dropPending(row.id);
+        }
+        const OpsFd apps = appsFolder();
+        for (const auto& [guid, folder] : records->currentFolders()) {
+            if (!everyLink && !touched.count(guid)) continue;
+            const OpsFd app = makeFolder(ops, apps.get(), guid, shown("apps/" + guid));
+            const std::string leaf = leafOf(folder);
+            if (linkTarget(app.get(), "current") == leaf) continue;
+            switchLink(ops, app.get(), "current", leaf, shown("apps/" + guid + "/current"));
+            done.push_back("pointed " + shown("apps/" + guid + "/current") + " at " + leaf);
+        }
+        return done;
+    }
+
+    void discardFolder(const std::string& relative) {
+        const auto slash = relative.find('/');
+        if (slash == std::string::npos || relative.find('/', slash + 1) != std::string::npos ||
+            relative.substr(slash + 1, 1) != "v")
+            return;  // not a folder name of ours: never act on it
+        const std::string guid = relative.substr(0, slash);
+        // Staging folders of an extraction that died beside it go too.
+        opc::extraction::recover(folderOf(relative), options.ops);
+        const OpsFd apps = appsFolder();
+        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!app) {
+            if (errno == ENOENT) return;
+            failed(shown("apps/" + guid) + " cannot be opened", errno);
+        }
+        removeTree(ops, app.get(), relative.substr(slash + 1), shown("apps/" + relative));
+        app.reset();
+        if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
+    }
+
+    // Quietly settles after a failure; what cannot be settled now is
+    // settled by the next writer.
+    void settleAfterFailure() noexcept {
+        try {
+            settle();
+        } catch (...) {
+        }
+    }
+
+    // --- install ------------------------------------------------------------
+
+    InstallResult install(const std::filesystem::path& package, const HostProfile& host,
+                          const InstallOptions& installOptions) {
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        settle();
+        db->exec(installOptions.sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        AppManifestSerializer serializer;
+        const inspect::Report report = inspect::checkPackage(package, serializer, false);
+        if (!report.good() || !report.manifest) {
+            std::vector<std::string> lines;
+            for (const Fault& fault : report.faults) lines.push_back(fault.detail);
+            throw StoreError(StoreError::Reason::BadPackage, lines);
+        }
+        const AppManifest& manifest = *report.manifest;
+        if (!isGuid(manifest.GUID))
+            refuse(StoreError::Reason::BadPackage,
+                   "the GUID " + manifest.GUID + " is not of the form 8-4-4-4-12 hex digits");
+        InstalledVersion version;
+        version.guid = opc::detail::ascii_lower(manifest.GUID);
+        version.name = fl::i18n::to_string(manifest.name);
+        version.version = fl::i18n::to_string(manifest.version);
+        version.package = package.string();
+        version.hostProfile = toJson(host);
+        version.forcedReasons = incompatibilities(manifest, host);
+        version.forced = !version.forcedReasons.empty();
+        if (version.forced && !installOptions.force) {
+            std::vector<std::string> lines;
+            for (const auto& reason : version.forcedReasons)
+                lines.push_back("does not fit this host: " + reason);
+            lines.push_back("not installed; --force installs it anyway");
+            throw StoreError(StoreError::Reason::NotCompatible, lines);
+        }
+        InstallResult result;
+        const auto currentId = records->currentId(version.guid);
+        std::optional<VersionRow> existing;
+        if (currentId) existing = records->version(*currentId);
+        if (existing) {
+            result.kind = kindOf(version.version, existing->version.version, installOptions);
+            result.replacedVersion = existing->version.version;
+        }
+
+        const std::string relative = version.guid + "/" + folderNameFor(version.version);
+        const std::int64_t pendingId =
+            records->addPending("install", version.guid, relative, false);
+        auto packageSha = std::async(std::launch::async, sha256OfFile, package);
+        Unpacked unpacked;
+        try {
+            makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
+            opc::model::OpenedPackage opened(package);
+            unpacked = unpack(opened.package(), folderOf(relative), installOptions, options.ops);
+            checkUnpackedManifest(opened.package(), folderOf(relative), manifest);
+            opened.close();
+            version.packageSha256 = packageSha.get();
+            version.signerSubject = unpacked.signerSubject;
+            version.signerFingerprint = unpacked.signerFingerprint;
+            if (existing) checkSigner(*existing, version, installOptions);
+            version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
+            commitInstall(version, relative, unpacked.files, pendingId);
+        } catch (...) {
+            if (packageSha.valid()) packageSha.wait();
+            settleAfterFailure();
+            throw;
+        }
+        result.installed = publicVersion({0, version, relative});
+        result.leftOver = std::move(unpacked.leftAside);
+        purgeOld(result.leftOver);
+        return result;
+    }
+
+    static InstallResult::Kind kindOf(const std::string& wanted, const std::string& installed,
+                                      const InstallOptions& options) {
+        const int order = compareVersions(wanted, installed);
+        if (order > 0) return InstallResult::Kind::Upgrade;
+        if (order == 0) {
+            if (!options.reinstall)
+                refuse(StoreError::Reason::Refused,
+                       "version " + installed + " is already installed; --reinstall replaces it");
+            return InstallResult::Kind::Reinstall;
+        }
+        if (!options.allowDowngrade)
+            refuse(StoreError::Reason::Refused, "version " + wanted +
+                                                    " is older than the installed " + installed +
+                                                    "; --allow-downgrade installs it");
+        return InstallResult::Kind::Downgrade;
+    }
+
+    static void checkSigner(const VersionRow& existing, const InstalledVersion& fresh,
+                            const InstallOptions& options) {
+        const auto& was = existing.version;
+        if (was.signerFingerprint.empty() || was.signerFingerprint == fresh.signerFingerprint ||
+            options.allowSignerChange)
+            return;
+        const std::string now = fresh.signerFingerprint.empty()
+                                    ? "this package's signer is not verified (see --trust)"
+                                    : "this package is signed by " + fresh.signerSubject +
+                                          " (SHA-256 " + fresh.signerFingerprint + ")";
+        refuse(StoreError::Reason::Refused,
+               "version " + was.version + " is signed by " + was.signerSubject + " (SHA-256 " +
+                   was.signerFingerprint + "); " + now + "; --allow-signer-change installs it");
+    }
+
+    // One transaction: the new version's records, the old ones beyond the
+    // kept number dropped (their folders marked for removal), the link
+    // switched just before the commit.
+    void commitInstall(const InstalledVersion& version, const std::string& relative,
+                       const std::vector<InstalledFile>& files, std::int64_t pendingId) {
+        Transaction transaction(*db);
+        const std::int64_t id = records->addVersion(version, relative, files);
+        records->setCurrent(version.guid, id);
+        records->dropPending(pendingId);
+        unsigned kept = 0;
+        for (const VersionRow& row : records->versionsOf(version.guid)) {  // newest first
+            if (row.id == id || kept++ < options.keepPrevious) continue;
+            records->dropVersion(row.id);
+            records->addPending("purge", version.guid, row.folder, false);
+        }
+        const OpsFd apps = appsFolder();
+        const OpsFd app = openFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
+        switchLink(ops, app.get(), "current", leafOf(relative),
+                   shown("apps/" + version.guid + "/current"));
+        transaction.commit();
+    }
+
+    // Folders of versions no longer recorded; what cannot go now stays
+    // marked and goes with the next writer.
+    void purgeOld(std::vector<std::string>& leftOver) {
+        for (const PendingRow& row : records->pending()) {
+            if (row.action != "purge") continue;
+            try {
+                discardFolder(row.folder);
+                records->dropPending(row.id);
+            } catch (const std::exception& e) {
+                leftOver.push_back(e.what());
+            }
+        }
+    }
+
+    // --- remove -------------------------------------------------------------
+
+    RemoveResult remove(const std::string& app, bool purge) {
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        settle();
+        const std::string guid = resolve(app);
+        const VersionRow current = *records->version(*records->currentId(guid));
+        const std::int64_t pendingId = records->addPending("remove", guid, current.folder, purge);
+        RemoveResult result;
+        result.removed = publicVersion(current);
+        result.kept = finishRemove({pendingId, "remove", guid, current.folder, purge});
+        return result;
+    }
+
+    // Deletes what the records say is the app's, keeping (unless purging)
+    // what changed or was added, then the records. Run again from the top
+    // after a crash, it does the same: what is gone stays gone and what
+    // changed is kept.
+    std::vector<std::string> finishRemove(const PendingRow& row) {
+        std::vector<std::string> kept;
+        const OpsFd apps = appsFolder();
+        OpsFd app(ops, ops.openat(apps.get(), row.guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!app && errno != ENOENT) failed(shown("apps/" + row.guid) + " cannot be opened", errno);
+        if (app) {
+            if (ops.unlinkat(app.get(), "current", 0) != 0 && errno != ENOENT)
+                failed(shown("apps/" + row.guid + "/current") + " cannot be removed", errno);
+            for (const VersionRow& version : records->versionsOf(row.guid))
+                if (version.folder != row.folder) discardFolder(version.folder);
+            if (row.purge)
+                discardFolder(row.folder);
+            else
+                kept = removeRecordedFiles(app.get(), row.folder);
+            app.reset();
+            removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));  // when nothing is kept
+        }
+        Transaction transaction(*db);
+        for (const VersionRow& version : records->versionsOf(row.guid))
+            records->dropVersion(version.id);
+        records->dropApp(row.guid);
+        records->dropPending(row.id);
+        transaction.commit();
+        return kept;
+    }
+
+    std::vector<std::string> removeRecordedFiles(int app, const std::string& relative) {
+        std::vector<std::string> kept;
+        const std::string leaf = leafOf(relative);
+        OpsFd folder(
+            ops, ops.openat(app, leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder) {
+            if (errno == ENOENT) return kept;
+            failed(shown("apps/" + relative) + " cannot be opened", errno);
+        }
+        const auto id = records->versionIdOf(relative);
+        const auto files = id ? records->files(*id) : std::vector<InstalledFile>();
+        std::set<std::string> recorded, folders;
+        for (const InstalledFile& file : files) {
+            recorded.insert(file.path);
+            for (auto slash = file.path.rfind('/'); slash != std::string::npos && slash > 0;
+                 slash = file.path.rfind('/', slash - 1))
+                folders.insert(file.path.substr(0, slash));
+        }
+        const std::string shownFolder = shown("apps/" + relative);
+        for (const InstalledFile& file : files) {
+            const FoundFile found = findFile(ops, folder.get(), file.path, true, shownFolder);
+            if (found.state == FoundFile::State::Missing) continue;
+            if (found.state == FoundFile::State::Regular && found.sha256 == file.sha256 &&
+                found.mode == file.mode)
+                removeFile(ops, folder.get(), file.path, shownFolder);
+            else
+                kept.push_back(file.path);
+        }
+        walk(ops, folder.get(), shownFolder, [&](const std::string& path, bool isFolder) {
+            if (!isFolder && !recorded.count(path)) kept.push_back(path);
+        });
+        // Deepest first, so that a folder's sub-folders go before it.
+        for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+            removeEmptyFolder(ops, folder.get(), *it, shownFolder);
+        folder.reset();
+        removeEmptyFolder(ops, app, leaf, shown("apps/" + relative.substr(0, relative.find('/'))));
+        std::sort(kept.begin(), kept.end());
+        kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
+        return kept;
+    }
+
+    // --- rollback -----------------------------------------------------------
+
+    InstalledVersion rollback(const std::string& app) {
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        settle();
+        const std::string guid = resolve(app);
+        const auto currentId = *records->currentId(guid);
+        std::optional<VersionRow> current, previous;
+        for (const VersionRow& row : records->versionsOf(guid)) {
+            if (row.id == currentId)
+                current = row;
+            else if (!previous)
+                previous = row;
+        }
+        if (!previous)
+            refuse(StoreError::Reason::NoPrevious,
+                   guid + " has no previous version to roll back to");
+        // Marks the app for settling should the link switch but the
+        // records not commit.
+        const std::int64_t pendingId =
+            records->addPending("rollback", guid, current->folder, false);
+        try {
+            Transaction transaction(*db);
+            records->dropPending(pendingId);
+            records->setCurrent(guid, previous->id);
+            records->dropVersion(current->id);
+            records->addPending("purge", guid, current->folder, false);
+            const OpsFd apps = appsFolder();
+            const OpsFd appFolder = openFolder(ops, apps.get(), guid, shown("apps/" + guid));
+            switchLink(ops, appFolder.get(), "current", leafOf(previous->folder),
+                       shown("apps/" + guid + "/current"));
+            transaction.commit();
+        } catch (...) {
+            settleAfterFailure();
+            throw;
+        }
+        std::vector<std::string> ignored;
+        purgeOld(ignored);
+        return publicVersion(*previous);
+    }
+
+    // --- audit --------------------------------------------------------------
+
+    AuditReport audit(const std::string& guid) const {
+        const VersionRow row = *records->version(*records->currentId(guid));
+        AuditReport report;
+        report.version = publicVersion(row);
+        const std::string shownFolder = shown("apps/" + row.folder);
+        const auto files = records->files(row.id);
+        const OpsFd apps = appsFolder();
+        OpsFd folder(ops, ops.openBeneath(apps.get(), row.folder.c_str(),
+                                          O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!folder) {
+            if (errno != ENOENT) failed(shownFolder + " cannot be opened", errno);
+            for (const InstalledFile& file : files)
+                report.findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
+            return report;
+        }
+        std::set<std::string> recorded;
+        for (const InstalledFile& file : files) {
+            recorded.insert(file.path);
+            auditFile(folder.get(), file, shownFolder, report.findings);
+        }
+        walk(ops, folder.get(), shownFolder, [&](const std::string& path, bool isFolder) {
+            if (!isFolder && !recorded.count(path))
+                report.findings.push_back({AuditFinding::Kind::Extra, path, ""});
+        });
+        std::stable_sort(
+            report.findings.begin(), report.findings.end(),
+            [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
+        return report;
+    }
+
+    void auditFile(int folder, const InstalledFile& file, const std::string& shownFolder,
+                   std::vector<AuditFinding>& findings) const {
+        FoundFile found = findFile(ops, folder, file.path, false, shownFolder);
+        using State = FoundFile::State;
+        if (found.state == State::Missing)
+            return findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
+        if (found.state == State::Link)
+            return findings.push_back(
+                {AuditFinding::Kind::Modified, file.path, "replaced by a symbolic link"});
+        if (found.state == State::Other)
+            return findings.push_back(
+                {AuditFinding::Kind::Modified, file.path, "not a regular file"});
+        if (found.size != file.size) {
+            findings.push_back(
+                {AuditFinding::Kind::Modified, file.path,
+                 "size " + std::to_string(found.size) + ", recorded " + std::to_string(file.size)});
+        } else if (findFile(ops, folder, file.path, true, shownFolder).sha256 != file.sha256) {
+            findings.push_back({AuditFinding::Kind::Modified, file.path, "content differs"});
+        }
+        if (found.mode != file.mode)
+            findings.push_back({AuditFinding::Kind::Mode, file.path,
+                                octal(found.mode) + ", recorded " + octal(file.mode)});
+    }
+
+    static std::string octal(unsigned mode) {
+        char text[8];
+        std::snprintf(text, sizeof text, "%04o", mode);
+        return text;
+    }
+
+    // Audits read with the root's lock shared, so no writer is halfway;
+    // one a crash left halfway is settled first.
+    template <class Read>
+    auto auditing(Read read) {
+        if (!records->pending().empty()) {
+            RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+            settle();
+        }
+        RootLock lock(ops, rootFd.get(), RootLock::Mode::Shared, root.string());
+        return read();
+    }
+
+    std::filesystem::path root;
+    Options options;
+    const FileOps& ops;
+    OpsFd rootFd;
+    std::unique_ptr<Database> db;
+    std::unique_ptr<Records> records;
+    std::vector<std::string> settledOnOpen;  // what opening settled, for recover() to tell
+};
+
+AppStore::AppStore(const std::filesystem::path& root) : AppStore(root, Options()) {}
+
+AppStore::AppStore(const std::filesystem::path& root, Options options)
+    : impl_(std::make_unique<Impl>(root, options)) {}
+
+AppStore::~AppStore() = default;
+
+const std::filesystem::path& AppStore::root() const {
+    return impl_->root;
+}
+
+InstallResult AppStore::install(const std::filesystem::path& package, const HostProfile& host,
+                                const InstallOptions& options) {
+    return impl_->install(package, host, options);
+}
+
+std::vector<InstalledApp> AppStore::list() const {
+    Transaction snapshot(*impl_->db, "BEGIN");
+    std::vector<InstalledApp> apps;
+    std::map<std::string, std::size_t> at;  // GUID -> index in apps
+    for (const auto& [row, current] : impl_->records->allVersions()) {
+        auto [found, added] = at.try_emplace(row.version.guid, apps.size());
+        if (added) {
+            apps.emplace_back();
+            apps.back().link = impl_->root / "apps" / row.version.guid / "current";
+        }
+        InstalledApp& app = apps[found->second];
+        if (current)
+            app.current = impl_->publicVersion(row);
+        else
+            app.previous.push_back(impl_->publicVersion(row));
+    }
+    apps.erase(std::remove_if(apps.begin(), apps.end(),
+                              [](const InstalledApp& app) { return app.current.guid.empty(); }),
+               apps.end());
+    std::sort(apps.begin(), apps.end(), [](const InstalledApp& a, const InstalledApp& b) {
+        return std::tie(a.current.name, a.current.guid) < std::tie(b.current.name, b.current.guid);
+    });
+    return apps;
+}
+
+InstalledApp AppStore::show(const std::string& app) const {
+    Transaction snapshot(*impl_->db, "BEGIN");
+    return impl_->appOf(impl_->resolve(app));
+}
+
+std::vector<InstalledFile> AppStore::files(const std::string& app) const {
+    Transaction snapshot(*impl_->db, "BEGIN");
+    return impl_->records->files(*impl_->records->currentId(impl_->resolve(app)));
+}
+
+RemoveResult AppStore::remove(const std::string& app, bool purge) {
+    return impl_->remove(app, purge);
+}
+
+InstalledVersion AppStore::rollback(const std::string& app) {
+    return impl_->rollback(app);
+}
+
+AuditReport AppStore::audit(const std::string& app) const {
+    return impl_->auditing([&] { return impl_->audit(impl_->resolve(app)); });
+}
+
+std::vector<AuditReport> AppStore::auditAll() const {
+    return impl_->auditing([&] {
+        std::vector<AuditReport> reports;
+        for (const InstalledApp& app : list()) reports.push_back(impl_->audit(app.current.guid));
+        return reports;
+    });
+}
+
+std::vector<std::string> AppStore::recover() {
+    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
+    std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
+    for (auto& line : impl_->settle(true)) done.push_back(std::move(line));
+    return done;
+}
+
+std::optional<std::string> AppStore::state(const std::string& scope, const std::string& key) const {
+    return impl_->records->state(scope, key);
+}
+
+void AppStore::setState(const std::string& scope, const std::string& key,
+                        const std::string& value) {
+    impl_->records->setState(scope, key, value);
+}
+
+}  // namespace tsappinstall::store

@@ -1,0 +1,172 @@
+#include "Records.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace tsappinstall::store::detail {
+namespace {
+
+const std::string kColumns =
+    "SELECT id, guid, name, version, folder, package, package_sha256, signer_subject, "
+    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons";
+const std::string kVersionColumns = kColumns + " FROM versions ";
+
+VersionRow versionRow(const Statement& s) {
+    VersionRow row;
+    row.id = s.integer(0);
+    InstalledVersion& v = row.version;
+    v.guid = s.text(1);
+    v.name = s.text(2);
+    v.version = s.text(3);
+    row.folder = s.text(4);
+    v.package = s.text(5);
+    v.packageSha256 = s.text(6);
+    v.signerSubject = s.text(7);
+    v.signerFingerprint = s.text(8);
+    v.installedAt = s.integer(9);
+    v.hostProfile = s.text(10);
+    v.forced = s.integer(11) != 0;
+    const auto reasons = nlohmann::json::parse(s.text(12), nullptr, false);
+    if (reasons.is_array())
+        for (const auto& reason : reasons)
+            if (reason.is_string()) v.forcedReasons.push_back(reason.get<std::string>());
+    return row;
+}
+
+}  // namespace
+
+std::optional<std::int64_t> Records::currentId(const std::string& guid) const {
+    Statement s(db_, "SELECT current FROM apps WHERE guid = ?");
+    s.bind(1, guid);
+    if (!s.step()) return std::nullopt;
+    return s.integer(0);
+}
+
+std::optional<VersionRow> Records::version(std::int64_t id) const {
+    Statement s(db_, (kVersionColumns + "WHERE id = ?").c_str());
+    s.bind(1, id);
+    if (!s.step()) return std::nullopt;
+    return versionRow(s);
+}
+
+std::vector<VersionRow> Records::versionsOf(const std::string& guid) const {
+    Statement s(db_, (kVersionColumns + "WHERE guid = ? ORDER BY id DESC").c_str());
+    s.bind(1, guid);
+    std::vector<VersionRow> rows;
+    while (s.step()) rows.push_back(versionRow(s));
+    return rows;
+}
+
+std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
+    Statement s(db_, (kColumns + ", id = (SELECT current FROM apps a WHERE a.guid = versions.guid) "
+                                 "FROM versions ORDER BY guid, id DESC")
+                         .c_str());
+    std::vector<std::pair<VersionRow, bool>> rows;
+    while (s.step()) rows.emplace_back(versionRow(s), s.integer(13) != 0);
+    return rows;
+}
+
+std::optional<std::int64_t> Records::versionIdOf(const std::string& folder) const {
+    Statement s(db_, "SELECT id FROM versions WHERE folder = ?");
+    s.bind(1, folder);
+    if (!s.step()) return std::nullopt;
+    return s.integer(0);
+}
+
+std::vector<std::string> Records::guidsNamed(const std::string& name) const {
+    Statement s(db_,
+                "SELECT a.guid FROM apps a JOIN versions v ON v.id = a.current WHERE v.name = ? "
+                "ORDER BY a.guid");
+    s.bind(1, name);
+    std::vector<std::string> guids;
+    while (s.step()) guids.push_back(s.text(0));
+    return guids;
+}
+
+std::vector<std::pair<std::string, std::string>> Records::currentFolders() const {
+    Statement s(db_, "SELECT a.guid, v.folder FROM apps a JOIN versions v ON v.id = a.current");
+    std::vector<std::pair<std::string, std::string>> folders;
+    while (s.step()) folders.emplace_back(s.text(0), s.text(1));
+    return folders;
+}
+
+std::vector<InstalledFile> Records::files(std::int64_t version) const {
+    Statement s(db_,
+                "SELECT path, size, mode, sha256 FROM files WHERE version_id = ? ORDER BY path");
+    s.bind(1, version);
+    std::vector<InstalledFile> files;
+    while (s.step())
+        files.push_back({s.text(0), static_cast<std::uint64_t>(s.integer(1)),
+                         static_cast<unsigned>(s.integer(2)), s.text(3)});
+    return files;
+}
+
+std::vector<PendingRow> Records::pending() const {
+    Statement s(db_, "SELECT id, action, guid, folder, purge FROM pending ORDER BY id");
+    std::vector<PendingRow> rows;
+    while (s.step())
+        rows.push_back({s.integer(0), s.text(1), s.text(2), s.text(3), s.integer(4) != 0});
+    return rows;
+}
+
+std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& folder,
+                                 const std::vector<InstalledFile>& files) {
+    Statement s(db_,
+                "INSERT INTO versions(guid, name, version, folder, package, package_sha256, "
+                "signer_subject, signer_fingerprint, installed_at, host_profile, forced, "
+                "forced_reasons) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    const nlohmann::json reasons = v.forcedReasons;
+    s.bind(1, v.guid).bind(2, v.name).bind(3, v.version).bind(4, folder).bind(5, v.package);
+    s.bind(6, v.packageSha256).bind(7, v.signerSubject).bind(8, v.signerFingerprint);
+    s.bind(9, v.installedAt).bind(10, v.hostProfile).bind(11, std::int64_t{v.forced});
+    s.bind(12, reasons.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    s.run();
+    const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
+    Statement file(db_,
+                   "INSERT INTO files(version_id, path, size, mode, sha256) VALUES(?, ?, ?, ?, ?)");
+    for (const InstalledFile& f : files) {
+        file.bind(1, id).bind(2, f.path).bind(3, static_cast<std::int64_t>(f.size));
+        file.bind(4, static_cast<std::int64_t>(f.mode)).bind(5, f.sha256);
+        file.run();
+        file.reset();
+    }
+    return id;
+}
+
+void Records::setCurrent(const std::string& guid, std::int64_t version) {
+    Statement s(db_, "INSERT OR REPLACE INTO apps(guid, current) VALUES(?, ?)");
+    s.bind(1, guid).bind(2, version).run();
+}
+
+void Records::dropVersion(std::int64_t id) {
+    Statement(db_, "DELETE FROM files WHERE version_id = ?").bind(1, id).run();
+    Statement(db_, "DELETE FROM versions WHERE id = ?").bind(1, id).run();
+}
+
+void Records::dropApp(const std::string& guid) {
+    Statement(db_, "DELETE FROM apps WHERE guid = ?").bind(1, guid).run();
+}
+
+std::int64_t Records::addPending(const std::string& action, const std::string& guid,
+                                 const std::string& folder, bool purge) {
+    Statement s(db_, "INSERT INTO pending(action, guid, folder, purge) VALUES(?, ?, ?, ?)");
+    s.bind(1, action).bind(2, guid).bind(3, folder).bind(4, std::int64_t{purge}).run();
+    return sqlite3_last_insert_rowid(db_.get());
+}
+
+void Records::dropPending(std::int64_t id) {
+    Statement(db_, "DELETE FROM pending WHERE id = ?").bind(1, id).run();
+}
+
+std::optional<std::string> Records::state(const std::string& scope, const std::string& key) const {
+    Statement s(db_, "SELECT value FROM state WHERE scope = ? AND key = ?");
+    s.bind(1, scope).bind(2, key);
+    if (!s.step()) return std::nullopt;
+    return s.text(0);
+}
+
+void Records::setState(const std::string& scope, const std::string& key, const std::string& value) {
+    Statement s(db_, "INSERT OR REPLACE INTO state(scope, key, value) VALUES(?, ?, ?)");
+    s.bind(1, scope).bind(2, key).bind(3, value).run();
+}
+
+}  // namespace tsappinstall::store::detail

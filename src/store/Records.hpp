@@ -1,0 +1,71 @@
+#pragma once
+
+// The store's records in its database: apps, their versions and files,
+// the operations under way, and its users' small state.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Sqlite.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsappinstall::store::detail {
+
+struct VersionRow {
+    std::int64_t id = 0;
+    InstalledVersion version;  // its folder left empty: `folder` says where
+    std::string folder;        // relative to ROOT/apps: "GUID/vVERSION-TOKEN"
+};
+
+// An operation that began and is not finished: "install" (its folder goes
+// if the records never took it), "purge" (an old version's folder to
+// remove), "remove" (an app to remove, to be finished).
+struct PendingRow {
+    std::int64_t id = 0;
+    std::string action;
+    std::string guid;
+    std::string folder;
+    bool purge = false;
+};
+
+class Records {
+  public:
+    explicit Records(const Database& db) : db_(db) {}
+
+    std::optional<std::int64_t> currentId(const std::string& guid) const;
+    std::optional<VersionRow> version(std::int64_t id) const;
+    // Newest first.
+    std::vector<VersionRow> versionsOf(const std::string& guid) const;
+    // Every version of every app, by GUID, newest first, with whether it
+    // is its app's current one.
+    std::vector<std::pair<VersionRow, bool>> allVersions() const;
+    std::optional<std::int64_t> versionIdOf(const std::string& folder) const;
+    // GUIDs whose current version has this name.
+    std::vector<std::string> guidsNamed(const std::string& name) const;
+    // Every app's GUID and its current version's folder.
+    std::vector<std::pair<std::string, std::string>> currentFolders() const;
+    std::vector<InstalledFile> files(std::int64_t version) const;
+    std::vector<PendingRow> pending() const;
+
+    // Writers: each its own statement, inside the caller's transaction
+    // or, outside one, committed at once.
+    std::int64_t addVersion(const InstalledVersion& version, const std::string& folder,
+                            const std::vector<InstalledFile>& files);
+    void setCurrent(const std::string& guid, std::int64_t version);
+    void dropVersion(std::int64_t id);
+    void dropApp(const std::string& guid);
+    std::int64_t addPending(const std::string& action, const std::string& guid,
+                            const std::string& folder, bool purge);
+    void dropPending(std::int64_t id);
+
+    std::optional<std::string> state(const std::string& scope, const std::string& key) const;
+    void setState(const std::string& scope, const std::string& key, const std::string& value);
+
+  private:
+    const Database& db_;
+};
+
+}  // namespace tsappinstall::store::detail

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "Sqlite.hpp"
+
+namespace tsappinstall::store::detail {
+
+// The schema this code reads and writes (PRAGMA user_version).
+inline constexpr int kSchemaVersion = 1;
+
+// Brings the database up to kSchemaVersion in one transaction, in WAL
+// mode. Throws StoreError (BadDatabase) for a database written by a newer
+// schema, which is never touched.
+void migrate(const Database& db);
+
+}  // namespace tsappinstall::store::detail

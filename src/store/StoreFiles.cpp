@@ -1,0 +1,219 @@
+#include "StoreFiles.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "platform/base/Ascii.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsappinstall::store::detail {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// "a/b/c" as "a/b" and "c"; "c" as "" and "c".
+std::pair<std::string, std::string> splitLast(const std::string& path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) return {"", path};
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+}  // namespace
+
+void failed(const std::string& what, int error) {
+    throw StoreError(StoreError::Reason::Failed, {what + ": " + std::strerror(error)});
+}
+
+OpsFd openFolder(const FileOps& ops, int dir, const std::string& relative,
+                 const std::string& shown) {
+    OpsFd fd(ops, ops.openBeneath(dir, relative.c_str(), kFolderFlags));
+    if (!fd) failed(shown + " cannot be opened", errno);
+    return fd;
+}
+
+OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {
+    if (ops.mkdirat(dir, name.c_str(), 0755) != 0 && errno != EEXIST)
+        failed(shown + " cannot be made", errno);
+    OpsFd fd(ops, ops.openat(dir, name.c_str(), kFolderFlags));
+    if (!fd) failed(shown + " cannot be opened", errno);
+    return fd;
+}
+
+RootLock::RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown) {
+    const std::string file = shown + "/.lock";
+    fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd_ && mode == Mode::Shared && errno == EACCES)  // a reader of a root it may not write
+        fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd_) failed(file + " cannot be opened", errno);
+    const int operation = mode == Mode::Shared      ? LOCK_SH
+                          : mode == Mode::Exclusive ? LOCK_EX
+                                                    : LOCK_EX | LOCK_NB;
+    while (ops.flock(fd_.get(), operation) != 0) {
+        if (mode == Mode::TryExclusive && errno == EWOULDBLOCK) return;
+        if (errno != EINTR) failed(file + " cannot be locked", errno);
+    }
+    held_ = true;
+}
+
+void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {
+    if (ops.unlinkat(dir, name.c_str(), 0) == 0 || errno == ENOENT) return;
+    if (errno != EISDIR && errno != EPERM) failed(shown + " cannot be removed", errno);
+    OpsFd folder(ops, ops.openat(dir, name.c_str(), kFolderFlags));
+    if (!folder) {
+        if (errno == ENOENT) return;
+        failed(shown + " cannot be opened", errno);
+    }
+    const auto entries = ops.listFolder(folder.get());
+    if (!entries) failed(shown + " cannot be listed", errno);
+    for (const auto& [entry, isFolder] : *entries) {
+        if (isFolder)
+            removeTree(ops, folder.get(), entry, shown + "/" + entry);
+        else if (ops.unlinkat(folder.get(), entry.c_str(), 0) != 0 && errno != ENOENT)
+            failed(shown + "/" + entry + " cannot be removed", errno);
+    }
+    folder.reset();
+    if (ops.unlinkat(dir, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+        failed(shown + " cannot be removed", errno);
+}
+
+void switchLink(const FileOps& ops, int dir, const std::string& name, const std::string& target,
+                const std::string& shown) {
+    const std::string fresh = name + ".new";
+    if (ops.unlinkat(dir, fresh.c_str(), 0) != 0 && errno != ENOENT)
+        failed(shown + ".new cannot be removed", errno);
+    // FileOps has no symlinkat; the rename that publishes the link is its.
+    if (::symlinkat(target.c_str(), dir, fresh.c_str()) != 0)
+        failed(shown + ".new cannot be made", errno);
+    if (ops.renameat(dir, fresh.c_str(), dir, name.c_str()) != 0) {
+        const int error = errno;
+        ops.unlinkat(dir, fresh.c_str(), 0);
+        failed(shown + " cannot be switched to " + target, error);
+    }
+}
+
+std::string linkTarget(int dir, const std::string& name) {
+    char buffer[512];
+    const auto n = ::readlinkat(dir, name.c_str(), buffer, sizeof buffer);
+    return n > 0 && static_cast<std::size_t>(n) < sizeof buffer
+               ? std::string(buffer, static_cast<std::size_t>(n))
+               : std::string();
+}
+
+FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
+                   const std::string& shown) {
+    FoundFile found;
+    const auto [parent, name] = splitLast(path);
+    OpsFd dir(ops, parent.empty() ? ops.dup(folder)
+                                  : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
+    if (!dir) {
+        if (errno == ENOENT || errno == ENOTDIR) return found;
+        if (errno == ELOOP || errno == EXDEV) return found.state = FoundFile::State::Link, found;
+        failed(shown + "/" + parent + " cannot be opened", errno);
+    }
+    struct stat info {};
+    if (ops.lstatat(dir.get(), name.c_str(), &info) != 0) {
+        if (errno == ENOENT) return found;
+        failed(shown + "/" + path + " cannot be examined", errno);
+    }
+    found.size = static_cast<std::uint64_t>(info.st_size);
+    found.mode = info.st_mode & 07777;
+    if (S_ISLNK(info.st_mode)) return found.state = FoundFile::State::Link, found;
+    if (!S_ISREG(info.st_mode)) return found.state = FoundFile::State::Other, found;
+    found.state = FoundFile::State::Regular;
+    if (!hash) return found;
+    OpsFd file(ops, ops.openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) failed(shown + "/" + path + " cannot be read", errno);
+    found.sha256 = sha256Of(ops, file.get(), shown + "/" + path, &found.size);
+    return found;
+}
+
+std::string sha256Of(const FileOps& ops, int fd, const std::string& shown, std::uint64_t* size) {
+    integrity::Sha256 sha;
+    std::vector<unsigned char> buffer(1 << 20);
+    long long offset = 0;
+    for (;;) {
+        const long n = ops.readAt(fd, buffer.data(), buffer.size(), offset);
+        if (n < 0) failed(shown + " cannot be read", errno);
+        sha.update(buffer.data(), static_cast<std::size_t>(n));
+        offset += n;
+        if (static_cast<std::size_t>(n) < buffer.size()) break;
+    }
+    if (size) *size = static_cast<std::uint64_t>(offset);
+    return sha.finishHex();
+}
+
+void walk(const FileOps& ops, int folder, const std::string& shown,
+          const std::function<void(const std::string& path, bool isFolder)>& visit) {
+    struct Level {
+        OpsFd fd;
+        std::string prefix;
+    };
+    std::vector<Level> pending;
+    pending.push_back({OpsFd(ops, ops.dup(folder)), ""});
+    while (!pending.empty()) {
+        Level level = std::move(pending.back());
+        pending.pop_back();
+        const auto entries = ops.listFolder(level.fd.get());
+        if (!entries) failed(shown + "/" + level.prefix + " cannot be listed", errno);
+        for (const auto& [name, isFolder] : *entries) {
+            const std::string path = level.prefix + name;
+            visit(path, isFolder);
+            if (!isFolder) continue;
+            OpsFd sub(ops, ops.openat(level.fd.get(), name.c_str(), kFolderFlags));
+            if (!sub) failed(shown + "/" + path + " cannot be opened", errno);
+            pending.push_back({std::move(sub), path + "/"});
+        }
+    }
+}
+
+bool removeFile(const FileOps& ops, int folder, const std::string& path, const std::string& shown) {
+    const auto [parent, name] = splitLast(path);
+    OpsFd dir(ops, parent.empty() ? ops.dup(folder)
+                                  : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
+    if (!dir) {
+        // A folder on the way gone, or replaced by a link: nothing of ours there.
+        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV) return false;
+        failed(shown + "/" + parent + " cannot be opened", errno);
+    }
+    if (ops.unlinkat(dir.get(), name.c_str(), 0) == 0) return true;
+    if (errno == ENOENT) return false;
+    if (errno == EISDIR || errno == EPERM) {
+        removeTree(ops, dir.get(), name, shown + "/" + path);
+        return true;
+    }
+    failed(shown + "/" + path + " cannot be removed", errno);
+}
+
+bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
+                       const std::string& shown) {
+    const auto [parent, name] = splitLast(path);
+    OpsFd dir(ops, parent.empty() ? ops.dup(folder)
+                                  : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
+    if (!dir) {
+        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV) return false;
+        failed(shown + "/" + parent + " cannot be opened", errno);
+    }
+    if (ops.unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) return true;
+    if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOENT || errno == ENOTDIR) return false;
+    failed(shown + "/" + path + " cannot be removed", errno);
+}
+
+std::string randomToken() {
+    unsigned char bytes[8];
+    std::size_t got = 0;
+    while (got < sizeof bytes) {
+        const auto n = ::getrandom(bytes + got, sizeof bytes - got, 0);
+        if (n < 0 && errno != EINTR) failed("no random bytes", errno);
+        if (n > 0) got += static_cast<std::size_t>(n);
+    }
+    return opc::detail::lower_hex(bytes, sizeof bytes);
+}
+
+}  // namespace tsappinstall::store::detail

@@ -1,0 +1,83 @@
+#pragma once
+
+// The store's own file-system work, all through the extraction's FileOps
+// seam (so the fault-injection tests reach every call) and all relative to
+// open folders: nothing below the root is ever reached through a symbolic
+// link.
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <string>
+
+#include "platform/extract/FileOps.hpp"
+
+namespace tsappinstall::store::detail {
+
+using opc::detail::FileOps;
+using opc::detail::OpsFd;
+
+// Throws StoreError (Failed): "`what`: strerror(error)".
+[[noreturn]] void failed(const std::string& what, int error);
+
+// The folder `relative` below `dir`, reached without following links.
+OpsFd openFolder(const FileOps& ops, int dir, const std::string& relative,
+                 const std::string& shown);
+// The same, creating the last component (mode 0755 less the umask) when missing.
+OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
+
+// The root's lock: flock() on ROOT/.lock, which the kernel drops when its
+// holder dies, so no crash leaves a stale lock behind. Blocks until held,
+// except TryExclusive, which takes it only when it is free at once.
+class RootLock {
+  public:
+    enum class Mode { Shared, Exclusive, TryExclusive };
+    RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown);
+    bool held() const { return held_; }
+
+  private:
+    OpsFd fd_;
+    bool held_ = false;
+};
+
+// Removes `name` in `dir` and everything below it; a link is removed, never
+// followed. Missing is fine.
+void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
+
+// The link `name` in `dir` made to point at `target`, in one rename.
+void switchLink(const FileOps& ops, int dir, const std::string& name, const std::string& target,
+                const std::string& shown);
+// Where the link `name` in `dir` points; empty when it is not a link.
+std::string linkTarget(int dir, const std::string& name);
+
+// A recorded file as found below a version's folder.
+struct FoundFile {
+    enum class State { Regular, Missing, Link, Other } state = State::Missing;
+    std::uint64_t size = 0;
+    unsigned mode = 0;
+    std::string sha256;  // when asked for and a regular file
+};
+FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
+                   const std::string& shown);
+
+// SHA-256 of an open file's bytes, hex; its size in `size` when given.
+std::string sha256Of(const FileOps& ops, int fd, const std::string& shown,
+                     std::uint64_t* size = nullptr);
+
+// Calls `visit` for every entry below `folder` (relative paths, parents
+// first), never descending through a link.
+void walk(const FileOps& ops, int folder, const std::string& shown,
+          const std::function<void(const std::string& path, bool isFolder)>& visit);
+
+// Deletes the file `path` below `folder` (the last component unlinked, never
+// followed); true when it was there.
+bool removeFile(const FileOps& ops, int folder, const std::string& path, const std::string& shown);
+// Removes the folder `path` below `folder` when it is empty; true when it
+// did, false when it holds something or is gone. Throws for anything else.
+bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
+                       const std::string& shown);
+
+// 16 random hex digits.
+std::string randomToken();
+
+}  // namespace tsappinstall::store::detail

@@ -1,0 +1,254 @@
+// The app store: what install, upgrade, rollback, audit and remove do to
+// an apps root and its records, what they refuse and with which words, and
+// that a root whose database is damaged or newer is never touched.
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cctype>
+
+#include "store/StoreTestSupport.hpp"
+#include "tsappinstall/manifest/AppManifest.hpp"
+
+#ifdef TSAPP_TOOL
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace tsapp::test;
+using namespace tsappinstall::store;
+
+using Kind = AuditFinding::Kind;
+
+std::string findings(const AuditReport& report) {
+    std::string text;
+    for (const auto& f : report.findings)
+        text += std::string(token(f.kind)) + " " + f.path + " (" + f.detail + ")\n";
+    return text;
+}
+
+// The lines a refused call gave, joined; "" when it went through.
+template <class Call>
+std::string refusal(Call call) {
+    try {
+        call();
+    } catch (const StoreError& e) {
+        std::string text;
+        for (const auto& line : e.lines()) text += line + "\n";
+        return text;
+    }
+    return "";
+}
+
+class Store : public ::testing::Test {
+  protected:
+    std::string pack(const AppSpec& spec, const std::string& name) {
+        return packApp(dir, spec, name);
+    }
+    std::string v(const std::string& version) { return pack(AppSpec(version), "hello-" + version); }
+    std::string root() const { return dir.file("root"); }
+
+    // A CA and the signers A and B below it.
+    static void SetUpTestSuite() {
+        std::string script = "cd " + keys.path() + " && openssl req -x509 -newkey ed25519 -nodes " +
+                             "-keyout ca.key -out ca.pem -subj /CN=CA -days 2";
+        for (const char* signer : {"A", "B"})
+            script += std::string(" && openssl genpkey -algorithm ED25519 -out ") + signer +
+                      ".key && openssl req -x509 -key " + signer +
+                      ".key -CA ca.pem -CAkey ca.key " + "-days 2 -subj /CN=" + signer + " -out " +
+                      signer + ".pem";
+        ASSERT_EQ(std::system(("(" + script + ") >/dev/null 2>&1").c_str()), 0);
+    }
+    AppSpec signedBy(const std::string& signer, const std::string& version) {
+        AppSpec spec(version);
+        spec.signer = keys.file(signer);
+        return spec;
+    }
+    std::string fingerprintOf(const std::string& signer) {
+        const std::string out = dir.file(signer + ".fp");
+        std::system(("openssl x509 -in " + keys.file(signer + ".pem") +
+                     " -noout -fingerprint -sha256 > " + out)
+                        .c_str());
+        std::string text;
+        for (char c : read_file(out).substr(read_file(out).find('=') + 1))
+            if (std::isxdigit(static_cast<unsigned char>(c)))
+                text += static_cast<char>(std::tolower(c));
+        return text;
+    }
+
+    static TempDir keys;
+    TempDir dir;
+};
+TempDir Store::keys;
+
+TEST_F(Store, InstallUpgradeRollbackAuditRemove) {
+    AppStore apps(root());
+    EXPECT_EQ(apps.install(v("1.2.0"), fittingHost()).kind, InstallResult::Kind::New);
+    const auto upgrade = apps.install(v("1.3.0"), fittingHost());
+    EXPECT_EQ(upgrade.kind, InstallResult::Kind::Upgrade);
+    EXPECT_EQ(upgrade.replacedVersion, "1.2.0");
+    EXPECT_EQ(read_file(root() + "/apps/" + kGuid + "/current/files/README.txt"),
+              "version 1.3.0\n");
+    const auto shown = apps.show("Hello Tessal");
+    ASSERT_EQ(shown.previous.size(), 1u);
+    EXPECT_EQ(shown.previous[0].version, "1.2.0");
+    EXPECT_EQ(shown.current.packageSha256.size(), 64u);
+    EXPECT_EQ(settledState(root()), std::string(kGuid) + "=1.3.0");
+
+    // A third version drops the oldest; rollback goes back one and deletes the one it left.
+    apps.install(v("1.10.0"), fittingHost());
+    EXPECT_EQ(apps.show(kGuid).previous.size(), 1u);
+    EXPECT_EQ(apps.rollback(kGuid).version, "1.3.0");
+    EXPECT_EQ(settledState(root()), std::string(kGuid) + "=1.3.0");
+    EXPECT_EQ(refusal([&] { apps.rollback(kGuid); }),
+              std::string(kGuid) + " has no previous version to roll back to\n");
+
+    const std::string folder = apps.show(kGuid).current.folder;
+    write_file(folder + "/files/README.txt", "edited");
+    ::chmod((folder + "/icon.png").c_str(), 0600);
+    fs::remove(folder + "/screenshot.png");
+    write_file(folder + "/files/notes.txt", "mine");
+    EXPECT_EQ(findings(apps.audit(kGuid)),
+              "modified files/README.txt (size 6, recorded 14)\n"
+              "extra files/notes.txt ()\n"
+              "mode icon.png (0600, recorded 0644)\n"
+              "missing screenshot.png ()\n");
+
+    const auto removed = apps.remove("Hello Tessal");
+    EXPECT_EQ(removed.kept,
+              (std::vector<std::string>{"files/README.txt", "files/notes.txt", "icon.png"}));
+    EXPECT_TRUE(apps.list().empty());
+    EXPECT_EQ(snapshot_tree(folder).size(), 4u);  // files/, the two kept there, icon.png
+    apps.install(v("1.2.0"), fittingHost());
+    apps.remove(kGuid, true);
+    EXPECT_FALSE(fs::exists(root() + "/apps/" + kGuid + "/current"));
+}
+
+TEST_F(Store, RefusesWithOneLinePerReasonAndChangesNothing) {
+    AppStore apps(root());
+    InstallOptions trusting;
+    trusting.trustAnchors = {keys.file("ca.pem")};
+    apps.install(pack(signedBy("A", "1.3.0"), "a-1.3.0"), fittingHost(), trusting);
+    AppSpec picky("2.0.0");
+    picky.fields = {{"minTESSALVer", "2026.10"},
+                    {"supportedPlatforms", {"windows-x86_64"}},
+                    {"requiredProducts",
+                     {{{"identifier", "tessal.core"}, {"version", "2026.2"}},
+                      {{"identifier", "tessal.maps"}, {"name", "Maps"}}}}};
+    InstallOptions downgrade;
+    downgrade.allowDowngrade = true;
+    const std::string damaged = dir.file("damaged.tsappinstall");
+    write_file(damaged, read_file(v("1.2.0")).substr(0, 2000));
+    struct Case {
+        std::string package;
+        InstallOptions options;
+        std::string lines;
+    } cases[] = {
+        {pack(signedBy("A", "1.3.0"), "a-1.3.0"),
+         {},
+         "version 1.3.0 is already installed; --reinstall replaces it\n"},
+        {v("1.2.0"),
+         {},
+         "version 1.2.0 is older than the installed 1.3.0; --allow-downgrade installs it\n"},
+        {pack(picky, "picky"),
+         {},
+         "does not fit this host: needs Tessal release 2026.10 or later; this host runs 2026.2\n"
+         "does not fit this host: runs on windows-x86_64, not on linux-x86_64\n"
+         "does not fit this host: needs product tessal.core 2026.2 or later; this host has 2026.1\n"
+         "does not fit this host: needs product tessal.maps (Maps); this host does not have it\n"
+         "not installed; --force installs it anyway\n"},
+        {damaged, downgrade,
+         "not an app package: not a ZIP file: not a usable ZIP file: no end of central directory "
+         "record (not a ZIP file)\n"},
+        {v("1.4.0"), trusting, "unsigned: the package carries no signature\n"},
+        {pack(signedBy("B", "1.5.0"), "b-1.5.0"), trusting,
+         "version 1.3.0 is signed by CN=A (SHA-256 " + fingerprintOf("A") +
+             "); this package is "
+             "signed by CN=B (SHA-256 " +
+             fingerprintOf("B") + "); --allow-signer-change installs it\n"},
+    };
+    const Tree before = snapshot_tree(root() + "/apps");
+    for (const Case& c : cases) {
+        EXPECT_EQ(refusal([&] { apps.install(c.package, fittingHost(), c.options); }), c.lines)
+            << c.package;
+        EXPECT_EQ(snapshot_tree(root() + "/apps"), before) << c.package;
+    }
+    InstallOptions force;
+    force.force = force.allowSignerChange = true;
+    apps.install(pack(picky, "picky"), fittingHost(), force);
+    EXPECT_TRUE(apps.show(kGuid).current.forced);
+    EXPECT_EQ(apps.show(kGuid).previous.at(0).signerSubject, "CN=A");
+    EXPECT_EQ(apps.show(kGuid).current.forcedReasons.size(), 4u);
+}
+
+TEST_F(Store, VersionsCompareFieldByField) {
+    const struct {
+        const char *a, *b;
+        int order;
+    } cases[] = {{"2025.10", "2025.9", 1},
+                 {"1.2", "1.2.0", 0},
+                 {"01.2", "1.2", 0},
+                 {"1.2.beta", "1.2.9", 1},
+                 {"1.2.alpha", "1.2.beta", -1},
+                 {"99999999999999999999999.1", "99999999999999999999998.2", 1}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(compareVersions(c.a, c.b), c.order) << c.a << " " << c.b;
+        EXPECT_EQ(compareVersions(c.b, c.a), -c.order) << c.a << " " << c.b;
+    }
+}
+
+TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const std::string folder = apps.show(kGuid).current.folder;
+    write_file(dir.file("outside.txt"), "theirs");
+    fs::create_directories(dir.file("outside"));
+    write_file(dir.file("outside/util.js"), "theirs");
+    fs::remove(folder + "/icon.png");
+    fs::create_symlink(dir.file("outside.txt"), folder + "/icon.png");
+    fs::remove_all(folder + "/files/lib");
+    fs::create_directory_symlink(dir.file("outside"), folder + "/files/lib");
+    const std::string found = findings(apps.audit(kGuid));
+    EXPECT_NE(found.find("modified icon.png (replaced by a symbolic link)"), std::string::npos)
+        << found;
+    EXPECT_NE(found.find("extra files/lib ()\nmissing files/lib/util.js ()"), std::string::npos)
+        << found;
+    apps.remove(kGuid, true);
+    EXPECT_EQ(read_file(dir.file("outside.txt")), "theirs");
+    EXPECT_EQ(read_file(dir.file("outside/util.js")), "theirs");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(folder)));
+}
+
+TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
+    { AppStore(root()).install(v("1.2.0"), fittingHost()); }
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(dir.file("root/store.db").c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 7", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    const std::string newer = read_file(dir.file("root/store.db"));
+    EXPECT_EQ(
+        refusal([&] { AppStore apps(root()); }),
+        "the database " + dir.file("root/store.db") +
+            " has schema version 7, newer than this program knows (1); it was left as it is\n");
+    EXPECT_EQ(read_file(dir.file("root/store.db")), newer);
+
+    fs::remove(dir.file("root/store.db-wal"));
+    fs::remove(dir.file("root/store.db-shm"));
+    write_file(dir.file("root/store.db"), std::string(8192, 'x'));
+    EXPECT_EQ(refusal([&] { AppStore apps(root()); }),
+              "the database " + dir.file("root/store.db") +
+                  " cannot be used: file is not a database; it was left as it is\n");
+    EXPECT_EQ(read_file(dir.file("root/store.db")), std::string(8192, 'x'));
+}
+
+TEST_F(Store, KeepsStateForItsUsers) {
+    AppStore apps(root());
+    EXPECT_FALSE(apps.state("repo:main", "index"));
+    apps.setState("repo:main", "index", "41");
+    apps.setState("repo:main", "index", "42");
+    EXPECT_EQ(AppStore(root()).state("repo:main", "index"), "42");
+}
+
+}  // namespace
+
+#endif

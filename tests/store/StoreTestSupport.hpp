@@ -1,0 +1,83 @@
+#pragma once
+
+// App packages for the store's tests, packed by the tool from the sample
+// app with the manifest fields a test needs, and the checks every test
+// makes of a root afterwards.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+
+#include "support/TestSupport.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsapp::test {
+
+inline const char* kGuid = "0123abcd-0000-4000-8000-000000000001";
+
+struct AppSpec {
+    explicit AppSpec(std::string v) : version(std::move(v)) {}
+    std::string version;
+    std::string guid = kGuid;
+    std::string name = "Hello Tessal";
+    nlohmann::json fields = nlohmann::json::object();  // more manifest fields
+    std::string signer;                                // "KEYS/NAME" for NAME.key and NAME.pem
+};
+
+// The package for `spec`, packed once per name into `dir`.
+inline std::string packApp(const TempDir& dir, const AppSpec& spec, const std::string& name) {
+    namespace fs = std::filesystem;
+    const std::string out = dir.file(name + ".tsappinstall");
+    if (fs::exists(out)) return out;
+    const std::string src = dir.file("src-" + name);
+    fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", src, fs::copy_options::recursive);
+    auto json = nlohmann::json::parse(read_file(src + "/tsapp.json"));
+    json["version"] = spec.version;
+    json["name"] = spec.name;
+    json.update(spec.fields);
+    write_file(src + "/tsapp.json", json.dump());
+    write_file(src + "/files/README.txt", "version " + spec.version + "\n");
+    std::string command = "SOURCE_DATE_EPOCH=1700000000 '" TSAPP_TOOL "' pack '" + src +
+                          "' --guid " + spec.guid + " -o '" + out + "'";
+    if (!spec.signer.empty())
+        command += " --sign '" + spec.signer + ".key' --cert '" + spec.signer + ".pem'";
+    EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command;
+    return out;
+}
+
+inline tsappinstall::store::HostProfile fittingHost() {
+    return {"2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+}
+
+// Files and records agree: every app audits clean, its link names its
+// current folder, and each app folder holds nothing but the versions on
+// record, their link and nothing half-done. Returns "GUID=VERSION ..." .
+inline std::string settledState(const std::string& root) {
+    namespace fs = std::filesystem;
+    tsappinstall::store::AppStore apps(root);
+    std::string state;
+    std::set<std::string> guids;
+    for (const auto& entry : fs::directory_iterator(root + "/apps"))
+        guids.insert(entry.path().filename().string());
+    for (const auto& app : apps.list()) {
+        guids.erase(app.current.guid);
+        const auto& v = app.current;
+        state += (state.empty() ? "" : " ") + v.guid + "=" + v.version;
+        EXPECT_TRUE(apps.audit(v.guid).clean()) << v.guid;
+        EXPECT_EQ(fs::read_symlink(app.link), v.folder.filename());
+        std::set<std::string> expected{"current", v.folder.filename().string()};
+        for (const auto& previous : app.previous)
+            expected.insert(previous.folder.filename().string());
+        std::set<std::string> found;
+        for (const auto& entry : fs::directory_iterator(app.link.parent_path()))
+            found.insert(entry.path().filename().string());
+        EXPECT_EQ(found, expected) << v.guid;
+    }
+    for (const auto& stray : guids) ADD_FAILURE() << "unrecorded " << stray;
+    return state;
+}
+
+}  // namespace tsapp::test

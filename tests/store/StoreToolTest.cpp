@@ -1,0 +1,102 @@
+// The README's session with the apps root, run as written: every command's
+// output must be what the README shows.
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "store/StoreTestSupport.hpp"
+
+#ifdef TSAPP_TOOL
+
+namespace {
+
+using namespace tsapp::test;
+
+// The lines of the README's block after "<!-- store session -->".
+std::string readmeSession() {
+    const std::string readme = read_file(std::string(TSAPP_SOURCE_DIR) + "/README.md");
+    const auto marker = readme.find("<!-- store session -->");
+    const auto start = readme.find('\n', readme.find("```", marker)) + 1;
+    return readme.substr(start, readme.find("```", start) - start);
+}
+
+TEST(StoreTool, ReadmeSession) {
+    TempDir dir;
+    const std::string expected = readmeSession();
+    std::string script = "cd '" + dir.path() + "' && ln -s '" TSAPP_SOURCE_DIR "/sample' sample\n" +
+                         "PATH=\"$(dirname '" TSAPP_TOOL "'):$PATH\"; unset XDG_DATA_HOME\n";
+    std::istringstream lines(expected);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("$ ", 0) != 0) continue;
+        std::string quoted;
+        for (char c : line) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        script += "printf '%s\\n' '" + quoted + "'\n" + line.substr(2) + " 2>&1\n";
+    }
+    write_file(dir.file("session.sh"), script);
+    const std::string out = dir.file("out.txt");
+    ASSERT_EQ(std::system(("bash '" + dir.file("session.sh") + "' > '" + out + "'").c_str()), 0);
+    std::string transcript = read_file(out);
+    for (auto at = transcript.find(dir.path()); at != std::string::npos;
+         at = transcript.find(dir.path()))
+        transcript.replace(at, dir.path().size(), "$PWD");
+    EXPECT_EQ(std::regex_replace(transcript, std::regex("-[0-9a-f]{16}"), "-…"), expected);
+}
+
+struct ToolRun {
+    int status;
+    std::string out;
+};
+
+// The tool in `dir` with the root `root`, stdout and stderr together.
+ToolRun tsappIn(const TempDir& dir, const std::string& args) {
+    const std::string command =
+        "cd '" + dir.path() + "' && TSAPP_ROOT=root '" TSAPP_TOOL "' " + args + " > out.txt 2>&1";
+    const int status = std::system(command.c_str());
+    return {WEXITSTATUS(status), read_file(dir.file("out.txt"))};
+}
+
+TEST(StoreTool, FailuresAndJson) {
+    TempDir dir;
+    const std::string package = packApp(dir, AppSpec("1.2.0"), "hello");
+    ASSERT_EQ(tsappIn(dir, "install --product tessal.core=2026.1 hello.tsappinstall").status, 0);
+    write_file(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
+    const std::string root = dir.file("root");
+    const struct {
+        std::string args;
+        int status;
+        std::string out;  // the whole of it, or its first line for JSON
+    } cases[] = {
+        {"remove nosuch", 1, "tsapp: nosuch: no installed app is called nosuch\n"},
+        {"show --json 'Hello Tessal' | head -c 68", 0,
+         "{\"guid\":\"" + std::string(kGuid) + "\",\"name\":\"Hello Tessal\""},
+        {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
+        {"rollback 'Hello Tessal'", 1,
+         "tsapp: Hello Tessal: " + std::string(kGuid) +
+             " has no previous version to roll back to\n"},
+        {"install --product core hello.tsappinstall", 1,
+         "tsapp: --product: core: not of the form ID=VERSION\n"},
+        {"audit --json | sed 's/.*findings//'", 0,
+         "\":[{\"kind\":\"modified\",\"path\":\"icon.png\",\"detail\":\"size 7, recorded "
+         "248\"}]}\n"},
+        {"audit", 1,
+         "Hello Tessal 1.2.0 (" + std::string(kGuid) +
+             "): 1 difference\n  modified icon.png (size 7, recorded 248)\n"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsappIn(dir, c.args);
+        EXPECT_EQ(run.status, c.status) << c.args;
+        EXPECT_EQ(run.out, c.out) << c.args;
+    }
+    write_file(dir.file("root/host.json"), "[]");
+    EXPECT_EQ(tsappIn(dir, "install hello.tsappinstall").out,
+              "tsapp: " + root + "/host.json: is not a JSON object\n");
+    write_file(dir.file("root/store.db"), std::string(4096, 'x'));
+    EXPECT_EQ(tsappIn(dir, "installed").out,
+              "tsapp: the apps root: the database " + root +
+                  "/store.db cannot be used: file is not a database; it was left as it is\n");
+}
+
+}  // namespace
+
+#endif

@@ -1,0 +1,413 @@
+// The app store's commands: install, installed (list-installed), show,
+// remove, rollback and audit, all on one apps root (--root, else
+// TSAPP_ROOT, else a folder of the user's under $XDG_DATA_HOME).
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "Commands.hpp"
+#include "Progress.hpp"
+#include "Text.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsapp::tool {
+namespace {
+
+namespace store = tsappinstall::store;
+using Json = nlohmann::ordered_json;
+
+std::string defaultRoot() {
+    if (const char* root = std::getenv("TSAPP_ROOT"); root && *root) return root;
+    if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data)
+        return std::string(data) + "/tsapp/apps";
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return std::string(home) + "/.local/share/tsapp/apps";
+    throw Failure("--root", "no apps root: give --root, or set TSAPP_ROOT or HOME");
+}
+
+struct RootOption {
+    std::string root;
+    std::filesystem::path path() const { return nativePath(root.empty() ? defaultRoot() : root); }
+};
+
+void addRoot(CLI::App* command, RootOption& option) {
+    command
+        ->add_option("--root", option.root,
+                     "Apps root (default: $TSAPP_ROOT, else $XDG_DATA_HOME/tsapp/apps, else "
+                     "~/.local/share/tsapp/apps)")
+        ->check(nonEmpty());
+}
+
+// Every line of a store's refusal, the last one thrown.
+[[noreturn]] void fail(const std::string& subject, const store::StoreError& error) {
+    const auto& lines = error.lines();
+    for (std::size_t i = 0; i + 1 < lines.size(); ++i) printError(subject + ": " + lines[i]);
+    throw Failure(subject, lines.empty() ? std::string(error.what()) : lines.back());
+}
+
+template <class Run>
+auto onStore(const std::string& subject, Run run) {
+    try {
+        return run();
+    } catch (const store::StoreError& error) {
+        const bool aboutRoot = error.reason() == store::StoreError::Reason::BadDatabase;
+        fail(aboutRoot ? std::string("the apps root") : subject, error);
+    }
+}
+
+std::string utcTime(std::int64_t seconds) {
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+Json versionJson(const store::InstalledVersion& v) {
+    Json host = Json::parse(v.hostProfile, nullptr, false);
+    return {{"guid", v.guid},
+            {"name", v.name},
+            {"version", v.version},
+            {"folder", v.folder.string()},
+            {"package", v.package},
+            {"packageSha256", v.packageSha256},
+            {"signer", v.signerFingerprint.empty() ? Json(nullptr)
+                                                   : Json{{"subject", v.signerSubject},
+                                                          {"fingerprint", v.signerFingerprint}}},
+            {"installed", utcTime(v.installedAt)},
+            {"host", host.is_discarded() ? Json(nullptr) : host},
+            {"forced", v.forced},
+            {"forcedReasons", v.forcedReasons}};
+}
+
+Json appJson(const store::InstalledApp& app) {
+    Json json = versionJson(app.current);
+    json["link"] = app.link.string();
+    Json previous = Json::array();
+    for (const auto& v : app.previous)
+        previous.push_back({{"version", v.version}, {"folder", v.folder.string()}});
+    json["previous"] = previous;
+    return json;
+}
+
+// --- install ----------------------------------------------------------------
+
+struct InstallSettings {
+    RootOption root;
+    std::vector<std::string> packages;
+    std::string release, platform;
+    std::vector<std::string> products;  // ID=VERSION
+    store::InstallOptions options;
+    unsigned keep = 1;
+};
+
+store::HostProfile hostProfile(const InstallSettings& s, const std::filesystem::path& root) {
+    store::HostProfile host;
+    const auto file = root / "host.json";
+    if (std::filesystem::exists(file)) {
+        try {
+            host = store::readHostProfile(file);
+        } catch (const tsappinstall::Error& e) {
+            throw Failure(file.string(), e.what());
+        }
+    }
+    if (!s.release.empty()) host.release = s.release;
+    if (!s.platform.empty()) host.platform = s.platform;
+    for (const auto& product : s.products) {
+        const auto equals = product.find('=');
+        if (equals == std::string::npos || equals == 0)
+            throw Failure("--product", product + ": not of the form ID=VERSION");
+        host.products[product.substr(0, equals)] = product.substr(equals + 1);
+    }
+    return host;
+}
+
+const char* verbOf(store::InstallResult::Kind kind) {
+    switch (kind) {
+        case store::InstallResult::Kind::New:
+            return "installed";
+        case store::InstallResult::Kind::Upgrade:
+            return "upgraded";
+        case store::InstallResult::Kind::Reinstall:
+            return "reinstalled";
+        case store::InstallResult::Kind::Downgrade:
+            return "downgraded";
+    }
+    return "installed";
+}
+
+void installOne(store::AppStore& apps, const std::string& package, const store::HostProfile& host,
+                store::InstallOptions options) {
+    store::InstallResult result;
+    {  // the progress line is cleared before the result is printed
+        ProgressLine progress;
+        if (::isatty(STDERR_FILENO)) {
+            options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p,
+                                   std::size_t tp) { progress.update(b, tb, p, tp); };
+            // The verified extraction reports no counts, only that it goes on.
+            options.cancelled = [&progress, what = "installing " + package] {
+                progress.tick(what);
+                return caughtSignal != 0;
+            };
+        }
+        result = onStore(package, [&] { return apps.install(nativePath(package), host, options); });
+    }
+    const auto& v = result.installed;
+    std::cout << verbOf(result.kind) << " " << v.name << " "
+              << (result.replacedVersion.empty() ? "" : result.replacedVersion + " -> ")
+              << v.version << " (" << v.guid << ") in " << v.folder.string() << "\n";
+    for (const auto& reason : v.forcedReasons)
+        std::cerr << "tsapp: warning: " << package << ": forced: " << reason << "\n";
+    for (const auto& left : result.leftOver) std::cerr << "tsapp: warning: " << left << "\n";
+}
+
+int runInstall(const InstallSettings& s) {
+    catchStopSignals();
+    const auto root = s.root.path();
+    store::AppStore::Options storeOptions;
+    storeOptions.keepPrevious = s.keep;
+    auto apps = onStore(root.string(),
+                        [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
+    const store::HostProfile host = hostProfile(s, root);
+    store::InstallOptions options = s.options;
+    options.cancelled = [] { return caughtSignal != 0; };
+    int status = kGood;
+    for (const auto& package : s.packages) {
+        try {
+            installOne(*apps, package, host, options);
+        } catch (const Failure& e) {
+            printError(e.file() + ": " + e.what());
+            status = kBad;
+        } catch (const std::exception& e) {
+            printError(package + ": " + causeOf(e));
+            status = kBad;
+        }
+        if (caughtSignal) return 128 + caughtSignal;
+    }
+    return status;
+}
+
+// --- reading ----------------------------------------------------------------
+
+struct ReadSettings {
+    RootOption root;
+    std::vector<std::string> apps;
+    bool json = false;
+};
+
+std::unique_ptr<store::AppStore> openStore(const RootOption& option) {
+    const auto root = option.path();
+    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root); });
+}
+
+int runInstalled(const ReadSettings& s) {
+    const auto apps = openStore(s.root);
+    for (const auto& app : onStore(s.root.path().string(), [&] { return apps->list(); })) {
+        if (s.json) {
+            std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+            continue;
+        }
+        std::cout << app.current.guid << "  " << app.current.version << "  " << app.current.name
+                  << (app.current.forced ? "  (forced)" : "") << "\n";
+    }
+    return kGood;
+}
+
+void printVersion(const store::InstalledApp& app) {
+    const auto& v = app.current;
+    std::cout << "name: " << v.name << "\nGUID: " << v.guid << "\nversion: " << v.version
+              << "\nfolder: " << v.folder.string() << "\nlink: " << app.link.string()
+              << "\npackage: " << v.package << "\npackage SHA-256: " << v.packageSha256
+              << "\nsigner: "
+              << (v.signerFingerprint.empty()
+                      ? "none verified"
+                      : v.signerSubject + " (SHA-256 " + v.signerFingerprint + ")")
+              << "\ninstalled: " << utcTime(v.installedAt) << "\nhost: " << v.hostProfile
+              << "\nforced: " << (v.forced ? "yes" : "no") << "\n";
+    for (const auto& reason : v.forcedReasons) std::cout << "  " << reason << "\n";
+    for (const auto& previous : app.previous)
+        std::cout << "previous: " << previous.version << " in " << previous.folder.string() << "\n";
+}
+
+int runShow(const ReadSettings& s) {
+    const auto apps = openStore(s.root);
+    const std::string& name = s.apps.front();
+    const auto app = onStore(name, [&] { return apps->show(name); });
+    if (s.json)
+        std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+    else
+        printVersion(app);
+    return kGood;
+}
+
+Json auditJson(const store::AuditReport& report) {
+    Json findings = Json::array();
+    for (const auto& f : report.findings)
+        findings.push_back(
+            {{"kind", store::token(f.kind)}, {"path", f.path}, {"detail", f.detail}});
+    const auto& v = report.version;
+    return {{"guid", v.guid},          {"name", v.name},
+            {"version", v.version},    {"folder", v.folder.string()},
+            {"clean", report.clean()}, {"findings", findings}};
+}
+
+int runAudit(const ReadSettings& s) {
+    const auto apps = openStore(s.root);
+    std::vector<store::AuditReport> reports;
+    if (s.apps.empty()) {
+        reports = onStore(s.root.path().string(), [&] { return apps->auditAll(); });
+    } else {
+        for (const auto& app : s.apps)
+            reports.push_back(onStore(app, [&] { return apps->audit(app); }));
+    }
+    int status = kGood;
+    for (const auto& report : reports) {
+        if (!report.clean()) status = kBad;
+        if (s.json) {
+            std::cout << auditJson(report).dump(-1, ' ', false, Json::error_handler_t::replace)
+                      << "\n";
+            continue;
+        }
+        const auto& v = report.version;
+        std::cout << v.name << " " << v.version << " (" << v.guid << "): "
+                  << (report.clean()
+                          ? "OK"
+                          : std::to_string(report.findings.size()) +
+                                (report.findings.size() == 1 ? " difference" : " differences"))
+                  << "\n";
+        for (const auto& f : report.findings)
+            std::cout << "  " << store::token(f.kind) << " " << f.path
+                      << (f.detail.empty() ? "" : " (" + f.detail + ")") << "\n";
+    }
+    return status;
+}
+
+// --- changing ---------------------------------------------------------------
+
+struct RemoveSettings {
+    RootOption root;
+    std::vector<std::string> apps;
+    bool purge = false;
+};
+
+int runRemove(const RemoveSettings& s) {
+    const auto apps = openStore(s.root);
+    int status = kGood;
+    for (const auto& app : s.apps) {
+        try {
+            const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
+            const auto& v = result.removed;
+            std::cout << "removed " << v.name << " " << v.version << " (" << v.guid << ")\n";
+            for (const auto& kept : result.kept)
+                std::cerr << "tsapp: warning: kept " << (v.folder / kept).string()
+                          << ": changed or added since the install (--purge removes it)\n";
+        } catch (const Failure& e) {
+            printError(e.file() + ": " + e.what());
+            status = kBad;
+        }
+    }
+    return status;
+}
+
+int runRollback(const ReadSettings& s) {
+    const auto apps = openStore(s.root);
+    const std::string& name = s.apps.front();
+    const auto now = onStore(name, [&] { return apps->rollback(name); });
+    std::cout << "rolled " << now.name << " back to " << now.version << " (" << now.guid << ") in "
+              << now.folder.string() << "\n";
+    return kGood;
+}
+
+CLI::App* appCommand(CLI::App& app, const char* name, const char* description, ReadSettings& s,
+                     const char* argument, bool many) {
+    CLI::App* command = app.add_subcommand(name, description);
+    auto* option = command->add_option("APP", s.apps, argument)->check(nonEmpty());
+    if (many)
+        option->expected(0, -1);
+    else
+        option->required()->expected(1);
+    addRoot(command, s.root);
+    return command;
+}
+
+}  // namespace
+
+std::vector<Command> addStore(CLI::App& app) {
+    auto in = std::make_shared<InstallSettings>();
+    CLI::App* install = app.add_subcommand(
+        "install", "Install app packages into the apps root, upgrading an installed version.");
+    install->add_option("PKG", in->packages, "App package")->required()->check(nonEmpty());
+    addRoot(install, in->root);
+    install->add_option("--host-release", in->release, "This host's Tessal release");
+    install->add_option("--platform", in->platform, "This host's platform (linux-x86_64, ...)");
+    install->add_option("--product", in->products, "An installed product, ID=VERSION (repeatable)")
+        ->allow_extra_args(false);
+    install
+        ->add_option("--trust", in->options.trustAnchors,
+                     "PEM file of trusted certificates (repeatable): require a valid signature")
+        ->allow_extra_args(false);
+    install->add_flag("--force", in->options.force,
+                      "Install an app this host does not fit, recording why");
+    install->add_flag("--reinstall", in->options.reinstall,
+                      "Replace the installed version by the same version");
+    install->add_flag("--allow-downgrade", in->options.allowDowngrade,
+                      "Install a lower version than the installed one");
+    install->add_flag("--allow-signer-change", in->options.allowSignerChange,
+                      "Upgrade even when another signer signed the installed version");
+    install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
+    install->add_flag("--sync", in->options.sync,
+                      "Flush every file to disk before the records commit");
+
+    auto listed = std::make_shared<ReadSettings>();
+    CLI::App* installed = app.add_subcommand("installed", "List the installed apps.");
+    installed->alias("list-installed");
+    addRoot(installed, listed->root);
+    installed->add_flag("--json", listed->json, "One JSON object per line and app");
+
+    auto shown = std::make_shared<ReadSettings>();
+    CLI::App* show = appCommand(app, "show", "Show an installed app's record.", *shown,
+                                "Installed app: GUID or name", false);
+    show->add_flag("--json", shown->json, "The record as one JSON object");
+
+    auto removed = std::make_shared<RemoveSettings>();
+    CLI::App* remove =
+        app.add_subcommand("remove", "Remove installed apps, keeping changed and added files.");
+    remove->add_option("APP", removed->apps, "Installed app: GUID or name")
+        ->required()
+        ->check(nonEmpty());
+    addRoot(remove, removed->root);
+    remove->add_flag("--purge", removed->purge, "Remove changed and added files too");
+
+    auto rolled = std::make_shared<ReadSettings>();
+    CLI::App* rollback =
+        appCommand(app, "rollback", "Make an app's previous version current again.", *rolled,
+                   "Installed app: GUID or name", false);
+
+    auto audited = std::make_shared<ReadSettings>();
+    CLI::App* audit =
+        appCommand(app, "audit", "Compare installed apps' files with their records.", *audited,
+                   "Installed app: GUID or name (default: every app)", true);
+    audit->add_flag("--json", audited->json, "One JSON object per line and app");
+
+    const auto rootOf = [](const RootOption& option) {
+        return
+            [&option] { return option.root.empty() ? std::string("the apps root") : option.root; };
+    };
+    return {{install, [in] { return runInstall(*in); }, rootOf(in->root)},
+            {installed, [listed] { return runInstalled(*listed); }, rootOf(listed->root)},
+            {show, [shown] { return runShow(*shown); }, rootOf(shown->root)},
+            {remove, [removed] { return runRemove(*removed); }, rootOf(removed->root)},
+            {rollback, [rolled] { return runRollback(*rolled); }, rootOf(rolled->root)},
+            {audit, [audited] { return runAudit(*audited); }, rootOf(audited->root)}};
+}
+
+}  // namespace tsapp::tool
