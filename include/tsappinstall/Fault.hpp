@@ -51,6 +51,13 @@ enum class FaultKind : int {
     MalformedSignature,   // the signature part is not a CMS signed-data structure
     SignatureMismatch,    // the signature was made over other bytes
     UntrustedSigner,      // the signer's chain does not lead to a trust anchor
+
+    // A repository's index and the packages fetched through it.
+    BadIndex,        // the index does not parse, is too large, or breaks its rules
+    ExpiredIndex,    // the index is past its expiry time
+    IndexRollback,   // the index is older than one already seen
+    SizeMismatch,    // a download's size differs from the indexed one
+    DownloadFailed,  // the transfer failed, stalled or was refused
 };
 
 struct Fault {

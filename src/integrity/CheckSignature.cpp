@@ -9,6 +9,7 @@
 #include <openssl/err.h>
 
 #include "OpenSsl.hpp"
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 
@@ -37,6 +38,13 @@ std::string subjectOf(X509* certificate) {
     char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
     return std::string(text, static_cast<std::size_t>(size));
+}
+
+std::string fingerprintOf(X509* certificate) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (X509_digest(certificate, EVP_sha256(), digest, &size) != 1) return {};
+    return opc::detail::lower_hex(digest, size);
 }
 
 // See signEd25519: pure Ed25519 over the content, no signed attributes.
@@ -184,6 +192,7 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
     X509* certificate = nullptr;
     CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
     check.signer = subjectOf(certificate);
+    check.fingerprint = fingerprintOf(certificate);
     const bool matches = EVP_PKEY_id(X509_get0_pubkey(certificate)) == EVP_PKEY_ED25519
                              ? ed25519Matches(signer, certificate, content)
                              : CMS_verify(cms.get(), nullptr, store.get(), memoryBio(content).get(),

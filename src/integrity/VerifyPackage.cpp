@@ -126,6 +126,7 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
     if (!signature) return;
     SignatureCheck check = checkSignature(*signature, list, policy.trustAnchors);
     report.signer = check.signer;
+    report.signerFingerprint = check.fingerprint;
     if (check.fault) {
         check.fault->item = SIGNATURE_PART_NAME;
         report.faults.push_back(*check.fault);

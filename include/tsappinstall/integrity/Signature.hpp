@@ -36,6 +36,9 @@ class TSAPP_API Signer {
 struct SignatureCheck {
     std::optional<Fault> fault;
     std::string signer;  // the signer's subject (RFC 2253), when it could be read
+    // SHA-256 of the signer's certificate (DER), 64 lower-case hex digits,
+    // when it could be read: a subject anyone may copy, this no one can.
+    std::string fingerprint;
 };
 
 // Checks `signature` over `content` and the signer's chain against the

@@ -26,6 +26,7 @@ struct VerificationReport {
     std::vector<Fault> faults;  // empty when the package is good
     bool isSigned = false;
     std::string signer;  // the signer's subject, when a signature could be read
+    std::string signerFingerprint;  // as SignatureCheck::fingerprint
     bool ok() const { return faults.empty(); }
 };
 
