@@ -36,7 +36,7 @@ code{word-break:break-all}
 const char* const kFilterScript = R"(<script>
 (function(){
 var q=document.getElementById('q'),p=document.getElementById('platform');
-q.hidden=false;p.hidden=false;
+q.hidden=false;p.hidden=false;document.getElementById('filter').hidden=false;
 function apply(){var t=q.value.toLowerCase(),w=p.value;
 document.querySelectorAll('.card').forEach(function(c){
 var ok=c.getAttribute('data-text').indexOf(t)>=0&&(!w||(' '+c.getAttribute('data-platforms')+' ').indexOf(' '+w+' ')>=0);
@@ -178,7 +178,7 @@ std::vector<std::vector<const PackageEntry*>> appsOf(const Index& index) {
 std::string galleryPage(const Index& index) {
     std::string out = head("Apps");
     out +=
-        "<header>\n<h1>Apps</h1>\n<label for=\"q\" class=\"meta\">Filter</label>\n"
+        "<header>\n<h1>Apps</h1>\n<label id=\"filter\" for=\"q\" class=\"meta\" hidden>Filter</label>\n"
         "<input id=\"q\" type=\"search\" placeholder=\"Name, summary or author\" hidden>\n"
         "<select id=\"platform\" aria-label=\"Platform\" hidden>\n<option value=\"\">All "
         "platforms</option>\n";
