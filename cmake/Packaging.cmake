@@ -46,7 +46,9 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# dpkg-shlibdeps finds the run-time dependencies of every ELF file; the
+# dpkg-shlibdeps finds the run-time dependencies of every ELF file (libcurl
+# for the repository client among them: the build needs
+# libcurl4-openssl-dev, see scripts/setup.sh); the
 # library's package gets a shlibs file (CPack has no per-package switch for
 # it, and only a package holding a library gets one), so that programs
 # built against it depend on this version or later.
@@ -62,7 +64,8 @@ libtsappinstall reads app packages (.tsappinstall files: OPC packages in a
 ZIP container): it tells whether a file is one, reads and validates the
 app's signed XML manifest, copies the icon, the screenshot or any part into
 a file, and unpacks the whole package into a folder, all or nothing.
-It also reads, builds, signs and writes manifests.
+It also reads, builds, signs and writes manifests, publishes folders of
+packages as signed repositories and fetches packages from them.
 This package holds the shared library.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${TSAPP_DEB_DEV})
