@@ -106,6 +106,7 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
         partial.remove();
         have = 0;
     }
+    if (have == entry.size && have > 0) return;  // complete before an interruption
     const opc::detail::UniqueFd fd(
         ::open(partial.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd) fail(FaultKind::CannotWrite, "cannot create " + partial.path.string());

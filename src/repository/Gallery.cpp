@@ -178,7 +178,8 @@ std::vector<std::vector<const PackageEntry*>> appsOf(const Index& index) {
 std::string galleryPage(const Index& index) {
     std::string out = head("Apps");
     out +=
-        "<header>\n<h1>Apps</h1>\n<label id=\"filter\" for=\"q\" class=\"meta\" hidden>Filter</label>\n"
+        "<header>\n<h1>Apps</h1>\n<label id=\"filter\" for=\"q\" class=\"meta\" "
+        "hidden>Filter</label>\n"
         "<input id=\"q\" type=\"search\" placeholder=\"Name, summary or author\" hidden>\n"
         "<select id=\"platform\" aria-label=\"Platform\" hidden>\n<option value=\"\">All "
         "platforms</option>\n";

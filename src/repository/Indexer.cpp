@@ -314,6 +314,42 @@ bool reusable(const fs::path& folder, const Outcome& cached, Outcome& fresh) {
     return cached.stamp.size == fresh.stamp.size && cached.sha256 == fresh.sha256;
 }
 
+// Fills `out` from the cache when it answers for the file: same stamp, or
+// the same bytes.
+bool answeredByCache(const fs::path& folder, const std::string& file, const Cache& cache,
+                     Outcome& out) {
+    const auto stamp = stampOf(folder / file);
+    if (!stamp) return false;
+    out.stamp = *stamp;
+    const auto cached = cache.files.find(file);
+    if (cached == cache.files.end()) return false;
+    const bool sameStamp =
+        cached->second.stamp.size == stamp->size && cached->second.stamp.mtime == stamp->mtime;
+    if (!sameStamp) out.sha256 = fileSha256(folder / file);
+    if (!reusable(folder, cached->second, out)) return false;
+    out = cached->second;
+    out.stamp = *stamp;
+    return true;
+}
+
+// A package that vanished or cannot be read is left out; only a failure
+// to write the repository stops the run.
+void readOne(const fs::path& folder, const std::string& file, AppManifestSerializer& serializer,
+             Outcome& out) {
+    try {
+        if (!stampOf(folder / file)) fail(FaultKind::CannotRead, "cannot be read");
+        if (out.sha256.empty()) out.sha256 = fileSha256(folder / file);
+        readPackage(folder, file, serializer, out);
+    } catch (const Error& e) {
+        if (e.kind() == FaultKind::CannotWrite) throw;
+        out = Outcome{};
+        out.bad = e.what();
+    } catch (const std::exception& e) {
+        out = Outcome{};
+        out.bad = e.what();
+    }
+}
+
 // Reads every package the cache cannot answer for, `jobs` at a time.
 std::size_t readAll(const fs::path& folder, const std::vector<std::string>& files,
                     const Cache& cache, unsigned jobs, std::vector<Outcome>& outcomes) {
@@ -324,28 +360,17 @@ std::size_t readAll(const fs::path& folder, const std::vector<std::string>& file
         try {
             std::optional<AppManifestSerializer> serializer;
             for (std::size_t i; (i = next++) < files.size();) {
-                Outcome& out = outcomes[i];
-                const auto stamp = stampOf(folder / files[i]);
-                if (!stamp) {
-                    out.bad = "cannot be read";
-                    continue;
+                bool cached = false;
+                try {
+                    cached = answeredByCache(folder, files[i], cache, outcomes[i]);
+                } catch (const Error&) {
+                    // read afresh, which says why it cannot be
                 }
-                out.stamp = *stamp;
-                const auto cached = cache.files.find(files[i]);
-                const bool sameStamp = cached != cache.files.end() &&
-                                       cached->second.stamp.size == stamp->size &&
-                                       cached->second.stamp.mtime == stamp->mtime;
-                if (!sameStamp) out.sha256 = fileSha256(folder / files[i]);
-                if (cached != cache.files.end() && reusable(folder, cached->second, out)) {
-                    const FileStamp now = out.stamp;
-                    out = cached->second;
-                    out.stamp = now;
-                    continue;
+                if (!cached) {
+                    if (!serializer) serializer.emplace();
+                    readOne(folder, files[i], *serializer, outcomes[i]);
+                    ++read;
                 }
-                if (out.sha256.empty()) out.sha256 = fileSha256(folder / files[i]);
-                if (!serializer) serializer.emplace();
-                readPackage(folder, files[i], *serializer, out);
-                ++read;
             }
         } catch (...) {
             std::lock_guard<std::mutex> lock(errorMutex);
