@@ -92,7 +92,8 @@ int runSearch(const SearchCommand& o) {
     if (o.json)
         std::cout << all.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
-    return newest.empty() ? kBad : kGood;
+    if (newest.empty()) throw Failure(o.location, "no app matches \"" + printable(o.text) + "\"");
+    return kGood;
 }
 
 void addClientOptions(CLI::App* command, repository::ClientOptions& options) {
