@@ -25,10 +25,10 @@ struct TransferSink {
     std::function<void(const char* data, std::size_t size)> write;
 };
 
-// Fetches `name` below `location` from byte `from` on. Throws Error:
-// NotFound-like answers (no such file, HTTP 404) as CannotRead, the rest
-// (timeouts, TLS, another host, HTTP errors) as DownloadFailed, and passes
-// on what the sink throws.
+// Fetches `name` below `location` from byte `from` on. Throws Error: a
+// file that is not there (none in the folder, HTTP 404 or 410) as
+// CannotRead, any other failure (timeouts, TLS, another host, other HTTP
+// statuses) as DownloadFailed; passes on what the sink throws.
 void fetch(const std::string& location, const std::string& name, std::uint64_t from,
            const TransferOptions& options, const TransferSink& sink);
 
