@@ -207,14 +207,6 @@ TEST(RepositoryIndex, RefusesHostileIndexes) {
 }
 
 TEST(RepositoryIndex, PicksTheHighestCompatibleVersion) {
-    for (const auto& [a, b, order] :
-         std::vector<std::tuple<std::string, std::string, int>>{{"2025.10", "2025.9", 1},
-                                                                {"1.2", "1.2.0", 0},
-                                                                {"1.02", "1.2", 0},
-                                                                {"1.10.1", "1.9.9", 1},
-                                                                {"1.a", "1.9", 1},
-                                                                {"", "0", 0}})
-        EXPECT_EQ(compareVersions(a, b), order) << a << " vs " << b;
     Index index;
     const auto add = [&](const std::string& version, const std::string& max,
                          const std::string& core) {
@@ -368,6 +360,71 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     const auto found = nlohmann::json::parse(read_file(out));
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0]["name"], "<b>Other</b>");
+}
+
+// The tool's exit status and everything it printed.
+std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out) {
+    const int status =
+        std::system((std::string(TSAPP_TOOL) + " " + arguments + " >" + out + " 2>&1").c_str());
+    return {WEXITSTATUS(status), read_file(out)};
+}
+
+TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItMustNot) {
+    Published published;
+    const std::string repo = published.dir.file("apps"), out = published.dir.file("out");
+    const std::string root = " --root " + published.dir.file("root");
+    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
+    fs::create_directory(repo);
+    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const Server http(repo, published.dir.file("http.port"));
+    const auto installed = [&] { return runTool("installed" + root, out).second; };
+
+    EXPECT_EQ(runTool("repo add main " + http.url("http", "ok") + " --trust " +
+                          published.dir.file("ca.pem") + root,
+                      out)
+                  .first,
+              0);
+    EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
+    EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
+    fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
+    fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));
+    packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}}, "",
+            " --sign " + published.dir.file("signer.key") + " --cert " +
+                published.dir.file("signer.pem"));
+    indexFolder(repo, published.signing());
+    EXPECT_EQ(runTool("outdated --json" + root, out).second,
+              "{\"guid\":\"" + guid +
+                  "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
+                  "\"repository\":\"main\"}\n");
+    EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+
+    // An older index, then a package whose bytes are not the indexed ones:
+    // one line each, nothing installed, nothing left in the downloads.
+    packApp(repo, "hello-1.11.tsappinstall", {{"version", "1.11"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const std::string newest = read_file(repo + "/index.json");
+    const std::string newestSignature = read_file(repo + "/index.json.p7s");
+    fs::copy(published.dir.file("index-1.json"), repo + "/index.json",
+             fs::copy_options::overwrite_existing);
+    fs::copy(published.dir.file("index-1.json.p7s"), repo + "/index.json.p7s",
+             fs::copy_options::overwrite_existing);
+    const auto apps = snapshot_tree(published.dir.file("root/apps"));
+    EXPECT_EQ(runTool("upgrade --all" + root, out),
+              std::make_pair(1, std::string("tsapp: main: the index is version 1, older than "
+                                            "version 2 seen before\n")));
+    write_file(repo + "/index.json", newest);
+    write_file(repo + "/index.json.p7s", newestSignature);
+    std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
+    bytes[bytes.size() / 2] ^= 1;
+    write_file(repo + "/hello-1.11.tsappinstall", bytes);
+    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
+    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
 }
 
 }  // namespace
