@@ -116,12 +116,18 @@ struct Offer {
     const repository::PackageEntry* entry = nullptr;
 };
 
+// Indexes fetched during one command, by repository: each is read once
+// however many apps are looked up in it.
+using Fetched = std::map<std::string, std::shared_ptr<const repository::Repository>>;
+
 // The newest version of `app` that fits `host` among `sources`.
 std::optional<Offer> newestOffer(store::AppStore& apps, const std::vector<Source>& sources,
-                                 const std::string& app, const store::HostProfile& host) {
+                                 const std::string& app, const store::HostProfile& host,
+                                 Fetched& fetched) {
     std::optional<Offer> best;
     for (const Source& source : sources) {
-        auto repo = std::make_shared<const repository::Repository>(fetch(apps, source));
+        auto& repo = fetched[source.key()];
+        if (!repo) repo = std::make_shared<const repository::Repository>(fetch(apps, source));
         const auto* entry = repository::pickNewest(repo->index(), app, host);
         if (entry && (!best || store::compareVersions(entry->version, best->entry->version) > 0))
             best = Offer{source, repo, entry};
@@ -212,7 +218,8 @@ void installArgument(store::AppStore& apps, const std::string& argument,
         sources = recorded(apps);
     }
     if (sources.empty()) return installOne(apps, argument, argument, host, options);
-    const auto offer = newestOffer(apps, sources, argument, host);
+    Fetched fetched;
+    const auto offer = newestOffer(apps, sources, argument, host, fetched);
     if (!offer) throw Failure(argument, "no repository offers a version of it that fits this host");
     installOffer(apps, *offer, host, options);
 }
@@ -313,10 +320,11 @@ std::vector<Outdated> findOutdated(store::AppStore& apps, const std::vector<std:
     for (const auto& name : named)
         installed.push_back(onStore(name, [&] { return apps.show(name).current; }));
     const auto all = recorded(apps);
+    Fetched fetched;
     std::vector<Outdated> found;
     for (const auto& version : installed) {
         const auto offer =
-            newestOffer(apps, sourcesOf(apps, version.guid, all), version.guid, host);
+            newestOffer(apps, sourcesOf(apps, version.guid, all), version.guid, host, fetched);
         if (offer && store::compareVersions(offer->entry->version, version.version) > 0)
             found.push_back({version, *offer});
     }
