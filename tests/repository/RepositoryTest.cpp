@@ -387,6 +387,30 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
               0);
     EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
     EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
+    // Refusals and usage errors: one line each, exit 1 or 2.
+    const std::string rogue = " --trust " + published.dir.file("rogue.pem");
+    const struct {
+        std::string arguments;
+        int status;
+        std::string line;
+    } refusals[] = {
+        {"repo add main /elsewhere" + rogue, 1,
+         "tsapp: main: a repository of that name is recorded already (" + http.url("http", "ok") +
+             ")\n"},
+        {"repo add other " + http.url("http", "ok") + rogue, 1,
+         "tsapp: other: the index's signature: the signer is not trusted"},
+        {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
+        {"install Nothing", 1,
+         "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
+        {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
+    };
+    for (const auto& r : refusals) {
+        const auto [status, text] = runTool(r.arguments + root, out);
+        EXPECT_EQ(status, r.status) << r.arguments;
+        EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
+    }
+    EXPECT_EQ(runTool("repo list" + root, out).second, "main  " + http.url("http", "ok") + "\n");
+
     fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
     fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));
     packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}}, "",
