@@ -141,6 +141,10 @@ fs::path downloadFolder(const store::AppStore& apps) {
     const fs::path folder = apps.root() / ".downloads";
     if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
         throw Failure(folder.string(), std::strerror(errno));
+    // One that exists must be this user's folder, not a link elsewhere.
+    struct stat info {};
+    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())
+        throw Failure(folder.string(), "not a folder of this user's; remove it");
     return folder;
 }
 
