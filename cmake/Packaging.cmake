@@ -46,9 +46,9 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# Building needs libsqlite3-dev beside the other -dev packages
-# scripts/setup.sh installs; the run-time library (libsqlite3-0) is found by
-# dpkg-shlibdeps like every other.
+# Building needs libsqlite3-dev and libcurl4-openssl-dev beside the other
+# -dev packages scripts/setup.sh installs; the run-time libraries are found
+# by dpkg-shlibdeps like every other.
 # dpkg-shlibdeps finds the run-time dependencies of every ELF file; the
 # library's package gets a shlibs file (CPack has no per-package switch for
 # it, and only a package holding a library gets one), so that programs
@@ -65,8 +65,9 @@ libtsappinstall reads app packages (.tsappinstall files: OPC packages in a
 ZIP container): it tells whether a file is one, reads and validates the
 app's signed XML manifest, copies the icon, the screenshot or any part into
 a file, and unpacks the whole package into a folder, all or nothing.
-It also reads, builds, signs and writes manifests, and installs apps into
-an apps root whose records it keeps in an SQLite database.
+It also reads, builds, signs and writes manifests, installs apps into an
+apps root whose records it keeps in an SQLite database, publishes folders
+of packages as signed repositories and fetches packages from them.
 This package holds the shared library.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${TSAPP_DEB_DEV})

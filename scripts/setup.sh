@@ -11,6 +11,7 @@ packages=(
   libssl-dev openssl zlib1g-dev libdeflate-dev libisal-dev
   libgtest-dev googletest
   nlohmann-json3-dev libcli11-dev libsqlite3-dev
+  libcurl4-openssl-dev chromium
   python3 locales tzdata
   libarchive-tools time strace
   dpkg-dev file lintian help2man man-db

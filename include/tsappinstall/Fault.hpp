@@ -52,6 +52,13 @@ enum class FaultKind : int {
     SignatureMismatch,    // the signature was made over other bytes
     UntrustedSigner,      // the signer's chain does not lead to a trust anchor
 
+    // A repository's index and the packages fetched through it.
+    BadIndex,        // the index does not parse, is too large, or breaks its rules
+    ExpiredIndex,    // the index is past its expiry time
+    IndexRollback,   // the index is older than one already seen
+    SizeMismatch,    // a download's size differs from the indexed one
+    DownloadFailed,  // the transfer failed, stalled or was refused
+
     // The seal's former name; it was never an author's signature.
     BadSignature = BadSeal,
 };

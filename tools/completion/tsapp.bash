@@ -4,12 +4,13 @@
 # and `tsapp CMD --help` the first time a shell needs them, so a new command
 # or option completes without a change here. The list below is used only
 # when the help text cannot be read (tsapp missing or not runnable).
-_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack verify install installed list-installed show remove rollback audit help"
+_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack verify install installed list-installed show remove rollback audit repo search outdated upgrade help"
 
 # The command names: the first word of each line of the section whose
-# heading ends in "commands:" ("name, alias" counts as two names).
+# heading ends in "commands:" ("name, alias" counts as two names); with a
+# command as $2, the names of its own subcommands ("repo index").
 _tsapp_read_commands() {
-    "$1" --help 2>/dev/null | awk '
+    "$1" ${2:+$2} --help 2>/dev/null | awk '
         /^[^ ].*[Cc]ommands?:$/ { inside = 1; next }
         /^[^ ]/ { inside = 0 }
         inside && /^  +[a-z]/ {
@@ -21,7 +22,8 @@ _tsapp_read_commands() {
 # option names, the options that take a value, its argument names from the
 # usage line ("PKG..." repeats) and the options whose value is a number.
 _tsapp_read_command() {
-    "$1" ${2:+"$2"} --help 2>/dev/null | awk '
+    # $2 may be "command subcommand": two words on purpose.
+    "$1" ${2:+$2} --help 2>/dev/null | awk '
         /^Usage:/ {
             for (i = 1; i <= NF; i++) {
                 w = $i; gsub(/[][]/, "", w)
@@ -124,6 +126,21 @@ _tsapp() {
     local opts valued args numeric
     _tsapp_lookup "$tool" "$command"
     { read -r opts; read -r valued; read -r args; read -r numeric; } <<<"$_tsapp_reply"
+    # A command of commands ("repo"): the next word names the one meant.
+    if [[ " $args " == *" SUBCOMMAND "* ]]; then
+        for ((i = at + 1; i < COMP_CWORD; i++)); do
+            [[ ${COMP_WORDS[i]} == -* ]] && continue
+            command="$command ${COMP_WORDS[i]}" at=$i
+            break
+        done
+        if ((at == i)); then
+            _tsapp_lookup "$tool" "$command"
+            { read -r opts; read -r valued; read -r args; read -r numeric; } <<<"$_tsapp_reply"
+        elif [[ $cur != -* ]]; then
+            mapfile -t COMPREPLY < <(compgen -W "$(_tsapp_read_commands "$tool" "$command")" -- "$cur")
+            return
+        fi
+    fi
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$opts" -- "$cur")
         return

@@ -17,8 +17,13 @@ trap 'rm -rf "$work"' EXIT
 # kind is kept for options, the parser's TEXT and REQUIRED are not).
 {
     echo "[COMMANDS]"
+    # A command of commands ("repo") is followed by each of its own.
     _tsapp_read_commands "$tool" | while read -r command _aliases; do
-        "$tool" "$command" --help | awk -v command="$command" -v aliases="$_aliases" '
+        echo "$command"
+        _tsapp_read_commands "$tool" "$command" | while read -r sub _; do echo "$command $sub"; done
+    done | while read -r command; do
+        _aliases=$(_tsapp_read_commands "$tool" | awk -v c="$command" '$1 == c { $1 = ""; sub(/^ /, ""); print }')
+        "$tool" $command --help | awk -v command="$command" -v aliases="$_aliases" '
             function roff(text) { gsub(/\\/, "\\e", text); gsub(/-/, "\\-", text); return text }
             NR == 1 { summary = $0; next }
             /^Usage:/ {

@@ -37,6 +37,7 @@ std::vector<Command> addExtract(CLI::App& app);     // extract, recover
 std::vector<Command> addPack(CLI::App& app);
 std::vector<Command> addVerify(CLI::App& app);
 std::vector<Command> addStore(CLI::App& app);  // install, installed, show, remove, rollback, audit
+std::vector<Command> addRepo(CLI::App& app);  // repo index, search
 
 // For paths: an empty one would otherwise mean the current folder.
 inline const CLI::Validator& nonEmpty() {

@@ -15,6 +15,8 @@
 
 #include "Commands.hpp"
 #include "Progress.hpp"
+#include "RepoClient.hpp"
+#include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
@@ -33,10 +35,11 @@ std::string defaultRoot() {
     throw Failure("--root", "no apps root: give --root, or set TSAPP_ROOT or HOME");
 }
 
-struct RootOption {
-    std::string root;
-    std::filesystem::path path() const { return nativePath(root.empty() ? defaultRoot() : root); }
-};
+}  // namespace
+
+std::filesystem::path RootOption::path() const {
+    return nativePath(root.empty() ? defaultRoot() : root);
+}
 
 void addRoot(CLI::App* command, RootOption& option) {
     command
@@ -46,22 +49,15 @@ void addRoot(CLI::App* command, RootOption& option) {
         ->check(nonEmpty());
 }
 
-// Every line of a store's refusal, the last one thrown.
-[[noreturn]] void fail(const std::string& subject, const store::StoreError& error) {
+void failOnStore(const std::string& subject, const store::StoreError& error) {
+    const bool aboutRoot = error.reason() == store::StoreError::Reason::BadDatabase;
+    const std::string about = aboutRoot ? std::string("the apps root") : subject;
     const auto& lines = error.lines();
-    for (std::size_t i = 0; i + 1 < lines.size(); ++i) printError(subject + ": " + lines[i]);
-    throw Failure(subject, lines.empty() ? std::string(error.what()) : lines.back());
+    for (std::size_t i = 0; i + 1 < lines.size(); ++i) printError(about + ": " + lines[i]);
+    throw Failure(about, lines.empty() ? std::string(error.what()) : lines.back());
 }
 
-template <class Run>
-auto onStore(const std::string& subject, Run run) {
-    try {
-        return run();
-    } catch (const store::StoreError& error) {
-        const bool aboutRoot = error.reason() == store::StoreError::Reason::BadDatabase;
-        fail(aboutRoot ? std::string("the apps root") : subject, error);
-    }
-}
+namespace {
 
 std::string utcTime(std::int64_t seconds) {
     const std::time_t time = static_cast<std::time_t>(seconds);
@@ -104,13 +100,15 @@ Json appJson(const store::InstalledApp& app) {
 struct InstallSettings {
     RootOption root;
     std::vector<std::string> packages;
-    std::string release, platform;
-    std::vector<std::string> products;  // ID=VERSION
+    HostOptions host;
+    RepositoryChoice repository;
     store::InstallOptions options;
     unsigned keep = 1;
 };
 
-store::HostProfile hostProfile(const InstallSettings& s, const std::filesystem::path& root) {
+}  // namespace
+
+store::HostProfile hostProfile(const HostOptions& s, const std::filesystem::path& root) {
     store::HostProfile host;
     const auto file = root / "host.json";
     if (std::filesystem::exists(file)) {
@@ -131,6 +129,16 @@ store::HostProfile hostProfile(const InstallSettings& s, const std::filesystem::
     return host;
 }
 
+void addHostOptions(CLI::App* command, HostOptions& options) {
+    command->add_option("--host-release", options.release, "This host's Tessal release");
+    command->add_option("--platform", options.platform, "This host's platform (linux-x86_64, ...)");
+    command
+        ->add_option("--product", options.products, "An installed product, ID=VERSION (repeatable)")
+        ->allow_extra_args(false);
+}
+
+namespace {
+
 const char* verbOf(store::InstallResult::Kind kind) {
     switch (kind) {
         case store::InstallResult::Kind::New:
@@ -145,8 +153,10 @@ const char* verbOf(store::InstallResult::Kind kind) {
     return "installed";
 }
 
-void installOne(store::AppStore& apps, const std::string& package, const store::HostProfile& host,
-                store::InstallOptions options) {
+}  // namespace
+
+void installOne(store::AppStore& apps, const std::string& package, const std::string& shown,
+                const store::HostProfile& host, store::InstallOptions options) {
     store::InstallResult result;
     {  // the progress line is cleared before the result is printed
         ProgressLine progress;
@@ -154,21 +164,23 @@ void installOne(store::AppStore& apps, const std::string& package, const store::
             options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p,
                                    std::size_t tp) { progress.update(b, tb, p, tp); };
             // The verified extraction reports no counts, only that it goes on.
-            options.cancelled = [&progress, what = "installing " + package] {
+            options.cancelled = [&progress, what = "installing " + shown] {
                 progress.tick(what);
                 return caughtSignal != 0;
             };
         }
-        result = onStore(package, [&] { return apps.install(nativePath(package), host, options); });
+        result = onStore(shown, [&] { return apps.install(nativePath(package), host, options); });
     }
     const auto& v = result.installed;
     std::cout << verbOf(result.kind) << " " << v.name << " "
               << (result.replacedVersion.empty() ? "" : result.replacedVersion + " -> ")
               << v.version << " (" << v.guid << ") in " << v.folder.string() << "\n";
     for (const auto& reason : v.forcedReasons)
-        std::cerr << "tsapp: warning: " << package << ": forced: " << reason << "\n";
+        std::cerr << "tsapp: warning: " << shown << ": forced: " << reason << "\n";
     for (const auto& left : result.leftOver) std::cerr << "tsapp: warning: " << left << "\n";
 }
+
+namespace {
 
 int runInstall(const InstallSettings& s) {
     catchStopSignals();
@@ -177,13 +189,13 @@ int runInstall(const InstallSettings& s) {
     storeOptions.keepPrevious = s.keep;
     auto apps = onStore(root.string(),
                         [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
-    const store::HostProfile host = hostProfile(s, root);
+    const store::HostProfile host = hostProfile(s.host, root);
     store::InstallOptions options = s.options;
     options.cancelled = [] { return caughtSignal != 0; };
     int status = kGood;
     for (const auto& package : s.packages) {
         try {
-            installOne(*apps, package, host, options);
+            installArgument(*apps, package, s.repository, host, options);
         } catch (const Failure& e) {
             printError(e.file() + ": " + e.what());
             status = kBad;
@@ -345,12 +357,13 @@ std::vector<Command> addStore(CLI::App& app) {
     auto in = std::make_shared<InstallSettings>();
     CLI::App* install = app.add_subcommand(
         "install", "Install app packages into the apps root, upgrading an installed version.");
-    install->add_option("PKG", in->packages, "App package")->required()->check(nonEmpty());
+    install
+        ->add_option("PKG", in->packages,
+                     "App package, or an app's name or GUID to install from the repositories")
+        ->required()
+        ->check(nonEmpty());
     addRoot(install, in->root);
-    install->add_option("--host-release", in->release, "This host's Tessal release");
-    install->add_option("--platform", in->platform, "This host's platform (linux-x86_64, ...)");
-    install->add_option("--product", in->products, "An installed product, ID=VERSION (repeatable)")
-        ->allow_extra_args(false);
+    addHostOptions(install, in->host);
     install
         ->add_option("--trust", in->options.trustAnchors,
                      "PEM file of trusted certificates (repeatable): require a valid signature")
@@ -366,6 +379,7 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     install->add_flag("--sync", in->options.sync,
                       "Flush every file to disk before the records commit");
+    addRepositoryOptions(install, in->repository);
 
     auto listed = std::make_shared<ReadSettings>();
     CLI::App* installed = app.add_subcommand("installed", "List the installed apps.");

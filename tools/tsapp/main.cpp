@@ -88,8 +88,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     std::vector<Command> commands;
-    for (auto add :
-         {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify, addStore}) {
+    for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify,
+                     addStore, addRepo}) {
         for (Command& command : add(app)) commands.push_back(std::move(command));
     }
 

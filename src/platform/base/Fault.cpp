@@ -74,6 +74,16 @@ KindTexts textsOf(FaultKind kind) {
             return {"signature-mismatch", "signature mismatch"};
         case FaultKind::UntrustedSigner:
             return {"untrusted-signer", "untrusted signer"};
+        case FaultKind::BadIndex:
+            return {"bad-index", "bad index"};
+        case FaultKind::ExpiredIndex:
+            return {"expired-index", "expired index"};
+        case FaultKind::IndexRollback:
+            return {"index-rollback", "index rolled back"};
+        case FaultKind::SizeMismatch:
+            return {"size-mismatch", "size mismatch"};
+        case FaultKind::DownloadFailed:
+            return {"download-failed", "download failed"};
     }
     return {"unknown", "failed"};  // a value outside the enum
 }

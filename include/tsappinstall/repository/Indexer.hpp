@@ -1,0 +1,47 @@
+#pragma once
+
+// Publishing a folder of packages as a repository: the index, the images
+// pulled out of the packages, the signature and a gallery of static pages.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+
+namespace tsappinstall::repository {
+
+struct IndexOptions {
+    unsigned jobs = 0;                           // packages read at once; 0: one per core
+    std::int64_t validFor = 30 * 24 * 3600;      // seconds from now to the index's expiry
+    std::int64_t now = -1;                       // seconds since the epoch; -1: the clock's
+    std::string signingKey, signingCertificate;  // PEM files; both or neither
+};
+
+struct Problem {
+    std::string file;  // the package's file name
+    std::string what;
+};
+
+struct IndexOutcome {
+    std::uint64_t version = 0;
+    std::size_t packages = 0;            // listed in the index
+    std::size_t read = 0;                // read afresh, not taken from the cache
+    std::vector<Problem> badPackages;    // left out of the index
+    std::vector<Problem> leftOutImages;  // the package stays, without the image
+};
+
+// Indexes every *.tsappinstall directly in `folder`, each checked as the
+// package check does plus its signature when it has one (against no trust
+// anchor: the signer is recorded, not judged). Writes index.json,
+// index.json.p7s (when signing), images/, index.html and apps/*.html, each
+// to a temporary file renamed into place, index.json last. A cache in the
+// folder (.tsapp-index-cache.json) keyed by name, size and modification
+// time spares unchanged packages the read; when either differs, an equal
+// SHA-256 still does. Throws Error (CannotRead, CannotWrite, or what
+// signing throws) when the folder cannot be indexed at all.
+TSAPP_API IndexOutcome indexFolder(const std::filesystem::path& folder,
+                                   const IndexOptions& options);
+
+}  // namespace tsappinstall::repository

@@ -1,0 +1,502 @@
+// Indexing a folder: each package is read on a pool of workers (each with
+// its own serializer, whose schema is compiled once), unless the cache
+// vouches for it; then the index, its signature and the gallery are
+// written, every file to a temporary name renamed into place.
+
+#include "tsappinstall/repository/Indexer.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include "Gallery.hpp"
+#include "Images.hpp"
+#include "IndexJson.hpp"
+#include "integrity/PackageItems.hpp"
+#include "integrity/VerifySteps.hpp"
+#include "platform/base/Ascii.hpp"
+#include "platform/base/UniqueFd.hpp"
+#include "tsappinstall/inspect/PackageCheck.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
+#include "tsappinstall/platform/opc/OpenedPackage.hpp"
+
+namespace tsappinstall::repository {
+namespace {
+
+namespace fs = std::filesystem;
+namespace apps = Corvane::addons::apps;
+using fl::i18n::to_string;
+
+const char* const kCacheFile = ".tsapp-index-cache.json";
+const char* const kAppsFolder = "apps";
+// An icon or screenshot larger than this is left out rather than read.
+const std::uint64_t kMaxImageBytes = 16u << 20;
+
+struct FileStamp {
+    std::uint64_t size = 0;
+    std::int64_t mtime = 0;  // nanoseconds
+};
+
+// What one package contributes, read afresh or taken from the cache.
+struct Outcome {
+    FileStamp stamp;
+    std::string sha256;
+    std::optional<PackageEntry> entry;
+    std::string bad;                  // why it is left out, when it is
+    std::vector<std::string> images;  // problems with its images
+};
+
+[[noreturn]] void fail(FaultKind kind, const std::string& what) {
+    throw Error(kind, what);
+}
+
+std::optional<FileStamp> stampOf(const fs::path& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    return FileStamp{
+        static_cast<std::uint64_t>(info.st_size),
+        static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+}
+
+std::string fileSha256(const fs::path& path) {
+    const opc::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) fail(FaultKind::CannotRead, "cannot open " + path.string());
+    integrity::Sha256 hash;
+    std::vector<unsigned char> buffer(1 << 16);
+    for (;;) {
+        const ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail(FaultKind::CannotRead, "cannot read " + path.string());
+        if (got == 0) break;
+        hash.update(buffer.data(), static_cast<std::size_t>(got));
+    }
+    return hash.finishHex();
+}
+
+// Writes `bytes` to a fresh temporary file beside `path` and renames it
+// over `path`: a reader sees the old file or the new one. `durable` files
+// are flushed to disk first; the gallery's pages and the images can be
+// made again from the packages.
+void writeAtomically(const fs::path& path, const std::string& bytes, bool durable = false) {
+    static std::atomic<unsigned> counter{0};
+    const fs::path temporary =
+        path.parent_path() / ("." + path.filename().string() + ".tmp." +
+                              std::to_string(::getpid()) + "." + std::to_string(counter++));
+    {
+        const opc::detail::UniqueFd fd(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (!fd) fail(FaultKind::CannotWrite, "cannot create " + temporary.string());
+        std::size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t put = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
+            if (put < 0 && errno == EINTR) continue;
+            if (put <= 0) {
+                ::unlink(temporary.c_str());
+                fail(FaultKind::CannotWrite, "cannot write " + temporary.string());
+            }
+            done += static_cast<std::size_t>(put);
+        }
+        if (durable && ::fsync(fd.get()) != 0) {
+            ::unlink(temporary.c_str());
+            fail(FaultKind::CannotWrite, "cannot write " + temporary.string());
+        }
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        ::unlink(temporary.c_str());
+        fail(FaultKind::CannotWrite,
+             "cannot rename " + temporary.string() + " to " + path.string());
+    }
+}
+
+std::string readPart(opc::model::Part& part) {
+    std::string bytes;
+    opc::InputStream& in = part.getInputStream();
+    unsigned char buffer[1 << 15];
+    for (std::size_t got; (got = in.read(buffer, sizeof buffer)) > 0;)
+        bytes.append(reinterpret_cast<const char*>(buffer), got);
+    return bytes;
+}
+
+// Publishes the package's image of relationship `type` under images/,
+// named by its SHA-256; returns its path there, or empty with the reason
+// in `problems`.
+std::string publishImage(opc::model::Package& package, const char* type, const char* what,
+                         const fs::path& folder, std::vector<std::string>& problems) {
+    const auto found = package.getRelationshipsByType(fl::i18n::to_ustring(type));
+    if (found.empty()) return {};
+    opc::model::Part part = package.getPart(opc::model::PartName(found.front().getTargetURI()));
+    if (part.getEntry().size > kMaxImageBytes) {
+        problems.push_back(std::string("the ") + what + " is larger than " +
+                           std::to_string(kMaxImageBytes) + " bytes");
+        return {};
+    }
+    const std::string bytes = readPart(part);
+    const std::string actual = imageType(bytes);
+    const std::string claimed = claimedType(part.getContentType());
+    if (actual.empty() || actual != claimed) {
+        problems.push_back(std::string("the ") + what + " (" + part.getContentType() + ") is " +
+                           (actual.empty() ? "no PNG, JPEG or inert SVG" : "a " + actual));
+        return {};
+    }
+    integrity::Sha256 hash;
+    hash.update(bytes.data(), bytes.size());
+    const std::string name = std::string(IMAGES_FOLDER) + "/" + hash.finishHex() + "." + actual;
+    if (!fs::exists(folder / name)) writeAtomically(folder / name, bytes);
+    return name;
+}
+
+// The signer of a signed package, whatever anchor its chain leads to;
+// throws the reason when the signature does not sign this package.
+void readSigner(opc::model::Package& package, PackageEntry& entry) {
+    if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty()) return;
+    std::vector<Fault> faults;
+    const auto list = integrity::detail::readDigestList(package, faults);
+    if (!list) return;
+    integrity::VerificationReport report;
+    integrity::detail::checkAuthor(package, list->text, {{}, false}, report);
+    for (const Fault& fault : report.faults)
+        if (fault.kind != FaultKind::UntrustedSigner) throw Error(fault, describe(fault));
+    if (!report.isSigned) return;
+    entry.signer = report.signer;
+    entry.signerFingerprint = report.certificate.fingerprint;
+}
+
+std::string utf8(const std::u16string& text) {
+    return to_string(text);
+}
+
+PackageEntry entryOf(const AppManifest& m) {
+    PackageEntry e;
+    e.guid = m.GUID;
+    e.name = utf8(m.name);
+    e.version = utf8(m.version);
+    e.summary = utf8(m.summary);
+    e.description = utf8(m.description);
+    e.authorName = utf8(m.authorName);
+    e.authorContact = utf8(m.authorContact);
+    e.authorOrganization = utf8(m.authorOrganization);
+    e.minRelease = utf8(m.minTESSALVer);
+    e.maxRelease = utf8(m.maxTESSALVer);
+    for (const auto& platform : m.supportedPlatforms) e.platforms.push_back(utf8(platform));
+    for (const auto& p : m.requiredProducts)
+        e.requiredProducts.push_back({utf8(p.identifier), utf8(p.name), utf8(p.version)});
+    return e;
+}
+
+void readPackage(const fs::path& folder, const std::string& file, AppManifestSerializer& serializer,
+                 Outcome& out) {
+    const fs::path path = folder / file;
+    if (!isPlainFileName(file)) {
+        out.bad = "the name is not a plain package name (letters, digits and .-_+~)";
+        return;
+    }
+    const inspect::Report report = inspect::checkPackage(path, serializer);
+    if (!report.good()) {
+        out.bad = report.faults.front().detail;
+        return;
+    }
+    try {
+        PackageEntry entry = entryOf(*report.manifest);
+        opc::model::OpenedPackage opened(path);
+        readSigner(opened.package(), entry);
+        entry.icon = publishImage(opened.package(), apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon",
+                                  folder, out.images);
+        entry.screenshot =
+            publishImage(opened.package(), apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",
+                         folder, out.images);
+        opened.close();
+        entry.file = file;
+        entry.size = out.stamp.size;
+        entry.sha256 = out.sha256;
+        out.entry = std::move(entry);
+    } catch (const opc::Exception& e) {
+        out.bad = e.what();
+    } catch (const Error& e) {
+        if (e.kind() == FaultKind::CannotWrite) throw;
+        out.bad = e.what();
+    }
+}
+
+// The cache: per file its stamp, SHA-256 and outcome, and the last version
+// written (the index itself may be gone).
+struct Cache {
+    std::uint64_t version = 0;
+    std::map<std::string, Outcome> files;
+};
+
+Cache loadCache(const fs::path& folder) {
+    Cache cache;
+    std::ifstream in(folder / kCacheFile, std::ios::binary);
+    if (!in) return cache;
+    try {
+        const Json root = Json::parse(in);
+        cache.version = root.at("version").get<std::uint64_t>();
+        for (const auto& [file, item] : root.at("files").items()) {
+            Outcome o;
+            o.stamp = {item.at("size").get<std::uint64_t>(), item.at("mtime").get<std::int64_t>()};
+            o.sha256 = item.at("sha256").get<std::string>();
+            if (item.contains("entry")) o.entry = readEntry(item.at("entry"));
+            o.bad = item.value("bad", "");
+            o.images = item.value("images", std::vector<std::string>());
+            cache.files[file] = std::move(o);
+        }
+    } catch (const std::exception&) {
+        return {};  // a damaged cache costs a full run, nothing more
+    }
+    return cache;
+}
+
+void saveCache(const fs::path& folder, const Cache& cache) {
+    Json files = Json::object();
+    for (const auto& [file, o] : cache.files) {
+        Json item = {{"size", o.stamp.size}, {"mtime", o.stamp.mtime}, {"sha256", o.sha256}};
+        if (o.entry) item["entry"] = entryJson(*o.entry);
+        if (!o.bad.empty()) item["bad"] = o.bad;
+        if (!o.images.empty()) item["images"] = o.images;
+        files[file] = std::move(item);
+    }
+    const Json root = {{"version", cache.version}, {"files", files}};
+    writeAtomically(folder / kCacheFile, root.dump(-1, ' ', false, Json::error_handler_t::replace),
+                    true);
+}
+
+std::uint64_t previousVersion(const fs::path& folder) {
+    std::ifstream in(folder / INDEX_FILE, std::ios::binary);
+    if (!in) return 0;
+    try {
+        return Json::parse(in).at("version").get<std::uint64_t>();
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
+std::vector<std::string> packageFiles(const fs::path& folder) {
+    std::vector<std::string> files;
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        if (it->path().extension() == std::string(".") + apps::APP_FILE_EXTENSION &&
+            it->is_regular_file())
+            files.push_back(name);
+    }
+    if (error)
+        fail(FaultKind::CannotRead, "cannot list " + folder.string() + ": " + error.message());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// Whether the cached outcome stands: same stamp, or the same bytes, and
+// its images still there.
+bool reusable(const fs::path& folder, const Outcome& cached, Outcome& fresh) {
+    const bool imagesThere =
+        !cached.entry ||
+        ((cached.entry->icon.empty() || fs::exists(folder / cached.entry->icon)) &&
+         (cached.entry->screenshot.empty() || fs::exists(folder / cached.entry->screenshot)));
+    if (!imagesThere) return false;
+    if (cached.stamp.size == fresh.stamp.size && cached.stamp.mtime == fresh.stamp.mtime)
+        return true;
+    return cached.stamp.size == fresh.stamp.size && cached.sha256 == fresh.sha256;
+}
+
+// Fills `out` from the cache when it answers for the file: same stamp, or
+// the same bytes.
+bool answeredByCache(const fs::path& folder, const std::string& file, const Cache& cache,
+                     Outcome& out) {
+    const auto stamp = stampOf(folder / file);
+    if (!stamp) return false;
+    out.stamp = *stamp;
+    const auto cached = cache.files.find(file);
+    if (cached == cache.files.end()) return false;
+    const bool sameStamp =
+        cached->second.stamp.size == stamp->size && cached->second.stamp.mtime == stamp->mtime;
+    if (!sameStamp) out.sha256 = fileSha256(folder / file);
+    if (!reusable(folder, cached->second, out)) return false;
+    out = cached->second;
+    out.stamp = *stamp;
+    return true;
+}
+
+// A package that vanished or cannot be read is left out; only a failure
+// to write the repository stops the run.
+void readOne(const fs::path& folder, const std::string& file, AppManifestSerializer& serializer,
+             Outcome& out) {
+    try {
+        if (!stampOf(folder / file)) fail(FaultKind::CannotRead, "cannot be read");
+        if (out.sha256.empty()) out.sha256 = fileSha256(folder / file);
+        readPackage(folder, file, serializer, out);
+    } catch (const Error& e) {
+        if (e.kind() == FaultKind::CannotWrite) throw;
+        out = Outcome{};
+        out.bad = e.what();
+    } catch (const std::exception& e) {
+        out = Outcome{};
+        out.bad = e.what();
+    }
+}
+
+// Reads every package the cache cannot answer for, `jobs` at a time.
+std::size_t readAll(const fs::path& folder, const std::vector<std::string>& files,
+                    const Cache& cache, unsigned jobs, std::vector<Outcome>& outcomes) {
+    std::atomic<std::size_t> next{0}, read{0};
+    std::mutex errorMutex;
+    std::exception_ptr error;
+    auto worker = [&] {
+        try {
+            std::optional<AppManifestSerializer> serializer;
+            for (std::size_t i; (i = next++) < files.size();) {
+                bool cached = false;
+                try {
+                    cached = answeredByCache(folder, files[i], cache, outcomes[i]);
+                } catch (const Error&) {
+                    // read afresh, which says why it cannot be
+                }
+                if (!cached) {
+                    if (!serializer) serializer.emplace();
+                    readOne(folder, files[i], *serializer, outcomes[i]);
+                    ++read;
+                }
+            }
+        } catch (...) {
+            std::lock_guard<std::mutex> lock(errorMutex);
+            if (!error) error = std::current_exception();
+            next = files.size();
+        }
+    };
+    std::vector<std::thread> pool;
+    for (unsigned j = 0; j < jobs; ++j) pool.emplace_back(worker);
+    for (auto& thread : pool) thread.join();
+    if (error) std::rethrow_exception(error);
+    return read;
+}
+
+void makeFolder(const fs::path& path) {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error)
+        fail(FaultKind::CannotWrite, "cannot create " + path.string() + ": " + error.message());
+}
+
+// Removes what an earlier run published and this one no longer lists.
+void pruneFolder(const fs::path& folder, const std::set<std::string>& keep) {
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        if (!keep.count(name) && name.front() != '.') fs::remove(it->path(), error);
+    }
+}
+
+// A page is rewritten only when it changed: an incremental run over a
+// thousand apps touches the few that did.
+void writeIfChanged(const fs::path& path, const std::string& bytes) {
+    std::ifstream in(path, std::ios::binary);
+    if (in) {
+        const std::string old((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+        if (old == bytes) return;
+    }
+    writeAtomically(path, bytes);
+}
+
+void writeGallery(const fs::path& folder, const Index& index) {
+    makeFolder(folder / kAppsFolder);
+    std::set<std::string> pages, images;
+    for (const auto& versions : appsOf(index)) {
+        const std::string page = appPageName(versions.front()->guid);
+        writeIfChanged(folder / kAppsFolder / page, appPage(versions));
+        pages.insert(page);
+    }
+    for (const PackageEntry& e : index.packages)
+        for (const std::string* image : {&e.icon, &e.screenshot})
+            if (!image->empty()) images.insert(fs::path(*image).filename().string());
+    pruneFolder(folder / kAppsFolder, pages);
+    pruneFolder(folder / IMAGES_FOLDER, images);
+    writeAtomically(folder / "index.html", galleryPage(index));
+}
+
+std::int64_t nowSeconds() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
+    if (options.signingKey.empty() != options.signingCertificate.empty())
+        fail(FaultKind::Other, "signing needs both a key and a certificate");
+    // Read first, so that a bad key fails before any work.
+    std::optional<integrity::Signer> signer;
+    if (!options.signingKey.empty()) signer.emplace(options.signingKey, options.signingCertificate);
+    const std::vector<std::string> files = packageFiles(folder);
+    makeFolder(folder / IMAGES_FOLDER);
+    Cache cache = loadCache(folder);
+
+    std::vector<Outcome> outcomes(files.size());
+    unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+    jobs =
+        static_cast<unsigned>(std::max<std::size_t>(1, std::min<std::size_t>(jobs, files.size())));
+    IndexOutcome result;
+    result.read = readAll(folder, files, cache, jobs, outcomes);
+
+    Index index;
+    index.version = std::max(cache.version, previousVersion(folder)) + 1;
+    index.generated = options.now >= 0 ? options.now : nowSeconds();
+    index.expires = index.generated + options.validFor;
+    Cache next;
+    next.version = index.version;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        Outcome& o = outcomes[i];
+        for (const std::string& image : o.images) result.leftOutImages.push_back({files[i], image});
+        if (o.entry)
+            index.packages.push_back(*o.entry);
+        else
+            result.badPackages.push_back({files[i], o.bad});
+        if (!o.sha256.empty()) next.files[files[i]] = std::move(o);
+    }
+    // Two files of one version would make the index unreadable.
+    std::set<std::string> releases;
+    for (auto it = index.packages.begin(); it != index.packages.end();) {
+        if (releases.insert(opc::detail::ascii_lower(it->guid) + ' ' + it->version).second) {
+            ++it;
+            continue;
+        }
+        result.badPackages.push_back(
+            {it->file, "another file holds version " + it->version + " of this app"});
+        it = index.packages.erase(it);
+    }
+    result.version = index.version;
+    result.packages = index.packages.size();
+
+    const std::string text = formatIndex(index);
+    writeGallery(folder, index);
+    if (signer) {
+        const std::vector<unsigned char> signature = signer->sign(text);
+        writeAtomically(folder / INDEX_SIGNATURE_FILE,
+                        std::string(signature.begin(), signature.end()), true);
+    } else {
+        // A signature of an earlier index would refuse this one.
+        std::error_code ignored;
+        fs::remove(folder / INDEX_SIGNATURE_FILE, ignored);
+    }
+    writeAtomically(folder / INDEX_FILE, text, true);
+    saveCache(folder, next);
+    return result;
+}
+
+}  // namespace tsappinstall::repository

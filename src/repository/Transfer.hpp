@@ -1,0 +1,38 @@
+#pragma once
+
+// Fetching bytes from a repository's location: a folder, a file: URL or an
+// http(s): URL. Whatever the source, no more than a given limit is taken,
+// and a transfer that stalls, fails or leaves the server's host ends with
+// an Error naming why.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace tsappinstall::repository {
+
+struct TransferOptions {
+    std::string serverCa;  // PEM file replacing the system's CA store
+    long stallSeconds = 30;
+    std::function<void(std::uint64_t)> progress;  // bytes received in this transfer
+};
+
+// Where the bytes go. start() comes before the first byte and tells
+// whether the source honoured the offset asked for (false: it starts over
+// from the first byte); write() may throw to stop the transfer.
+struct TransferSink {
+    std::function<void(bool resumed)> start;
+    std::function<void(const char* data, std::size_t size)> write;
+};
+
+// Fetches `name` below `location` from byte `from` on. Throws Error: a
+// file that is not there (none in the folder, HTTP 404 or 410) as
+// CannotRead, any other failure (timeouts, TLS, another host, other HTTP
+// statuses) as DownloadFailed; passes on what the sink throws.
+void fetch(const std::string& location, const std::string& name, std::uint64_t from,
+           const TransferOptions& options, const TransferSink& sink);
+
+// Whether `location` is an http: or https: URL rather than a local one.
+bool isRemote(const std::string& location);
+
+}  // namespace tsappinstall::repository

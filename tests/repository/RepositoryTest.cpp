@@ -1,0 +1,457 @@
+// Publishing a repository and fetching from it: the indexer against real
+// packages, the gallery in a real browser, and the client against a
+// loopback server that misbehaves on purpose.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/TestSupport.hpp"
+#include "tsappinstall/repository/Client.hpp"
+#include "tsappinstall/repository/Indexer.hpp"
+
+namespace {
+
+using namespace tsapp::test;
+using namespace tsappinstall::repository;
+using tsappinstall::Error;
+using tsappinstall::FaultKind;
+namespace fs = std::filesystem;
+
+int sh(const std::string& command) {
+    return std::system(("(" + command + ") >/dev/null 2>&1").c_str());
+}
+
+// Packs the sample app with `changes` to its description file (and
+// another icon, an SVG one) as `file`.
+void packApp(const std::string& folder, const std::string& file, const nlohmann::json& changes,
+             const std::string& icon = "", const std::string& options = "") {
+    const std::string source = folder + "/.src-" + file;
+    fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", source, fs::copy_options::recursive);
+    auto description = nlohmann::json::parse(read_file(source + "/tsapp.json"));
+    description.merge_patch(changes);
+    if (!icon.empty()) {
+        write_file(source + "/icon.svg", icon);
+        description["icon"] = "icon.svg";
+    }
+    const std::string guid = description.value("guid", "");
+    description.erase("guid");  // an option of pack's, not a field
+    write_file(source + "/tsapp.json", description.dump());
+    ASSERT_EQ(sh(std::string(TSAPP_TOOL) + " pack " + source + " -o " + folder + "/" + file +
+                 (guid.empty() ? "" : " --guid " + guid) + options),
+              0);
+    fs::remove_all(source);
+}
+
+const char* const kHostile = "<script>document.title='owned'</script>";
+
+// A signed repository of three apps, one in two versions, a bad package
+// and a package whose icon is an SVG that could run script; a CA, the
+// index's signer below it, a rogue CA and a TLS certificate for 127.0.0.1.
+struct Published {
+    Published() {
+        const std::string keys =
+            "cd " + dir.path() +
+            " && openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem -subj /CN=CA"
+            " -days 2 && openssl req -x509 -newkey ed25519 -nodes -keyout rogue.key -out "
+            "rogue.pem -subj /CN=rogue -days 2 && openssl genpkey -algorithm ED25519 -out "
+            "signer.key && openssl req -x509 -key signer.key -CA ca.pem -CAkey ca.key -days 2 "
+            "-subj /CN=Publisher -out signer.pem && openssl req -x509 -newkey ec -pkeyopt "
+            "ec_paramgen_curve:P-256 -nodes -keyout tls.key -CA ca.pem -CAkey ca.key -days 2 "
+            "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -out tls.pem";
+        EXPECT_EQ(sh(keys), 0);
+        fs::create_directory(repo());
+        const std::string hello = "0123abcd-0000-4000-8000-00000000000a";
+        packApp(repo(), "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", hello}});
+        packApp(repo(), "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", hello}}, "",
+                " --sign " + dir.file("signer.key") + " --cert " + dir.file("signer.pem"));
+        packApp(repo(), "other.tsappinstall",
+                {{"guid", "0123abcd-0000-4000-8000-00000000000b"},
+                 {"name", "<b>Other</b>"},
+                 {"description", kHostile},
+                 {"maxTESSALVer", "2025.9"}});
+        packApp(repo(), "scripted.tsappinstall",
+                {{"guid", "0123abcd-0000-4000-8000-00000000000c"}, {"name", "Scripted"}},
+                "<svg xmlns='http://www.w3.org/2000/svg'><script>alert(1)</script></svg>");
+        write_file(repo() + "/bad.tsappinstall", "not a package");
+    }
+    std::string repo() const { return dir.file("repo"); }
+    IndexOptions signing() const {
+        IndexOptions options;
+        options.jobs = 4;
+        options.signingKey = dir.file("signer.key");
+        options.signingCertificate = dir.file("signer.pem");
+        return options;
+    }
+    TempDir dir;
+};
+
+std::vector<std::string> filesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& item : fs::directory_iterator(folder))
+        names.push_back(item.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Four workers over five packages: the TSan build runs this one.
+TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndRereadsOnlyChangedFiles) {
+    Published published;
+    const std::string repo = published.repo();
+    const IndexOutcome first = indexFolder(repo, published.signing());
+    EXPECT_EQ(first.version, 1u);
+    EXPECT_EQ(first.read, 5u);
+    ASSERT_EQ(first.badPackages.size(), 1u);
+    EXPECT_EQ(first.badPackages[0].file, "bad.tsappinstall");
+    ASSERT_EQ(first.leftOutImages.size(), 1u);
+    EXPECT_EQ(first.leftOutImages[0].file, "scripted.tsappinstall");
+    EXPECT_EQ(first.leftOutImages[0].what, "the icon (image/svg+xml) is no PNG, JPEG or inert SVG");
+    // One icon and one screenshot, shared by every app.
+    EXPECT_EQ(filesIn(repo + "/images").size(), 2u);
+
+    const Index index = parseIndex(read_file(repo + "/index.json"));
+    ASSERT_EQ(index.packages.size(), 4u);
+    EXPECT_EQ(index.packages[0].file, "hello-1.0.tsappinstall");
+    EXPECT_EQ(index.packages[0].sha256.size(), 64u);
+    EXPECT_EQ(index.packages[1].signer, "CN=Publisher");
+    EXPECT_EQ(index.packages[1].signerFingerprint.size(), 64u);
+    EXPECT_EQ(index.packages[2].description, kHostile);
+    EXPECT_TRUE(index.packages[3].icon.empty());
+    EXPECT_FALSE(index.packages[3].screenshot.empty());
+
+    // Unchanged, then only touched: nothing read; changed bytes: that file.
+    EXPECT_EQ(indexFolder(repo, published.signing()).read, 0u);
+    fs::last_write_time(repo + "/other.tsappinstall", fs::file_time_type::clock::now());
+    const IndexOutcome touched = indexFolder(repo, published.signing());
+    EXPECT_EQ(touched.read, 0u);
+    EXPECT_EQ(touched.version, 3u);
+    fs::copy_file(repo + "/hello-1.0.tsappinstall", repo + "/other.tsappinstall",
+                  fs::copy_options::overwrite_existing);
+    const IndexOutcome changed = indexFolder(repo, published.signing());
+    EXPECT_EQ(changed.read, 1u);
+    ASSERT_EQ(changed.badPackages.size(), 2u);
+    EXPECT_EQ(changed.badPackages[1].what, "another file holds version 1.0 of this app");
+    // Nothing temporary is left beside what was published.
+    for (const std::string& name : filesIn(repo))
+        EXPECT_EQ(name.find(".tmp."), std::string::npos) << name;
+}
+
+TEST(RepositoryGallery, RendersInABrowserWithEveryManifestTextEscaped) {
+    if (sh("command -v chromium") != 0) GTEST_SKIP() << "chromium is not installed";
+    Published published;
+    indexFolder(published.repo(), published.signing());
+    const auto dom = [&](const std::string& page) {
+        const std::string out = published.dir.file("dom.html");
+        sh("timeout 120 chromium --headless --no-sandbox --disable-gpu --dump-dom file://" +
+           published.repo() + "/" + page + " >" + out);
+        return read_file(out);
+    };
+    const std::string gallery = dom("index.html");
+    std::size_t cards = 0;
+    for (auto at = gallery.find("class=\"card\""); at != std::string::npos;
+         at = gallery.find("class=\"card\"", at + 1))
+        ++cards;
+    EXPECT_EQ(cards, 3u);
+    EXPECT_NE(gallery.find("&lt;b&gt;Other&lt;/b&gt;</a>"), std::string::npos);
+    EXPECT_NE(gallery.find("Version 1.10 by Sample Author"), std::string::npos);
+    EXPECT_NE(gallery.find("Signed by CN=Publisher"), std::string::npos);
+    EXPECT_NE(gallery.find("href=\"hello-1.10.tsappinstall\""), std::string::npos);
+    const std::string app = dom("apps/0123abcd-0000-4000-8000-00000000000b.html");
+    EXPECT_NE(app.find("&lt;script&gt;document.title='owned'&lt;/script&gt;"), std::string::npos);
+    EXPECT_NE(app.find("<title>&lt;b&gt;Other&lt;/b&gt;</title>"), std::string::npos);
+
+    const std::string shot = std::string(TSAPP_BINARY_DIR) + "/gallery.png";
+    fs::remove(shot);
+    sh("timeout 120 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
+       "--window-size=420,900 --screenshot=" +
+       shot + " file://" + published.repo() + "/index.html");
+    EXPECT_GT(fs::exists(shot) ? fs::file_size(shot) : 0, 1000u);
+}
+
+TEST(RepositoryIndex, RefusesHostileIndexes) {
+    const std::string entry = R"({"file":"a.tsappinstall","size":1,"sha256":")" +
+                              std::string(64, 'a') +
+                              R"(","guid":"g","name":"A","version":"1","platforms":[])";
+    const auto index = [&](const std::string& packages) {
+        return R"({"schema":1,"version":1,"generated":"2026-01-01T00:00:00Z",)"
+               R"("expires":"2026-02-01T00:00:00Z","packages":[)" +
+               packages + "]}";
+    };
+    const struct {
+        std::string text;
+        std::string refusal;
+    } cases[] = {
+        {"{", "the index is not JSON"},
+        {replaced(index(""), "\"schema\":1", "\"schema\":2"), "unknown schema version 2"},
+        {index(entry + "}," + entry + "}"), "the file a.tsappinstall is listed twice"},
+        {index(entry + "}," + replaced(entry, "a.tsapp", "b.tsapp") + "}"),
+         "version 1 of g is listed twice"},
+        {index(replaced(entry, "a.tsapp", "../a.tsapp") + "}"),
+         "the file name \"../a.tsappinstall\" is not a plain package name"},
+        {index(entry + R"(,"icon":"images/../../etc/passwd"})"),
+         "the image path \"images/../../etc/passwd\" is not one of the repository's images"},
+        {index(replaced(entry, "\"size\":1", "\"size\":-1") + "}"),
+         "the member \"size\" has the wrong type"},
+        {index("") + std::string(MAX_INDEX_BYTES, ' '), "the index is larger than 67108864 bytes"},
+    };
+    for (const auto& c : cases) {
+        try {
+            parseIndex(c.text);
+            ADD_FAILURE() << "accepted: " << c.refusal;
+        } catch (const Error& e) {
+            EXPECT_EQ(e.kind(), FaultKind::BadIndex);
+            EXPECT_EQ(std::string(e.what()).substr(0, c.refusal.size()), c.refusal);
+        }
+    }
+}
+
+TEST(RepositoryIndex, PicksTheHighestCompatibleVersion) {
+    Index index;
+    const auto add = [&](const std::string& version, const std::string& max,
+                         const std::string& core) {
+        PackageEntry e;
+        e.guid = "G", e.name = "App", e.version = version, e.maxRelease = max;
+        e.platforms = {"linux-x86_64"};
+        e.requiredProducts = {{"core", "", core}};
+        index.packages.push_back(e);
+    };
+    add("1.9", "", "1"), add("1.10", "", "3"), add("1.11", "2025.9", "1");
+    const HostProfile host{"2025.10", "linux-x86_64", {{"core", "2.5"}}};
+    ASSERT_NE(pickNewest(index, "g", host), nullptr);
+    EXPECT_EQ(pickNewest(index, "App", host)->version, "1.9");
+    EXPECT_EQ(pickNewest(index, "App", {"2025.10", "windows-x86_64", {{"core", "9"}}}), nullptr);
+    EXPECT_EQ(search(index, "aPP").size(), 3u);
+}
+
+// The test server, on a free loopback port, stopped with the test.
+class Server {
+  public:
+    Server(const std::string& root, const std::string& portFile,
+           const std::vector<std::string>& tls = {}) {
+        std::vector<std::string> args = {
+            "python3", std::string(TSAPP_SOURCE_DIR) + "/tests/repository/repo_server.py", root,
+            portFile};
+        args.insert(args.end(), tls.begin(), tls.end());
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            std::vector<char*> argv;
+            for (auto& arg : args) argv.push_back(arg.data());
+            argv.push_back(nullptr);
+            ::execvp(argv[0], argv.data());
+            ::_exit(127);
+        }
+        for (int i = 0; i < 200 && !file_exists(portFile); ++i) ::usleep(50000);
+        port_ = file_exists(portFile) ? read_file(portFile) : "0";
+    }
+    ~Server() {
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    std::string url(const std::string& scheme, const std::string& mode) const {
+        return scheme + "://127.0.0.1:" + port_ + "/" + mode + "/";
+    }
+
+  private:
+    pid_t pid_ = -1;
+    std::string port_;
+};
+
+TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
+    Published published;
+    indexFolder(published.repo(), published.signing());
+    const Server http(published.repo(), published.dir.file("http.port"));
+    const Server https(published.repo(), published.dir.file("https.port"),
+                       {published.dir.file("tls.pem"), published.dir.file("tls.key")});
+    ClientOptions trusting;
+    trusting.trustAnchors = {published.dir.file("ca.pem")};
+    trusting.stallSeconds = 1;
+    trusting.attempts = 2;
+    const Index index = parseIndex(read_file(published.repo() + "/index.json"));
+    const PackageEntry& hello = index.packages[1];
+    const std::string downloads = published.dir.file("downloads");
+    fs::create_directory(downloads);
+
+    const struct {
+        std::string name, location;
+        std::function<void(ClientOptions&, PackageEntry&)> change;
+        FaultKind kind;
+        std::string refusal;  // the start of the line
+    } cases[] = {
+        {"rogue anchor", http.url("http", "ok"),
+         [&](ClientOptions& o, PackageEntry&) {
+             o.trustAnchors = {published.dir.file("rogue.pem")};
+         },
+         FaultKind::UntrustedSigner, "the index's signature: the signer is not trusted"},
+        {"expired", http.url("http", "ok"),
+         [&](ClientOptions& o, PackageEntry&) { o.now = index.expires + 86400 * 3; },
+         FaultKind::ExpiredIndex,
+         "the index expired at " + formatUtc(index.expires) + ", 3 days ago"},
+        {"rollback", http.url("http", "ok"),
+         [](ClientOptions& o, PackageEntry&) { o.highestSeen = 2; }, FaultKind::IndexRollback,
+         "the index is version 1, older than version 2 seen before"},
+        {"other host", http.url("http", "redirect"), nullptr, FaultKind::DownloadFailed,
+         "index.json: redirected to another host (http://localhost:"},
+        {"unknown CA", https.url("https", "ok"), nullptr, FaultKind::DownloadFailed,
+         "index.json: SSL certificate problem"},
+        {"closes early", http.url("http", "short"), nullptr, FaultKind::DownloadFailed,
+         "hello-1.10.tsappinstall: transfer closed with"},
+        {"stalls", http.url("http", "stall"),
+         [](ClientOptions& o, PackageEntry&) { o.attempts = 1; }, FaultKind::DownloadFailed,
+         "hello-1.10.tsappinstall: Operation too slow"},
+        {"endless", http.url("http", "more"), nullptr, FaultKind::SizeMismatch,
+         "hello-1.10.tsappinstall: the source sent more than the"},
+        {"other bytes", http.url("http", "same"),
+         [](ClientOptions&, PackageEntry& e) { e.sha256 = std::string(64, '0'); },
+         FaultKind::DigestMismatch, "hello-1.10.tsappinstall: its SHA-256 is "},
+        {"other app", published.repo(), [&](ClientOptions&, PackageEntry& e) { e.version = "9"; },
+         FaultKind::BadIndex, "hello-1.10.tsappinstall: the package is "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ClientOptions options = trusting;
+        PackageEntry entry = hello;
+        if (c.change) c.change(options, entry);
+        try {
+            const Repository repo(c.location, options);
+            repo.download(entry, downloads);
+            ADD_FAILURE() << "accepted";
+        } catch (const Error& e) {
+            EXPECT_EQ(e.kind(), c.kind) << e.what();
+            EXPECT_EQ(std::string(e.what()).substr(0, c.refusal.size()), c.refusal);
+        }
+        EXPECT_TRUE(filesIn(downloads).empty());
+    }
+
+    // Over TLS with the test CA; a partial file is resumed where the server
+    // takes ranges (its wrong first half then fails the digest) and started
+    // over where it does not.
+    ClientOptions tls = trusting;
+    tls.serverCa = published.dir.file("ca.pem");
+    const Repository secure(https.url("https", "ok"), tls);
+    EXPECT_EQ(secure.signer(), "CN=Publisher");
+    EXPECT_EQ(search(secure.index(), "sample author").size(), 4u);
+    const std::string part = downloads + "/" + hello.file + ".part";
+    write_file(part, std::string(hello.size / 2, 'x'));
+    EXPECT_EQ(error_of<Error>([&] { secure.download(hello, downloads); }).substr(0, 34),
+              "hello-1.10.tsappinstall: its SHA-2");
+    write_file(part, std::string(hello.size / 2, 'x'));
+    const Repository norange(http.url("http", "norange"), trusting);
+    EXPECT_EQ(read_file(norange.download(hello, downloads)),
+              read_file(published.repo() + "/" + hello.file));
+    EXPECT_EQ(filesIn(downloads), std::vector<std::string>{hello.file});
+}
+
+TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
+    Published published;
+    const std::string tool = std::string(TSAPP_TOOL) + " ";
+    const std::string out = published.dir.file("out");
+    EXPECT_EQ(WEXITSTATUS(std::system(
+                  (tool + "repo index --valid-for 2d " + published.repo() + " >" + out).c_str())),
+              1);
+    EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+              std::string::npos);
+    EXPECT_NE(read_file(out).find("index version 1: 4 packages listed, 5 read, 1 bad\n"),
+              std::string::npos);
+    ASSERT_EQ(std::system((tool + "search OTHER --unsigned --json --repo file://" +
+                           published.repo() + " >" + out)
+                              .c_str()),
+              0);
+    const auto found = nlohmann::json::parse(read_file(out));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]["name"], "<b>Other</b>");
+}
+
+// The tool's exit status and everything it printed.
+std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out) {
+    const int status =
+        std::system((std::string(TSAPP_TOOL) + " " + arguments + " >" + out + " 2>&1").c_str());
+    return {WEXITSTATUS(status), read_file(out)};
+}
+
+TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItMustNot) {
+    Published published;
+    const std::string repo = published.dir.file("apps"), out = published.dir.file("out");
+    const std::string root = " --root " + published.dir.file("root");
+    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
+    fs::create_directory(repo);
+    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const Server http(repo, published.dir.file("http.port"));
+    const auto installed = [&] { return runTool("installed" + root, out).second; };
+
+    EXPECT_EQ(runTool("repo add main " + http.url("http", "ok") + " --trust " +
+                          published.dir.file("ca.pem") + root,
+                      out)
+                  .first,
+              0);
+    EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
+    EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
+    // Refusals and usage errors: one line each, exit 1 or 2.
+    const std::string rogue = " --trust " + published.dir.file("rogue.pem");
+    const struct {
+        std::string arguments;
+        int status;
+        std::string line;
+    } refusals[] = {
+        {"repo add main /elsewhere" + rogue, 1,
+         "tsapp: main: a repository of that name is recorded already (" + http.url("http", "ok") +
+             ")\n"},
+        {"repo add other " + http.url("http", "ok") + rogue, 1,
+         "tsapp: other: the index's signature: the signer is not trusted"},
+        {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
+        {"install Nothing", 1,
+         "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
+        {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
+    };
+    for (const auto& r : refusals) {
+        const auto [status, text] = runTool(r.arguments + root, out);
+        EXPECT_EQ(status, r.status) << r.arguments;
+        EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
+    }
+    EXPECT_EQ(runTool("repo list" + root, out).second, "main  " + http.url("http", "ok") + "\n");
+
+    fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
+    fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));
+    packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}}, "",
+            " --sign " + published.dir.file("signer.key") + " --cert " +
+                published.dir.file("signer.pem"));
+    indexFolder(repo, published.signing());
+    EXPECT_EQ(runTool("outdated --json" + root, out).second,
+              "{\"guid\":\"" + guid +
+                  "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
+                  "\"repository\":\"main\"}\n");
+    EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+
+    // An older index, then a package whose bytes are not the indexed ones:
+    // one line each, nothing installed, nothing left in the downloads.
+    packApp(repo, "hello-1.11.tsappinstall", {{"version", "1.11"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const std::string newest = read_file(repo + "/index.json");
+    const std::string newestSignature = read_file(repo + "/index.json.p7s");
+    fs::copy(published.dir.file("index-1.json"), repo + "/index.json",
+             fs::copy_options::overwrite_existing);
+    fs::copy(published.dir.file("index-1.json.p7s"), repo + "/index.json.p7s",
+             fs::copy_options::overwrite_existing);
+    const auto apps = snapshot_tree(published.dir.file("root/apps"));
+    EXPECT_EQ(runTool("upgrade --all" + root, out),
+              std::make_pair(1, std::string("tsapp: main: the index is version 1, older than "
+                                            "version 2 seen before\n")));
+    write_file(repo + "/index.json", newest);
+    write_file(repo + "/index.json.p7s", newestSignature);
+    std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
+    bytes[bytes.size() / 2] ^= 1;
+    write_file(repo + "/hello-1.11.tsappinstall", bytes);
+    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
+    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+#!/usr/bin/env python3
+"""A repository server for the tests, on 127.0.0.1, that can misbehave.
+
+Usage: repo_server.py ROOT PORTFILE [CERT KEY]. The first path segment
+picks the behaviour for the package named by the rest: ok (ranges
+honoured), norange, short (closes halfway), more (sends more than its
+length), stall; redirect (to another host) and same (to ok/ on this host)
+apply to every file."""
+import http.server, os, ssl, sys, time
+
+ROOT = sys.argv[1]
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def log_message(self, *args):
+        pass
+
+    def do_GET(self):
+        mode, _, name = self.path.lstrip("/").partition("/")
+        if mode in ("redirect", "same"):
+            host = "localhost" if mode == "redirect" else "127.0.0.1"
+            self.send_response(302)
+            self.send_header("Location", "%s://%s:%d/ok/%s" % (
+                SCHEME, host, self.server.server_port, name))
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
+        if not name.endswith(".tsappinstall"):
+            mode = "ok"  # the index always arrives; the packages misbehave
+        path = os.path.join(ROOT, os.path.basename(name))
+        if not os.path.isfile(path):
+            self.send_error(404)
+            return
+        data = open(path, "rb").read()
+        start = 0
+        ranged = self.headers.get("Range", "")
+        if mode == "ok" and ranged.startswith("bytes="):
+            start = int(ranged[6:].split("-")[0])
+            self.send_response(206)
+            self.send_header("Content-Range", "bytes %d-%d/%d" % (start, len(data) - 1, len(data)))
+        else:
+            self.send_response(200)
+        body = data[start:] + (b"x" * 4096 if mode == "more" else b"")
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        if mode in ("short", "stall"):
+            self.wfile.write(body[: len(body) // 2])
+            self.wfile.flush()
+            if mode == "stall":
+                time.sleep(30)
+            return
+        self.wfile.write(body)
+
+
+server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+server.daemon_threads = True
+SCHEME = "http"
+if len(sys.argv) > 4:
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(sys.argv[3], sys.argv[4])
+    server.socket = context.wrap_socket(server.socket, server_side=True)
+    SCHEME = "https"
+with open(sys.argv[2] + ".tmp", "w") as out:
+    out.write(str(server.server_port))
+os.rename(sys.argv[2] + ".tmp", sys.argv[2])
+server.serve_forever()

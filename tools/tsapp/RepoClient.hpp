@@ -1,0 +1,41 @@
+#pragma once
+
+// Installing from repositories: the ones recorded in an apps root (repo
+// add, list, remove) or named with --repo, the highest index version seen
+// of each (kept in the root, so that an older index is refused), and the
+// commands that install, list and upgrade through them.
+
+#include <string>
+#include <vector>
+
+#include "Commands.hpp"
+#include "tsappinstall/repository/Client.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsapp::tool {
+
+// --repo LOCATION and --repo-ca PEM of install; install's --trust files
+// also check the index's signature.
+struct RepositoryChoice {
+    std::string location;
+    std::string serverCa;
+};
+
+void addRepositoryOptions(CLI::App* install, RepositoryChoice& choice);
+
+// Installs `argument`: a package file as it is; an app's name or GUID,
+// when no such file exists, as the newest version that fits `host` in the
+// repository chosen or, without one, in the recorded ones.
+void installArgument(tsappinstall::store::AppStore& apps, const std::string& argument,
+                     const RepositoryChoice& choice, const tsappinstall::store::HostProfile& host,
+                     tsappinstall::store::InstallOptions options);
+
+// repo add, repo list, repo remove (below `repo`), outdated and upgrade.
+std::vector<Command> addRepoRecords(CLI::App& app, CLI::App* repo);
+
+// The indexes `search` reads when it is given no --repo: every
+// repository recorded in the apps root `root` ("" for the default one),
+// each held to the highest index version seen of it before.
+std::vector<tsappinstall::repository::Repository> recordedIndexes(const std::string& root);
+
+}  // namespace tsapp::tool
