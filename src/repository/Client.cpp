@@ -14,6 +14,7 @@
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace tsappinstall::repository {
 namespace {

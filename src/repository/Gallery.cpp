@@ -4,8 +4,11 @@
 #include <map>
 
 #include "platform/base/Ascii.hpp"
+#include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace tsappinstall::repository {
+
+using opc::detail::markup_escaped;
 namespace {
 
 // Plain CSS: a grid of cards that folds to one column on a phone, visible
@@ -48,7 +51,7 @@ q.addEventListener('input',apply);p.addEventListener('change',apply);})();
 std::string head(const std::string& title) {
     return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>" +
-           escapeHtml(title) + "</title>\n" + kStyle + "</head>\n<body>\n";
+           markup_escaped(title) + "</title>\n" + kStyle + "</head>\n<body>\n";
 }
 
 std::string join(const std::vector<std::string>& items, const char* separator) {
@@ -71,33 +74,35 @@ std::string size(std::uint64_t bytes) {
 
 std::string signedMark(const PackageEntry& e) {
     if (e.signer.empty()) return "<p class=\"unsigned\">Not signed</p>\n";
-    return "<p class=\"signed\" title=\"SHA-256 " + escapeHtml(e.signerFingerprint) +
-           "\">Signed by " + escapeHtml(e.signer) + "</p>\n";
+    return "<p class=\"signed\" title=\"SHA-256 " + markup_escaped(e.signerFingerprint) +
+           "\">Signed by " + markup_escaped(e.signer) + "</p>\n";
 }
 
 // `prefix` leads from the page to the repository's folder.
 std::string image(const std::string& path, const std::string& alt, const std::string& prefix,
                   const char* cssClass) {
     if (path.empty()) return {};
-    return "<img class=\"" + std::string(cssClass) + "\" src=\"" + escapeHtml(prefix + path) +
-           "\" alt=\"" + escapeHtml(alt) + "\">\n";
+    return "<img class=\"" + std::string(cssClass) + "\" src=\"" + markup_escaped(prefix + path) +
+           "\" alt=\"" + markup_escaped(alt) + "\">\n";
 }
 
 std::string card(const std::vector<const PackageEntry*>& versions) {
     const PackageEntry& e = *versions.front();
     const std::string text =
         opc::detail::ascii_lower(e.name + ' ' + e.summary + ' ' + e.authorName);
-    std::string out = "<li class=\"card\" data-text=\"" + escapeHtml(text) +
-                      "\" data-platforms=\"" + escapeHtml(join(e.platforms, " ")) + "\">\n";
+    std::string out = "<li class=\"card\" data-text=\"" + markup_escaped(text) +
+                      "\" data-platforms=\"" + markup_escaped(join(e.platforms, " ")) + "\">\n";
     out += image(e.icon, "Icon of " + e.name, "", "icon");
-    out += "<h2><a href=\"apps/" + appPageName(e.guid) + "\">" + escapeHtml(e.name) + "</a></h2>\n";
-    out += "<p class=\"meta\">Version " + escapeHtml(e.version) + " by " +
-           escapeHtml(e.authorName.empty() ? "an unnamed author" : e.authorName) + "</p>\n";
-    out += "<p class=\"summary\">" + escapeHtml(e.summary) + "</p>\n";
-    out += "<p class=\"meta\">" + escapeHtml(releaseRange(e)) + "; " +
-           escapeHtml(e.platforms.empty() ? "any platform" : join(e.platforms, ", ")) + "</p>\n";
+    out += "<h2><a href=\"apps/" + appPageName(e.guid) + "\">" + markup_escaped(e.name) +
+           "</a></h2>\n";
+    out += "<p class=\"meta\">Version " + markup_escaped(e.version) + " by " +
+           markup_escaped(e.authorName.empty() ? "an unnamed author" : e.authorName) + "</p>\n";
+    out += "<p class=\"summary\">" + markup_escaped(e.summary) + "</p>\n";
+    out += "<p class=\"meta\">" + markup_escaped(releaseRange(e)) + "; " +
+           markup_escaped(e.platforms.empty() ? "any platform" : join(e.platforms, ", ")) +
+           "</p>\n";
     out += signedMark(e);
-    out += "<p class=\"meta\"><a href=\"" + escapeHtml(e.file) + "\" download>Download</a> (" +
+    out += "<p class=\"meta\"><a href=\"" + markup_escaped(e.file) + "\" download>Download</a> (" +
            size(e.size) + ")</p>\n</li>\n";
     return out;
 }
@@ -114,41 +119,15 @@ std::vector<std::string> allPlatforms(const Index& index) {
 std::string versionRow(const PackageEntry& e) {
     std::string products;
     for (const Product& p : e.requiredProducts)
-        products += escapeHtml((p.name.empty() ? p.identifier : p.name) + " " + p.version) + "<br>";
-    return "<tr><td>" + escapeHtml(e.version) + "</td><td>" + escapeHtml(releaseRange(e)) +
+        products +=
+            markup_escaped((p.name.empty() ? p.identifier : p.name) + " " + p.version) + "<br>";
+    return "<tr><td>" + markup_escaped(e.version) + "</td><td>" + markup_escaped(releaseRange(e)) +
            "</td><td>" + (products.empty() ? "none" : products) + "</td><td><a href=\"../" +
-           escapeHtml(e.file) + "\" download>" + escapeHtml(e.file) + "</a> (" + size(e.size) +
-           ")</td><td><code>" + escapeHtml(e.sha256) + "</code></td></tr>\n";
+           markup_escaped(e.file) + "\" download>" + markup_escaped(e.file) + "</a> (" +
+           size(e.size) + ")</td><td><code>" + markup_escaped(e.sha256) + "</code></td></tr>\n";
 }
 
 }  // namespace
-
-std::string escapeHtml(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&#39;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
 
 std::string appPageName(const std::string& guid) {
     std::string name;
@@ -184,7 +163,7 @@ std::string galleryPage(const Index& index) {
         "<select id=\"platform\" aria-label=\"Platform\" hidden>\n<option value=\"\">All "
         "platforms</option>\n";
     for (const std::string& p : allPlatforms(index))
-        out += "<option>" + escapeHtml(p) + "</option>\n";
+        out += "<option>" + markup_escaped(p) + "</option>\n";
     out += "</select>\n</header>\n<main>\n<p class=\"meta\">Index version " +
            std::to_string(index.version) + ", generated " + formatUtc(index.generated) +
            ", valid until " + formatUtc(index.expires) + ".</p>\n<ul class=\"cards\">\n";
@@ -199,16 +178,18 @@ std::string appPage(const std::vector<const PackageEntry*>& versions) {
     std::string out = head(e.name);
     out += "<p><a href=\"../index.html\">All apps</a></p>\n<main>\n";
     out += image(e.icon, "Icon of " + e.name, "../", "icon");
-    out += "<h1>" + escapeHtml(e.name) + "</h1>\n";
-    out += "<p class=\"meta\">Version " + escapeHtml(e.version) + " by " +
-           escapeHtml(e.authorName) +
-           (e.authorOrganization.empty() ? "" : ", " + escapeHtml(e.authorOrganization)) + "</p>\n";
+    out += "<h1>" + markup_escaped(e.name) + "</h1>\n";
+    out += "<p class=\"meta\">Version " + markup_escaped(e.version) + " by " +
+           markup_escaped(e.authorName) +
+           (e.authorOrganization.empty() ? "" : ", " + markup_escaped(e.authorOrganization)) +
+           "</p>\n";
     out += signedMark(e);
-    out += "<p class=\"summary\">" + escapeHtml(e.summary) + "</p>\n";
+    out += "<p class=\"summary\">" + markup_escaped(e.summary) + "</p>\n";
     out += image(e.screenshot, "Screenshot of " + e.name, "../", "shot");
-    out += "<p class=\"description\">" + escapeHtml(e.description) + "</p>\n";
-    out += "<p class=\"meta\">GUID <code>" + escapeHtml(e.guid) + "</code>; " +
-           escapeHtml(e.platforms.empty() ? "any platform" : join(e.platforms, ", ")) + "</p>\n";
+    out += "<p class=\"description\">" + markup_escaped(e.description) + "</p>\n";
+    out += "<p class=\"meta\">GUID <code>" + markup_escaped(e.guid) + "</code>; " +
+           markup_escaped(e.platforms.empty() ? "any platform" : join(e.platforms, ", ")) +
+           "</p>\n";
     out +=
         "<h2>Versions</h2>\n<table>\n<thead><tr><th scope=\"col\">Version</th><th "
         "scope=\"col\">Releases</th><th scope=\"col\">Requires</th><th "

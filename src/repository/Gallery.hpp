@@ -23,7 +23,4 @@ std::vector<std::vector<const PackageEntry*>> appsOf(const Index& index);
 // The page's file name under apps/ for an app's GUID.
 std::string appPageName(const std::string& guid);
 
-// `text` safe in HTML text and in quoted attribute values.
-std::string escapeHtml(const std::string& text);
-
 }  // namespace tsappinstall::repository

@@ -10,6 +10,7 @@
 #include "platform/base/Ascii.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+#include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace tsappinstall::repository {
 namespace {
@@ -231,22 +232,6 @@ Index parseIndex(const std::string& textIn) {
         index.packages.push_back(std::move(e));
     }
     return index;
-}
-
-std::string formatUtc(std::int64_t seconds) {
-    const std::time_t t = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    gmtime_r(&t, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
-std::optional<std::int64_t> parseUtc(const std::string& text) {
-    std::tm parts{};
-    const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    if (end == nullptr || *end != '\0' || text.size() != 20) return std::nullopt;
-    return static_cast<std::int64_t>(timegm(&parts));
 }
 
 bool isCompatible(const PackageEntry& entry, const HostProfile& host) {

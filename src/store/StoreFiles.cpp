@@ -173,15 +173,25 @@ void walk(const FileOps& ops, int folder, const std::string& shown,
     }
 }
 
-bool removeFile(const FileOps& ops, int folder, const std::string& path, const std::string& shown) {
-    const auto [parent, name] = splitLast(path);
+namespace {
+
+// The folder holding `parent` beneath `folder`; empty when a folder on the
+// way is gone or was replaced by a link: nothing of ours is there.
+OpsFd openParent(const FileOps& ops, int folder, const std::string& parent,
+                 const std::string& shown) {
     OpsFd dir(ops, parent.empty() ? ops.dup(folder)
                                   : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
-    if (!dir) {
-        // A folder on the way gone, or replaced by a link: nothing of ours there.
-        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV) return false;
+    if (!dir && !(errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV))
         failed(shown + "/" + parent + " cannot be opened", errno);
-    }
+    return dir;
+}
+
+}  // namespace
+
+bool removeFile(const FileOps& ops, int folder, const std::string& path, const std::string& shown) {
+    const auto [parent, name] = splitLast(path);
+    const OpsFd dir = openParent(ops, folder, parent, shown);
+    if (!dir) return false;
     if (ops.unlinkat(dir.get(), name.c_str(), 0) == 0) return true;
     if (errno == ENOENT) return false;
     if (errno == EISDIR || errno == EPERM) {
@@ -194,12 +204,8 @@ bool removeFile(const FileOps& ops, int folder, const std::string& path, const s
 bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
                        const std::string& shown) {
     const auto [parent, name] = splitLast(path);
-    OpsFd dir(ops, parent.empty() ? ops.dup(folder)
-                                  : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
-    if (!dir) {
-        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV) return false;
-        failed(shown + "/" + parent + " cannot be opened", errno);
-    }
+    const OpsFd dir = openParent(ops, folder, parent, shown);
+    if (!dir) return false;
     if (ops.unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) return true;
     if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOENT || errno == ENOTDIR) return false;
     failed(shown + "/" + path + " cannot be removed", errno);

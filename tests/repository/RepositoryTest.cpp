@@ -13,6 +13,7 @@
 #include "support/TestSupport.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
+#include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace {
 
@@ -289,7 +290,7 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
         {"expired", http.url("http", "ok"),
          [&](ClientOptions& o, PackageEntry&) { o.now = index.expires + 86400 * 3; },
          FaultKind::ExpiredIndex,
-         "the index expired at " + formatUtc(index.expires) + ", 3 days ago"},
+         "the index expired at " + tsappinstall::formatUtc(index.expires) + ", 3 days ago"},
         {"rollback", http.url("http", "ok"),
          [](ClientOptions& o, PackageEntry&) { o.highestSeen = 2; }, FaultKind::IndexRollback,
          "the index is version 1, older than version 2 seen before"},

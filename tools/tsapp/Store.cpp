@@ -19,6 +19,7 @@
 #include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/store/AppStore.hpp"
+#include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -59,15 +60,6 @@ void failOnStore(const std::string& subject, const store::StoreError& error) {
 
 namespace {
 
-std::string utcTime(std::int64_t seconds) {
-    const std::time_t time = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    gmtime_r(&time, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
 Json versionJson(const store::InstalledVersion& v) {
     Json host = Json::parse(v.hostProfile, nullptr, false);
     return {{"guid", v.guid},
@@ -79,7 +71,7 @@ Json versionJson(const store::InstalledVersion& v) {
             {"signer", v.signerFingerprint.empty() ? Json(nullptr)
                                                    : Json{{"subject", v.signerSubject},
                                                           {"fingerprint", v.signerFingerprint}}},
-            {"installed", utcTime(v.installedAt)},
+            {"installed", tsappinstall::formatUtc(v.installedAt)},
             {"host", host.is_discarded() ? Json(nullptr) : host},
             {"forced", v.forced},
             {"forcedReasons", v.forcedReasons}};
@@ -243,8 +235,8 @@ void printVersion(const store::InstalledApp& app) {
               << (v.signerFingerprint.empty()
                       ? "none verified"
                       : v.signerSubject + " (SHA-256 " + v.signerFingerprint + ")")
-              << "\ninstalled: " << utcTime(v.installedAt) << "\nhost: " << v.hostProfile
-              << "\nforced: " << (v.forced ? "yes" : "no") << "\n";
+              << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
+              << "\nhost: " << v.hostProfile << "\nforced: " << (v.forced ? "yes" : "no") << "\n";
     for (const auto& reason : v.forcedReasons) std::cout << "  " << reason << "\n";
     for (const auto& previous : app.previous)
         std::cout << "previous: " << previous.version << " in " << previous.folder.string() << "\n";

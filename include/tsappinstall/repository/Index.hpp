@@ -77,10 +77,6 @@ TSAPP_API std::string formatIndex(const Index& index);
 // BadIndex naming the first rule broken.
 TSAPP_API Index parseIndex(const std::string& text);
 
-// "2026-11-25T08:40:11Z" and back; nullopt for any other form.
-TSAPP_API std::string formatUtc(std::int64_t seconds);
-TSAPP_API std::optional<std::int64_t> parseUtc(const std::string& text);
-
 // Versions and hosts are the store's: an app the repository offers fits a
 // host exactly when the store would install it there without --force.
 using store::compareVersions;

@@ -83,4 +83,33 @@ inline std::optional<std::string> percent_decoded(const std::string& text) {
     return out;
 }
 
+// Text safe inside XML or HTML, in an element or a quoted attribute.
+// '&#39;' rather than '&apos;', which HTML 4 does not know.
+inline std::string markup_escaped(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
 }  // namespace opc::detail

@@ -38,33 +38,7 @@ using detail::EncodedPart;
 using detail::PartEncoder;
 using detail::ZipOutput;
 using opc::detail::ascii_lower;
-
-std::string escape_xml(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&apos;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
+using opc::detail::markup_escaped;
 
 // The extension of a part name's last segment, lower-cased; empty if none.
 std::string extension_of(const std::string& partName) {
@@ -152,12 +126,12 @@ struct PackageWriter::Impl {
         xml += kContentTypesNamespace;
         xml += "\">";
         for (const auto& [ext, type] : defaults) {
-            xml += "<Default Extension=\"" + escape_xml(ext) + "\" ContentType=\"" +
-                   escape_xml(type) + "\"/>";
+            xml += "<Default Extension=\"" + markup_escaped(ext) + "\" ContentType=\"" +
+                   markup_escaped(type) + "\"/>";
         }
         for (const auto& [name, type] : overrides) {
-            xml += "<Override PartName=\"" + escape_xml(name) + "\" ContentType=\"" +
-                   escape_xml(type) + "\"/>";
+            xml += "<Override PartName=\"" + markup_escaped(name) + "\" ContentType=\"" +
+                   markup_escaped(type) + "\"/>";
         }
         return xml + "</Types>";
     }
@@ -169,8 +143,8 @@ struct PackageWriter::Impl {
         xml += kRelationshipsNamespace;
         xml += "\">";
         for (const PendingRelationship& r : relationships) {
-            xml += "<Relationship Id=\"" + escape_xml(r.id) + "\" Type=\"" + escape_xml(r.type) +
-                   "\" Target=\"" + escape_xml(r.target) + "\"/>";
+            xml += "<Relationship Id=\"" + markup_escaped(r.id) + "\" Type=\"" +
+                   markup_escaped(r.type) + "\" Target=\"" + markup_escaped(r.target) + "\"/>";
         }
         return xml + "</Relationships>";
     }
