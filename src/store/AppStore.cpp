@@ -671,9 +671,11 @@ std::optional<std::string> AppStore::state(const std::string& scope, const std::
     return impl_->records->state(scope, key);
 }
 
-void AppStore::setState(const std::string& scope, const std::string& key,
-                        const std::string& value) {
-    impl_->records->setState(scope, key, value);
+void AppStore::updateState(const std::string& scope, const std::string& key,
+                           const StateChange& change) {
+    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
+    if (auto value = change(impl_->records->state(scope, key)))
+        impl_->records->setState(scope, key, *value);
 }
 
 }  // namespace tsappinstall::store

@@ -244,8 +244,11 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
 TEST_F(Store, KeepsStateForItsUsers) {
     AppStore apps(root());
     EXPECT_FALSE(apps.state("repo:main", "index"));
-    apps.setState("repo:main", "index", "41");
-    apps.setState("repo:main", "index", "42");
+    const auto set = [](const char* value) {
+        return [value](const std::optional<std::string>&) { return std::string(value); };
+    };
+    apps.updateState("repo:main", "index", set("41"));
+    apps.updateState("repo:main", "index", set("42"));
     EXPECT_EQ(AppStore(root()).state("repo:main", "index"), "42");
 }
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -56,8 +57,7 @@ std::optional<Source> sourceOf(const Json& json) {
     return s;
 }
 
-std::vector<Source> recorded(const store::AppStore& apps) {
-    const auto text = apps.state(kScope, kRecordsKey);
+std::vector<Source> sourcesOf(const std::optional<std::string>& text) {
     const Json all = text ? Json::parse(*text, nullptr, false) : Json::array();
     std::vector<Source> sources;
     if (!all.is_array()) return sources;
@@ -66,10 +66,21 @@ std::vector<Source> recorded(const store::AppStore& apps) {
     return sources;
 }
 
-void record(store::AppStore& apps, const std::vector<Source>& sources) {
-    Json all = Json::array();
-    for (const auto& s : sources) all.push_back(toJson(s));
-    apps.setState(kScope, kRecordsKey, all.dump());
+std::vector<Source> recorded(const store::AppStore& apps) {
+    return sourcesOf(apps.state(kScope, kRecordsKey));
+}
+
+// Changes the recorded repositories with the root's lock held, so that
+// two commands at once never drop each other's change.
+void changeRecords(store::AppStore& apps,
+                   const std::function<void(std::vector<Source>& sources)>& change) {
+    apps.updateState(kScope, kRecordsKey, [&](const std::optional<std::string>& text) {
+        std::vector<Source> sources = sourcesOf(text);
+        change(sources);
+        Json all = Json::array();
+        for (const auto& s : sources) all.push_back(toJson(s));
+        return std::optional<std::string>(all.dump());
+    });
 }
 
 // Paths as recorded: later commands may run from another folder.
@@ -94,8 +105,11 @@ repository::Repository fetch(store::AppStore& apps, const Source& source) {
         };
     try {
         repository::Repository repo(source.location, options);
-        if (repo.highestSeen() > options.highestSeen)
-            apps.setState(kSeenScope, source.key(), std::to_string(repo.highestSeen()));
+        apps.updateState(kSeenScope, source.key(), [&](const std::optional<std::string>& now) {
+            // Another command may have seen a higher version meanwhile.
+            if (now && std::stoull(*now) >= repo.highestSeen()) return std::optional<std::string>();
+            return std::optional<std::string>(std::to_string(repo.highestSeen()));
+        });
         return repo;
     } catch (const store::StoreError& e) {
         failOnStore(source.key(), e);
@@ -189,7 +203,9 @@ void installOffer(store::AppStore& apps, const Offer& offer, const store::HostPr
                options);
     // By the GUID as the store spells it, which outdated looks it up by.
     const std::string guid = apps.show(offer.entry->guid).current.guid;
-    apps.setState(kOriginScope, guid, toJson(offer.source).dump());
+    apps.updateState(kOriginScope, guid, [&](const std::optional<std::string>&) {
+        return std::optional<std::string>(toJson(offer.source).dump());
+    });
 }
 
 }  // namespace
@@ -247,17 +263,22 @@ struct RecordSettings {
 
 int runAdd(RecordSettings& s) {
     const auto apps = openRoot(s.root);
-    auto sources = recorded(*apps);
-    for (const Source& known : sources)
-        if (known.name == s.source.name)
-            throw Failure(s.source.name,
-                          "a repository of that name is recorded already (" + known.location + ")");
+    const auto refuseKnown = [&](const std::vector<Source>& sources) {
+        for (const Source& known : sources)
+            if (known.name == s.source.name)
+                throw Failure(s.source.name, "a repository of that name is recorded already (" +
+                                                 known.location + ")");
+    };
+    // Before the index is fetched, and again where it is recorded.
+    refuseKnown(recorded(*apps));
     for (auto& trust : s.source.trust) trust = absolute(trust);
     if (!s.source.serverCa.empty()) s.source.serverCa = absolute(s.source.serverCa);
     // Recorded only once its index was read and accepted.
     const auto repo = fetch(*apps, s.source);
-    sources.push_back(s.source);
-    record(*apps, sources);
+    changeRecords(*apps, [&](std::vector<Source>& now) {
+        refuseKnown(now);
+        now.push_back(s.source);
+    });
     std::cout << "added " << s.source.name << ": " << s.source.location << ", index version "
               << repo.index().version << ", " << repo.index().packages.size() << " packages\n";
     return kGood;
@@ -280,13 +301,14 @@ int runList(const RecordSettings& s) {
 
 int runRemove(const RecordSettings& s) {
     const auto apps = openRoot(s.root);
-    auto sources = recorded(*apps);
-    const auto before = sources.size();
-    sources.erase(std::remove_if(sources.begin(), sources.end(),
-                                 [&](const Source& known) { return known.name == s.source.name; }),
-                  sources.end());
-    if (sources.size() == before) throw Failure(s.source.name, "no repository of that name");
-    record(*apps, sources);
+    changeRecords(*apps, [&](std::vector<Source>& sources) {
+        const auto before = sources.size();
+        sources.erase(
+            std::remove_if(sources.begin(), sources.end(),
+                           [&](const Source& known) { return known.name == s.source.name; }),
+            sources.end());
+        if (sources.size() == before) throw Failure(s.source.name, "no repository of that name");
+    });
     std::cout << "removed " << s.source.name << "\n";
     return kGood;
 }

@@ -10,7 +10,7 @@
 // failing call) is settled from the database by the next writer to open
 // the root, or by recover(), so files and records always agree.
 //
-// Writers (install, remove, rollback, recover, setState) hold an exclusive
+// Writers (install, remove, rollback, recover, updateState) hold an exclusive
 // lock on ROOT/.lock for the whole operation; audits hold it shared; list
 // and show read one database snapshot. An AppStore object is used by one
 // thread at a time; several objects, threads or processes may work on one
@@ -176,7 +176,13 @@ class TSAPP_API AppStore {
     // Small state of the store's users (a repository's highest index
     // version seen), kept in the same database.
     std::optional<std::string> state(const std::string& scope, const std::string& key) const;
-    void setState(const std::string& scope, const std::string& key, const std::string& value);
+    // Reads the value and writes what `change` makes of it (nothing when it
+    // returns nullopt) with the root's lock held, so two processes changing
+    // one value never lose each other's change. What `change` throws
+    // leaves the value as it was.
+    using StateChange =
+        std::function<std::optional<std::string>(const std::optional<std::string>& current)>;
+    void updateState(const std::string& scope, const std::string& key, const StateChange& change);
 
   private:
     struct Impl;
