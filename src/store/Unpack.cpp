@@ -74,6 +74,8 @@ opc::extraction::Options extractionOptions(const InstallOptions& options) {
     opc::extraction::Options extraction;
     extraction.sync = options.sync;
     extraction.cancelled = options.cancelled;
+    extraction.threads = options.threads;
+    extraction.progress = options.progress;
     return extraction;
 }
 
@@ -187,7 +189,6 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     opc::extraction::Options extraction = extractionOptions(options);
     extraction.observer = &observer;
     opc::extraction::Extractor extractor(package, selector, std::move(extraction));
-    if (options.progress) extractor.setProgress(options.progress);
     Unpacked unpacked;
     unpacked.leftAside = extractor
                              .extractAll(folder, opc::qvservices::RestoreMode::AllParts,

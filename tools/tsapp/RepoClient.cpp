@@ -447,6 +447,9 @@ std::vector<Command> addRepoRecords(CLI::App& app, CLI::App* repo) {
                       "Upgrade even when another signer signed the installed version");
     upgrade->add_flag("--sync", up->options.sync,
                       "Flush every file to disk before the records commit");
+    up->options.threads = 0;
+    upgrade->add_option("-j,--jobs", up->options.threads,
+                        "Parts unpacked at once, each on a thread (default: one per core)");
 
     const auto rootOf = [](const RootOption& option) {
         return

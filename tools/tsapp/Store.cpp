@@ -371,6 +371,9 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     install->add_flag("--sync", in->options.sync,
                       "Flush every file to disk before the records commit");
+    in->options.threads = 0;
+    install->add_option("-j,--jobs", in->options.threads,
+                        "Parts unpacked at once, each on a thread (default: one per core)");
     addRepositoryOptions(install, in->repository);
 
     auto listed = std::make_shared<ReadSettings>();

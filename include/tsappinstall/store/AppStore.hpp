@@ -61,6 +61,8 @@ struct InstallOptions {
     bool allowDowngrade = false;
     bool allowSignerChange = false;
     bool sync = false;  // flush every file to disk before the records commit
+    // Parts unpacked at once, each on a thread; 0: one per core.
+    unsigned threads = 1;
     std::function<bool()> cancelled;
     opc::qvservices::FileSystemManager::Progress progress;
 };
