@@ -8,6 +8,8 @@
 #include <xercesc/framework/XMLGrammarPoolImpl.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
+#include <xercesc/validators/schema/ComplexTypeInfo.hpp>
+#include <xercesc/validators/schema/SchemaGrammar.hpp>
 
 #include <cstring>
 #include <memory>
@@ -34,8 +36,30 @@ XercesPtr<DOMLSInput> schemaInput() {
     return input;
 }
 
+// A schema type builds its content model, and the text of it that errors
+// quote, on first use; two threads validating at once would both build
+// them, one copy lost and both written unguarded. Built here, before the
+// pool is shared, they are only read.
+void build_content_models(const XMLGrammarPool& pool) {
+    RefHashTableOfEnumerator<Grammar> grammars = pool.getGrammarEnumerator();
+    while (grammars.hasMoreElements()) {
+        Grammar& grammar = grammars.nextElement();
+        if (grammar.getGrammarType() != Grammar::SchemaGrammarType) continue;
+        RefHashTableOf<ComplexTypeInfo>* types =
+            static_cast<SchemaGrammar&>(grammar).getComplexTypeRegistry();
+        if (types == nullptr) continue;
+        RefHashTableOfEnumerator<ComplexTypeInfo> each(types, false);
+        while (each.hasMoreElements()) {
+            ComplexTypeInfo& type = each.nextElement();
+            type.getContentModel();
+            type.getFormattedContentModel();
+        }
+    }
+}
+
 // Only the grammars of a locked pool are used, never added to; Xerces-C
-// lets any number of parsers, in any threads, share such a pool.
+// lets any number of parsers, in any threads, share such a pool once
+// every lazily built part of it is built.
 std::unique_ptr<XMLGrammarPool> compile_schema() {
     auto pool = std::make_unique<XMLGrammarPoolImpl>(XMLPlatformUtils::fgMemoryManager);
     const XercesPtr<DOMLSParser> loader(opc::model::XercesHelper::createParser(pool.get()));
@@ -43,6 +67,7 @@ std::unique_ptr<XMLGrammarPool> compile_schema() {
     opc::model::XercesErrorHandler handler;
     const opc::model::detail::ScopedErrorHandler scoped(loader.get(), &handler);
     loader->loadGrammar(schemaInput().get(), Grammar::SchemaGrammarType, true);
+    build_content_models(*pool);
     pool->lockPool();
     return pool;
 }
