@@ -28,8 +28,7 @@ python3 "$here/make_big_package.py" "$pkg"
 src=$work/src
 "$tsapp" extract "$pkg" "$src" >/dev/null
 rm -rf "$src/_digests" "$src/_rels"
-head -c 2000 /dev/urandom >"$src/icon.png"
-cp "$src/icon.png" "$src/screenshot.png"
+cp "$here/../sample/app/icon.png" "$here/../sample/app/screenshot.png" "$src/"
 cat >"$src/tsapp.json" <<'EOF'
 {"entryPoint": "d00/s0/text0000.txt", "name": "Bench", "version": "1.0",
  "author": {"name": "Bench"}, "icon": "icon.png", "screenshot": "screenshot.png"}
