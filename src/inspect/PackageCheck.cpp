@@ -1,4 +1,5 @@
 #include "tsappinstall/inspect/PackageCheck.hpp"
+#include "OpenedCheck.hpp"
 
 #include "integrity/PackageItems.hpp"
 #include "integrity/VerifySteps.hpp"
@@ -170,8 +171,30 @@ FaultKind manifestKind(ManifestFault fault) {
 }
 
 // Returns the manifest's part name, empty when there is no single one.
+// Hashes what the manifest's reader takes, so that a caller can tell the
+// checked manifest from any other by its bytes.
+class HashingStream final : public opc::InputStream {
+  public:
+    explicit HashingStream(opc::InputStream& inner) : inner_(inner) {}
+    std::size_t read(unsigned char* buffer, std::size_t size) override {
+        const std::size_t n = inner_.read(buffer, size);
+        sha_.update(buffer, n);
+        return n;
+    }
+    std::string finishHex() {
+        unsigned char rest[4096];
+        while (read(rest, sizeof rest) > 0) {
+        }
+        return sha_.finishHex();
+    }
+
+  private:
+    opc::InputStream& inner_;
+    integrity::Sha256 sha_;
+};
+
 std::string readManifest(opc::model::Package& package, AppManifestSerializer& serializer,
-                         Report& report) {
+                         Report& report, std::string* manifestSha256 = nullptr) {
     const auto found = package.getRelationshipsByType(
         fl::i18n::to_ustring(apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
     if (found.size() != 1) {
@@ -184,7 +207,9 @@ std::string readManifest(opc::model::Package& package, AppManifestSerializer& se
         opc::model::Part part = package.getPart(name);
         AppManifest record;
         std::string text;
-        const ManifestFault fault = loadManifest(serializer, part.getInputStream(), record, text);
+        HashingStream stream(part.getInputStream());
+        const ManifestFault fault = loadManifest(serializer, stream, record, text);
+        if (manifestSha256) *manifestSha256 = stream.finishHex();
         if (fault == ManifestFault::None || fault == ManifestFault::BadSignature)
             report.manifest = std::move(record);
         if (fault != ManifestFault::None)
@@ -265,10 +290,21 @@ void checkReservedNames(const opc::model::Package& package, Report& report) {
                     ": the extractor keeps its own state under names beginning with \".~tsapp\"");
 }
 
+// The kind first ("cannot be read", "not a ZIP file"), then the detail.
+void addUnreadable(Report& report, const opc::Exception& e) {
+    const std::string kind =
+        e.reason() == opc::Reason::Other ? std::string() : std::string(describe(e.reason())) + ": ";
+    add(report, FaultKind::UnreadablePackage,
+        describe(FaultKind::UnreadablePackage) + (": " + kind) + e.what());
+}
+
 }  // namespace
 
+namespace detail {
+
 Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
-                    bool decodeParts, unsigned threads) {
+                    bool decodeParts, unsigned threads,
+                    std::optional<opc::model::OpenedPackage>& opened, std::string* manifestSha256) {
     Report report;
     if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
         add(report, FaultKind::NotAppFile,
@@ -276,29 +312,37 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         return report;
     }
     try {
-        opc::model::OpenedPackage opened(path);
-        report.warnings = opened.warnings();
-        opc::model::Package& package = opened.package();
+        opened.emplace(path);
+        report.warnings = opened->warnings();
+        opc::model::Package& package = opened->package();
         checkReservedNames(package, report);
         std::vector<Fault> digestFaults;
         if (decodeParts) {
             pinManifest(package);
             digestFaults = decodeEveryPart(package, threads, report);
         }
-        const std::string manifestPart = readManifest(package, serializer, report);
+        const std::string manifestPart = readManifest(package, serializer, report, manifestSha256);
         checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);
         checkRelationship(package, apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",
                           report);
         if (report.manifest) checkAgainstManifest(package, manifestPart, report);
         report.faults.insert(report.faults.end(), digestFaults.begin(), digestFaults.end());
-        opened.close();
     } catch (const opc::Exception& e) {
-        // The kind first ("cannot be read", "not a ZIP file"), then the detail.
-        const std::string kind = e.reason() == opc::Reason::Other
-                                     ? std::string()
-                                     : std::string(describe(e.reason())) + ": ";
-        add(report, FaultKind::UnreadablePackage,
-            describe(FaultKind::UnreadablePackage) + (": " + kind) + e.what());
+        addUnreadable(report, e);
+    }
+    return report;
+}
+
+}  // namespace detail
+
+Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
+                    bool decodeParts, unsigned threads) {
+    std::optional<opc::model::OpenedPackage> opened;
+    Report report = detail::checkPackage(path, serializer, decodeParts, threads, opened, nullptr);
+    try {
+        if (opened) opened->close();
+    } catch (const opc::Exception& e) {
+        addUnreadable(report, e);
     }
     return report;
 }

@@ -4,19 +4,20 @@
 
 #include <algorithm>
 #include <ctime>
-#include <future>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <utility>
 
+#include "PackageHash.hpp"
 #include "Records.hpp"
 #include "Schema.hpp"
 #include "StoreFiles.hpp"
 #include "Unpack.hpp"
+#include "inspect/OpenedCheck.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
-#include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
@@ -76,30 +77,24 @@ std::string folderNameFor(const std::string& version) {
     return name + "-" + randomToken();
 }
 
-std::string sha256OfFile(const std::filesystem::path& file) {
-    const FileOps& ops = opc::detail::posixFileOps();
-    const OpsFd fd(ops, ops.openat(AT_FDCWD, file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) failed(file.string() + " cannot be read", errno);
-    return sha256Of(ops, fd.get(), file.string());
-}
-
 // The manifest as unpacked must be the one checked: the package file may
-// have been replaced between the check and the unpacking, which read it
-// apart.
-void checkUnpackedManifest(opc::model::Package& package, const std::filesystem::path& folder,
-                           const AppManifest& checked) {
+// have been changed in place between the check and the unpacking. The
+// unpacked file's digest (checked against the digest list, or computed, as
+// its bytes were written) must be that of the bytes the check read.
+void checkUnpackedManifest(opc::model::Package& package, const std::vector<InstalledFile>& files,
+                           const std::string& checkedSha256) {
     const auto found = package.getRelationshipsByType(
         fl::i18n::to_ustring(Corvane::addons::apps::APP_PROPERTIES_RELATIONSHIP_TYPE));
-    AppManifest unpacked;
+    bool same = false;
     if (found.size() == 1) {
         const opc::model::PartName name(found.front().getTargetURI());
-        const auto file =
-            folder / opc::detail::joinSegments(opc::detail::fileSegmentsFor(name.ascii(), true));
-        AppManifestSerializer serializer;
-        serializer.load(fl::i18n::to_ustring(file.string()), unpacked);
+        const std::string path =
+            opc::detail::joinSegments(opc::detail::fileSegmentsFor(name.ascii(), true));
+        const auto file = std::find_if(files.begin(), files.end(),
+                                       [&](const InstalledFile& f) { return f.path == path; });
+        same = file != files.end() && file->sha256 == checkedSha256;
     }
-    if (unpacked.GUID != checked.GUID || unpacked.version != checked.version ||
-        unpacked.name != checked.name)
+    if (!same)
         refuse(StoreError::Reason::BadPackage, "the package changed while it was being installed");
 }
 
@@ -245,11 +240,15 @@ struct AppStore::Impl {
 
     InstallResult install(const std::filesystem::path& package, const HostProfile& host,
                           const InstallOptions& installOptions) {
+        PackageHash packageSha(package);  // the package is no part of the root
         RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
         db->exec(installOptions.sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
         AppManifestSerializer serializer;
-        const inspect::Report report = inspect::checkPackage(package, serializer, false);
+        std::optional<opc::model::OpenedPackage> opened;
+        std::string manifestSha256;
+        const inspect::Report report =
+            inspect::detail::checkPackage(package, serializer, false, 1, opened, &manifestSha256);
         if (!report.good() || !report.manifest) {
             std::vector<std::string> lines;
             for (const Fault& fault : report.faults) lines.push_back(fault.detail);
@@ -286,14 +285,12 @@ struct AppStore::Impl {
         const std::string relative = version.guid + "/" + folderNameFor(version.version);
         const std::int64_t pendingId =
             records->addPending("install", version.guid, relative, false);
-        auto packageSha = std::async(std::launch::async, sha256OfFile, package);
         Unpacked unpacked;
         try {
             makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
-            opc::model::OpenedPackage opened(package);
-            unpacked = unpack(opened.package(), folderOf(relative), installOptions, options.ops);
-            checkUnpackedManifest(opened.package(), folderOf(relative), manifest);
-            opened.close();
+            unpacked = unpack(opened->package(), folderOf(relative), installOptions, options.ops);
+            checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
+            opened->close();
             version.packageSha256 = packageSha.get();
             version.signerSubject = unpacked.signerSubject;
             version.signerFingerprint = unpacked.signerFingerprint;
@@ -301,7 +298,6 @@ struct AppStore::Impl {
             version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
             commitInstall(version, relative, unpacked.files, pendingId);
         } catch (...) {
-            if (packageSha.valid()) packageSha.wait();
             settleAfterFailure();
             throw;
         }

@@ -107,15 +107,26 @@ std::string linkTarget(int dir, const std::string& name) {
 }
 
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
-                   const std::string& shown) {
+                   const std::string& shown, FolderCache* cache) {
     FoundFile found;
     const auto [parent, name] = splitLast(path);
-    OpsFd dir(ops, parent.empty() ? ops.dup(folder)
-                                  : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
+    FolderCache own;
+    if (!cache) cache = &own;
+    int openError = 0;
+    if (!cache->fd || cache->parent != parent) {
+        cache->fd = OpsFd();  // the previous folder is closed before errno matters
+        cache->parent = parent;
+        cache->fd =
+            OpsFd(ops, parent.empty() ? ops.dup(folder)
+                                      : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
+        openError = errno;
+    }
+    const OpsFd& dir = cache->fd;
     if (!dir) {
-        if (errno == ENOENT || errno == ENOTDIR) return found;
-        if (errno == ELOOP || errno == EXDEV) return found.state = FoundFile::State::Link, found;
-        failed(shown + "/" + parent + " cannot be opened", errno);
+        if (openError == ENOENT || openError == ENOTDIR) return found;
+        if (openError == ELOOP || openError == EXDEV)
+            return found.state = FoundFile::State::Link, found;
+        failed(shown + "/" + parent + " cannot be opened", openError);
     }
     struct stat info {};
     if (ops.lstatat(dir.get(), name.c_str(), &info) != 0) {
@@ -134,11 +145,13 @@ FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool
     return found;
 }
 
-std::string sha256Of(const FileOps& ops, int fd, const std::string& shown, std::uint64_t* size) {
+std::string sha256Of(const FileOps& ops, int fd, const std::string& shown, std::uint64_t* size,
+                     const std::atomic<bool>* stop) {
     integrity::Sha256 sha;
-    std::vector<unsigned char> buffer(1 << 20);
+    std::vector<unsigned char> buffer(1 << 17);
     long long offset = 0;
     for (;;) {
+        if (stop && stop->load(std::memory_order_relaxed)) return {};
         const long n = ops.readAt(fd, buffer.data(), buffer.size(), offset);
         if (n < 0) failed(shown + " cannot be read", errno);
         sha.update(buffer.data(), static_cast<std::size_t>(n));

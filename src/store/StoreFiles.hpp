@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -57,12 +58,19 @@ struct FoundFile {
     unsigned mode = 0;
     std::string sha256;  // when asked for and a regular file
 };
+// The folder of the file last found, kept open for the next lookup: a
+// caller going through files sorted by path opens each folder once.
+struct FolderCache {
+    std::string parent;
+    OpsFd fd;
+};
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
-                   const std::string& shown);
+                   const std::string& shown, FolderCache* cache = nullptr);
 
 // SHA-256 of an open file's bytes, hex; its size in `size` when given.
+// Gives up (returns "") once `stop` is set.
 std::string sha256Of(const FileOps& ops, int fd, const std::string& shown,
-                     std::uint64_t* size = nullptr);
+                     std::uint64_t* size = nullptr, const std::atomic<bool>* stop = nullptr);
 
 // Calls `visit` for every entry below `folder` (relative paths, parents
 // first), never descending through a link.

@@ -104,13 +104,19 @@ std::vector<InstalledFile> recordsOf(opc::model::Package& package,
                                      const FileOps& ops) {
     OpsFd dir(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir) failed(folder.string() + " cannot be opened", errno);
+    std::vector<std::pair<std::string, std::string>> paths;  // file path, part name
+    for (const PartName& part : package.getPartNames())
+        paths.emplace_back(filePath(part), part.ascii());
+    std::sort(paths.begin(), paths.end());
     std::vector<InstalledFile> files;
-    for (const PartName& part : package.getPartNames()) {
+    FolderCache cache;
+    for (auto& [path, part] : paths) {
         InstalledFile file;
-        file.path = filePath(part);
-        const auto digest = digests.find(part.ascii());
+        file.path = std::move(path);
+        const auto digest = digests.find(part);
         const bool known = digest != digests.end();
-        const FoundFile found = findFile(ops, dir.get(), file.path, !known, folder.string());
+        const FoundFile found =
+            findFile(ops, dir.get(), file.path, !known, folder.string(), &cache);
         if (found.state != FoundFile::State::Regular)
             failed(folder.string() + "/" + file.path + " is gone after unpacking", ENOENT);
         file.size = found.size;
@@ -118,8 +124,6 @@ std::vector<InstalledFile> recordsOf(opc::model::Package& package,
         file.sha256 = known ? digest->second : found.sha256;
         files.push_back(std::move(file));
     }
-    std::sort(files.begin(), files.end(),
-              [](const InstalledFile& a, const InstalledFile& b) { return a.path < b.path; });
     return files;
 }
 
