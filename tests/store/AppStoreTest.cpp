@@ -42,10 +42,12 @@ std::string refusal(Call call) {
 
 class Store : public ::testing::Test {
   protected:
-    std::string pack(const AppSpec& spec, const std::string& name) {
-        return packApp(dir, spec, name);
+    std::string pack(const AppRecipe& recipe, const std::string& name) {
+        return packApp(dir, recipe, name);
     }
-    std::string v(const std::string& version) { return pack(AppSpec(version), "hello-" + version); }
+    std::string v(const std::string& version) {
+        return pack(AppRecipe(version), "hello-" + version);
+    }
     std::string root() const { return dir.file("root"); }
 
     // A CA and the signers A and B below it.
@@ -59,10 +61,10 @@ class Store : public ::testing::Test {
                       signer + ".pem";
         ASSERT_EQ(std::system(("(" + script + ") >/dev/null 2>&1").c_str()), 0);
     }
-    AppSpec signedBy(const std::string& signer, const std::string& version) {
-        AppSpec spec(version);
-        spec.signer = keys.file(signer);
-        return spec;
+    AppRecipe signedBy(const std::string& signer, const std::string& version) {
+        AppRecipe recipe(version);
+        recipe.signer = keys.file(signer);
+        return recipe;
     }
     std::string fingerprintOf(const std::string& signer) {
         const std::string out = dir.file(signer + ".fp");
@@ -129,7 +131,7 @@ TEST_F(Store, RefusesWithOneLinePerReasonAndChangesNothing) {
     InstallOptions trusting;
     trusting.trustAnchors = {keys.file("ca.pem")};
     apps.install(pack(signedBy("A", "1.3.0"), "a-1.3.0"), fittingHost(), trusting);
-    AppSpec picky("2.0.0");
+    AppRecipe picky("2.0.0");
     picky.fields = {{"minTESSALVer", "2026.10"},
                     {"supportedPlatforms", {"windows-x86_64"}},
                     {"requiredProducts",

@@ -21,10 +21,10 @@ TEST(StoreConcurrency, WritersAndReadersOnOneRoot) {
                                             "0123abcd-0000-4000-8000-000000000003",
                                             "0123abcd-0000-4000-8000-000000000004"};
     const auto package = [&](std::size_t writer, const std::string& version) {
-        AppSpec spec(version);
-        spec.guid = guids[writer];
-        spec.name = "App " + std::to_string(writer);
-        return packApp(dir, spec, spec.name + "-" + version);
+        AppRecipe recipe(version);
+        recipe.guid = guids[writer];
+        recipe.name = "App " + std::to_string(writer);
+        return packApp(dir, recipe, recipe.name + "-" + version);
     };
     for (std::size_t w = 0; w < guids.size(); ++w) package(w, "1.2.0"), package(w, "1.3.0");
     AppStore(root).install(package(2, "1.2.0"), fittingHost());

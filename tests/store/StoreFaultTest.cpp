@@ -60,7 +60,7 @@ class StoreFaults : public ::testing::Test {
     static void TearDownTestSuite() { templatesDir.reset(); }
     static const TempDir& templates() { return *templatesDir; }
     static std::string package(const std::string& version) {
-        return packApp(templates(), AppSpec(version), "hello-" + version);
+        return packApp(templates(), AppRecipe(version), "hello-" + version);
     }
     void reset(const std::string& from) {
         fs::remove_all(work());

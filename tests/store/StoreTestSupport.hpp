@@ -18,8 +18,8 @@ namespace tsapp::test {
 
 inline const char* kGuid = "0123abcd-0000-4000-8000-000000000001";
 
-struct AppSpec {
-    explicit AppSpec(std::string v) : version(std::move(v)) {}
+struct AppRecipe {
+    explicit AppRecipe(std::string v) : version(std::move(v)) {}
     std::string version;
     std::string guid = kGuid;
     std::string name = "Hello Tessal";
@@ -27,23 +27,23 @@ struct AppSpec {
     std::string signer;                                // "KEYS/NAME" for NAME.key and NAME.pem
 };
 
-// The package for `spec`, packed once per name into `dir`.
-inline std::string packApp(const TempDir& dir, const AppSpec& spec, const std::string& name) {
+// The package for `recipe`, packed once per name into `dir`.
+inline std::string packApp(const TempDir& dir, const AppRecipe& recipe, const std::string& name) {
     namespace fs = std::filesystem;
     const std::string out = dir.file(name + ".tsappinstall");
     if (fs::exists(out)) return out;
     const std::string src = dir.file("src-" + name);
     fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", src, fs::copy_options::recursive);
     auto json = nlohmann::json::parse(read_file(src + "/tsapp.json"));
-    json["version"] = spec.version;
-    json["name"] = spec.name;
-    json.update(spec.fields);
+    json["version"] = recipe.version;
+    json["name"] = recipe.name;
+    json.update(recipe.fields);
     write_file(src + "/tsapp.json", json.dump());
-    write_file(src + "/files/README.txt", "version " + spec.version + "\n");
+    write_file(src + "/files/README.txt", "version " + recipe.version + "\n");
     std::string command = "SOURCE_DATE_EPOCH=1700000000 '" TSAPP_TOOL "' pack '" + src +
-                          "' --guid " + spec.guid + " -o '" + out + "'";
-    if (!spec.signer.empty())
-        command += " --sign '" + spec.signer + ".key' --cert '" + spec.signer + ".pem'";
+                          "' --guid " + recipe.guid + " -o '" + out + "'";
+    if (!recipe.signer.empty())
+        command += " --sign '" + recipe.signer + ".key' --cert '" + recipe.signer + ".pem'";
     EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command;
     return out;
 }

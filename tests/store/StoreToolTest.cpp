@@ -63,7 +63,7 @@ ToolRun tsappIn(const TempDir& dir, const std::string& args) {
 
 TEST(StoreTool, FailuresAndJson) {
     TempDir dir;
-    const std::string package = packApp(dir, AppSpec("1.2.0"), "hello");
+    const std::string package = packApp(dir, AppRecipe("1.2.0"), "hello");
     ASSERT_EQ(tsappIn(dir, "install --product tessal.core=2026.1 hello.tsappinstall").status, 0);
     write_file(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
     const std::string root = dir.file("root");
