@@ -7,19 +7,23 @@ ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
 speedup() { awk -v a="${med[$1]}" -v b="${med[$2]}" 'BEGIN {printf "%.2fx", a / b}'; }
 
 # time_tool NAME COMMAND...: runs the command (OUT stands for a fresh
-# folder under $work) $runs times; sets med[NAME], cpu[NAME] (user +
-# system: steadier than wall time when other work shares the machine) and
-# mem[NAME] (peak KB). A non-zero status is the command's verdict, not a
-# failure of the benchmark.
+# folder under $work) $runs times; sets med[NAME] (wall seconds, to the
+# millisecond: runs of a fifth of a second make /usr/bin/time's hundredths
+# 5% steps), cpu[NAME] (user + system: steadier than wall time when other
+# work shares the machine) and mem[NAME] (peak KB). A non-zero status is
+# the command's verdict, not a failure of the benchmark.
 declare -A med cpu mem
 time_tool() {
-  local tool=$1 times=() cpus=() peak=0 secs kb user sys
+  local tool=$1 times=() cpus=() peak=0 secs kb user sys start end
   shift
   for ((r = 0; r < runs; r++)); do
     out=$work/out-$tool
     rm -rf "$out" && mkdir -p "$out"
+    start=$EPOCHREALTIME
     /usr/bin/time -f "%e %M %U %S" -o "$work/time" "${@//OUT/$out}" >/dev/null || true
+    end=$EPOCHREALTIME
     read -r secs kb user sys < <(tail -1 "$work/time")
+    secs=$(awk -v a="$start" -v b="$end" 'BEGIN {printf "%.3f", b - a}')
     times+=("$secs")
     cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {print u + s}')")
     ((kb > peak)) && peak=$kb
