@@ -20,8 +20,7 @@ work=$(mktemp -d "${TSAPP_BENCH_DIR:-/dev/shm}/tsapp-pack-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 export SOURCE_DATE_EPOCH=1700000000
 
-median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
+source "$here/bench_lib.sh"
 ratio3() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.4fx", a / b}'; }
 
 # make_source FOLDER PACKAGE: the package's app files, with what pack needs.
@@ -37,26 +36,14 @@ make_source() {
 EOF
 }
 
-# time_tool NAME COMMAND...: runs the command $runs times (OUT stands for
-# a fresh output path); sets med[NAME], cpu[NAME], mem[NAME] (peak KB) and
-# size[NAME] (bytes written).
-declare -A med cpu mem size
-time_tool() {
-  local tool=$1 times=() cpus=() peak=0 secs kb user sys out
+# pack_tool NAME COMMAND...: time_tool with OUT standing for the file to
+# write; sets size[NAME] (bytes written) too.
+declare -A size
+pack_tool() {
+  local tool=$1
   shift
-  for ((r = 0; r < runs; r++)); do
-    out=$work/out-$tool.tsappinstall
-    rm -f "$out"
-    /usr/bin/time -f "%e %M %U %S" -o "$work/time" "${@//OUT/$out}" >/dev/null
-    read -r secs kb user sys <"$work/time"
-    times+=("$secs")
-    cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {print u + s}')")
-    ((kb > peak)) && peak=$kb
-  done
-  med[$tool]=$(printf '%s\n' "${times[@]}" | median)
-  cpu[$tool]=$(printf '%s\n' "${cpus[@]}" | median)
-  mem[$tool]=$peak
-  size[$tool]=$(stat -c %s "$out")
+  time_tool "$tool" "${@//OUT/OUT\/p.tsappinstall}"
+  size[$tool]=$(stat -c %s "$work/out-$tool/p.tsappinstall")
 }
 
 python3 "$here/make_big_package.py" "$work/mixed.tsappinstall"
@@ -64,12 +51,12 @@ make_source "$work/src" "$work/mixed.tsappinstall"
 rm -f "$work/mixed.tsappinstall"
 echo "source: $(du -sm "$work/src" | cut -f1) MB, $(find "$work/src" -type f | wc -l) files," \
   "$(nproc) cores;$(uptime | sed 's/.*load/ load/')"
-time_tool tsapp "$tsapp" pack --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
-time_tool j1 "$tsapp" pack -j 1 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
-time_tool j2 "$tsapp" pack -j 2 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
-time_tool zip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/src" OUT
-"$tsapp" check "$work/out-tsapp.tsappinstall" >/dev/null
-cmp "$work/out-j1.tsappinstall" "$work/out-j2.tsappinstall"
+pack_tool tsapp "$tsapp" pack --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+pack_tool j1 "$tsapp" pack -j 1 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+pack_tool j2 "$tsapp" pack -j 2 --guid 0123abcd-0000-4000-8000-000000000001 "$work/src" -o OUT
+pack_tool zip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/src" OUT
+"$tsapp" check "$work/out-tsapp/p.tsappinstall" >/dev/null
+cmp "$work/out-j1/p.tsappinstall" "$work/out-j2/p.tsappinstall"
 echo "pack -j 1 and -j 2 wrote the same bytes; the package passes tsapp check"
 printf '%-8s %9s %8s %9s %8s %12s %8s %12s\n' tool "median s" "vs zip" "cpu s" "vs zip" \
   "bytes" "vs zip" "peak RSS MB"
@@ -101,8 +88,8 @@ cp "$here/../sample/app/icon.png" "$here/../sample/app/screenshot.png" "$work/hu
 echo '{"entryPoint": "huge.txt", "name": "huge", "version": "1.0", "icon": "icon.png",
  "screenshot": "screenshot.png", "author": {"name": "bench"}}' >"$work/huge/tsapp.json"
 runs=1
-time_tool huge "$tsapp" pack "$work/huge" -o OUT
-time_tool hugezip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/huge" OUT
+pack_tool huge "$tsapp" pack "$work/huge" -o OUT
+pack_tool hugezip bash -c 'cd "$1" && zip -qr "$2" .' zip "$work/huge" OUT
 echo
 echo "one app file of 1024 MB (one run each)"
 printf '%-8s %9s %12s %12s\n' tool "s" "bytes" "peak RSS MB"
