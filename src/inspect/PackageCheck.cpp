@@ -170,7 +170,6 @@ FaultKind manifestKind(ManifestFault fault) {
                                                                            : FaultKind::BadManifest;
 }
 
-// Returns the manifest's part name, empty when there is no single one.
 // Hashes what the manifest's reader takes, so that a caller can tell the
 // checked manifest from any other by its bytes.
 class HashingStream final : public opc::InputStream {
@@ -193,6 +192,8 @@ class HashingStream final : public opc::InputStream {
     integrity::Sha256 sha_;
 };
 
+// Returns the manifest's part name, empty when there is no single one;
+// the SHA-256 of the manifest's bytes in `manifestSha256` when given.
 std::string readManifest(opc::model::Package& package, AppManifestSerializer& serializer,
                          Report& report, std::string* manifestSha256 = nullptr) {
     const auto found = package.getRelationshipsByType(
