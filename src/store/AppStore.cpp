@@ -1,6 +1,7 @@
 #include "tsappinstall/store/AppStore.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
@@ -591,6 +592,11 @@ AppStore::AppStore(const std::filesystem::path& root, Options options)
     : impl_(std::make_unique<Impl>(root, options)) {}
 
 AppStore::~AppStore() = default;
+
+bool AppStore::exists(const std::filesystem::path& root) {
+    struct stat info {};
+    return ::lstat((root / "store.db").c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
 
 const std::filesystem::path& AppStore::root() const {
     return impl_->root;

@@ -102,6 +102,34 @@ TEST(StoreTool, FailuresAndJson) {
                   "/store.db cannot be used: file is not a database; it was left as it is\n");
 }
 
+// A root that holds nothing is read as empty and never made: a mistyped
+// --root must leave no folder behind.
+TEST(StoreTool, ReadersLeaveAMissingRootAsItIs) {
+    TempDir dir;
+    const std::string missing = dir.file("missing");
+    const std::string nothing = ": nothing is installed in " + missing + "\n";
+    const struct {
+        std::string args;
+        int status;
+        std::string out;
+    } cases[] = {
+        {"installed --json", 0, ""},
+        {"audit", 0, ""},
+        {"show hello", 1, "tsapp: hello" + nothing},
+        {"remove hello x", 1, "tsapp: hello" + nothing + "tsapp: x" + nothing},
+        {"rollback hello", 1, "tsapp: hello" + nothing},
+        {"repo list", 0, ""},
+        {"repo remove r", 1, "tsapp: r: no repository of that name\n"},
+        {"outdated", 0, ""},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsappIn(dir, c.args + " --root missing");
+        EXPECT_EQ(run.status, c.status) << c.args;
+        EXPECT_EQ(run.out, c.out) << c.args;
+    }
+    EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
 }  // namespace
 
 #endif

@@ -245,6 +245,7 @@ void installArgument(store::AppStore& apps, const std::string& argument,
 }
 
 std::vector<repository::Repository> recordedIndexes(const std::string& root) {
+    if (!store::AppStore::exists(RootOption{root}.path())) return {};
     const auto apps = openRoot(RootOption{root});
     std::vector<repository::Repository> indexes;
     for (const Source& source : recorded(*apps)) indexes.push_back(fetch(*apps, source));
@@ -285,6 +286,7 @@ int runAdd(RecordSettings& s) {
 }
 
 int runList(const RecordSettings& s) {
+    if (!store::AppStore::exists(s.root.path())) return kGood;
     const auto apps = openRoot(s.root);
     for (const Source& source : recorded(*apps)) {
         if (s.json) {
@@ -300,6 +302,8 @@ int runList(const RecordSettings& s) {
 }
 
 int runRemove(const RecordSettings& s) {
+    if (!store::AppStore::exists(s.root.path()))
+        throw Failure(s.source.name, "no repository of that name");
     const auto apps = openRoot(s.root);
     changeRecords(*apps, [&](std::vector<Source>& sources) {
         const auto before = sources.size();
@@ -358,6 +362,7 @@ std::vector<Outdated> findOutdated(store::AppStore& apps, const std::vector<std:
 }
 
 int runOutdated(const UpgradeSettings& s) {
+    if (!store::AppStore::exists(s.root.path())) return kGood;
     const auto apps = openRoot(s.root);
     for (const auto& o : findOutdated(*apps, {}, hostProfile(s.host, apps->root()))) {
         if (s.json) {

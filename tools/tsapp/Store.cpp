@@ -208,13 +208,21 @@ struct ReadSettings {
     bool json = false;
 };
 
-std::unique_ptr<store::AppStore> openStore(const RootOption& option) {
+// The store, or null when the root holds none: commands that only read or
+// take away leave such a root as it is rather than create it.
+std::unique_ptr<store::AppStore> openExisting(const RootOption& option) {
     const auto root = option.path();
+    if (!store::AppStore::exists(root)) return nullptr;
     return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root); });
 }
 
+[[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root) {
+    throw Failure(app, "nothing is installed in " + root.path().string());
+}
+
 int runInstalled(const ReadSettings& s) {
-    const auto apps = openStore(s.root);
+    const auto apps = openExisting(s.root);
+    if (!apps) return kGood;
     for (const auto& app : onStore(s.root.path().string(), [&] { return apps->list(); })) {
         if (s.json) {
             std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
@@ -243,8 +251,9 @@ void printVersion(const store::InstalledApp& app) {
 }
 
 int runShow(const ReadSettings& s) {
-    const auto apps = openStore(s.root);
+    const auto apps = openExisting(s.root);
     const std::string& name = s.apps.front();
+    if (!apps) nothingInstalled(name, s.root);
     const auto app = onStore(name, [&] { return apps->show(name); });
     if (s.json)
         std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
@@ -265,7 +274,9 @@ Json auditJson(const store::AuditReport& report) {
 }
 
 int runAudit(const ReadSettings& s) {
-    const auto apps = openStore(s.root);
+    const auto apps = openExisting(s.root);
+    if (!apps && s.apps.empty()) return kGood;
+    if (!apps) nothingInstalled(s.apps.front(), s.root);
     std::vector<store::AuditReport> reports;
     if (s.apps.empty()) {
         reports = onStore(s.root.path().string(), [&] { return apps->auditAll(); });
@@ -304,10 +315,11 @@ struct RemoveSettings {
 };
 
 int runRemove(const RemoveSettings& s) {
-    const auto apps = openStore(s.root);
+    const auto apps = openExisting(s.root);
     int status = kGood;
     for (const auto& app : s.apps) {
         try {
+            if (!apps) nothingInstalled(app, s.root);
             const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
             const auto& v = result.removed;
             std::cout << "removed " << v.name << " " << v.version << " (" << v.guid << ")\n";
@@ -323,8 +335,9 @@ int runRemove(const RemoveSettings& s) {
 }
 
 int runRollback(const ReadSettings& s) {
-    const auto apps = openStore(s.root);
+    const auto apps = openExisting(s.root);
     const std::string& name = s.apps.front();
+    if (!apps) nothingInstalled(name, s.root);
     const auto now = onStore(name, [&] { return apps->rollback(name); });
     std::cout << "rolled " << now.name << " back to " << now.version << " (" << now.guid << ") in "
               << now.folder.string() << "\n";

@@ -146,6 +146,10 @@ class TSAPP_API AppStore {
     AppStore& operator=(const AppStore&) = delete;
 
     const std::filesystem::path& root() const;
+    // Whether `root` holds an apps database. Opening a root creates it;
+    // a reader can ask this first and leave a root that holds nothing (or
+    // a mistyped one) as it is.
+    static bool exists(const std::filesystem::path& root);
 
     // Installs, upgrades or replaces the app in `package` as the options
     // allow. The package is checked whole (container, manifest, every
