@@ -255,6 +255,11 @@ struct AppStore::Impl {
             for (const Fault& fault : report.faults) lines.push_back(fault.detail);
             throw StoreError(StoreError::Reason::BadPackage, lines);
         }
+        // The package's digest is taken through a second open of its path:
+        // both must be the one file, not one replaced in between.
+        if (packageSha.fd() >= 0 && !opened->reads(packageSha.fd()))
+            refuse(StoreError::Reason::BadPackage,
+                   "the package changed while it was being installed");
         const AppManifest& manifest = *report.manifest;
         if (!isGuid(manifest.GUID))
             refuse(StoreError::Reason::BadPackage,

@@ -4,17 +4,17 @@
 
 #include <cerrno>
 
-#include "StoreFiles.hpp"
-
 namespace tsappinstall::store::detail {
 
 PackageHash::PackageHash(std::filesystem::path file) : file_(std::move(file)) {
-    thread_ = std::thread([this] {
+    const FileOps& ops = opc::detail::posixFileOps();
+    fd_ = OpsFd(ops, ops.openat(AT_FDCWD, file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const int openError = errno;
+    thread_ = std::thread([this, openError] {
         try {
-            const FileOps& ops = opc::detail::posixFileOps();
-            const OpsFd fd(ops, ops.openat(AT_FDCWD, file_.c_str(), O_RDONLY | O_CLOEXEC));
-            if (!fd) failed(file_.string() + " cannot be read", errno);
-            hex_ = sha256Of(ops, fd.get(), file_.string(), nullptr, &stop_);
+            if (!fd_) failed(file_.string() + " cannot be read", openError);
+            hex_ =
+                sha256Of(opc::detail::posixFileOps(), fd_.get(), file_.string(), nullptr, &stop_);
         } catch (...) {
             error_ = std::current_exception();
         }

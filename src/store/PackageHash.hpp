@@ -10,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "StoreFiles.hpp"
+
 namespace tsappinstall::store::detail {
 
 class PackageHash {
@@ -22,9 +24,12 @@ class PackageHash {
 
     // Waits; throws StoreError (Failed) when the file could not be read.
     std::string get();
+    // The file being hashed, opened at construction; -1 when it did not open.
+    int fd() const { return fd_.get(); }
 
   private:
     std::filesystem::path file_;
+    OpsFd fd_;
     std::atomic<bool> stop_{false};
     std::string hex_;
     std::exception_ptr error_;

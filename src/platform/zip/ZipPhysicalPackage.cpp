@@ -87,6 +87,14 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
 
 ZipPhysicalPackage::~ZipPhysicalPackage() = default;
 
+bool ZipPhysicalPackage::reads(int fd) const {
+    struct stat mine {
+    }, theirs{};
+    return archive_ && ::fstat(archive_->checkedFd.get(), &mine) == 0 &&
+           ::fstat(fd, &theirs) == 0 && mine.st_dev == theirs.st_dev &&
+           mine.st_ino == theirs.st_ino;
+}
+
 const std::vector<PhysicalEntry>& ZipPhysicalPackage::getEntries() const {
     return entries_;
 }

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+
+#include "platform/base/UniqueFd.hpp"
 #include "support/PackageBuilder.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -67,6 +70,23 @@ TEST(Package, ReadsPartsContentTypesAndRelationshipsInOrder) {
     EXPECT_EQ(part.getEntry().compressionMethod, 0);
     package.close();
     EXPECT_THROW(package.getPartNames(), opc::Exception);
+}
+
+// A reader that opens the path a second time (to hash the file, say) must
+// see a file swapped in between by rename, and only that.
+TEST(Package, TellsWhetherAnotherDescriptorOpensTheSameFile) {
+    TempDir dir;
+    PackageBuilder().part("manifest.xml", "<m/>").write(dir.file("p.zip"));
+    OpenedPackage opened(dir.ufile("p.zip"));
+    const opc::detail::UniqueFd before(::open(dir.file("p.zip").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(opened.reads(before.get()));
+    std::filesystem::copy_file(dir.file("p.zip"), dir.file("copy.zip"));
+    std::filesystem::rename(dir.file("copy.zip"), dir.file("p.zip"));  // the same bytes
+    const opc::detail::UniqueFd after(::open(dir.file("p.zip").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_FALSE(opened.reads(after.get()));
+    EXPECT_TRUE(opened.reads(before.get()));
+    opened.close();
+    EXPECT_FALSE(opened.reads(before.get()));
 }
 
 TEST(Package, RefusesBadPartNamesContentTypesAndRelationships) {

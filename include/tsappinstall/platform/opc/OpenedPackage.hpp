@@ -35,6 +35,8 @@ class OpenedPackage {
     Package* operator->() { return &package_; }
     // What the container tolerated (ZipPhysicalPackage::warnings).
     const std::vector<std::string>& warnings() const { return container_.warnings(); }
+    // Whether `fd` is open on the file this package reads (ZipPhysicalPackage::reads).
+    bool reads(int fd) const { return container_.reads(fd); }
     void close() { package_.close(); }
 
   private:

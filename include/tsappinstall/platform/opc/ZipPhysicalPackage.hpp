@@ -68,6 +68,10 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     // each for people ("12 bytes follow the end of the ZIP archive and are
     // ignored"); empty for a file as a ZIP writer leaves it.
     const std::vector<std::string>& warnings() const { return warnings_; }
+    // Whether `fd` is open on the very file this package reads (the same
+    // device and inode): a reader that opened the path a second time can
+    // tell that it was not replaced in between. False once closed.
+    bool reads(int fd) const;
 
   private:
     struct Archive;
