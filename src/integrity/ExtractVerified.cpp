@@ -62,28 +62,24 @@ class SpreadDigestCheck final : public opc::extraction::PartObserver {
 
 }  // namespace
 
-VerifiedExtraction extractVerified(opc::model::Package& package,
-                                   const std::filesystem::path& folder,
-                                   const VerificationPolicy& policy,
-                                   opc::extraction::Options options,
-                                   opc::qvservices::ReplaceMode replace) {
-    VerifiedExtraction result;
-    VerificationReport& report = result.report;
-    const auto list = detail::readDigestList(package, report.faults);
-    if (!list || !list->list) return result;
-    detail::checkAuthor(package, list->text, policy, report);
-    if (!report.ok()) return result;
+namespace detail {
 
-    DigestCheck check(*list->list);
+VerifiedExtraction extractListed(opc::model::Package& package, const std::filesystem::path& folder,
+                                 const DigestList& list, const VerificationReport& author,
+                                 opc::extraction::Options options,
+                                 opc::qvservices::ReplaceMode replace) {
+    VerifiedExtraction result;
+    result.report = author;
+    DigestCheck check(list);
     // The extraction itself hands over the parts; the content types, which
     // are not extracted, come by on their own (pinned: no second read).
-    detail::DigestSink contentTypes(check, {}, true);
+    DigestSink contentTypes(check, {}, true);
     opc::model::readEveryItem(package, contentTypes);
     // On one thread, hashing has a thread of its own; on several, each
     // hashes what it writes.
-    const std::vector<PartName> skipped = detail::integrityParts(package);
+    const std::vector<PartName> skipped = integrityParts(package);
     const SpreadDigestCheck::Orders orders = SpreadDigestCheck::ordersOf(package);
-    std::optional<detail::BackgroundDigestCheck> background;
+    std::optional<BackgroundDigestCheck> background;
     std::optional<SpreadDigestCheck> spread;
     if (opc::model::threadCount(options.threads) > 1)
         options.observer = &spread.emplace(check, skipped, orders);
@@ -95,10 +91,26 @@ VerifiedExtraction extractVerified(opc::model::Package& package,
                                .extractAll(folder, opc::qvservices::RestoreMode::AllParts,
                                            opc::qvservices::TransformMode::PercentDecode, replace)
                                .leftAside;
-    } catch (const detail::DigestFaults& found) {
-        report.faults = found.faults;
+    } catch (const DigestFaults& found) {
+        result.report.faults = found.faults;
     }
     return result;
+}
+
+}  // namespace detail
+
+VerifiedExtraction extractVerified(opc::model::Package& package,
+                                   const std::filesystem::path& folder,
+                                   const VerificationPolicy& policy,
+                                   opc::extraction::Options options,
+                                   opc::qvservices::ReplaceMode replace) {
+    VerifiedExtraction result;
+    VerificationReport& report = result.report;
+    const auto list = detail::readDigestList(package, report.faults);
+    if (!list || !list->list) return result;
+    detail::checkAuthor(package, list->text, policy, report);
+    if (!report.ok()) return result;
+    return detail::extractListed(package, folder, *list->list, report, std::move(options), replace);
 }
 
 VerifiedExtraction extractVerified(const std::filesystem::path& path,

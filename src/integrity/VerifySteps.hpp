@@ -3,11 +3,13 @@
 // The steps of verification that checking a package and extracting it
 // with verification share.
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
@@ -31,5 +33,14 @@ std::optional<DigestListPart> readDigestList(opc::model::Package& package,
 // most MAX_SIGNATURE_BYTES, is pinned like the list.
 void checkAuthor(opc::model::Package& package, const std::string& list,
                  const VerificationPolicy& policy, VerificationReport& report);
+
+// The verified extraction once `list` is read and `author` holds what
+// checkAuthor() found, for a caller that needed both before: the digests
+// are checked in the pass that writes, and the result's report starts as
+// `author`.
+VerifiedExtraction extractListed(opc::model::Package& package, const std::filesystem::path& folder,
+                                 const DigestList& list, const VerificationReport& author,
+                                 opc::extraction::Options options,
+                                 opc::qvservices::ReplaceMode replace);
 
 }  // namespace tsappinstall::integrity::detail

@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <string_view>
+#include <unordered_map>
 
 #include "StoreFiles.hpp"
 #include "integrity/PackageItems.hpp"
 #include "integrity/VerifySteps.hpp"
-#include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 
@@ -70,61 +72,95 @@ class RecordingObserver final : public opc::extraction::PartObserver {
     std::map<std::string, std::string> hashes_;  // part name -> hex
 };
 
-opc::extraction::Options extractionOptions(const InstallOptions& options) {
+// Where a part's digest comes from: a hash taken while unpacking (by part
+// name) before the package's digest list, which names a part by its name
+// without the leading slash (version 1) or by the path its file lands at
+// (version 2), as the extraction reports it.
+class KnownDigests {
+  public:
+    KnownDigests(const integrity::DigestList* list,
+                 const std::map<std::string, std::string>* computed)
+        : list_(list), computed_(computed) {
+        if (!list_) return;
+        listed_.reserve(list_->parts.size());
+        for (const auto& entry : list_->parts) listed_.emplace(entry.name, &entry.sha256);
+    }
+
+    const std::string* find(const PartName& part, const std::string& path) const {
+        if (computed_) {
+            const auto found = computed_->find(part.ascii());
+            if (found != computed_->end()) return &found->second;
+        }
+        if (!list_) return nullptr;
+        const auto found = listed_.find(list_->version == 1 ? part.ascii().substr(1) : path);
+        return found == listed_.end() ? nullptr : found->second;
+    }
+
+  private:
+    const integrity::DigestList* list_;
+    const std::map<std::string, std::string>* computed_;
+    std::unordered_map<std::string_view, const std::string*> listed_;
+};
+
+// The files an extraction reports as it writes them, from its threads: the
+// records need every file's size and mode as it landed, and looking at
+// thousands of files again after the extraction kept the install waiting
+// on one core.
+class LandedFiles {
+  public:
+    void add(const PartName& part, const std::string& path, std::uint64_t size, unsigned mode) {
+        InstalledFile file{path, size, mode, {}};
+        const std::lock_guard<std::mutex> lock(mutex_);
+        files_.emplace_back(part, std::move(file));
+    }
+
+    // Every landed file's record, by path, with its digest as known or, for
+    // the few parts neither the list nor the observer covered (the digest
+    // list and signature themselves), read back.
+    std::vector<InstalledFile> records(const KnownDigests& digests,
+                                       const std::filesystem::path& folder, const FileOps& ops) {
+        std::vector<InstalledFile> files;
+        files.reserve(files_.size());
+        OpsFd dir;
+        for (auto& [part, file] : files_) {
+            if (const std::string* digest = digests.find(part, file.path))
+                file.sha256 = *digest;
+            else
+                file.sha256 = readBack(file.path, folder, ops, dir);
+            files.push_back(std::move(file));
+        }
+        files_.clear();
+        std::sort(files.begin(), files.end(),
+                  [](const InstalledFile& a, const InstalledFile& b) { return a.path < b.path; });
+        return files;
+    }
+
+  private:
+    static std::string readBack(const std::string& path, const std::filesystem::path& folder,
+                                const FileOps& ops, OpsFd& dir) {
+        if (!dir)
+            dir = OpsFd(ops,
+                        ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!dir) failed(folder.string() + " cannot be opened", errno);
+        const FoundFile found = findFile(ops, dir.get(), path, true, folder.string());
+        if (found.state != FoundFile::State::Regular)
+            failed(folder.string() + "/" + path + " is gone after unpacking", ENOENT);
+        return found.sha256;
+    }
+
+    std::mutex mutex_;
+    std::vector<std::pair<PartName, InstalledFile>> files_;
+};
+
+opc::extraction::Options extractionOptions(const InstallOptions& options, LandedFiles& landed) {
     opc::extraction::Options extraction;
     extraction.sync = options.sync;
     extraction.cancelled = options.cancelled;
     extraction.threads = options.threads;
     extraction.progress = options.progress;
+    extraction.landed = [&landed](const PartName& part, const std::string& path, std::uint64_t size,
+                                  unsigned mode) { landed.add(part, path, size, mode); };
     return extraction;
-}
-
-std::string filePath(const PartName& part) {
-    return opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
-}
-
-// The digests the list gives, by part name.
-std::map<std::string, std::string> listedDigests(opc::model::Package& package,
-                                                 const integrity::DigestList& list) {
-    std::map<std::string, std::string> byListed, byPart;
-    for (const auto& entry : list.parts) byListed[entry.name] = entry.sha256;
-    for (const PartName& part : package.getPartNames()) {
-        const auto found = byListed.find(integrity::listedName(part.ascii(), list.version));
-        if (found != byListed.end()) byPart[part.ascii()] = found->second;
-    }
-    return byPart;
-}
-
-// Every part's file with its size and mode as it landed, and its digest
-// from `digests` or, for the few parts neither the list nor the observer
-// covered (the digest list and signature themselves), read back.
-std::vector<InstalledFile> recordsOf(opc::model::Package& package,
-                                     const std::filesystem::path& folder,
-                                     const std::map<std::string, std::string>& digests,
-                                     const FileOps& ops) {
-    OpsFd dir(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir) failed(folder.string() + " cannot be opened", errno);
-    std::vector<std::pair<std::string, std::string>> paths;  // file path, part name
-    for (const PartName& part : package.getPartNames())
-        paths.emplace_back(filePath(part), part.ascii());
-    std::sort(paths.begin(), paths.end());
-    std::vector<InstalledFile> files;
-    FolderCache cache;
-    for (auto& [path, part] : paths) {
-        InstalledFile file;
-        file.path = std::move(path);
-        const auto digest = digests.find(part);
-        const bool known = digest != digests.end();
-        const FoundFile found =
-            findFile(ops, dir.get(), file.path, !known, folder.string(), &cache);
-        if (found.state != FoundFile::State::Regular)
-            failed(folder.string() + "/" + file.path + " is gone after unpacking", ENOENT);
-        file.size = found.size;
-        file.mode = found.mode;
-        file.sha256 = known ? digest->second : found.sha256;
-        files.push_back(std::move(file));
-    }
-    return files;
 }
 
 std::string readSmallFile(const FileOps& ops, const std::filesystem::path& file) {
@@ -145,15 +181,16 @@ void addSigner(Unpacked& unpacked, const std::filesystem::path& folder, const Fi
 // The library's verified extraction, whose hashing overlaps the writing;
 // it works on the process's own file operations only.
 Unpacked unpackVerified(opc::model::Package& package, const std::filesystem::path& folder,
-                        const InstallOptions& options, const integrity::DigestList& list) {
-    const integrity::VerificationPolicy policy{options.trustAnchors, !options.trustAnchors.empty()};
-    integrity::VerifiedExtraction result =
-        integrity::extractVerified(package, folder, policy, extractionOptions(options),
-                                   opc::qvservices::ReplaceMode::FailIfExists);
+                        const InstallOptions& options, const integrity::DigestList& list,
+                        const integrity::VerificationReport& author) {
+    LandedFiles landed;
+    integrity::VerifiedExtraction result = integrity::detail::extractListed(
+        package, folder, list, author, extractionOptions(options, landed),
+        opc::qvservices::ReplaceMode::FailIfExists);
     if (!result.report.ok()) badPackage(result.report.faults);
     Unpacked unpacked;
     const FileOps& ops = opc::detail::posixFileOps();
-    unpacked.files = recordsOf(package, folder, listedDigests(package, list), ops);
+    unpacked.files = landed.records(KnownDigests(&list, nullptr), folder, ops);
     unpacked.leftAside = std::move(result.leftAside);
     if (result.report.isSigned && !options.trustAnchors.empty()) {
         unpacked.signerSubject = result.report.signer;
@@ -180,7 +217,7 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     // check does), so a signed package goes the way below, which the
     // fault-injection tests take too.
     if (list && selector.ops() == nullptr && (trusting || !author.isSigned))
-        return unpackVerified(package, folder, options, *list->list);
+        return unpackVerified(package, folder, options, *list->list, author);
 
     std::optional<integrity::DigestCheck> check;
     if (list) {
@@ -190,7 +227,8 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     }
     RecordingObserver observer(check ? &*check : nullptr,
                                integrity::detail::integrityParts(package));
-    opc::extraction::Options extraction = extractionOptions(options);
+    LandedFiles landed;
+    opc::extraction::Options extraction = extractionOptions(options, landed);
     extraction.observer = &observer;
     opc::extraction::Extractor extractor(package, selector, std::move(extraction));
     Unpacked unpacked;
@@ -203,9 +241,8 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
         unpacked.signerSubject = author.signer;
         addSigner(unpacked, folder, opc::detail::fileOpsOf(selector));
     }
-    auto digests = observer.hashes();
-    if (list) digests.merge(listedDigests(package, *list->list));
-    unpacked.files = recordsOf(package, folder, digests, opc::detail::fileOpsOf(selector));
+    const KnownDigests digests(list ? &*list->list : nullptr, &observer.hashes());
+    unpacked.files = landed.records(digests, folder, opc::detail::fileOpsOf(selector));
     return unpacked;
 }
 

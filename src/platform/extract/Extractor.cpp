@@ -1,6 +1,7 @@
 #include "tsappinstall/platform/extract/Extraction.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
@@ -99,13 +100,20 @@ class ExtractionSink : public model::ItemSink {
     static constexpr std::uint64_t kProgressStep = 1u << 20;
 
     ExtractionSink(const Plan& plan, detail::StagedExtraction& staging, const detail::FileOps& ops,
-                   extraction::PartObserver* observer, ProgressCount& progress)
-        : plan_(plan), staging_(staging), ops_(ops), observer_(observer), progress_(progress) {}
+                   extraction::PartObserver* observer, const extraction::Options& options,
+                   ProgressCount& progress)
+        : plan_(plan),
+          staging_(staging),
+          ops_(ops),
+          observer_(observer),
+          landed_(options.landed),
+          progress_(progress) {}
 
     bool begin(const std::string& item, model::Part* part, std::size_t) override {
         const auto planned = part ? plan_.find(item) : plan_.end();
         if (planned == plan_.end()) return false;
         path_ = &planned->second;
+        part_ = part;
         file_ = staging_.beginFile(*path_);
         if (observer_) observer_->begin(part->getPartName());
         return true;
@@ -120,7 +128,15 @@ class ExtractionSink : public model::ItemSink {
         if (unreported_ >= kProgressStep) progress_.add(std::exchange(unreported_, 0), 0);
     }
     void end() override {
+        struct stat info {};
+        if (landed_ && ops_.fstat(file_.get(), &info) != 0)
+            throw Exception(Reason::CannotWrite, "cannot examine the file \"" +
+                                                     detail::joinSegments(*path_) +
+                                                     "\": " + std::strerror(errno));
         staging_.endFile(std::move(file_), *path_);
+        if (landed_)
+            landed_(part_->getPartName(), detail::joinSegments(*path_),
+                    static_cast<std::uint64_t>(info.st_size), info.st_mode & 07777);
         if (observer_) observer_->end();
         progress_.add(std::exchange(unreported_, 0), 1);
     }
@@ -132,8 +148,10 @@ class ExtractionSink : public model::ItemSink {
     detail::StagedExtraction& staging_;
     const detail::FileOps& ops_;
     extraction::PartObserver* observer_;
+    const decltype(extraction::Options::landed)& landed_;
     ProgressCount& progress_;
     const detail::FileSegments* path_ = nullptr;
+    model::Part* part_ = nullptr;
     detail::OpsFd file_;  // the part being written
     std::uint64_t unreported_ = 0;
 };
@@ -199,7 +217,8 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
     std::optional<model::SinksPerThread<ExtractionSink>> sinks(
         std::in_place, threads, [&](unsigned i) {
             return std::make_unique<ExtractionSink>(
-                plan, staging, *ops_, observers.empty() ? observer : observers[i].get(), progress);
+                plan, staging, *ops_, observers.empty() ? observer : observers[i].get(), options_,
+                progress);
         });
     model::readEveryItem(package_, sinks->sinks, [this] {
         if (options_.cancelled && options_.cancelled()) cancelled();

@@ -4,6 +4,7 @@
 // stale survives the next run.
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -303,7 +305,7 @@ TEST_F(Extraction, TheSeamSeesEveryFileSystemCall) {
 
 // Parts written by several threads at once land as one thread writes
 // them; the progress, called by one thread at a time, only grows, and
-// moves inside the big part too.
+// moves inside the big part too; every file is reported once as it landed.
 TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
     for (const bool existing : {false, true}) {
         reset(existing);
@@ -317,11 +319,26 @@ TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
             done.push_back(bytes);
             EXPECT_LE(bytes, total);
         };
+        std::mutex mutex;
+        std::map<std::string, std::pair<std::uint64_t, unsigned>> landed;
+        options.landed = [&](const opc::model::PartName&, const std::string& path,
+                             std::uint64_t size, unsigned mode) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            EXPECT_TRUE(landed.emplace(path, std::make_pair(size, mode)).second) << path;
+        };
         opc::extraction::Extractor(package, opc::FileSystemOpsSelector(), options)
             .extractAll(dest(), opc::qvservices::RestoreMode::AllParts,
                         opc::qvservices::TransformMode::PercentDecode,
                         opc::qvservices::ReplaceMode::Replace);
         EXPECT_EQ(snapshot_tree(root()), one);
+        EXPECT_EQ(landed.size(), package.getPartNames().size());
+        for (const auto& [path, file] : landed) {
+            struct stat info {};
+            ASSERT_EQ(::lstat((dest() + "/" + path).c_str(), &info), 0) << path;
+            EXPECT_EQ(file, std::make_pair(static_cast<std::uint64_t>(info.st_size),
+                                           static_cast<unsigned>(info.st_mode & 07777)))
+                << path;
+        }
         EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
         EXPECT_EQ(done.size(), package.getPartNames().size() + 3);  // a call per MiB of big.txt
     }

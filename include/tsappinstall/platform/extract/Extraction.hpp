@@ -72,6 +72,14 @@ struct Options {
     // than 64 are not started. A big part streams through one thread while
     // the others take the small ones.
     unsigned threads = 1;
+    // Called once each file is written and closed, from the thread that
+    // wrote it (so, with several threads, from several at once): its part,
+    // its path below the destination ("files/a b.js") and its size and
+    // permission bits as the file system holds them. A caller that records
+    // what it unpacked needs no second look at every file.
+    std::function<void(const opc::model::PartName& part, const std::string& path,
+                       std::uint64_t size, unsigned mode)>
+        landed;
     // Called after each part is written and after every MiB written of a
     // large one (so that it moves while one big file is written), never by
     // two threads at once; with several threads not always by the calling one.
