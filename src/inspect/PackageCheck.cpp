@@ -10,7 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
+#include <unordered_set>
 #include <utility>
 
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
@@ -241,13 +241,17 @@ bool startsWith(const std::string& text, const char* prefix) {
 }
 
 // The packer writes app entry E as the part /files/E and nothing else there.
-void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest, Report& report) {
-    std::set<std::string> listed;
+void checkPackedLayout(opc::model::Package& package, const std::vector<PartName>& parts,
+                       const AppManifest& manifest, Report& report) {
+    std::unordered_set<std::string> listed;
+    listed.reserve(manifest.appEntries.size());
     for (const auto& entry : manifest.appEntries) {
         const std::string path = fl::i18n::to_string(entry);
         try {
-            const PartName name(
-                fl::i18n::to_ustring(PartName::forPath(kAppFilesFolder + 1 + path)));
+            // forPath() gives ASCII, so the name needs no round trip
+            // through UTF-16.
+            const PartName name =
+                PartName::fromZipItemName(PartName::forPath(kAppFilesFolder + 1 + path).substr(1));
             listed.insert(name.key());
             if (package.containsPart(name)) continue;
         } catch (const opc::Exception&) {
@@ -256,7 +260,7 @@ void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest
         add(report, FaultKind::MissingAppFile,
             "the app entry " + path + " is not a part of the package");
     }
-    for (const PartName& name : package.getPartNames()) {
+    for (const PartName& name : parts) {
         if (!startsWith(name.ascii(), kAppFilesFolder)) continue;
         if (!listed.count(name.key()))
             add(report, FaultKind::UnlistedAppFile,
@@ -264,27 +268,28 @@ void checkPackedLayout(opc::model::Package& package, const AppManifest& manifest
     }
 }
 
-bool followsPackedLayout(opc::model::Package& package, const std::string& manifestPart) {
+bool followsPackedLayout(const std::vector<PartName>& parts, const std::string& manifestPart) {
     if (manifestPart != kPackedManifest) return false;
-    for (const PartName& name : package.getPartNames())
-        if (startsWith(name.ascii(), kAppFilesFolder)) return true;
-    return false;
+    return std::any_of(parts.begin(), parts.end(), [](const PartName& name) {
+        return startsWith(name.ascii(), kAppFilesFolder);
+    });
 }
 
-void checkAgainstManifest(opc::model::Package& package, const std::string& manifestPart,
-                          Report& report) {
+void checkAgainstManifest(opc::model::Package& package, const std::vector<PartName>& parts,
+                          const std::string& manifestPart, Report& report) {
     const AppManifest& manifest = *report.manifest;
     if (manifest.numFiles != manifest.appEntries.size())
         add(report, FaultKind::WrongFileCount,
             "numFiles is " + std::to_string(manifest.numFiles) + " but the manifest lists " +
                 std::to_string(manifest.appEntries.size()) + " app entries");
-    if (followsPackedLayout(package, manifestPart)) checkPackedLayout(package, manifest, report);
+    if (followsPackedLayout(parts, manifestPart))
+        checkPackedLayout(package, parts, manifest, report);
 }
 
 // Such a part would stand in the destination where the extractor looks
 // for its own staging folders and journals.
-void checkReservedNames(const opc::model::Package& package, Report& report) {
-    for (const PartName& name : package.getPartNames())
+void checkReservedNames(const std::vector<PartName>& parts, Report& report) {
+    for (const PartName& name : parts)
         if (opc::extraction::isReservedPartName(name.ascii()))
             add(report, FaultKind::ReservedName,
                 describe(FaultKind::ReservedName) + (" " + name.ascii()) +
@@ -316,7 +321,8 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         opened.emplace(path);
         report.warnings = opened->warnings();
         opc::model::Package& package = opened->package();
-        checkReservedNames(package, report);
+        const std::vector<PartName> parts = package.getPartNames();
+        checkReservedNames(parts, report);
         std::vector<Fault> digestFaults;
         if (decodeParts) {
             pinManifest(package);
@@ -326,7 +332,7 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         checkRelationship(package, apps::PRIMARY_ICON_RELATIONSHIP_TYPE, "icon", report);
         checkRelationship(package, apps::PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, "screenshot",
                           report);
-        if (report.manifest) checkAgainstManifest(package, manifestPart, report);
+        if (report.manifest) checkAgainstManifest(package, parts, manifestPart, report);
         report.faults.insert(report.faults.end(), digestFaults.begin(), digestFaults.end());
     } catch (const opc::Exception& e) {
         addUnreadable(report, e);

@@ -101,7 +101,7 @@ TEST_F(ExtractorState, ReservedNamesAreRefusedBeforeAnythingIsWritten) {
     AppManifestSerializer serializer;
     Corvane::addons::apps::Tsappinstall facade;
     for (const std::string name : {".~tsapp-1-0/journal", ".~tsapp-2-0/undo", ".~tsapp-owner",
-                                   "lib/.~TSAPP-3-0/n0", ".~tsapp"}) {
+                                   "lib/.~TSAPP-3-0/n0", "a%20b/.~Tsapp-4-0", ".~tsapp"}) {
         SCOPED_TRACE(name);
         PackageBuilder()
             .defaultType("txt", "text/plain")

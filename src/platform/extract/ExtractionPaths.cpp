@@ -65,6 +65,11 @@ bool isReservedName(const std::string& segment) {
 namespace opc::extraction {
 
 bool isReservedPartName(const std::string& partName) {
+    // Without a percent sign every segment stands as written, and a reserved
+    // one starts with ".~": most names are settled without splitting them.
+    if (partName.find('%') == std::string::npos && partName.find("/.~") == std::string::npos &&
+        partName.compare(0, 2, ".~") != 0)
+        return false;
     for (const std::string& segment : detail::splitPath(partName))
         if (detail::isReservedName(detail::percent_decoded(segment).value_or(segment))) return true;
     return false;
