@@ -73,9 +73,9 @@ class RecordingObserver final : public opc::extraction::PartObserver {
 };
 
 // Where a part's digest comes from: a hash taken while unpacking (by part
-// name) before the package's digest list, which names a part by its name
-// without the leading slash (version 1) or by the path its file lands at
-// (version 2), as the extraction reports it.
+// name) before the package's digest list. A version 2 list names a part by
+// the path its file lands at, which the extraction reports, so that name
+// is not worked out again for each part.
 class KnownDigests {
   public:
     KnownDigests(const integrity::DigestList* list,
@@ -92,7 +92,8 @@ class KnownDigests {
             if (found != computed_->end()) return &found->second;
         }
         if (!list_) return nullptr;
-        const auto found = listed_.find(list_->version == 1 ? part.ascii().substr(1) : path);
+        const auto found = listed_.find(
+            list_->version == 2 ? path : integrity::listedName(part.ascii(), list_->version));
         return found == listed_.end() ? nullptr : found->second;
     }
 
