@@ -196,6 +196,7 @@ struct AppStore::Impl {
             }
             records->dropPending(row.id);
         }
+        for (const std::string& guid : touched) dropStrayLinks(guid);
         const OpsFd apps = appsFolder();
         for (const auto& [guid, folder] : records->currentFolders()) {
             if (!everyLink && !touched.count(guid)) continue;
@@ -206,6 +207,24 @@ struct AppStore::Impl {
             done.push_back("pointed " + shown("apps/" + guid + "/current") + " at " + leaf);
         }
         return done;
+    }
+
+    // A crash between making the new link and renaming it over `current`
+    // leaves "current.new" behind, and an app whose first install never
+    // committed may keep a `current` that points at nothing on record.
+    void dropStrayLinks(const std::string& guid) {
+        const OpsFd apps = appsFolder();
+        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!app) {
+            if (errno == ENOENT) return;
+            failed(shown("apps/" + guid) + " cannot be opened", errno);
+        }
+        removeLink(ops, app.get(), "current.new", shown("apps/" + guid + "/current.new"));
+        if (records->currentId(guid)) return;
+        removeLink(ops, app.get(), "current", shown("apps/" + guid + "/current"));
+        app.reset();
+        removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
     }
 
     void discardFolder(const std::string& relative) {

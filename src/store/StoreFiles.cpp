@@ -98,6 +98,18 @@ void switchLink(const FileOps& ops, int dir, const std::string& name, const std:
     }
 }
 
+bool removeLink(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {
+    struct stat info {};
+    if (ops.lstatat(dir, name.c_str(), &info) != 0) {
+        if (errno == ENOENT) return false;
+        failed(shown + " cannot be examined", errno);
+    }
+    if (!S_ISLNK(info.st_mode)) return false;
+    if (ops.unlinkat(dir, name.c_str(), 0) != 0 && errno != ENOENT)
+        failed(shown + " cannot be removed", errno);
+    return true;
+}
+
 std::string linkTarget(int dir, const std::string& name) {
     char buffer[512];
     const auto n = ::readlinkat(dir, name.c_str(), buffer, sizeof buffer);

@@ -84,6 +84,9 @@ bool removeFile(const FileOps& ops, int folder, const std::string& path, const s
 // did, false when it holds something or is gone. Throws for anything else.
 bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
                        const std::string& shown);
+// Unlinks `name` in `dir` when it is a symbolic link; true when it did.
+// Anything else under that name is left alone.
+bool removeLink(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
 
 // 16 random hex digits.
 std::string randomToken();

@@ -36,6 +36,18 @@ struct FailingOps : opc::detail::FileOps {
     mutable long calls = 0;
 };
 
+// Dies as a crash would (SIGKILL) just before the n-th call of one family.
+struct DyingOps : opc::detail::FileOps {
+    DyingOps(FileCall f, long at) : family(f), n(at) {}
+    int fault(FileCall call) const override {
+        if (call == family && ++calls == n) ::raise(SIGKILL);
+        return 0;
+    }
+    FileCall family;
+    long n;
+    mutable long calls = 0;
+};
+
 struct Operation {
     const char* name;
     const char* start;  // the template root it starts from
@@ -102,6 +114,37 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                         << (persistent ? "+" : "") << ": " << state;
                     if (ops.calls < n) break;  // every call of the family went through
                 }
+            }
+        }
+    }
+}
+
+// Killed before each call of each family in turn, so that every step of
+// an operation is a moment of the crash, including the steps between two
+// calls that make no call of their own (a link made before the rename that
+// publishes it).
+TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
+    for (const Operation& op : operations) {
+        for (int family = 0; family < opc::detail::kFileCallFamilies; ++family) {
+            for (long n = 1; n < 400; ++n) {
+                reset(op.start);
+                const pid_t child = ::fork();
+                ASSERT_GE(child, 0);
+                if (child == 0) {
+                    DyingOps ops(static_cast<FileCall>(family), n);
+                    try {
+                        AppStore apps(work(), {1, opc::FileSystemOpsSelector(&ops)});
+                        op.run(apps, dir);
+                    } catch (...) {
+                    }
+                    ::_exit(0);
+                }
+                int status = 0;
+                ::waitpid(child, &status, 0);
+                const std::string state = settledState(work());
+                EXPECT_TRUE(state == op.before || state == op.after)
+                    << op.name << " family " << family << " call " << n << ": " << state;
+                if (!WIFSIGNALED(status)) break;  // the family has no n-th call
             }
         }
     }
