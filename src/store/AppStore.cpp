@@ -209,17 +209,21 @@ struct AppStore::Impl {
         return done;
     }
 
+    // The app's folder, never through a link; none when it is not there.
+    OpsFd appFolderIfThere(const OpsFd& apps, const std::string& guid) const {
+        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!app && errno != ENOENT) failed(shown("apps/" + guid) + " cannot be opened", errno);
+        return app;
+    }
+
     // A crash between making the new link and renaming it over `current`
     // leaves "current.new" behind, and an app whose first install never
     // committed may keep a `current` that points at nothing on record.
     void dropStrayLinks(const std::string& guid) {
         const OpsFd apps = appsFolder();
-        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
-                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!app) {
-            if (errno == ENOENT) return;
-            failed(shown("apps/" + guid) + " cannot be opened", errno);
-        }
+        OpsFd app = appFolderIfThere(apps, guid);
+        if (!app) return;
         removeLink(ops, app.get(), "current.new", shown("apps/" + guid + "/current.new"));
         if (records->currentId(guid)) return;
         removeLink(ops, app.get(), "current", shown("apps/" + guid + "/current"));
@@ -236,12 +240,8 @@ struct AppStore::Impl {
         // Staging folders of an extraction that died beside it go too.
         opc::extraction::recover(folderOf(relative), options.ops);
         const OpsFd apps = appsFolder();
-        OpsFd app(ops, ops.openat(apps.get(), guid.c_str(),
-                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!app) {
-            if (errno == ENOENT) return;
-            failed(shown("apps/" + guid) + " cannot be opened", errno);
-        }
+        OpsFd app = appFolderIfThere(apps, guid);
+        if (!app) return;
         removeTree(ops, app.get(), relative.substr(slash + 1), shown("apps/" + relative));
         app.reset();
         if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
@@ -421,9 +421,7 @@ struct AppStore::Impl {
     std::vector<std::string> finishRemove(const PendingRow& row) {
         std::vector<std::string> kept;
         const OpsFd apps = appsFolder();
-        OpsFd app(ops, ops.openat(apps.get(), row.guid.c_str(),
-                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!app && errno != ENOENT) failed(shown("apps/" + row.guid) + " cannot be opened", errno);
+        OpsFd app = appFolderIfThere(apps, row.guid);
         if (app) {
             if (ops.unlinkat(app.get(), "current", 0) != 0 && errno != ENOENT)
                 failed(shown("apps/" + row.guid + "/current") + " cannot be removed", errno);
