@@ -196,10 +196,14 @@ struct AppStore::Impl {
             }
             records->dropPending(row.id);
         }
-        for (const std::string& guid : touched) dropStrayLinks(guid);
+        // A rollback leaves no pending record: recover() looks at every app.
+        const auto current = records->currentFolders();
+        if (everyLink)
+            for (const auto& entry : current) touched.insert(entry.first);
+        for (const std::string& guid : touched) dropStrayLinks(guid, done);
         const OpsFd apps = appsFolder();
-        for (const auto& [guid, folder] : records->currentFolders()) {
-            if (!everyLink && !touched.count(guid)) continue;
+        for (const auto& [guid, folder] : current) {
+            if (!touched.count(guid)) continue;
             const OpsFd app = makeFolder(ops, apps.get(), guid, shown("apps/" + guid));
             const std::string leaf = leafOf(folder);
             if (linkTarget(app.get(), "current") == leaf) continue;
@@ -220,13 +224,19 @@ struct AppStore::Impl {
     // A crash between making the new link and renaming it over `current`
     // leaves "current.new" behind, and an app whose first install never
     // committed may keep a `current` that points at nothing on record.
-    void dropStrayLinks(const std::string& guid) {
+    void dropStrayLinks(const std::string& guid, std::vector<std::string>& done) {
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, guid);
         if (!app) return;
-        removeLink(ops, app.get(), "current.new", shown("apps/" + guid + "/current.new"));
-        if (records->currentId(guid)) return;
-        removeLink(ops, app.get(), "current", shown("apps/" + guid + "/current"));
+        const bool recorded = records->currentId(guid).has_value();
+        std::vector<std::string> stray{"current.new"};
+        if (!recorded) stray.push_back("current");
+        for (const std::string& name : stray) {
+            const std::string link = shown("apps/" + guid + "/" + name);
+            if (removeLink(ops, app.get(), name, link))
+                done.push_back("removed the stray link " + link);
+        }
+        if (recorded) return;
         app.reset();
         removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
     }

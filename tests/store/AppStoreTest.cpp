@@ -215,6 +215,12 @@ TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
         << found;
     EXPECT_NE(found.find("extra files/lib ()\nmissing files/lib/util.js ()"), std::string::npos)
         << found;
+    // A planted link under the name of the store's own half-made link goes
+    // on recovery, and only the link.
+    const fs::path app = fs::path(folder).parent_path();
+    fs::create_directory_symlink(dir.file("outside"), app / "current.new");
+    apps.recover();
+    EXPECT_FALSE(fs::exists(fs::symlink_status(app / "current.new")));
     apps.remove(kGuid, true);
     EXPECT_EQ(read_file(dir.file("outside.txt")), "theirs");
     EXPECT_EQ(read_file(dir.file("outside/util.js")), "theirs");
