@@ -10,7 +10,7 @@
 #
 #   bench/store_bench.sh [build-dir] [runs]
 #
-# Prints the median wall time of each and the ratios the README quotes.
+# Prints the median wall time of each and the ratios docs/benchmarks.md quotes.
 set -euo pipefail
 build=${1:-build-release}
 runs=${2:-5}

@@ -34,7 +34,7 @@ trap 'rm -rf "$scratch"' EXIT
 log=$scratch/log
 fail() { cat "$log" >&2; echo "packaging-test: $*" >&2; exit 1; }
 
-# Warnings are shown (the README says why those left are kept); an error fails.
+# Warnings are shown (docs/install.md says why those left are kept); an error fails.
 status=0
 lintian --fail-on error "${debs[@]}" >"$log" 2>&1 || status=$?
 grep -v '^running with root privileges' "$log" || true

@@ -59,6 +59,19 @@ enum class FaultKind : int {
     SizeMismatch,    // a download's size differs from the indexed one
     DownloadFailed,  // the transfer failed, stalled or was refused
 
+    // The app store and the repositories recorded in it.
+    NotCompatible,      // the host does not fit the app (forcing installs it anyway)
+    Refused,            // a version or signer rule refuses the install
+    NotInstalled,       // no installed app is called that
+    AmbiguousName,      // a name that several installed apps share
+    NoPrevious,         // nothing to roll back to
+    BadDatabase,        // the store's database is damaged or from a newer schema
+    StoreFailed,        // a file or database operation of the store failed
+    PackageChanged,     // the package file changed while it was being installed
+    UnknownRepository,  // no repository is recorded under that name
+    RepositoryExists,   // a repository is recorded under that name already
+    NotOffered,         // no repository offers a version of the app that fits
+
     // The seal's former name; it was never an author's signature.
     BadSignature = BadSeal,
 };

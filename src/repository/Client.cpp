@@ -25,15 +25,15 @@ namespace fs = std::filesystem;
     throw Error(kind, what);
 }
 
-TransferOptions transferOptions(const ClientOptions& options) {
-    return {options.serverCa, options.stallSeconds, {}};
+TransferOptions transferOptions(const ClientOptions& options, Connection& connection) {
+    return {options.serverCa, options.stallSeconds, {}, &connection};
 }
 
 // A small file of the repository, whole, refused past `limit` bytes.
 std::string fetchWhole(const std::string& location, const std::string& name, std::uint64_t limit,
-                       FaultKind tooLarge, const ClientOptions& options) {
+                       FaultKind tooLarge, const TransferOptions& transfer) {
     std::string bytes;
-    fetch(location, name, 0, transferOptions(options),
+    fetch(location, name, 0, transfer,
           {[&](bool) { bytes.clear(); },
            [&](const char* data, std::size_t size) {
                if (bytes.size() + size > limit)
@@ -53,11 +53,11 @@ std::int64_t nowSeconds(const ClientOptions& options) {
 // The signer of `text`, or a refusal: no signature, or one not made over
 // these bytes by a signer whose chain leads to a trusted anchor.
 std::string checkIndexSignature(const std::string& location, const std::string& text,
-                                const ClientOptions& options) {
+                                const ClientOptions& options, const TransferOptions& transfer) {
     std::string signature;
     try {
         signature = fetchWhole(location, INDEX_SIGNATURE_FILE, MAX_INDEX_SIGNATURE_BYTES,
-                               FaultKind::MalformedSignature, options);
+                               FaultKind::MalformedSignature, transfer);
     } catch (const Error& e) {
         if (e.kind() != FaultKind::CannotRead) throw;
         fail(FaultKind::Unsigned, std::string("the index is not signed (") + e.what() + ")");
@@ -101,7 +101,7 @@ void writeAll(int fd, const char* data, std::size_t size) {
 // size on, starting over when the source ignores the offset. Never more
 // than the indexed size lands in the file.
 void attempt(const std::string& location, const PackageEntry& entry, const PartialFile& partial,
-             const ClientOptions& options) {
+             const ClientOptions& options, Connection& connection) {
     std::uint64_t have = partial.size();
     if (have > entry.size) {
         partial.remove();
@@ -111,7 +111,7 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
     const opc::detail::UniqueFd fd(
         ::open(partial.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd) fail(FaultKind::CannotWrite, "cannot create " + partial.path.string());
-    TransferOptions transfer = transferOptions(options);
+    TransferOptions transfer = transferOptions(options, connection);
     std::uint64_t written = have;
     if (options.progress)
         transfer.progress = [&](std::uint64_t) { options.progress(written, entry.size); };
@@ -167,12 +167,16 @@ void checkAgainstEntry(const fs::path& path, const PackageEntry& entry) {
 }  // namespace
 
 Repository::Repository(std::string location, ClientOptions options)
-    : location_(std::move(location)), options_(std::move(options)) {
+    : location_(std::move(location)),
+      options_(std::move(options)),
+      connection_(std::make_unique<Connection>()) {
     if (options_.trustAnchors.empty() && !options_.allowUnsigned)
         fail(FaultKind::Other, "no trust anchor given for the index's signature");
+    const TransferOptions transfer = transferOptions(options_, *connection_);
     const std::string text =
-        fetchWhole(location_, INDEX_FILE, MAX_INDEX_BYTES, FaultKind::BadIndex, options_);
-    if (!options_.trustAnchors.empty()) signer_ = checkIndexSignature(location_, text, options_);
+        fetchWhole(location_, INDEX_FILE, MAX_INDEX_BYTES, FaultKind::BadIndex, transfer);
+    if (!options_.trustAnchors.empty())
+        signer_ = checkIndexSignature(location_, text, options_, transfer);
     index_ = parseIndex(text);
     const std::int64_t now = nowSeconds(options_);
     if (now > index_.expires)
@@ -201,7 +205,7 @@ fs::path Repository::download(const PackageEntry& entry, const fs::path& folder)
     const int attempts = std::max(1, options_.attempts);
     for (int i = 0; i < attempts; ++i) {
         try {
-            attempt(location_, entry, partial, options_);
+            attempt(location_, entry, partial, options_, *connection_);
             lastFailure.clear();
             break;
         } catch (const Error& e) {

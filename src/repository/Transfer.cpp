@@ -104,11 +104,35 @@ void initialiseOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-CurlPtr handleFor(const std::string& url, std::uint64_t from, const TransferOptions& options,
-                  Exchange& exchange, char* errors) {
-    CurlPtr curl(curl_easy_init());
+}  // namespace
+
+struct Connection::Handle {
+    CurlPtr curl;
+};
+
+Connection::Connection() : handle_(std::make_unique<Handle>()) {}
+Connection::~Connection() = default;
+
+Connection::Handle& Connection::handle() {
+    return *handle_;
+}
+
+namespace {
+
+// The connection's handle with every option reset (curl_easy_reset keeps
+// the connection and the TLS session), or a handle of this transfer's own.
+CURL* freshHandle(const TransferOptions& options, CurlPtr& own) {
+    CurlPtr& curl = options.connection ? options.connection->handle().curl : own;
+    if (curl)
+        curl_easy_reset(curl.get());
+    else
+        curl.reset(curl_easy_init());
     if (!curl) fail(FaultKind::DownloadFailed, "cannot start a transfer");
-    CURL* c = curl.get();
+    return curl.get();
+}
+
+void prepare(CURL* c, const std::string& url, std::uint64_t from, const TransferOptions& options,
+             Exchange& exchange, char* errors) {
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
@@ -127,7 +151,6 @@ CurlPtr handleFor(const std::string& url, std::uint64_t from, const TransferOpti
     const std::string range = std::to_string(from) + "-";
     if (from > 0) curl_easy_setopt(c, CURLOPT_RANGE, range.c_str());
     exchange.curl = c;
-    return curl;
 }
 
 void fetchRemote(const std::string& base, const std::string& name, std::uint64_t from,
@@ -141,16 +164,20 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
         exchange.from = from;
         exchange.options = &options;
         char errors[CURL_ERROR_SIZE] = "";
-        const CurlPtr curl = handleFor(url, from, options, exchange, errors);
-        const CURLcode code = curl_easy_perform(curl.get());
+        CurlPtr own;
+        CURL* curl = freshHandle(options, own);
+        prepare(curl, url, from, options, exchange, errors);
+        const CURLcode code = curl_easy_perform(curl);
+        // The handle outlives this call: it must not point at it.
+        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
         if (exchange.error) std::rethrow_exception(exchange.error);
         if (code != CURLE_OK)
             fail(FaultKind::DownloadFailed,
                  name + ": " + (errors[0] ? errors : curl_easy_strerror(code)));
-        const long status = statusOf(curl.get());
+        const long status = statusOf(curl);
         if (status >= 300 && status < 400) {
             char* target = nullptr;
-            curl_easy_getinfo(curl.get(), CURLINFO_REDIRECT_URL, &target);
+            curl_easy_getinfo(curl, CURLINFO_REDIRECT_URL, &target);
             if (target == nullptr)
                 fail(FaultKind::DownloadFailed, name + ": a redirect to nowhere");
             if (originOf(target) != origin)

@@ -7,14 +7,33 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace tsappinstall::repository {
+
+// What the transfers from one repository share: one transfer handle, and
+// with it the server's connection and TLS session, so that the index, its
+// signature and the packages of one command arrive over one connection.
+class Connection {
+  public:
+    Connection();
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    struct Handle;
+    Handle& handle();
+
+  private:
+    std::unique_ptr<Handle> handle_;
+};
 
 struct TransferOptions {
     std::string serverCa;  // PEM file replacing the system's CA store
     long stallSeconds = 30;
     std::function<void(std::uint64_t)> progress;  // bytes received in this transfer
+    Connection* connection = nullptr;             // kept between transfers when given
 };
 
 // Where the bytes go. start() comes before the first byte and tells

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
@@ -13,6 +14,7 @@
 
 #include "PackageHash.hpp"
 #include "Records.hpp"
+#include "RootState.hpp"
 #include "Schema.hpp"
 #include "StoreFiles.hpp"
 #include "Unpack.hpp"
@@ -27,9 +29,8 @@
 
 namespace tsappinstall::store {
 
-StoreError::StoreError(Reason reason, std::vector<std::string> lines)
-    : Error(FaultKind::Other, lines.empty() ? std::string() : lines.front()),
-      reason_(reason),
+StoreError::StoreError(FaultKind kind, std::vector<std::string> lines)
+    : Error(kind, lines.empty() ? std::string() : lines.front()),
       lines_(std::make_shared<const std::vector<std::string>>(std::move(lines))) {}
 
 const char* token(AuditFinding::Kind kind) {
@@ -52,8 +53,8 @@ using namespace detail;
 
 constexpr int kBusyMillis = 60000;
 
-[[noreturn]] void refuse(StoreError::Reason reason, std::string line) {
-    throw StoreError(reason, {std::move(line)});
+[[noreturn]] void refuse(FaultKind kind, std::string line) {
+    throw StoreError(kind, {std::move(line)});
 }
 
 bool isGuid(const std::string& text) {
@@ -96,7 +97,7 @@ void checkUnpackedManifest(opc::model::Package& package, const std::vector<Insta
         same = file != files.end() && file->sha256 == checkedSha256;
     }
     if (!same)
-        refuse(StoreError::Reason::BadPackage, "the package changed while it was being installed");
+        refuse(FaultKind::PackageChanged, "the package changed while it was being installed");
 }
 
 std::string leafOf(const std::string& relative) {
@@ -157,18 +158,16 @@ struct AppStore::Impl {
         if (isGuid(app)) {
             const std::string guid = opc::detail::ascii_lower(app);
             if (!records->currentId(guid))
-                refuse(StoreError::Reason::NotInstalled, "no app " + guid + " is installed");
+                refuse(FaultKind::NotInstalled, "no app " + guid + " is installed");
             return guid;
         }
         const auto guids = records->guidsNamed(app);
-        if (guids.empty())
-            refuse(StoreError::Reason::NotInstalled, "no installed app is called " + app);
+        if (guids.empty()) refuse(FaultKind::NotInstalled, "no installed app is called " + app);
         if (guids.size() > 1) {
             std::string list;
             for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;
-            refuse(StoreError::Reason::Ambiguous, app + " names " + std::to_string(guids.size()) +
-                                                      " installed apps (" + list +
-                                                      "); give a GUID");
+            refuse(FaultKind::AmbiguousName, app + " names " + std::to_string(guids.size()) +
+                                                 " installed apps (" + list + "); give a GUID");
         }
         return guids.front();
     }
@@ -282,22 +281,23 @@ struct AppStore::Impl {
         if (!report.good() || !report.manifest) {
             std::vector<std::string> lines;
             for (const Fault& fault : report.faults) lines.push_back(fault.detail);
-            throw StoreError(StoreError::Reason::BadPackage, lines);
+            throw StoreError(
+                report.faults.empty() ? FaultKind::BadManifest : report.faults.front().kind, lines);
         }
         // The package's digest is taken through a second open of its path:
         // both must be the one file, not one replaced in between.
         if (packageSha.fd() >= 0 && !opened->reads(packageSha.fd()))
-            refuse(StoreError::Reason::BadPackage,
-                   "the package changed while it was being installed");
+            refuse(FaultKind::PackageChanged, "the package changed while it was being installed");
         const AppManifest& manifest = *report.manifest;
         if (!isGuid(manifest.GUID))
-            refuse(StoreError::Reason::BadPackage,
+            refuse(FaultKind::BadManifest,
                    "the GUID " + manifest.GUID + " is not of the form 8-4-4-4-12 hex digits");
         InstalledVersion version;
         version.guid = opc::detail::ascii_lower(manifest.GUID);
         version.name = fl::i18n::to_string(manifest.name);
         version.version = fl::i18n::to_string(manifest.version);
         version.package = package.string();
+        version.origin = installOptions.origin;
         version.hostProfile = toJson(host);
         version.forcedReasons = incompatibilities(manifest, host);
         version.forced = !version.forcedReasons.empty();
@@ -306,7 +306,7 @@ struct AppStore::Impl {
             for (const auto& reason : version.forcedReasons)
                 lines.push_back("does not fit this host: " + reason);
             lines.push_back("not installed; --force installs it anyway");
-            throw StoreError(StoreError::Reason::NotCompatible, lines);
+            throw StoreError(FaultKind::NotCompatible, lines);
         }
         InstallResult result;
         const auto currentId = records->currentId(version.guid);
@@ -348,14 +348,13 @@ struct AppStore::Impl {
         if (order > 0) return InstallResult::Kind::Upgrade;
         if (order == 0) {
             if (!options.reinstall)
-                refuse(StoreError::Reason::Refused,
+                refuse(FaultKind::Refused,
                        "version " + installed + " is already installed; --reinstall replaces it");
             return InstallResult::Kind::Reinstall;
         }
         if (!options.allowDowngrade)
-            refuse(StoreError::Reason::Refused, "version " + wanted +
-                                                    " is older than the installed " + installed +
-                                                    "; --allow-downgrade installs it");
+            refuse(FaultKind::Refused, "version " + wanted + " is older than the installed " +
+                                           installed + "; --allow-downgrade installs it");
         return InstallResult::Kind::Downgrade;
     }
 
@@ -369,9 +368,9 @@ struct AppStore::Impl {
                                     ? "this package's signer is not verified (see --trust)"
                                     : "this package is signed by " + fresh.signerSubject +
                                           " (SHA-256 " + fresh.signerFingerprint + ")";
-        refuse(StoreError::Reason::Refused,
-               "version " + was.version + " is signed by " + was.signerSubject + " (SHA-256 " +
-                   was.signerFingerprint + "); " + now + "; --allow-signer-change installs it");
+        refuse(FaultKind::Refused, "version " + was.version + " is signed by " + was.signerSubject +
+                                       " (SHA-256 " + was.signerFingerprint + "); " + now +
+                                       "; --allow-signer-change installs it");
     }
 
     // One transaction: the new version's records, the old ones beyond the
@@ -509,8 +508,7 @@ struct AppStore::Impl {
                 previous = row;
         }
         if (!previous)
-            refuse(StoreError::Reason::NoPrevious,
-                   guid + " has no previous version to roll back to");
+            refuse(FaultKind::NoPrevious, guid + " has no previous version to roll back to");
         // Marks the app for settling should the link switch but the
         // records not commit.
         const std::int64_t pendingId =
@@ -701,15 +699,29 @@ std::vector<std::string> AppStore::recover() {
     return done;
 }
 
-std::optional<std::string> AppStore::state(const std::string& scope, const std::string& key) const {
-    return impl_->records->state(scope, key);
+std::filesystem::path AppStore::downloadFolder() const {
+    const std::filesystem::path folder = impl_->root / ".downloads";
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+        failed(folder.string() + " cannot be made", errno);
+    // One that exists must be this user's folder, not a link elsewhere.
+    struct stat info {};
+    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())
+        refuse(FaultKind::StoreFailed,
+               folder.string() + ": not a folder of this user's; remove it");
+    return folder;
 }
 
-void AppStore::updateState(const std::string& scope, const std::string& key,
-                           const StateChange& change) {
-    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
-    if (auto value = change(impl_->records->state(scope, key)))
-        impl_->records->setState(scope, key, *value);
+std::optional<std::string> RootStateAccess::read(const AppStore& apps, const std::string& scope,
+                                                 const std::string& key) {
+    return apps.impl_->records->state(scope, key);
+}
+
+void RootStateAccess::update(AppStore& apps, const std::string& scope, const std::string& key,
+                             const Change& change) {
+    AppStore::Impl& impl = *apps.impl_;
+    RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
+    if (auto value = change(impl.records->state(scope, key)))
+        impl.records->setState(scope, key, *value);
 }
 
 }  // namespace tsappinstall::store

@@ -7,7 +7,7 @@ namespace {
 
 const std::string kColumns =
     "SELECT id, guid, name, version, folder, package, package_sha256, signer_subject, "
-    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons";
+    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons, origin";
 const std::string kVersionColumns = kColumns + " FROM versions ";
 
 VersionRow versionRow(const Statement& s) {
@@ -29,6 +29,7 @@ VersionRow versionRow(const Statement& s) {
     if (reasons.is_array())
         for (const auto& reason : reasons)
             if (reason.is_string()) v.forcedReasons.push_back(reason.get<std::string>());
+    v.origin = s.text(13);
     return row;
 }
 
@@ -61,7 +62,7 @@ std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
                                  "FROM versions ORDER BY guid, id DESC")
                          .c_str());
     std::vector<std::pair<VersionRow, bool>> rows;
-    while (s.step()) rows.emplace_back(versionRow(s), s.integer(13) != 0);
+    while (s.step()) rows.emplace_back(versionRow(s), s.integer(14) != 0);
     return rows;
 }
 
@@ -113,12 +114,13 @@ std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& f
     Statement s(db_,
                 "INSERT INTO versions(guid, name, version, folder, package, package_sha256, "
                 "signer_subject, signer_fingerprint, installed_at, host_profile, forced, "
-                "forced_reasons) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                "forced_reasons, origin) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     const nlohmann::json reasons = v.forcedReasons;
     s.bind(1, v.guid).bind(2, v.name).bind(3, v.version).bind(4, folder).bind(5, v.package);
     s.bind(6, v.packageSha256).bind(7, v.signerSubject).bind(8, v.signerFingerprint);
     s.bind(9, v.installedAt).bind(10, v.hostProfile).bind(11, std::int64_t{v.forced});
     s.bind(12, reasons.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    s.bind(13, v.origin);
     s.run();
     const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
     Statement file(db_,

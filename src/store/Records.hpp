@@ -1,7 +1,7 @@
 #pragma once
 
 // The store's records in its database: apps, their versions and files,
-// the operations under way, and its users' small state.
+// the operations under way, and its users' small state (RootState.hpp).
 
 #include <cstdint>
 #include <optional>

@@ -52,6 +52,14 @@ CREATE TABLE state(
   PRIMARY KEY(scope, key)
 ) WITHOUT ROWID;
 )sql",
+    // Where each version came from, written in its install's transaction.
+    // Before, the repository layer kept it apart, by GUID, in the state.
+    R"sql(
+ALTER TABLE versions ADD COLUMN origin TEXT NOT NULL DEFAULT '';
+UPDATE versions SET origin = COALESCE(
+  (SELECT value FROM state WHERE scope = 'app-repository' AND key = versions.guid), '');
+DELETE FROM state WHERE scope = 'app-repository';
+)sql",
 };
 
 constexpr int kKnown = static_cast<int>(std::size(migrations));
@@ -65,7 +73,7 @@ int userVersion(const Database& db) {
 void refuseNewer(const Database& db, int found) {
     if (found <= kSchemaVersion) return;
     throw StoreError(
-        StoreError::Reason::BadDatabase,
+        FaultKind::BadDatabase,
         {"the database " + std::string(sqlite3_db_filename(db.get(), "main")) +
          " has schema version " + std::to_string(found) + ", newer than this program knows (" +
          std::to_string(kSchemaVersion) + "); it was left as it is"});

@@ -5,7 +5,7 @@
 namespace tsappinstall::store::detail {
 
 // The schema this code reads and writes (PRAGMA user_version).
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 
 // Brings the database up to kSchemaVersion in one transaction, in WAL
 // mode. Throws StoreError (BadDatabase) for a database written by a newer

@@ -31,8 +31,7 @@ void Database::fail(int code, const std::string& what) const {
     if (detail.empty() || detail == "not an error") detail = sqlite3_errstr(code);
     std::string line = "the database " + file_ + " " + what + ": " + detail;
     if (damaged) line += "; it was left as it is";
-    throw StoreError(damaged ? StoreError::Reason::BadDatabase : StoreError::Reason::Failed,
-                     {line});
+    throw StoreError(damaged ? FaultKind::BadDatabase : FaultKind::StoreFailed, {line});
 }
 
 Statement::Statement(const Database& db, const char* sql) : db_(&db) {

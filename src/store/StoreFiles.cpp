@@ -28,7 +28,7 @@ std::pair<std::string, std::string> splitLast(const std::string& path) {
 }  // namespace
 
 void failed(const std::string& what, int error) {
-    throw StoreError(StoreError::Reason::Failed, {what + ": " + std::strerror(error)});
+    throw StoreError(FaultKind::StoreFailed, {what + ": " + std::strerror(error)});
 }
 
 OpsFd openFolder(const FileOps& ops, int dir, const std::string& relative,

@@ -24,7 +24,7 @@ using opc::model::PartName;
 [[noreturn]] void badPackage(const std::vector<Fault>& faults) {
     std::vector<std::string> lines;
     for (const Fault& fault : faults) lines.push_back(describe(fault));
-    throw StoreError(StoreError::Reason::BadPackage, lines);
+    throw StoreError(faults.empty() ? FaultKind::Other : faults.front().kind, lines);
 }
 
 bool among(const PartName& part, const std::vector<PartName>& parts) {

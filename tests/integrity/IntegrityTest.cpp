@@ -554,7 +554,7 @@ TEST(Integrity, OldListsOfItemNamesStillVerify) {
 
 #ifdef TSAPP_TOOL
 // The signature as a user checks it: with the tool, and with standard tools
-// in the folder the tool extracted (the commands in the README).
+// in the folder the tool extracted (the commands in docs/trust.md).
 TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
     TempDir dir;
     const std::string tool = TSAPP_TOOL, sample = std::string(TSAPP_SOURCE_DIR) + "/sample/app";

@@ -52,7 +52,7 @@ TEST(StoreConcurrency, WritersAndReadersOnOneRoot) {
                     try {
                         if (!apps.audit(app.current.guid).clean()) ++torn;
                     } catch (const StoreError& e) {  // removed since the list was read
-                        if (e.reason() != StoreError::Reason::NotInstalled) ++torn;
+                        if (e.kind() != tsappinstall::FaultKind::NotInstalled) ++torn;
                     }
                 }
             }

@@ -1,5 +1,5 @@
-// The README's session with the apps root, run as written: every command's
-// output must be what the README shows.
+// The store session of docs/store.md, run as written: every command's
+// output must be what the page shows.
 
 #include <gtest/gtest.h>
 
@@ -11,9 +11,9 @@ namespace {
 
 using namespace tsapp::test;
 
-// The lines of the README's block after "<!-- store session -->".
+// The lines of the block after "<!-- store session -->" in docs/store.md.
 std::string readmeSession() {
-    const std::string readme = read_file(std::string(TSAPP_SOURCE_DIR) + "/README.md");
+    const std::string readme = read_file(std::string(TSAPP_SOURCE_DIR) + "/docs/store.md");
     const auto marker = readme.find("<!-- store session -->");
     const auto start = readme.find('\n', readme.find("```", marker)) + 1;
     return readme.substr(start, readme.find("```", start) - start);

@@ -37,7 +37,8 @@ std::vector<Command> addExtract(CLI::App& app);     // extract, recover
 std::vector<Command> addPack(CLI::App& app);
 std::vector<Command> addVerify(CLI::App& app);
 std::vector<Command> addStore(CLI::App& app);  // install, installed, show, remove, rollback, audit
-std::vector<Command> addRepo(CLI::App& app);  // repo index, search
+std::vector<Command> addRepo(CLI::App& app);   // repo index, add, list, remove; search
+std::vector<Command> addUpgrade(CLI::App& app);  // outdated, upgrade
 
 // For paths: an empty one would otherwise mean the current folder.
 inline const CLI::Validator& nonEmpty() {
@@ -92,9 +93,9 @@ inline PackageCommand addPackageCommand(CLI::App& app, const char* name, const c
 // fault type, with the file as its item and the cause as its text.
 class Failure : public tsappinstall::Error {
   public:
-    Failure(std::string file, const std::string& cause)
-        : tsappinstall::Error(
-              tsappinstall::Fault{tsappinstall::FaultKind::Other, std::move(file), cause}, cause) {}
+    Failure(std::string file, const std::string& cause,
+            tsappinstall::FaultKind kind = tsappinstall::FaultKind::Other)
+        : tsappinstall::Error(tsappinstall::Fault{kind, std::move(file), cause}, cause) {}
     const std::string& file() const { return fault().item; }
 };
 
@@ -147,6 +148,13 @@ std::string causeOf(const std::exception& e);
 
 // One line on stderr: "tsapp: <what>", line breaks flattened.
 void printError(const std::string& what);
+
+// "tsapp: FILE: cause" on stderr; for a command given --json, also one
+// line on stdout for scripts: {"error":{"kind":TOKEN,"item":FILE,"detail":CAUSE}}.
+void reportFailure(const Failure& failure);
+
+// Whether the command running was given --json (set before it runs).
+extern bool jsonFailures;
 
 // "tsapp: FILE: warning: <text>" for each of a package's warnings.
 void printWarnings(const std::string& file, const std::vector<std::string>& warnings);

@@ -5,7 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
+
+#include <nlohmann/json.hpp>
 
 #include "Commands.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -14,9 +17,19 @@
 namespace tsapp::tool {
 
 std::string causeOf(const std::exception& e) {
-    const auto* failure = dynamic_cast<const opc::Exception*>(&e);
-    if (!failure || failure->reason() == opc::Reason::Other) return e.what();
-    return std::string(opc::describe(failure->reason())) + ": " + e.what();
+    // The package layer's texts leave the kind to the caller; the other
+    // layers' name it themselves. Callers are catch blocks: `e` is the
+    // exception being handled, which rethrowing shows as what it is.
+    if (const std::exception_ptr current = std::current_exception()) {
+        try {
+            std::rethrow_exception(current);
+        } catch (const opc::Exception& failure) {
+            if (&failure == &e && failure.reason() != opc::Reason::Other)
+                return std::string(opc::describe(failure.reason())) + ": " + e.what();
+        } catch (...) {
+        }
+    }
+    return e.what();
 }
 
 void printError(const std::string& what) {
@@ -26,6 +39,19 @@ void printError(const std::string& what) {
     }
     // File names are bytes, not always UTF-8, and may hold terminal controls.
     std::cerr << "tsapp: " << fl::i18n::shown(line) << '\n';
+}
+
+bool jsonFailures = false;
+
+void reportFailure(const Failure& failure) {
+    printError(failure.file() + ": " + failure.what());
+    if (!jsonFailures) return;
+    const nlohmann::ordered_json line = {{"error",
+                                          {{"kind", tsappinstall::token(failure.kind())},
+                                           {"item", failure.file()},
+                                           {"detail", failure.what()}}}};
+    std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+              << '\n';
 }
 
 namespace {

@@ -8,14 +8,18 @@
 
 #include "Commands.hpp"
 #include "RepoClient.hpp"
+#include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
+#include "tsappinstall/repository/Installer.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 namespace repository = tsappinstall::repository;
+namespace store = tsappinstall::store;
+using Json = nlohmann::ordered_json;
 
 // "30d", "12h", "90m", "45s": how long a published index stays valid.
 std::int64_t parseDuration(const std::string& text) {
@@ -69,14 +73,14 @@ struct SearchCommand {
 
 // One line (or JSON object) per app: the newest version that matched.
 int runSearch(const SearchCommand& o) {
-    std::vector<repository::Repository> repos;
+    std::vector<std::shared_ptr<const repository::Repository>> repos;
     if (o.location.empty())
         repos = recordedIndexes(o.root);
     else
-        repos.emplace_back(o.location, o.options);
+        repos.push_back(std::make_shared<repository::Repository>(o.location, o.options));
     std::map<std::string, const repository::PackageEntry*> newest;
     for (const auto& repo : repos)
-        for (const auto* entry : repository::search(repo.index(), o.text)) {
+        for (const auto* entry : repository::search(repo->index(), o.text)) {
             const auto*& best = newest[entry->guid];
             if (!best || repository::compareVersions(entry->version, best->version) > 0)
                 best = entry;
@@ -105,6 +109,51 @@ int runSearch(const SearchCommand& o) {
     if (newest.empty())
         throw Failure(o.location.empty() ? std::string("search") : o.location,
                       "no app matches \"" + printable(o.text) + "\"");
+    return kGood;
+}
+
+struct RecordSettings {
+    RootOption root;
+    repository::Remote remote;
+    bool json = false;
+};
+
+int runAdd(const RecordSettings& s) {
+    const auto apps = openRoot(s.root);
+    repository::Installer installer(*apps);
+    const auto repo = onRepository(s.remote.name, [&] { return installer.add(s.remote); });
+    std::cout << "added " << s.remote.name << ": " << s.remote.location << ", index version "
+              << repo->index().version << ", " << repo->index().packages.size() << " packages\n";
+    return kGood;
+}
+
+int runList(const RecordSettings& s) {
+    if (!store::AppStore::exists(s.root.path())) return kGood;
+    const auto apps = openRoot(s.root);
+    const repository::Installer installer(*apps);
+    for (const auto& remote : installer.remotes()) {
+        if (!s.json) {
+            std::cout << remote.name << "  " << remote.location << "\n";
+            continue;
+        }
+        const Json line = {{"name", remote.name},
+                           {"location", remote.location},
+                           {"trust", remote.trust},
+                           {"repoCa", remote.serverCa},
+                           {"highestSeen", installer.highestSeen(remote.key())}};
+        std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+    }
+    return kGood;
+}
+
+int runRemove(const RecordSettings& s) {
+    if (!store::AppStore::exists(s.root.path()))
+        throw Failure(s.remote.name, "no repository of that name",
+                      tsappinstall::FaultKind::UnknownRepository);
+    const auto apps = openRoot(s.root);
+    repository::Installer installer(*apps);
+    onRepository(s.remote.name, [&] { installer.remove(s.remote.name); });
+    std::cout << "removed " << s.remote.name << "\n";
     return kGood;
 }
 
@@ -166,12 +215,42 @@ std::vector<Command> addRepo(CLI::App& app) {
     searchCli->add_flag("--json", search->json, "One JSON array of the apps found");
     addClientOptions(searchCli, search->options);
 
-    std::vector<Command> commands = {
-        {indexCli, [index] { return runIndex(*index); }, [index] { return index->folder; }},
-        {searchCli, [search] { return runSearch(*search); },
-         [search] { return search->location.empty() ? "search" : search->location; }}};
-    for (auto& command : addRepoRecords(app, repo)) commands.push_back(std::move(command));
-    return commands;
+    auto added = std::make_shared<RecordSettings>();
+    CLI::App* add = repo->add_subcommand(
+        "add", "Record a repository in the apps root, once its index is read and trusted.");
+    add->add_option("NAME", added->remote.name, "Name to refer to it by")
+        ->required()
+        ->check(nonEmpty());
+    add->add_option("LOCATION", added->remote.location, "A folder, a file: URL or an http(s): URL")
+        ->required()
+        ->check(nonEmpty());
+    add->add_option("--trust", added->remote.trust,
+                    "PEM file of a CA the index's signer must lead to (repeatable)")
+        ->required()
+        ->allow_extra_args(false)
+        ->check(nonEmpty());
+    add->add_option("--repo-ca", added->remote.serverCa,
+                    "PEM file of the CA for an https: server (default: the system's)")
+        ->check(nonEmpty());
+    addRoot(add, added->root);
+
+    auto listed = std::make_shared<RecordSettings>();
+    CLI::App* list = repo->add_subcommand("list", "List the recorded repositories.");
+    list->add_flag("--json", listed->json, "One JSON object per line and repository");
+    addRoot(list, listed->root);
+
+    auto removed = std::make_shared<RecordSettings>();
+    CLI::App* remove = repo->add_subcommand("remove", "Forget a recorded repository.");
+    remove->add_option("NAME", removed->remote.name, "Its name")->required()->check(nonEmpty());
+    addRoot(remove, removed->root);
+
+    return {{indexCli, [index] { return runIndex(*index); }, [index] { return index->folder; }},
+            {searchCli, [search] { return runSearch(*search); },
+             [search] { return search->location.empty() ? "search" : search->location; }},
+            {add, [added] { return runAdd(*added); }, [added] { return added->remote.name; }},
+            {list, [listed] { return runList(*listed); }, rootSubject(listed->root)},
+            {remove, [removed] { return runRemove(*removed); },
+             [removed] { return removed->remote.name; }}};
 }
 
 }  // namespace tsapp::tool

@@ -1,10 +1,9 @@
 #pragma once
 
-// Installing from repositories: the ones recorded in an apps root (repo
-// add, list, remove) or named with --repo, the highest index version seen
-// of each (kept in the root, so that an older index is refused), and the
-// commands that install, list and upgrade through them.
+// Installing from repositories: the ones recorded in an apps root or named
+// with --repo, through the library's installer, which keeps the records.
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,14 +27,12 @@ void addRepositoryOptions(CLI::App* install, RepositoryChoice& choice);
 // repository chosen or, without one, in the recorded ones.
 void installArgument(tsappinstall::store::AppStore& apps, const std::string& argument,
                      const RepositoryChoice& choice, const tsappinstall::store::HostProfile& host,
-                     tsappinstall::store::InstallOptions options);
-
-// repo add, repo list, repo remove (below `repo`), outdated and upgrade.
-std::vector<Command> addRepoRecords(CLI::App& app, CLI::App* repo);
+                     const tsappinstall::store::InstallOptions& options);
 
 // The indexes `search` reads when it is given no --repo: every
 // repository recorded in the apps root `root` ("" for the default one),
 // each held to the highest index version seen of it before.
-std::vector<tsappinstall::repository::Repository> recordedIndexes(const std::string& root);
+std::vector<std::shared_ptr<const tsappinstall::repository::Repository>> recordedIndexes(
+    const std::string& root);
 
 }  // namespace tsapp::tool

@@ -51,11 +51,20 @@ void addRoot(CLI::App* command, RootOption& option) {
 }
 
 void failOnStore(const std::string& subject, const store::StoreError& error) {
-    const bool aboutRoot = error.reason() == store::StoreError::Reason::BadDatabase;
+    const bool aboutRoot = error.kind() == tsappinstall::FaultKind::BadDatabase;
     const std::string about = aboutRoot ? std::string("the apps root") : subject;
     const auto& lines = error.lines();
     for (std::size_t i = 0; i + 1 < lines.size(); ++i) printError(about + ": " + lines[i]);
-    throw Failure(about, lines.empty() ? std::string(error.what()) : lines.back());
+    throw Failure(about, lines.empty() ? std::string(error.what()) : lines.back(), error.kind());
+}
+
+std::function<std::string()> rootSubject(const RootOption& option) {
+    return [&option] { return option.root.empty() ? std::string("the apps root") : option.root; };
+}
+
+std::unique_ptr<store::AppStore> openRoot(const RootOption& option) {
+    const auto path = option.path();
+    return onStore(path.string(), [&] { return std::make_unique<store::AppStore>(path); });
 }
 
 namespace {
@@ -147,11 +156,12 @@ const char* verbOf(store::InstallResult::Kind kind) {
 
 }  // namespace
 
-void installOne(store::AppStore& apps, const std::string& package, const std::string& shown,
-                const store::HostProfile& host, store::InstallOptions options) {
+void installWith(const std::string& shown, store::InstallOptions options,
+                 const std::function<store::InstallResult(const store::InstallOptions&)>& run) {
     store::InstallResult result;
     {  // the progress line is cleared before the result is printed
         ProgressLine progress;
+        options.cancelled = [] { return caughtSignal != 0; };
         if (::isatty(STDERR_FILENO)) {
             options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p,
                                    std::size_t tp) { progress.update(b, tb, p, tp); };
@@ -161,7 +171,7 @@ void installOne(store::AppStore& apps, const std::string& package, const std::st
                 return caughtSignal != 0;
             };
         }
-        result = onStore(shown, [&] { return apps.install(nativePath(package), host, options); });
+        result = run(options);
     }
     const auto& v = result.installed;
     std::cout << verbOf(result.kind) << " " << v.name << " "
@@ -170,6 +180,13 @@ void installOne(store::AppStore& apps, const std::string& package, const std::st
     for (const auto& reason : v.forcedReasons)
         std::cerr << "tsapp: warning: " << shown << ": forced: " << reason << "\n";
     for (const auto& left : result.leftOver) std::cerr << "tsapp: warning: " << left << "\n";
+}
+
+void installOne(store::AppStore& apps, const std::string& package, const std::string& shown,
+                const store::HostProfile& host, const store::InstallOptions& options) {
+    installWith(shown, options, [&](const store::InstallOptions& with) {
+        return onStore(shown, [&] { return apps.install(nativePath(package), host, with); });
+    });
 }
 
 namespace {
@@ -182,17 +199,15 @@ int runInstall(const InstallSettings& s) {
     auto apps = onStore(root.string(),
                         [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
     const store::HostProfile host = hostProfile(s.host, root);
-    store::InstallOptions options = s.options;
-    options.cancelled = [] { return caughtSignal != 0; };
     int status = kGood;
     for (const auto& package : s.packages) {
         try {
-            installArgument(*apps, package, s.repository, host, options);
+            installArgument(*apps, package, s.repository, host, s.options);
         } catch (const Failure& e) {
-            printError(e.file() + ": " + e.what());
+            reportFailure(e);
             status = kBad;
         } catch (const std::exception& e) {
-            printError(package + ": " + causeOf(e));
+            reportFailure(Failure(package, causeOf(e)));
             status = kBad;
         }
         if (caughtSignal) return 128 + caughtSignal;
@@ -327,7 +342,7 @@ int runRemove(const RemoveSettings& s) {
                 std::cerr << "tsapp: warning: kept " << (v.folder / kept).string()
                           << ": changed or added since the install (--purge removes it)\n";
         } catch (const Failure& e) {
-            printError(e.file() + ": " + e.what());
+            reportFailure(e);
             status = kBad;
         }
     }
@@ -420,16 +435,12 @@ std::vector<Command> addStore(CLI::App& app) {
                    "Installed app: GUID or name (default: every app)", true);
     audit->add_flag("--json", audited->json, "One JSON object per line and app");
 
-    const auto rootOf = [](const RootOption& option) {
-        return
-            [&option] { return option.root.empty() ? std::string("the apps root") : option.root; };
-    };
-    return {{install, [in] { return runInstall(*in); }, rootOf(in->root)},
-            {installed, [listed] { return runInstalled(*listed); }, rootOf(listed->root)},
-            {show, [shown] { return runShow(*shown); }, rootOf(shown->root)},
-            {remove, [removed] { return runRemove(*removed); }, rootOf(removed->root)},
-            {rollback, [rolled] { return runRollback(*rolled); }, rootOf(rolled->root)},
-            {audit, [audited] { return runAudit(*audited); }, rootOf(audited->root)}};
+    return {{install, [in] { return runInstall(*in); }, rootSubject(in->root)},
+            {installed, [listed] { return runInstalled(*listed); }, rootSubject(listed->root)},
+            {show, [shown] { return runShow(*shown); }, rootSubject(shown->root)},
+            {remove, [removed] { return runRemove(*removed); }, rootSubject(removed->root)},
+            {rollback, [rolled] { return runRollback(*rolled); }, rootSubject(rolled->root)},
+            {audit, [audited] { return runAudit(*audited); }, rootSubject(audited->root)}};
 }
 
 }  // namespace tsapp::tool

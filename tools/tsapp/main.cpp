@@ -27,26 +27,36 @@ const CLI::App* namedCommand(const CLI::App& app, int argc, char** argv) {
     throw CLI::ParseError(unknownCommand(app, argv[1]), CLI::ExitCodes::InvalidError);
 }
 
+// Whether the command was given --json.
+bool wantsJson(const CLI::App& command) {
+    const CLI::Option* json = command.get_option_no_throw("--json");
+    return json != nullptr && json->count() > 0;
+}
+
 // Runs the command the command line named; its exit status.
 int runNamed(const std::vector<Command>& commands) {
     for (const Command& command : commands) {
         if (!command.cli->parsed()) continue;
+        jsonFailures = wantsJson(*command.cli);
         // Failures name the file they are about; anything the command does
         // not attribute itself is about its subject.
         const std::string subject = command.subject();
         try {
             return command.run();
         } catch (const UsageError& e) {
-            printError(e.file() + ": " + e.what());
+            reportFailure(e);
             return kUsage;
         } catch (const Failure& e) {
-            printError(e.file() + ": " + e.what());
+            reportFailure(e);
+            return kBad;
+        } catch (const tsappinstall::Error& e) {
+            reportFailure(Failure(subject, causeOf(e), e.kind()));
             return kBad;
         } catch (const std::exception& e) {
-            printError(subject + ": " + causeOf(e));
+            reportFailure(Failure(subject, causeOf(e)));
             return kBad;
         } catch (...) {
-            printError(subject + ": failed for a reason the library does not name");
+            reportFailure(Failure(subject, "failed for a reason the library does not name"));
             return kBad;
         }
     }
@@ -89,7 +99,7 @@ int main(int argc, char** argv) {
 
     std::vector<Command> commands;
     for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify,
-                     addStore, addRepo}) {
+                     addStore, addRepo, addUpgrade}) {
         for (Command& command : add(app)) commands.push_back(std::move(command));
     }
 

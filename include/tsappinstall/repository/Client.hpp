@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@
 #include "tsappinstall/repository/Index.hpp"
 
 namespace tsappinstall::repository {
+
+class Connection;
 
 struct ClientOptions {
     // PEM files a signature of the index must lead to; empty with
@@ -36,7 +39,9 @@ struct ClientOptions {
 class TSAPP_API Repository {
   public:
     // Fetches and checks the index at `location`: its signature, its
-    // expiry, its version against options.highestSeen and its rules.
+    // expiry, its version against options.highestSeen and its rules. The
+    // index, its signature and every download of this object share one
+    // connection to an http(s) server.
     Repository(std::string location, ClientOptions options);
     ~Repository();
     Repository(Repository&&) noexcept;
@@ -61,6 +66,7 @@ class TSAPP_API Repository {
   private:
     std::string location_;
     ClientOptions options_;
+    std::unique_ptr<Connection> connection_;
     Index index_;
     std::string signer_;
 };

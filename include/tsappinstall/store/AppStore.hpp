@@ -10,7 +10,7 @@
 // failing call) is settled from the database by the next writer to open
 // the root, or by recover(), so files and records always agree.
 //
-// Writers (install, remove, rollback, recover, updateState) hold an exclusive
+// Writers (install, remove, rollback, recover) hold an exclusive
 // lock on ROOT/.lock for the whole operation; audits hold it shared; list
 // and show read one database snapshot. An AppStore object is used by one
 // thread at a time; several objects, threads or processes may work on one
@@ -20,7 +20,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,26 +30,23 @@
 
 namespace tsappinstall::store {
 
-// Why a store operation did not happen. The error's text is its first
-// line; `lines()` holds every line (one per incompatibility or fault).
+namespace detail {
+struct RootStateAccess;
+}
+
+// Why a store operation did not happen. Its kind says why: StoreFailed (a
+// file or database operation), NotCompatible (the host does not fit the
+// app; forcing installs it anyway), Refused (a version or signer rule),
+// NotInstalled, AmbiguousName, NoPrevious (nothing to roll back to),
+// BadDatabase (damaged, or from a newer schema), PackageChanged, or the
+// kind of the package's first fault. The error's text is its first line;
+// `lines()` holds every line (one per incompatibility or fault).
 class TSAPP_API StoreError : public tsappinstall::Error {
   public:
-    enum class Reason {
-        Failed,         // a file or database operation failed
-        BadPackage,     // the package is damaged, or fails its digests or signature
-        NotCompatible,  // the host does not fit the app (--force installs anyway)
-        Refused,        // a version or signer rule refuses the install
-        NotInstalled,   // no installed app is called that
-        Ambiguous,      // a name that several installed apps share
-        NoPrevious,     // nothing to roll back to
-        BadDatabase,    // the database is damaged or from a newer schema
-    };
-    StoreError(Reason reason, std::vector<std::string> lines);
-    Reason reason() const noexcept { return reason_; }
+    StoreError(FaultKind kind, std::vector<std::string> lines);
     const std::vector<std::string>& lines() const noexcept { return *lines_; }
 
   private:
-    Reason reason_;
     std::shared_ptr<const std::vector<std::string>> lines_;
 };
 
@@ -65,6 +61,10 @@ struct InstallOptions {
     unsigned threads = 1;
     std::function<bool()> cancelled;
     opc::qvservices::FileSystemManager::Progress progress;
+    // Who supplied the package, as the caller describes it (the repository
+    // installer writes the repository); recorded with the version in the
+    // install's own transaction. Empty for a package file installed as it is.
+    std::string origin;
 };
 
 struct InstalledFile {
@@ -87,6 +87,7 @@ struct InstalledVersion {
     std::string hostProfile;        // the profile checked against, as toJson() writes it
     bool forced = false;
     std::vector<std::string> forcedReasons;  // the incompatibilities --force overrode
+    std::string origin;                      // InstallOptions::origin as installed
 };
 
 struct InstalledApp {
@@ -179,18 +180,14 @@ class TSAPP_API AppStore {
     // Settles what an interrupted operation left; one line per repair.
     std::vector<std::string> recover();
 
-    // Small state of the store's users (a repository's highest index
-    // version seen), kept in the same database.
-    std::optional<std::string> state(const std::string& scope, const std::string& key) const;
-    // Reads the value and writes what `change` makes of it (nothing when it
-    // returns nullopt) with the root's lock held, so two processes changing
-    // one value never lose each other's change. What `change` throws
-    // leaves the value as it was.
-    using StateChange =
-        std::function<std::optional<std::string>(const std::optional<std::string>& current)>;
-    void updateState(const std::string& scope, const std::string& key, const StateChange& change);
+    // The root's folder for packages on their way in (ROOT/.downloads):
+    // on the root's file system, so that a package is never read across a
+    // mount, and private to this user. Made when missing; throws StoreError
+    // (StoreFailed) when it is anything but a folder of this user's.
+    std::filesystem::path downloadFolder() const;
 
   private:
+    friend struct detail::RootStateAccess;
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -84,6 +84,28 @@ KindTexts textsOf(FaultKind kind) {
             return {"size-mismatch", "size mismatch"};
         case FaultKind::DownloadFailed:
             return {"download-failed", "download failed"};
+        case FaultKind::NotCompatible:
+            return {"not-compatible", "does not fit this host"};
+        case FaultKind::Refused:
+            return {"refused", "refused"};
+        case FaultKind::NotInstalled:
+            return {"not-installed", "not installed"};
+        case FaultKind::AmbiguousName:
+            return {"ambiguous-name", "ambiguous name"};
+        case FaultKind::NoPrevious:
+            return {"no-previous", "no previous version"};
+        case FaultKind::BadDatabase:
+            return {"bad-database", "bad database"};
+        case FaultKind::StoreFailed:
+            return {"store-failed", "store operation failed"};
+        case FaultKind::PackageChanged:
+            return {"package-changed", "package changed"};
+        case FaultKind::UnknownRepository:
+            return {"unknown-repository", "unknown repository"};
+        case FaultKind::RepositoryExists:
+            return {"repository-exists", "repository recorded already"};
+        case FaultKind::NotOffered:
+            return {"not-offered", "not offered"};
     }
     return {"unknown", "failed"};  // a value outside the enum
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 // Streaming raw-DEFLATE decoding over ISA-L, which keeps only a 32 KiB
-// window and inflates faster than zlib (the README has the figures).
+// window and inflates faster than zlib (docs/decisions.md has the figures).
 
 #include <cstdint>
 #include <memory>

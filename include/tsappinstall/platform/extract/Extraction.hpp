@@ -124,7 +124,7 @@ struct Recovery {
     std::vector<std::string> unreadable;
     // Folders named like staging folders that do not prove themselves an
     // extraction's of this user (a stamp bound to the very folder, private
-    // modes, see the README's threat model): never read, never removed.
+    // modes, see the threat model in docs/trust.md): never read, never removed.
     std::vector<std::string> skipped;
 };
 

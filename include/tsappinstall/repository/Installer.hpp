@@ -1,0 +1,119 @@
+#pragma once
+
+// Installing from repositories, as a host application does it: the
+// repositories recorded in an apps root, the highest index version seen of
+// each (an older index is then refused as a rollback), the repository each
+// installed version came from, and installing, listing and upgrading
+// through them. All of it lives in the root's own database, and the origin
+// of a version is written in the very transaction that installs it.
+//
+// Failures are Errors whose fault names the repository (its name, or its
+// location) as the item, with the kind of what went wrong: IndexRollback,
+// UntrustedSigner, DigestMismatch, UnknownRepository, RepositoryExists,
+// NotOffered, ...; the store's own refusals pass on as StoreErrors.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tsappinstall/export.hpp"
+#include "tsappinstall/repository/Client.hpp"
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsappinstall::repository {
+
+// A repository as recorded in an apps root, or named by its location alone.
+struct Remote {
+    std::string name;                // empty for one named by its location alone
+    std::string location;            // a folder, a file: URL or an http(s): URL
+    std::vector<std::string> trust;  // PEM files the index's signer must lead to
+    std::string serverCa;            // PEM file of an https: server's CA; empty: the system's
+    // What its highest index version seen is kept under.
+    const std::string& key() const { return name.empty() ? location : name; }
+};
+
+// A version of an app that a repository offers.
+struct Offer {
+    Remote remote;
+    std::shared_ptr<const Repository> repository;
+    const PackageEntry* entry = nullptr;  // one of repository->index()'s
+};
+
+struct Outdated {
+    store::InstalledVersion installed;
+    Offer offer;
+};
+
+struct InstallerOptions {
+    long stallSeconds = 30;  // a transfer without a byte for this long fails
+    int attempts = 3;        // tries per download
+    std::int64_t now = -1;   // seconds since the epoch, for index expiry; -1: the clock's
+    // Called as a package's bytes arrive: done, and the indexed size.
+    std::function<void(std::uint64_t, std::uint64_t)> progress;
+};
+
+class TSAPP_API Installer {
+  public:
+    // Works on `apps`, which must outlive the installer. Each repository's
+    // index is fetched at most once per installer.
+    explicit Installer(store::AppStore& apps, InstallerOptions options = {});
+    ~Installer();
+    Installer(const Installer&) = delete;
+    Installer& operator=(const Installer&) = delete;
+
+    // The recorded repositories, in the order they were added.
+    std::vector<Remote> remotes() const;
+    // The highest index version seen of a repository (by Remote::key()); 0: none.
+    std::uint64_t highestSeen(const std::string& key) const;
+
+    // Fetches the index of `remote` (trust files and server CA made
+    // absolute) and records the repository once the index was accepted.
+    // Refuses a name that is empty or recorded already (RepositoryExists).
+    std::shared_ptr<const Repository> add(Remote remote);
+    // Forgets a recorded repository (UnknownRepository when there is none).
+    void remove(const std::string& name);
+
+    // The index of `remote`, held to the highest version seen of it; the
+    // mark is raised once the index is accepted.
+    std::shared_ptr<const Repository> fetch(const Remote& remote);
+
+    // The index of every recorded repository.
+    std::vector<std::shared_ptr<const Repository>> indexes();
+
+    // The newest version of `app` (a name or GUID) that fits `host` in
+    // `where` (empty: every recorded repository); nullopt when none has one.
+    std::optional<Offer> find(const std::string& app, const store::HostProfile& host,
+                              const std::vector<Remote>& where = {});
+
+    // Downloads the offer into the store's download folder and installs it
+    // with `options`, recording the repository with the version. A package
+    // the index lists as signed is verified against the repository's trust
+    // files; one it lists as unsigned is vouched for by the signed index.
+    // The download is removed whatever happens.
+    store::InstallResult install(const Offer& offer, const store::HostProfile& host,
+                                 store::InstallOptions options);
+
+    // The installed apps named (GUIDs or names; empty: every one) that have
+    // a newer version that fits `host`, looked for in the repository each
+    // came from while it is recorded, else in every recorded one.
+    std::vector<Outdated> outdated(const std::vector<std::string>& apps,
+                                   const store::HostProfile& host);
+
+  private:
+    std::vector<Remote> whereToLook(const store::InstalledVersion& version,
+                                    const std::vector<Remote>& recorded) const;
+
+    store::AppStore& apps_;
+    InstallerOptions options_;
+    std::map<std::string, std::shared_ptr<const Repository>> fetched_;  // by key()
+};
+
+// The origin that Installer::install records, read back: the repository a
+// version came from, or nullopt for a version installed from a file.
+TSAPP_API std::optional<Remote> originOf(const store::InstalledVersion& version);
+
+}  // namespace tsappinstall::repository

@@ -1,0 +1,30 @@
+#pragma once
+
+// Small records that the store keeps for the layers above it, in the
+// root's own database: the repositories recorded in the root and the
+// highest index version seen of each. They are no part of the public
+// interface; a host reaches them through the repository installer.
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "tsappinstall/store/AppStore.hpp"
+
+namespace tsappinstall::store::detail {
+
+struct RootStateAccess {
+    static std::optional<std::string> read(const AppStore& apps, const std::string& scope,
+                                           const std::string& key);
+
+    // Reads the value and writes what `change` makes of it (nothing when it
+    // returns nullopt) with the root's lock held, so two processes changing
+    // one value never lose each other's change. What `change` throws leaves
+    // the value as it was.
+    using Change =
+        std::function<std::optional<std::string>(const std::optional<std::string>& current)>;
+    static void update(AppStore& apps, const std::string& scope, const std::string& key,
+                       const Change& change);
+};
+
+}  // namespace tsappinstall::store::detail
