@@ -13,6 +13,7 @@
 #include "support/TestSupport.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
+#include "tsappinstall/repository/Installer.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace {
@@ -232,7 +233,8 @@ TEST(RepositoryIndex, PicksTheHighestCompatibleVersion) {
 class Server {
   public:
     Server(const std::string& root, const std::string& portFile,
-           const std::vector<std::string>& tls = {}) {
+           const std::vector<std::string>& tls = {})
+        : portFile_(portFile) {
         std::vector<std::string> args = {
             "python3", std::string(TSAPP_SOURCE_DIR) + "/tests/repository/repo_server.py", root,
             portFile};
@@ -255,10 +257,16 @@ class Server {
     std::string url(const std::string& scheme, const std::string& mode) const {
         return scheme + "://127.0.0.1:" + port_ + "/" + mode + "/";
     }
+    // The connections accepted so far.
+    std::size_t connections() const {
+        const std::string log = read_file(portFile_ + ".connections");
+        return static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
+    }
 
   private:
     pid_t pid_ = -1;
     std::string port_;
+    std::string portFile_;
 };
 
 TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
@@ -390,7 +398,10 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
                   .first,
               0);
     EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
+    // The index, its signature and the package over one connection.
+    const std::size_t connections = http.connections();
     EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
+    EXPECT_EQ(http.connections(), connections + 1);
     // Refusals and usage errors: one line each, exit 1 or 2.
     const std::string rogue = " --trust " + published.dir.file("rogue.pem");
     const struct {
@@ -439,9 +450,12 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     fs::copy(published.dir.file("index-1.json.p7s"), repo + "/index.json.p7s",
              fs::copy_options::overwrite_existing);
     const auto apps = snapshot_tree(published.dir.file("root/apps"));
-    EXPECT_EQ(runTool("upgrade --all" + root, out),
-              std::make_pair(1, std::string("tsapp: main: the index is version 1, older than "
-                                            "version 2 seen before\n")));
+    const std::string rollback = "the index is version 1, older than version 2 seen before";
+    EXPECT_EQ(runTool("upgrade --all --json" + root, out),
+              std::make_pair(1, "tsapp: main: " + rollback +
+                                    "\n{\"error\":{\"kind\":\"index-rollback\",\"item\":\"main\","
+                                    "\"detail\":\"" +
+                                    rollback + "\"}}\n"));
     write_file(repo + "/index.json", newest);
     write_file(repo + "/index.json.p7s", newestSignature);
     std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
@@ -453,6 +467,59 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
     EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
     EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+}
+
+// A host's round trip through the library alone: record a repository,
+// install by name, read the origin back, find a newer version in it, forget
+// it. Each refusal has its kind and names the repository.
+TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRefusal) {
+    Published published;
+    const std::string repo = published.dir.file("apps");
+    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
+    fs::create_directory(repo);
+    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const tsappinstall::store::HostProfile host{
+        "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+    tsappinstall::store::AppStore apps(published.dir.file("root"));
+    const auto refusal = [](auto call) {
+        try {
+            call();
+        } catch (const Error& e) {
+            return std::string(tsappinstall::token(e.kind())) + " " + e.fault().item;
+        }
+        return std::string("none");
+    };
+    const Remote main{"main", repo, {published.dir.file("ca.pem")}, ""};
+
+    Installer installer(apps);
+    installer.add(main);
+    EXPECT_EQ(refusal([&] {
+                  installer.add({"main", "/elsewhere", main.trust, ""});
+              }),
+              "repository-exists main");
+    EXPECT_EQ(refusal([&] {
+                  installer.add({"rogue", repo, {published.dir.file("rogue.pem")}, ""});
+              }),
+              "untrusted-signer rogue");
+    const auto offer = installer.find("Hello Tessal", host);
+    ASSERT_TRUE(offer);
+    EXPECT_EQ(originOf(installer.install(*offer, host, {}).installed)->name, "main");
+    EXPECT_EQ(originOf(apps.show(guid).current)->location, repo);
+    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+
+    packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    Installer later(apps);  // indexes are fetched once per installer
+    const auto outdated = later.outdated({}, host);
+    ASSERT_EQ(outdated.size(), 1u);
+    EXPECT_EQ(outdated.front().offer.entry->version, "1.10");
+    EXPECT_EQ(later.highestSeen("main"), 2u);
+    later.remove("main");
+    EXPECT_TRUE(later.remotes().empty());
+    EXPECT_EQ(refusal([&] { later.remove("main"); }), "unknown-repository main");
+    // Its repository forgotten and none other recorded, nothing is looked in.
+    EXPECT_TRUE(Installer(apps).outdated({}, host).empty());
 }
 
 }  // namespace

@@ -5,15 +5,23 @@ Usage: repo_server.py ROOT PORTFILE [CERT KEY]. The first path segment
 picks the behaviour for the package named by the rest: ok (ranges
 honoured), norange, short (closes halfway), more (sends more than its
 length), stall; redirect (to another host) and same (to ok/ on this host)
-apply to every file."""
+apply to every file. Each connection it accepts adds a line to
+PORTFILE.connections; it keeps connections open between requests."""
 import http.server, os, ssl, sys, time
 
 ROOT = sys.argv[1]
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+
     def log_message(self, *args):
         pass
+
+    def setup(self):
+        super().setup()
+        with open(sys.argv[2] + ".connections", "a") as log:
+            log.write("%s:%d\n" % self.client_address)
 
     def do_GET(self):
         mode, _, name = self.path.lstrip("/").partition("/")
@@ -44,6 +52,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         if mode in ("short", "stall"):
+            self.close_connection = True
             self.wfile.write(body[: len(body) // 2])
             self.wfile.flush()
             if mode == "stall":

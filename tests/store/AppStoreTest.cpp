@@ -227,6 +227,22 @@ TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     EXPECT_FALSE(fs::exists(fs::symlink_status(folder)));
 }
 
+// A root written before versions recorded their origin: the origin that
+// was kept apart, by GUID, moves onto the versions, and the rest stays.
+TEST_F(Store, CarriesTheOriginKeptApartOntoTheVersions) {
+    { AppStore(root()).install(v("1.2.0"), fittingHost()); }
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(dir.file("root/store.db").c_str(), &db), SQLITE_OK);
+    const std::string older = std::string("ALTER TABLE versions DROP COLUMN origin; ") +
+                              "INSERT INTO state VALUES('app-repository', '" + kGuid +
+                              "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
+    ASSERT_EQ(sqlite3_exec(db, older.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    const AppStore apps(root());
+    EXPECT_EQ(apps.show(kGuid).current.origin, "{\"name\":\"main\"}");
+    EXPECT_EQ(apps.show(kGuid).current.version, "1.2.0");
+}
+
 TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     { AppStore(root()).install(v("1.2.0"), fittingHost()); }
     sqlite3* db = nullptr;
