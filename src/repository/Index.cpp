@@ -235,7 +235,7 @@ Index parseIndex(const std::string& textIn) {
 }
 
 bool isCompatible(const PackageEntry& entry, const HostProfile& host) {
-    return store::incompatibilities(manifestOf(entry), host).empty();
+    return compat::incompatibilities(manifestOf(entry), host).empty();
 }
 
 std::vector<const PackageEntry*> search(const Index& index, const std::string& text) {

@@ -11,15 +11,16 @@
 #include <nlohmann/json.hpp>
 
 #include "support/TestSupport.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
-#include "tsappinstall/repository/Installer.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace {
 
 using namespace tsapp::test;
 using namespace tsappinstall::repository;
+using namespace tsappinstall::installer;
 using tsappinstall::Error;
 using tsappinstall::FaultKind;
 namespace fs = std::filesystem;

@@ -10,14 +10,15 @@
 #include "RepoClient.hpp"
 #include "StoreTool.hpp"
 #include "Text.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
-#include "tsappinstall/repository/Installer.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 namespace repository = tsappinstall::repository;
+namespace installer = tsappinstall::installer;
 namespace store = tsappinstall::store;
 using Json = nlohmann::ordered_json;
 
@@ -114,13 +115,13 @@ int runSearch(const SearchCommand& o) {
 
 struct RecordSettings {
     RootOption root;
-    repository::Remote remote;
+    installer::Remote remote;
     bool json = false;
 };
 
 int runAdd(const RecordSettings& s) {
     const auto apps = openRoot(s.root);
-    repository::Installer installer(*apps);
+    installer::Installer installer(*apps);
     const auto repo = onRepository(s.remote.name, [&] { return installer.add(s.remote); });
     std::cout << "added " << s.remote.name << ": " << s.remote.location << ", index version "
               << repo->index().version << ", " << repo->index().packages.size() << " packages\n";
@@ -130,7 +131,7 @@ int runAdd(const RecordSettings& s) {
 int runList(const RecordSettings& s) {
     if (!store::AppStore::exists(s.root.path())) return kGood;
     const auto apps = openRoot(s.root);
-    const repository::Installer installer(*apps);
+    const installer::Installer installer(*apps);
     for (const auto& remote : installer.remotes()) {
         if (!s.json) {
             std::cout << remote.name << "  " << remote.location << "\n";
@@ -151,7 +152,7 @@ int runRemove(const RecordSettings& s) {
         throw Failure(s.remote.name, "no repository of that name",
                       tsappinstall::FaultKind::UnknownRepository);
     const auto apps = openRoot(s.root);
-    repository::Installer installer(*apps);
+    installer::Installer installer(*apps);
     onRepository(s.remote.name, [&] { installer.remove(s.remote.name); });
     std::cout << "removed " << s.remote.name << "\n";
     return kGood;

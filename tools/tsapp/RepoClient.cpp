@@ -15,20 +15,21 @@
 #include "Progress.hpp"
 #include "StoreTool.hpp"
 #include "Text.hpp"
-#include "tsappinstall/repository/Installer.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 namespace store = tsappinstall::store;
 namespace repository = tsappinstall::repository;
+namespace installer = tsappinstall::installer;
 using Json = nlohmann::ordered_json;
 
 // The progress line of the download under way, on a terminal.
 std::optional<ProgressLine> downloading;
 
-repository::InstallerOptions installerOptions() {
-    repository::InstallerOptions options;
+installer::InstallerOptions installerOptions() {
+    installer::InstallerOptions options;
     if (::isatty(STDERR_FILENO))
         options.progress = [](std::uint64_t done, std::uint64_t size) {
             if (downloading) downloading->update(done, size, done == size ? 1 : 0, 1);
@@ -36,7 +37,7 @@ repository::InstallerOptions installerOptions() {
     return options;
 }
 
-void installOffer(repository::Installer& installer, const repository::Offer& offer,
+void installOffer(installer::Installer& installer, const installer::Offer& offer,
                   const store::HostProfile& host, const store::InstallOptions& options) {
     const std::string shown = offer.entry->name + " " + offer.entry->version;
     installWith(shown, options, [&](const store::InstallOptions& with) {
@@ -67,8 +68,8 @@ void installArgument(store::AppStore& apps, const std::string& argument,
                      const store::InstallOptions& options) {
     std::error_code error;
     const bool file = std::filesystem::is_regular_file(nativePath(argument), error);
-    repository::Installer installer(apps, installerOptions());
-    std::vector<repository::Remote> where;
+    installer::Installer installer(apps, installerOptions());
+    std::vector<installer::Remote> where;
     if (!file && !choice.location.empty())
         where.push_back({"", choice.location, options.trustAnchors, choice.serverCa});
     if (file || (where.empty() && installer.remotes().empty()))
@@ -90,7 +91,7 @@ std::vector<std::shared_ptr<const repository::Repository>> recordedIndexes(
     const std::string& root) {
     if (!store::AppStore::exists(RootOption{root}.path())) return {};
     const auto apps = openRoot(RootOption{root});
-    repository::Installer installer(*apps);
+    installer::Installer installer(*apps);
     return onRepository(root, [&] { return installer.indexes(); });
 }
 
@@ -108,7 +109,7 @@ struct UpgradeSettings {
 int runOutdated(const UpgradeSettings& s) {
     if (!store::AppStore::exists(s.root.path())) return kGood;
     const auto apps = openRoot(s.root);
-    repository::Installer installer(*apps);
+    installer::Installer installer(*apps);
     const auto host = hostProfile(s.host, apps->root());
     for (const auto& o : onRepository("outdated", [&] { return installer.outdated({}, host); })) {
         if (s.json) {
@@ -131,7 +132,7 @@ int runUpgrade(const UpgradeSettings& s) {
     catchStopSignals();
     const auto apps = openRoot(s.root);
     const auto host = hostProfile(s.host, apps->root());
-    repository::Installer installer(*apps, installerOptions());
+    installer::Installer installer(*apps, installerOptions());
     const auto outdated = onRepository("upgrade", [&] { return installer.outdated(s.apps, host); });
     if (outdated.empty()) std::cout << "every app is up to date\n";
     int status = kGood;

@@ -12,7 +12,7 @@
 
 #include "tsappinstall/Fault.hpp"
 #include "tsappinstall/export.hpp"
-#include "tsappinstall/store/Compatibility.hpp"
+#include "tsappinstall/compat/Compatibility.hpp"
 
 namespace tsappinstall::repository {
 
@@ -79,10 +79,10 @@ TSAPP_API Index parseIndex(const std::string& text);
 
 // Versions and hosts are the store's: an app the repository offers fits a
 // host exactly when the store would install it there without --force.
-using store::compareVersions;
-using store::HostProfile;
+using compat::compareVersions;
+using compat::HostProfile;
 
-// Whether `entry` runs on `host`: store::incompatibilities() finds no
+// Whether `entry` runs on `host`: compat::incompatibilities() finds no
 // reason against the manifest the entry describes.
 TSAPP_API bool isCompatible(const PackageEntry& entry, const HostProfile& host);
 

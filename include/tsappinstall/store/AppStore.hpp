@@ -24,11 +24,18 @@
 #include <vector>
 
 #include "tsappinstall/Fault.hpp"
+#include "tsappinstall/compat/Compatibility.hpp"
 #include "tsappinstall/export.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
-#include "tsappinstall/store/Compatibility.hpp"
 
 namespace tsappinstall::store {
+
+// The store checks apps against hosts by the compatibility layer's rules.
+using compat::compareVersions;
+using compat::HostProfile;
+using compat::incompatibilities;
+using compat::readHostProfile;
+using compat::toJson;
 
 namespace detail {
 struct RootStateAccess;

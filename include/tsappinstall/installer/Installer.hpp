@@ -24,7 +24,7 @@
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
-namespace tsappinstall::repository {
+namespace tsappinstall::installer {
 
 // A repository as recorded in an apps root, or named by its location alone.
 struct Remote {
@@ -39,8 +39,8 @@ struct Remote {
 // A version of an app that a repository offers.
 struct Offer {
     Remote remote;
-    std::shared_ptr<const Repository> repository;
-    const PackageEntry* entry = nullptr;  // one of repository->index()'s
+    std::shared_ptr<const repository::Repository> repository;
+    const repository::PackageEntry* entry = nullptr;  // one of repository->index()'s
 };
 
 struct Outdated {
@@ -73,16 +73,16 @@ class TSAPP_API Installer {
     // Fetches the index of `remote` (trust files and server CA made
     // absolute) and records the repository once the index was accepted.
     // Refuses a name that is empty or recorded already (RepositoryExists).
-    std::shared_ptr<const Repository> add(Remote remote);
+    std::shared_ptr<const repository::Repository> add(Remote remote);
     // Forgets a recorded repository (UnknownRepository when there is none).
     void remove(const std::string& name);
 
     // The index of `remote`, held to the highest version seen of it; the
     // mark is raised once the index is accepted.
-    std::shared_ptr<const Repository> fetch(const Remote& remote);
+    std::shared_ptr<const repository::Repository> fetch(const Remote& remote);
 
     // The index of every recorded repository.
-    std::vector<std::shared_ptr<const Repository>> indexes();
+    std::vector<std::shared_ptr<const repository::Repository>> indexes();
 
     // The newest version of `app` (a name or GUID) that fits `host` in
     // `where` (empty: every recorded repository); nullopt when none has one.
@@ -109,11 +109,11 @@ class TSAPP_API Installer {
 
     store::AppStore& apps_;
     InstallerOptions options_;
-    std::map<std::string, std::shared_ptr<const Repository>> fetched_;  // by key()
+    std::map<std::string, std::shared_ptr<const repository::Repository>> fetched_;  // by key()
 };
 
 // The origin that Installer::install records, read back: the repository a
 // version came from, or nullopt for a version installed from a file.
 TSAPP_API std::optional<Remote> originOf(const store::InstalledVersion& version);
 
-}  // namespace tsappinstall::repository
+}  // namespace tsappinstall::installer

@@ -1,4 +1,4 @@
-#include "tsappinstall/store/Compatibility.hpp"
+#include "tsappinstall/compat/Compatibility.hpp"
 
 #include <algorithm>
 #include <fstream>
@@ -9,7 +9,7 @@
 #include "tsappinstall/manifest/AppManifest.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
-namespace tsappinstall::store {
+namespace tsappinstall::compat {
 namespace {
 
 std::vector<std::string> fieldsOf(const std::string& version) {
@@ -145,4 +145,4 @@ std::string toJson(const HostProfile& host) {
     return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-}  // namespace tsappinstall::store
+}  // namespace tsappinstall::compat

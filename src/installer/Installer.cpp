@@ -1,17 +1,18 @@
-#include "tsappinstall/repository/Installer.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 
 #include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "store/RootState.hpp"
-#include "tsappinstall/store/Compatibility.hpp"
 
-namespace tsappinstall::repository {
+namespace tsappinstall::installer {
 namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
+using repository::ClientOptions;
+using repository::Repository;
 using store::detail::RootStateAccess;
 
 // Where the records live in the root's state: the recorded repositories as
@@ -182,7 +183,7 @@ std::optional<Offer> Installer::find(const std::string& app, const store::HostPr
     std::optional<Offer> best;
     for (const Remote& remote : where.empty() ? remotes() : where) {
         auto repository = fetch(remote);
-        const auto* entry = pickNewest(repository->index(), app, host);
+        const auto* entry = repository::pickNewest(repository->index(), app, host);
         if (entry && (!best || store::compareVersions(entry->version, best->entry->version) > 0))
             best = Offer{remote, repository, entry};
     }
@@ -230,4 +231,4 @@ std::vector<Outdated> Installer::outdated(const std::vector<std::string>& apps,
     return found;
 }
 
-}  // namespace tsappinstall::repository
+}  // namespace tsappinstall::installer

@@ -13,7 +13,7 @@
 
 struct AppManifest;
 
-namespace tsappinstall::store {
+namespace tsappinstall::compat {
 
 // What a host offers. A field left empty is not checked (an app's release
 // range means nothing to a host whose release is unknown); nor are
@@ -43,4 +43,4 @@ TSAPP_API HostProfile readHostProfile(const std::filesystem::path& file);
 // The same JSON form, members in the order above, on one line.
 TSAPP_API std::string toJson(const HostProfile& host);
 
-}  // namespace tsappinstall::store
+}  // namespace tsappinstall::compat
