@@ -10,8 +10,6 @@
 #include "store/StoreTestSupport.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -261,5 +259,3 @@ TEST_F(Store, KeepsStateForItsUsers) {
 }
 
 }  // namespace
-
-#endif
