@@ -21,8 +21,8 @@
 #include <thread>
 
 #include "Gallery.hpp"
-#include "Images.hpp"
 #include "IndexJson.hpp"
+#include "images/Images.hpp"
 #include "integrity/PackageItems.hpp"
 #include "integrity/VerifySteps.hpp"
 #include "platform/base/Ascii.hpp"
@@ -147,8 +147,8 @@ std::string publishImage(opc::model::Package& package, const char* type, const c
         return {};
     }
     const std::string bytes = readPart(part);
-    const std::string actual = imageType(bytes);
-    const std::string claimed = claimedType(part.getContentType());
+    const std::string actual = images::imageType(bytes);
+    const std::string claimed = images::claimedType(part.getContentType());
     if (actual.empty() || actual != claimed) {
         problems.push_back(std::string("the ") + what + " (" + part.getContentType() + ") is " +
                            (actual.empty() ? "no PNG, JPEG or inert SVG" : "a " + actual));

@@ -21,6 +21,7 @@
 #include "inspect/OpenedCheck.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
+#include "tsappinstall/Guid.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
@@ -55,17 +56,6 @@ constexpr int kBusyMillis = 60000;
 
 [[noreturn]] void refuse(FaultKind kind, std::string line) {
     throw StoreError(kind, {std::move(line)});
-}
-
-bool isGuid(const std::string& text) {
-    static const int groups[] = {8, 4, 4, 4, 12};
-    std::size_t at = 0;
-    for (int group = 0; group < 5; ++group) {
-        for (int i = 0; i < groups[group]; ++i, ++at)
-            if (at >= text.size() || opc::detail::hex_value(text[at]) < 0) return false;
-        if (group < 4 && (at >= text.size() || text[at++] != '-')) return false;
-    }
-    return at == text.size();
 }
 
 // A version as a folder name: "v" and the version's safe characters.

@@ -2,18 +2,11 @@
 // packages, the gallery in a real browser, and the client against a
 // loopback server that misbehaves on purpose.
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <fstream>
-#include <nlohmann/json.hpp>
 
-#include "support/TestSupport.hpp"
+#include "repository/RepositoryTestSupport.hpp"
 #include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/repository/Client.hpp"
-#include "tsappinstall/repository/Indexer.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace {
@@ -24,82 +17,6 @@ using namespace tsappinstall::installer;
 using tsappinstall::Error;
 using tsappinstall::FaultKind;
 namespace fs = std::filesystem;
-
-int sh(const std::string& command) {
-    return std::system(("(" + command + ") >/dev/null 2>&1").c_str());
-}
-
-// Packs the sample app with `changes` to its description file (and
-// another icon, an SVG one) as `file`.
-void packApp(const std::string& folder, const std::string& file, const nlohmann::json& changes,
-             const std::string& icon = "", const std::string& options = "") {
-    const std::string source = folder + "/.src-" + file;
-    fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", source, fs::copy_options::recursive);
-    auto description = nlohmann::json::parse(read_file(source + "/tsapp.json"));
-    description.merge_patch(changes);
-    if (!icon.empty()) {
-        write_file(source + "/icon.svg", icon);
-        description["icon"] = "icon.svg";
-    }
-    const std::string guid = description.value("guid", "");
-    description.erase("guid");  // an option of pack's, not a field
-    write_file(source + "/tsapp.json", description.dump());
-    ASSERT_EQ(sh(std::string(TSAPP_TOOL) + " pack " + source + " -o " + folder + "/" + file +
-                 (guid.empty() ? "" : " --guid " + guid) + options),
-              0);
-    fs::remove_all(source);
-}
-
-const char* const kHostile = "<script>document.title='owned'</script>";
-
-// A signed repository of three apps, one in two versions, a bad package
-// and a package whose icon is an SVG that could run script; a CA, the
-// index's signer below it, a rogue CA and a TLS certificate for 127.0.0.1.
-struct Published {
-    Published() {
-        const std::string keys =
-            "cd " + dir.path() +
-            " && openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem -subj /CN=CA"
-            " -days 2 && openssl req -x509 -newkey ed25519 -nodes -keyout rogue.key -out "
-            "rogue.pem -subj /CN=rogue -days 2 && openssl genpkey -algorithm ED25519 -out "
-            "signer.key && openssl req -x509 -key signer.key -CA ca.pem -CAkey ca.key -days 2 "
-            "-subj /CN=Publisher -out signer.pem && openssl req -x509 -newkey ec -pkeyopt "
-            "ec_paramgen_curve:P-256 -nodes -keyout tls.key -CA ca.pem -CAkey ca.key -days 2 "
-            "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -out tls.pem";
-        EXPECT_EQ(sh(keys), 0);
-        fs::create_directory(repo());
-        const std::string hello = "0123abcd-0000-4000-8000-00000000000a";
-        packApp(repo(), "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", hello}});
-        packApp(repo(), "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", hello}}, "",
-                " --sign " + dir.file("signer.key") + " --cert " + dir.file("signer.pem"));
-        packApp(repo(), "other.tsappinstall",
-                {{"guid", "0123abcd-0000-4000-8000-00000000000b"},
-                 {"name", "<b>Other</b>"},
-                 {"description", kHostile},
-                 {"maxTESSALVer", "2025.9"}});
-        packApp(repo(), "scripted.tsappinstall",
-                {{"guid", "0123abcd-0000-4000-8000-00000000000c"}, {"name", "Scripted"}},
-                "<svg xmlns='http://www.w3.org/2000/svg'><script>alert(1)</script></svg>");
-        write_file(repo() + "/bad.tsappinstall", "not a package");
-    }
-    std::string repo() const { return dir.file("repo"); }
-    IndexOptions signing() const {
-        IndexOptions options;
-        options.jobs = 4;
-        options.signingKey = dir.file("signer.key");
-        options.signingCertificate = dir.file("signer.pem");
-        return options;
-    }
-    TempDir dir;
-};
-
-std::vector<std::string> filesIn(const std::string& folder) {
-    std::vector<std::string> names;
-    for (const auto& item : fs::directory_iterator(folder))
-        names.push_back(item.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 // Four workers over five packages: the TSan build runs this one.
 TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndRereadsOnlyChangedFiles) {
@@ -230,46 +147,6 @@ TEST(RepositoryIndex, PicksTheHighestCompatibleVersion) {
     EXPECT_EQ(search(index, "aPP").size(), 3u);
 }
 
-// The test server, on a free loopback port, stopped with the test.
-class Server {
-  public:
-    Server(const std::string& root, const std::string& portFile,
-           const std::vector<std::string>& tls = {})
-        : portFile_(portFile) {
-        std::vector<std::string> args = {
-            "python3", std::string(TSAPP_SOURCE_DIR) + "/tests/repository/repo_server.py", root,
-            portFile};
-        args.insert(args.end(), tls.begin(), tls.end());
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            std::vector<char*> argv;
-            for (auto& arg : args) argv.push_back(arg.data());
-            argv.push_back(nullptr);
-            ::execvp(argv[0], argv.data());
-            ::_exit(127);
-        }
-        for (int i = 0; i < 200 && !file_exists(portFile); ++i) ::usleep(50000);
-        port_ = file_exists(portFile) ? read_file(portFile) : "0";
-    }
-    ~Server() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    std::string url(const std::string& scheme, const std::string& mode) const {
-        return scheme + "://127.0.0.1:" + port_ + "/" + mode + "/";
-    }
-    // The connections accepted so far.
-    std::size_t connections() const {
-        const std::string log = read_file(portFile_ + ".connections");
-        return static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
-    }
-
-  private:
-    pid_t pid_ = -1;
-    std::string port_;
-    std::string portFile_;
-};
-
 TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
     Published published;
     indexFolder(published.repo(), published.signing());
@@ -353,121 +230,6 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
     EXPECT_EQ(read_file(norange.download(hello, downloads)),
               read_file(published.repo() + "/" + hello.file));
     EXPECT_EQ(filesIn(downloads), std::vector<std::string>{hello.file});
-}
-
-TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
-    Published published;
-    const std::string tool = std::string(TSAPP_TOOL) + " ";
-    const std::string out = published.dir.file("out");
-    EXPECT_EQ(WEXITSTATUS(std::system(
-                  (tool + "repo index --valid-for 2d " + published.repo() + " >" + out).c_str())),
-              1);
-    EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
-              std::string::npos);
-    EXPECT_NE(read_file(out).find("index version 1: 4 packages listed, 5 read, 1 bad\n"),
-              std::string::npos);
-    ASSERT_EQ(std::system((tool + "search OTHER --unsigned --json --repo file://" +
-                           published.repo() + " >" + out)
-                              .c_str()),
-              0);
-    const auto found = nlohmann::json::parse(read_file(out));
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0]["name"], "<b>Other</b>");
-}
-
-// The tool's exit status and everything it printed.
-std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out) {
-    const int status =
-        std::system((std::string(TSAPP_TOOL) + " " + arguments + " >" + out + " 2>&1").c_str());
-    return {WEXITSTATUS(status), read_file(out)};
-}
-
-TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItMustNot) {
-    Published published;
-    const std::string repo = published.dir.file("apps"), out = published.dir.file("out");
-    const std::string root = " --root " + published.dir.file("root");
-    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
-    fs::create_directory(repo);
-    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
-    indexFolder(repo, published.signing());
-    const Server http(repo, published.dir.file("http.port"));
-    const auto installed = [&] { return runTool("installed" + root, out).second; };
-
-    EXPECT_EQ(runTool("repo add main " + http.url("http", "ok") + " --trust " +
-                          published.dir.file("ca.pem") + root,
-                      out)
-                  .first,
-              0);
-    EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
-    // The index, its signature and the package over one connection.
-    const std::size_t connections = http.connections();
-    EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
-    EXPECT_EQ(http.connections(), connections + 1);
-    // Refusals and usage errors: one line each, exit 1 or 2.
-    const std::string rogue = " --trust " + published.dir.file("rogue.pem");
-    const struct {
-        std::string arguments;
-        int status;
-        std::string line;
-    } refusals[] = {
-        {"repo add main /elsewhere" + rogue, 1,
-         "tsapp: main: a repository of that name is recorded already (" + http.url("http", "ok") +
-             ")\n"},
-        {"repo add other " + http.url("http", "ok") + rogue, 1,
-         "tsapp: other: the index's signature: the signer is not trusted"},
-        {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
-        {"install Nothing", 1,
-         "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
-        {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
-    };
-    for (const auto& r : refusals) {
-        const auto [status, text] = runTool(r.arguments + root, out);
-        EXPECT_EQ(status, r.status) << r.arguments;
-        EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
-    }
-    EXPECT_EQ(runTool("repo list" + root, out).second, "main  " + http.url("http", "ok") + "\n");
-
-    fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
-    fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));
-    packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}}, "",
-            " --sign " + published.dir.file("signer.key") + " --cert " +
-                published.dir.file("signer.pem"));
-    indexFolder(repo, published.signing());
-    EXPECT_EQ(runTool("outdated --json" + root, out).second,
-              "{\"guid\":\"" + guid +
-                  "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
-                  "\"repository\":\"main\"}\n");
-    EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
-    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
-
-    // An older index, then a package whose bytes are not the indexed ones:
-    // one line each, nothing installed, nothing left in the downloads.
-    packApp(repo, "hello-1.11.tsappinstall", {{"version", "1.11"}, {"guid", guid}});
-    indexFolder(repo, published.signing());
-    const std::string newest = read_file(repo + "/index.json");
-    const std::string newestSignature = read_file(repo + "/index.json.p7s");
-    fs::copy(published.dir.file("index-1.json"), repo + "/index.json",
-             fs::copy_options::overwrite_existing);
-    fs::copy(published.dir.file("index-1.json.p7s"), repo + "/index.json.p7s",
-             fs::copy_options::overwrite_existing);
-    const auto apps = snapshot_tree(published.dir.file("root/apps"));
-    const std::string rollback = "the index is version 1, older than version 2 seen before";
-    EXPECT_EQ(runTool("upgrade --all --json" + root, out),
-              std::make_pair(1, "tsapp: main: " + rollback +
-                                    "\n{\"error\":{\"kind\":\"index-rollback\",\"item\":\"main\","
-                                    "\"detail\":\"" +
-                                    rollback + "\"}}\n"));
-    write_file(repo + "/index.json", newest);
-    write_file(repo + "/index.json.p7s", newestSignature);
-    std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
-    bytes[bytes.size() / 2] ^= 1;
-    write_file(repo + "/hello-1.11.tsappinstall", bytes);
-    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
-    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
-    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
-    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
 }
 
 // A host's round trip through the library alone: record a repository,

@@ -10,8 +10,6 @@
 #include "store/StoreTestSupport.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -266,5 +264,3 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
 }
 
 }  // namespace
-
-#endif

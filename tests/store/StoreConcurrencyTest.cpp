@@ -7,8 +7,6 @@
 
 #include "store/StoreTestSupport.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 using namespace tsapp::test;
@@ -64,5 +62,3 @@ TEST(StoreConcurrency, WritersAndReadersOnOneRoot) {
 }
 
 }  // namespace
-
-#endif

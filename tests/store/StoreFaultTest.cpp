@@ -13,8 +13,6 @@
 #include "platform/extract/FileOps.hpp"
 #include "store/StoreTestSupport.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -173,5 +171,3 @@ TEST_F(StoreFaults, KillNineLeavesTheOldStateOrTheNew) {
 }
 
 }  // namespace
-
-#endif

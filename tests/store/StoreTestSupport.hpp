@@ -1,8 +1,8 @@
 #pragma once
 
-// App packages for the store's tests, packed by the tool from the sample
-// app with the manifest fields a test needs, and the checks every test
-// makes of a root afterwards.
+// App packages for the store's tests, packed from the sample app with the
+// manifest fields a test needs, and the checks every test makes of a root
+// afterwards.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include "support/PackSupport.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
@@ -40,11 +41,7 @@ inline std::string packApp(const TempDir& dir, const AppRecipe& recipe, const st
     json.update(recipe.fields);
     write_file(src + "/tsapp.json", json.dump());
     write_file(src + "/files/README.txt", "version " + recipe.version + "\n");
-    std::string command = "SOURCE_DATE_EPOCH=1700000000 '" TSAPP_TOOL "' pack '" + src +
-                          "' --guid " + recipe.guid + " -o '" + out + "'";
-    if (!recipe.signer.empty())
-        command += " --sign '" + recipe.signer + ".key' --cert '" + recipe.signer + ".pem'";
-    EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command;
+    packFolder(src, out, recipe.guid, recipe.signer);
     return out;
 }
 

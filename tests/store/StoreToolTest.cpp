@@ -5,8 +5,6 @@
 
 #include "store/StoreTestSupport.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 using namespace tsapp::test;
@@ -131,5 +129,3 @@ TEST(StoreTool, ReadersLeaveAMissingRootAsItIs) {
 }
 
 }  // namespace
-
-#endif

@@ -18,8 +18,6 @@
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 
-#ifdef TSAPP_TOOL
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -462,6 +460,12 @@ TEST_F(TsappTool, PackRefusesEveryBadSourceBeforeWriting) {
         {file("icon.png", "not an image"), "", "", at + "icon: icon.png is not a PNG image\n"},
         {file("icon.png", "\xFF\xD8\xFF\xE0"), "", "",
          at + "icon: icon.png is not a PNG image: it holds a JPEG one\n"},
+        {[&](const std::string& src) {
+             file("icon.svg", "<svg onload='alert(1)'/>")(src);
+             json("\"icon.png\"", "\"icon.svg\"")(src);
+         },
+         "", "",
+         at + "icon: icon.svg is an SVG image that could run script when opened on its own\n"},
         {json("\"screenshot.png\"", "\"icon.png\""), "", "",
          at + "screenshot: icon.png would be the same part as the icon icon.png\n"},
         {[](const std::string&) {}, "SOURCE_DATE_EPOCH=-5", "",
@@ -809,5 +813,3 @@ TEST_F(TsappToolConcurrency, VerdictsFromSeveralThreadsKeepTheirPackagesAndOrder
 }
 
 }  // namespace
-
-#endif  // TSAPP_TOOL

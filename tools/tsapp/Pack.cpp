@@ -22,46 +22,19 @@
 #include <optional>
 
 #include "Commands.hpp"
-#include "PackDescription.hpp"
-#include "Text.hpp"
+#include "tsappinstall/Guid.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
-#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
-#include "tsappinstall/platform/opc/Streams.hpp"
+#include "tsappinstall/pack/PackPlan.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 namespace fs = std::filesystem;
-using opc::zippackage::PackageWriter;
-
-std::string contentTypeFor(const fs::path& file) {
-    static const std::pair<const char*, const char*> types[] = {{".png", "image/png"},
-                                                                {".jpg", "image/jpeg"},
-                                                                {".jpeg", "image/jpeg"},
-                                                                {".svg", "image/svg+xml"},
-                                                                {".js", "application/javascript"},
-                                                                {".json", "application/json"},
-                                                                {".txt", "text/plain"},
-                                                                {".html", "text/html"},
-                                                                {".css", "text/css"},
-                                                                {".xml", "application/xml"}};
-    const std::string extension = file.extension().string();
-    for (const auto& [ext, type] : types)
-        if (extension == ext) return type;
-    return "application/octet-stream";
-}
-
-std::vector<unsigned char> savedManifest(const AppManifest& manifest) {
-    std::vector<unsigned char> bytes;
-    opc::ByteArrayOutAdaptor out(bytes);
-    AppManifestSerializer serializer;
-    serializer.save(out, manifest);
-    return bytes;
-}
+using tsappinstall::pack::PackPlan;
+using tsappinstall::pack::PackRequest;
 
 // "N of M MB packed" on stderr, redrawn at most four times a second, and
 // cleared at the end.
@@ -84,40 +57,6 @@ class ProgressLine {
     bool shown_ = false;
 };
 
-struct Written {
-    std::uint64_t size = 0;
-    std::string sha256;
-};
-
-Written writePackage(const PackPlan& plan, const std::string& path,
-                     const tsappinstall::integrity::Signer* signer, unsigned jobs, bool quiet) {
-    using namespace Corvane::addons::apps;
-    PackageWriter writer(path);
-    writer.setModificationTime(plan.when);
-    writer.setJobs(jobs);
-    ProgressLine progress;
-    if (!quiet && ::isatty(STDERR_FILENO))
-        writer.setProgress(
-            [&](std::uint64_t done, std::uint64_t total) { progress.update(done, total); });
-    const std::string manifestPart =
-        writer.addPart("manifest.xml", "application/xml", savedManifest(plan.manifest));
-    const std::string iconPart =
-        writer.addPartFromFile(plan.icon.filename().string(), plan.iconType, plan.icon.string(),
-                               PackageWriter::Compression::Stored);
-    const std::string shotPart =
-        writer.addPartFromFile(plan.screenshot.filename().string(), plan.screenshotType,
-                               plan.screenshot.string(), PackageWriter::Compression::Stored);
-    for (const auto& file : plan.files)
-        writer.addPartFromFile("files/" + file, contentTypeFor(file),
-                               (plan.filesRoot / file).string());
-    writer.addRelationship("manifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestPart);
-    writer.addRelationship("icon", PRIMARY_ICON_RELATIONSHIP_TYPE, iconPart);
-    writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
-    writer.addDigests(signer);
-    writer.commit();
-    return {writer.writtenSize(), writer.writtenSha256()};
-}
-
 // The package is written here first; removed unless it was renamed.
 struct TemporaryPackage {
     std::string path;
@@ -133,6 +72,21 @@ struct PackOptions {
     unsigned jobs = 0;
     bool strict = false, dryRun = false, quiet = false, json = false;
 };
+
+// The package, with a progress line when stderr is a terminal.
+tsappinstall::pack::WrittenPack writePackage(const PackPlan& plan, const std::string& path,
+                                             const tsappinstall::integrity::Signer* signer,
+                                             const PackOptions& o) {
+    ProgressLine progress;
+    tsappinstall::pack::PackWriting writing;
+    writing.signer = signer;
+    writing.jobs = o.jobs;
+    if (!o.quiet && ::isatty(STDERR_FILENO))
+        writing.progress = [&](std::uint64_t done, std::uint64_t total) {
+            progress.update(done, total);
+        };
+    return tsappinstall::pack::writePack(plan, path, writing);
+}
 
 // The key's passphrase from --pass-file (its first line) or --pass-env.
 std::optional<std::string> passphrase(const PackOptions& o) {
@@ -198,7 +152,7 @@ int runPack(const PackOptions& o) {
     if (!o.request.output.empty() && fs::path(o.request.output).extension() != extension)
         throw Failure(o.request.output, "the package's name must end in " + extension);
     PackPlan plan;
-    const std::vector<std::string> problems = planPack(o.request, plan);
+    const std::vector<std::string> problems = tsappinstall::pack::planPack(o.request, plan);
     const std::string source = o.request.source.string();
     for (const auto& problem : problems)
         printError(problem.rfind("tsapp.json", 0) == 0 ? (fs::path(source) / problem).string()
@@ -227,9 +181,9 @@ int runPack(const PackOptions& o) {
          ("." + destination.stem().string() + "." + std::to_string(::getpid()) + extension))
             .string()};
     // From here on a failure is about the package being written.
-    Written written;
+    tsappinstall::pack::WrittenPack written;
     try {
-        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, o.jobs, o.quiet);
+        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, o);
         // Every part is decoded again and checked against the digest list:
         // that is what catches a fault of the compressor or of the disk.
         AppManifestSerializer serializer;
@@ -272,7 +226,8 @@ std::vector<Command> addPack(CLI::App& app) {
                      "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)")
         ->check(CLI::Validator(
             [](std::string& value) {
-                return isGuid(value) ? std::string() : "not 8-4-4-4-12 hex digits: " + value;
+                return tsappinstall::isGuid(value) ? std::string()
+                                                   : "not 8-4-4-4-12 hex digits: " + value;
             },
             "GUID", "guid"));
     pack->add_option("--exclude", o->request.excludes,

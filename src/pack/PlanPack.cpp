@@ -1,28 +1,40 @@
-#include "PackDescription.hpp"
+#include "tsappinstall/pack/PackPlan.hpp"
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 
 #include "IgnoreRules.hpp"
-#include "Text.hpp"
+#include "images/Images.hpp"
+#include "tsappinstall/Guid.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
-#include "tsappinstall/platform/opc/PackageWriter.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
 #include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
-namespace tsapp::tool {
+namespace tsappinstall::pack {
 namespace {
 
 namespace fs = std::filesystem;
+using images::Image;
 using nlohmann::json;
+
+std::string utf8(const std::u16string& text) {
+    return fl::i18n::to_string(text);
+}
+
+std::u16string utf16(const std::string& text) {
+    return fl::i18n::to_ustring(text);
+}
 
 // Every key tsapp.json may hold at its top level.
 const std::set<std::string> kFields = {"entryPoint",
@@ -98,28 +110,41 @@ class Checker {
     }
 };
 
-// SOURCE_DATE_EPOCH makes two builds of the same folder byte-identical; it
-// must be a time a ZIP entry holds (in UTC, 1980 to 2107).
-std::time_t buildTime(Checker& check) {
+constexpr long long kFirstZipTime = 315532800;  // 1980-01-01T00:00:00Z
+constexpr long long kLastZipTime = 4354819199;  // 2107-12-31T23:59:59Z
+
+// The time must be one a ZIP entry holds (in UTC, 1980 to 2107); `field`
+// names where it came from.
+std::time_t zipTime(long long value, bool outOfRange, const std::string& shown,
+                    const std::string& field, Checker& check) {
+    if (value < kFirstZipTime) {
+        check.problems.push_back(field + ": " + shown +
+                                 " is before 1980-01-01, the earliest time a ZIP file holds");
+        return 0;
+    }
+    if (outOfRange || value > kLastZipTime) {
+        check.problems.push_back(field + ": " + shown +
+                                 " is after 2107-12-31, the latest time a ZIP file holds");
+        return 0;
+    }
+    return static_cast<std::time_t>(value);
+}
+
+// The request's time, else SOURCE_DATE_EPOCH's, else now.
+std::time_t buildTime(const std::optional<std::time_t>& given, Checker& check) {
+    if (given) return zipTime(*given, false, std::to_string(*given), "when", check);
     const char* epoch = std::getenv("SOURCE_DATE_EPOCH");
     if (!epoch) return std::time(nullptr);
-    constexpr long long kFirst = 315532800;  // 1980-01-01T00:00:00Z
-    constexpr long long kLast = 4354819199;  // 2107-12-31T23:59:59Z
     const std::string text = epoch;
     char* end = nullptr;
     errno = 0;
     const long long value = std::strtoll(epoch, &end, 10);
-    const auto problem = [&](const std::string& what) {
-        check.problems.push_back("SOURCE_DATE_EPOCH: " + what);
-        return std::time_t{0};
-    };
-    if (text.empty() || *end != '\0' || !std::isdigit(static_cast<unsigned char>(text.back())))
-        return problem("not a whole number of seconds: \"" + text + "\"");
-    if (value < kFirst)
-        return problem(text + " is before 1980-01-01, the earliest time a ZIP file holds");
-    if (errno == ERANGE || value > kLast)
-        return problem(text + " is after 2107-12-31, the latest time a ZIP file holds");
-    return static_cast<std::time_t>(value);
+    if (text.empty() || *end != '\0' || !std::isdigit(static_cast<unsigned char>(text.back()))) {
+        check.problems.push_back("SOURCE_DATE_EPOCH: not a whole number of seconds: \"" + text +
+                                 "\"");
+        return 0;
+    }
+    return zipTime(value, errno == ERANGE, text, "SOURCE_DATE_EPOCH", check);
 }
 
 std::string freshGuid() {
@@ -182,50 +207,65 @@ std::string printable(const std::string& name, bool& clean) {
     return out;
 }
 
-// The image types an icon or a screenshot may be, known by their bytes.
-struct ImageType {
+// The image formats an icon or a screenshot may be in.
+struct ImageFormat {
+    Image image;
     const char* name;
     const char* contentType;
     std::vector<std::string> extensions;
 };
-const ImageType kImages[] = {{"PNG", "image/png", {".png"}},
-                             {"JPEG", "image/jpeg", {".jpg", ".jpeg"}},
-                             {"SVG", "image/svg+xml", {".svg"}}};
+const ImageFormat kImages[] = {{Image::Png, "PNG", "image/png", {".png"}},
+                               {Image::Jpeg, "JPEG", "image/jpeg", {".jpg", ".jpeg"}},
+                               {Image::Svg, "SVG", "image/svg+xml", {".svg"}}};
 
-const ImageType* imageTypeOf(const std::string& head) {
-    if (head.rfind("\x89PNG\r\n\x1a\n", 0) == 0) return &kImages[0];
-    if (head.rfind("\xFF\xD8\xFF", 0) == 0) return &kImages[1];
-    std::size_t start = head.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
-    start = head.find_first_not_of(" \t\r\n", start);
-    if (start != std::string::npos && head[start] == '<' &&
-        head.find("<svg", start) != std::string::npos)
-        return &kImages[2];
+const ImageFormat* formatNamed(const fs::path& file) {
+    std::string extension = file.extension().string();
+    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const ImageFormat& format : kImages)
+        if (std::find(format.extensions.begin(), format.extensions.end(), extension) !=
+            format.extensions.end())
+            return &format;
     return nullptr;
 }
 
+const ImageFormat* formatOf(Image image) {
+    for (const ImageFormat& format : kImages)
+        if (format.image == image) return &format;
+    return nullptr;
+}
+
+// A PNG or JPEG is known by its first bytes; whether an SVG could run
+// script takes all of them.
+Image sniffFile(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::string bytes(1024, '\0');
+    in.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(in.gcount()));
+    const Image head = images::sniff(bytes);
+    if (head == Image::Png || head == Image::Jpeg) return head;
+    bytes.append(std::istreambuf_iterator<char>(in), {});
+    return images::sniff(bytes);
+}
+
 // The icon's or screenshot's content type, from its bytes, which must be
-// the image its name's extension says.
+// the image its name's extension says, and no SVG a repository would leave
+// out.
 std::string imageContentType(const fs::path& file, const std::string& shown, const char* key,
                              Checker& check) {
-    std::string extension = file.extension().string();
-    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const ImageType* named = nullptr;
-    for (const ImageType& type : kImages)
-        if (std::find(type.extensions.begin(), type.extensions.end(), extension) !=
-            type.extensions.end())
-            named = &type;
+    const ImageFormat* named = formatNamed(file);
     if (named == nullptr) {
         check.problem(key, shown + " must be a PNG, JPEG or SVG image (.png, .jpg, .jpeg, .svg)");
         return {};
     }
-    std::ifstream in(file, std::ios::binary);
-    std::string head(1024, '\0');
-    in.read(&head[0], static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<std::size_t>(in.gcount()));
-    const ImageType* found = imageTypeOf(head);
-    if (found == named) return named->contentType;
+    const Image found = sniffFile(file);
+    if (found == named->image) return named->contentType;
+    if (found == Image::ScriptableSvg && named->image == Image::Svg) {
+        check.problem(key, shown + " is an SVG image that could run script when opened on its own");
+        return {};
+    }
+    const ImageFormat* held = formatOf(found == Image::ScriptableSvg ? Image::Svg : found);
     check.problem(key, shown + " is not a " + named->name + " image" +
-                           (found ? std::string(": it holds a ") + found->name + " one" : ""));
+                           (held ? std::string(": it holds a ") + held->name + " one" : ""));
     return {};
 }
 
@@ -419,27 +459,13 @@ void checkDistinctParts(const PackPlan& plan, Checker& check) {
                                    " app files; a package holds at most " + std::to_string(most));
 }
 
-}  // namespace
-
-std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
+void planSource(const PackRequest& request, const json& d, Checker& check, PackPlan& plan) {
     const fs::path& source = request.source;
-    Checker check;
-    json d;
-    std::ifstream in(source / "tsapp.json");
-    if (!in) return {"tsapp.json: cannot be read"};
-    try {
-        d = parseRejectingDuplicates(in, check);
-    } catch (const json::parse_error& e) {
-        return {"tsapp.json: not JSON (at byte " + std::to_string(e.byte) + ")"};
-    }
-    if (!d.is_object()) return {"tsapp.json: the top level must be an object"};
     for (const auto& item : d.items())
         if (!kFields.count(item.key())) check.problem(item.key(), "unknown field");
     for (const char* key : kRequired)
         if (!d.contains(key)) check.problem(key, "is required");
-
-    AppManifest& m = plan.manifest;
-    fillManifest(d, check, m);
+    fillManifest(d, check, plan.manifest);
     plan.icon = regularFile(source, d, "icon", check, plan.iconType);
     plan.screenshot = regularFile(source, d, "screenshot", check, plan.screenshotType);
     const std::u16string folder = check.text(d, "files", "files");
@@ -448,12 +474,21 @@ std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
     if (!plan.filesRoot.empty())
         plan.files = appFiles(plan.filesRoot, source / utf8(filesName),
                               ignoreRules(source, request.excludes), check, plan.warnings);
+    const std::string entryPoint = utf8(plan.manifest.entryPoint);
     if (d.contains("entryPoint") &&
-        std::find(plan.files.begin(), plan.files.end(), utf8(m.entryPoint)) == plan.files.end())
-        check.problem("entryPoint", utf8(m.entryPoint) + " is not among the app files");
+        std::find(plan.files.begin(), plan.files.end(), entryPoint) == plan.files.end())
+        check.problem("entryPoint", entryPoint + " is not among the app files");
     checkDistinctParts(plan, check);
-    plan.when = buildTime(check);
+}
 
+// What the package adds to tsapp.json's fields, where it goes, and the
+// sizes of what it will hold.
+void completePlan(const PackRequest& request, Checker& check, PackPlan& plan) {
+    AppManifest& m = plan.manifest;
+    plan.when = buildTime(request.when, check);
+    // The tool takes only a GUID; a host may hand on anything.
+    if (!request.guid.empty() && !isGuid(request.guid))
+        check.problems.push_back("guid: not 8-4-4-4-12 hex digits: " + request.guid);
     m.GUID = request.guid.empty() ? freshGuid() : request.guid;
     for (const auto& file : plan.files) m.appEntries.push_back(utf16(file));
     m.numFiles = plan.files.size();
@@ -469,17 +504,24 @@ std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
         plan.sizes.push_back(image.empty() ? 0 : fs::file_size(image, ignored));
     for (const auto& file : plan.files)
         plan.sizes.push_back(fs::file_size(plan.filesRoot / file, ignored));
+}
+
+}  // namespace
+
+std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
+    Checker check;
+    json d;
+    std::ifstream in(request.source / "tsapp.json");
+    if (!in) return {"tsapp.json: cannot be read"};
+    try {
+        d = parseRejectingDuplicates(in, check);
+    } catch (const json::parse_error& e) {
+        return {"tsapp.json: not JSON (at byte " + std::to_string(e.byte) + ")"};
+    }
+    if (!d.is_object()) return {"tsapp.json: the top level must be an object"};
+    planSource(request, d, check, plan);
+    completePlan(request, check, plan);
     return check.problems;
 }
 
-bool isGuid(const std::string& text) {
-    if (text.size() != 36) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i])))
-            return false;
-    }
-    return true;
-}
-
-}  // namespace tsapp::tool
+}  // namespace tsappinstall::pack

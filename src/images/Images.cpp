@@ -4,7 +4,7 @@
 
 #include "platform/base/Ascii.hpp"
 
-namespace tsappinstall::repository {
+namespace tsappinstall::images {
 namespace {
 
 bool startsWith(const std::string& bytes, const std::string& signature) {
@@ -58,7 +58,7 @@ bool hasEventHandler(const std::string& text) {
 
 // A gallery shows an image with <img>, where no script runs; but anyone may
 // open it from the repository's site directly. So an SVG that could act
-// there, or makes the parser expand entities, is refused rather than
+// there, or makes the parser expand entities, is neither packed nor
 // published.
 bool svgIsInert(const std::string& text) {
     for (const char* active : {"<script", "javascript:", "<foreignobject", "<!entity"})
@@ -68,12 +68,25 @@ bool svgIsInert(const std::string& text) {
 
 }  // namespace
 
-std::string imageType(const std::string& bytes) {
-    if (startsWith(bytes, "\x89PNG\r\n\x1a\n")) return "png";
-    if (startsWith(bytes, "\xFF\xD8\xFF")) return "jpg";
+Image sniff(const std::string& bytes) {
+    if (startsWith(bytes, "\x89PNG\r\n\x1a\n")) return Image::Png;
+    if (startsWith(bytes, "\xFF\xD8\xFF")) return Image::Jpeg;
     const std::string text = opc::detail::ascii_lower(bytes);
-    if (looksLikeSvg(text) && svgIsInert(text)) return "svg";
-    return {};
+    if (!looksLikeSvg(text)) return Image::Other;
+    return svgIsInert(text) ? Image::Svg : Image::ScriptableSvg;
+}
+
+std::string imageType(const std::string& bytes) {
+    switch (sniff(bytes)) {
+        case Image::Png:
+            return "png";
+        case Image::Jpeg:
+            return "jpg";
+        case Image::Svg:
+            return "svg";
+        default:
+            return {};
+    }
 }
 
 std::string claimedType(const std::string& contentType) {
@@ -84,4 +97,4 @@ std::string claimedType(const std::string& contentType) {
     return {};
 }
 
-}  // namespace tsappinstall::repository
+}  // namespace tsappinstall::images

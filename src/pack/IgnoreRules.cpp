@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-namespace tsapp::tool {
+namespace tsappinstall::pack {
 namespace {
 
 std::vector<std::string> split(const std::string& path) {
@@ -76,4 +76,4 @@ bool IgnoreRules::ignores(const std::string& path, bool folder) const {
     return ignored;
 }
 
-}  // namespace tsapp::tool
+}  // namespace tsappinstall::pack

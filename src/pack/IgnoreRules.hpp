@@ -1,13 +1,13 @@
 #pragma once
 
-// Which app files pack leaves out: the lines of SRC/.tsappignore, then
-// each --exclude, in gitignore's syntax (the subset in the README). Paths
+// Which app files a pack leaves out: the lines of SOURCE/.tsappignore,
+// then each of the request's excludes, in gitignore's syntax (the subset in the README). Paths
 // are relative to the app files folder, "/"-separated.
 
 #include <string>
 #include <vector>
 
-namespace tsapp::tool {
+namespace tsappinstall::pack {
 
 class IgnoreRules {
   public:
@@ -29,4 +29,4 @@ class IgnoreRules {
     std::vector<Rule> rules_;
 };
 
-}  // namespace tsapp::tool
+}  // namespace tsappinstall::pack

@@ -1,0 +1,126 @@
+// The tool over a repository: indexing and searching a folder, and
+// installing and upgrading from a recorded repository, as people run it.
+
+#include "repository/RepositoryTestSupport.hpp"
+
+namespace {
+
+using namespace tsapp::test;
+using namespace tsappinstall::repository;
+namespace fs = std::filesystem;
+
+TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
+    Published published;
+    const std::string tool = std::string(TSAPP_TOOL) + " ";
+    const std::string out = published.dir.file("out");
+    EXPECT_EQ(WEXITSTATUS(std::system(
+                  (tool + "repo index --valid-for 2d " + published.repo() + " >" + out).c_str())),
+              1);
+    EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+              std::string::npos);
+    EXPECT_NE(read_file(out).find("index version 1: 4 packages listed, 5 read, 1 bad\n"),
+              std::string::npos);
+    ASSERT_EQ(std::system((tool + "search OTHER --unsigned --json --repo file://" +
+                           published.repo() + " >" + out)
+                              .c_str()),
+              0);
+    const auto found = nlohmann::json::parse(read_file(out));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]["name"], "<b>Other</b>");
+}
+
+// The tool's exit status and everything it printed.
+std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out) {
+    const int status =
+        std::system((std::string(TSAPP_TOOL) + " " + arguments + " >" + out + " 2>&1").c_str());
+    return {WEXITSTATUS(status), read_file(out)};
+}
+
+TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItMustNot) {
+    Published published;
+    const std::string repo = published.dir.file("apps"), out = published.dir.file("out");
+    const std::string root = " --root " + published.dir.file("root");
+    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
+    fs::create_directory(repo);
+    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const Server http(repo, published.dir.file("http.port"));
+    const auto installed = [&] { return runTool("installed" + root, out).second; };
+
+    EXPECT_EQ(runTool("repo add main " + http.url("http", "ok") + " --trust " +
+                          published.dir.file("ca.pem") + root,
+                      out)
+                  .first,
+              0);
+    EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
+    // The index, its signature and the package over one connection.
+    const std::size_t connections = http.connections();
+    EXPECT_EQ(runTool("install 'Hello Tessal'" + root, out).first, 0) << read_file(out);
+    EXPECT_EQ(http.connections(), connections + 1);
+    // Refusals and usage errors: one line each, exit 1 or 2.
+    const std::string rogue = " --trust " + published.dir.file("rogue.pem");
+    const struct {
+        std::string arguments;
+        int status;
+        std::string line;
+    } refusals[] = {
+        {"repo add main /elsewhere" + rogue, 1,
+         "tsapp: main: a repository of that name is recorded already (" + http.url("http", "ok") +
+             ")\n"},
+        {"repo add other " + http.url("http", "ok") + rogue, 1,
+         "tsapp: other: the index's signature: the signer is not trusted"},
+        {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
+        {"install Nothing", 1,
+         "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
+        {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
+    };
+    for (const auto& r : refusals) {
+        const auto [status, text] = runTool(r.arguments + root, out);
+        EXPECT_EQ(status, r.status) << r.arguments;
+        EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
+    }
+    EXPECT_EQ(runTool("repo list" + root, out).second, "main  " + http.url("http", "ok") + "\n");
+
+    fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
+    fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));
+    packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}},
+            published.dir.file("signer"));
+    indexFolder(repo, published.signing());
+    EXPECT_EQ(runTool("outdated --json" + root, out).second,
+              "{\"guid\":\"" + guid +
+                  "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
+                  "\"repository\":\"main\"}\n");
+    EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+
+    // An older index, then a package whose bytes are not the indexed ones:
+    // one line each, nothing installed, nothing left in the downloads.
+    packApp(repo, "hello-1.11.tsappinstall", {{"version", "1.11"}, {"guid", guid}});
+    indexFolder(repo, published.signing());
+    const std::string newest = read_file(repo + "/index.json");
+    const std::string newestSignature = read_file(repo + "/index.json.p7s");
+    fs::copy(published.dir.file("index-1.json"), repo + "/index.json",
+             fs::copy_options::overwrite_existing);
+    fs::copy(published.dir.file("index-1.json.p7s"), repo + "/index.json.p7s",
+             fs::copy_options::overwrite_existing);
+    const auto apps = snapshot_tree(published.dir.file("root/apps"));
+    const std::string rollback = "the index is version 1, older than version 2 seen before";
+    EXPECT_EQ(runTool("upgrade --all --json" + root, out),
+              std::make_pair(1, "tsapp: main: " + rollback +
+                                    "\n{\"error\":{\"kind\":\"index-rollback\",\"item\":\"main\","
+                                    "\"detail\":\"" +
+                                    rollback + "\"}}\n"));
+    write_file(repo + "/index.json", newest);
+    write_file(repo + "/index.json.p7s", newestSignature);
+    std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
+    bytes[bytes.size() / 2] ^= 1;
+    write_file(repo + "/hello-1.11.tsappinstall", bytes);
+    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
+    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
+    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+}
+
+}  // namespace
