@@ -1,8 +1,8 @@
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "OpenedCheck.hpp"
 
-#include "integrity/PackageItems.hpp"
-#include "integrity/VerifySteps.hpp"
+#include "integrity/PackageIntegrity.hpp"
+#include "platform/opc/ItemLoop.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 
 #include <algorithm>
@@ -44,9 +44,8 @@ void add(Report& report, FaultKind kind, std::string line) {
 // The package's digest list, when it has one; its faults otherwise.
 std::optional<DigestCheck> digestCheckOf(opc::model::Package& package,
                                          std::vector<integrity::Fault>& faults) {
-    if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty())
-        return std::nullopt;
-    const auto list = integrity::detail::readDigestList(package, faults);
+    if (!integrity::listsDigests(package)) return std::nullopt;
+    const auto list = integrity::readDigestList(package, faults);
     if (!list || !list->list) return std::nullopt;
     return std::make_optional<DigestCheck>(*list->list);
 }
@@ -127,7 +126,7 @@ class CheckSink : public opc::model::ItemSink {
 std::vector<Fault> decodeEveryPart(opc::model::Package& package, unsigned threads, Report& report) {
     std::vector<integrity::Fault> found;
     std::optional<DigestCheck> digests = digestCheckOf(package, found);
-    const std::vector<PartName> unlisted = integrity::detail::integrityParts(package);
+    const std::vector<PartName> unlisted = integrity::integrityParts(package);
     Unreadable unreadable;
     const opc::model::SinksPerThread<CheckSink> sinks(
         opc::model::threadCount(threads), [&](unsigned) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "PackageIntegrity.hpp"
 #include "PackageItems.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 
@@ -36,7 +37,7 @@ class HashSink : public opc::model::ItemSink {
 }  // namespace
 
 DigestList computeDigests(opc::model::Package& package) {
-    HashSink sink(detail::integrityParts(package));
+    HashSink sink(integrityParts(package));
     opc::model::readEveryItem(package, sink);
     return std::move(sink.digests);
 }

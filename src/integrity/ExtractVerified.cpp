@@ -85,7 +85,8 @@ VerifiedExtraction extractListed(opc::model::Package& package, const std::filesy
         options.observer = &spread.emplace(check, skipped, orders);
     else
         options.observer = &background.emplace(check, skipped);
-    opc::extraction::Extractor extractor(package, opc::FileSystemOpsSelector(), std::move(options));
+    const opc::FileSystemOpsSelector ops = options.ops;
+    opc::extraction::Extractor extractor(package, ops, std::move(options));
     try {
         result.leftAside = extractor
                                .extractAll(folder, opc::qvservices::RestoreMode::AllParts,
@@ -99,18 +100,60 @@ VerifiedExtraction extractListed(opc::model::Package& package, const std::filesy
 
 }  // namespace detail
 
+namespace {
+
+bool checksDigests(const opc::model::Package& package, DigestPolicy digests,
+                   const VerificationPolicy& signature) {
+    switch (digests) {
+        case DigestPolicy::Required:
+            return true;
+        case DigestPolicy::WhenPresent:
+            return listsDigests(package) ||
+                   (signature.checkSignature && signature.requireSignature);
+        case DigestPolicy::Off:
+            return false;
+    }
+    return true;
+}
+
+VerifiedExtraction unpackAsItIs(opc::model::Package& package, const std::filesystem::path& folder,
+                                opc::extraction::Options options,
+                                opc::qvservices::ReplaceMode replace) {
+    const opc::FileSystemOpsSelector ops = options.ops;
+    opc::extraction::Extractor extractor(package, ops, std::move(options));
+    VerifiedExtraction result;
+    result.leftAside = extractor
+                           .extractAll(folder, opc::qvservices::RestoreMode::AllParts,
+                                       opc::qvservices::TransformMode::PercentDecode, replace)
+                           .leftAside;
+    return result;
+}
+
+}  // namespace
+
+VerifiedExtraction unpack(opc::model::Package& package, const std::filesystem::path& folder,
+                          DigestPolicy digests, const VerificationPolicy& signature,
+                          opc::extraction::Options options, opc::qvservices::ReplaceMode replace) {
+    if (!checksDigests(package, digests, signature))
+        return unpackAsItIs(package, folder, std::move(options), replace);
+    VerifiedExtraction result;
+    VerificationReport& report = result.report;
+    auto list = readDigestList(package, report.faults);
+    if (!list || !list->list) return result;
+    if (signature.checkSignature) checkAuthor(package, list->text, signature, report);
+    if (!report.ok()) return result;
+    result =
+        detail::extractListed(package, folder, *list->list, report, std::move(options), replace);
+    if (result.report.ok()) result.digests = std::move(list->list);
+    return result;
+}
+
 VerifiedExtraction extractVerified(opc::model::Package& package,
                                    const std::filesystem::path& folder,
                                    const VerificationPolicy& policy,
                                    opc::extraction::Options options,
                                    opc::qvservices::ReplaceMode replace) {
-    VerifiedExtraction result;
-    VerificationReport& report = result.report;
-    const auto list = detail::readDigestList(package, report.faults);
-    if (!list || !list->list) return result;
-    detail::checkAuthor(package, list->text, policy, report);
-    if (!report.ok()) return result;
-    return detail::extractListed(package, folder, *list->list, report, std::move(options), replace);
+    return unpack(package, folder, DigestPolicy::Required, policy, std::move(options), replace);
 }
 
 VerifiedExtraction extractVerified(const std::filesystem::path& path,

@@ -1,5 +1,7 @@
 #include "PackageItems.hpp"
 
+#include "PackageIntegrity.hpp"
+
 #include <algorithm>
 
 #include "tsappinstall/integrity/Digests.hpp"
@@ -17,13 +19,6 @@ std::vector<PartName> targetsOf(const opc::model::Package& package, const char* 
             targets.emplace_back(relationship.getTargetURI());
     }
     return targets;
-}
-
-std::vector<PartName> integrityParts(const opc::model::Package& package) {
-    std::vector<PartName> parts = targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
-    const std::vector<PartName> signatures = targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
-    parts.insert(parts.end(), signatures.begin(), signatures.end());
-    return parts;
 }
 
 bool DigestSink::begin(const std::string& item, opc::model::Part* part, std::size_t order) {
@@ -49,3 +44,21 @@ void DigestSink::fail(const opc::Exception& error) {
 }
 
 }  // namespace tsappinstall::integrity::detail
+
+namespace tsappinstall::integrity {
+
+using opc::model::PartName;
+
+std::vector<PartName> integrityParts(const opc::model::Package& package) {
+    std::vector<PartName> parts = detail::targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
+    const std::vector<PartName> signatures =
+        detail::targetsOf(package, SIGNATURE_RELATIONSHIP_TYPE);
+    parts.insert(parts.end(), signatures.begin(), signatures.end());
+    return parts;
+}
+
+bool listsDigests(const opc::model::Package& package) {
+    return !detail::targetsOf(package, DIGESTS_RELATIONSHIP_TYPE).empty();
+}
+
+}  // namespace tsappinstall::integrity

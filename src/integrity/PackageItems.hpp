@@ -39,7 +39,4 @@ class DigestSink : public opc::model::ItemSink {
     std::optional<DigestCheck::Item> item_;
 };
 
-// The digest and signature parts: never themselves covered.
-std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);
-
 }  // namespace tsappinstall::integrity::detail

@@ -10,7 +10,6 @@
 namespace tsappinstall::integrity {
 namespace {
 
-using detail::integrityParts;
 using detail::targetsOf;
 using opc::model::PartName;
 
@@ -94,8 +93,6 @@ void checkDigests(opc::model::Package& package, const DigestList& list, unsigned
 
 }  // namespace
 
-namespace detail {
-
 std::optional<DigestListPart> readDigestList(opc::model::Package& package,
                                              std::vector<Fault>& faults) {
     const auto parts = targetsOf(package, DIGESTS_RELATIONSHIP_TYPE);
@@ -137,16 +134,14 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
     }
 }
 
-}  // namespace detail
-
 VerificationReport verifyPackage(opc::model::Package& package, const VerificationPolicy& policy,
                                  unsigned threads) {
     VerificationReport report;
     try {
-        const auto list = detail::readDigestList(package, report.faults);
+        const auto list = readDigestList(package, report.faults);
         if (!list) return report;
         if (list->list) checkDigests(package, *list->list, threads, report.faults);
-        detail::checkAuthor(package, list->text, policy, report);
+        checkAuthor(package, list->text, policy, report);
     } catch (const opc::Exception& e) {
         // Only the two integrity parts' reads get here: every other item's
         // read failure is a fault of its own.
@@ -160,8 +155,8 @@ VerificationReport verifySignature(const std::filesystem::path& path,
     VerificationReport report;
     try {
         opc::model::OpenedPackage opened(path);
-        const auto list = detail::readDigestList(opened.package(), report.faults);
-        if (list) detail::checkAuthor(opened.package(), list->text, policy, report);
+        const auto list = readDigestList(opened.package(), report.faults);
+        if (list) checkAuthor(opened.package(), list->text, policy, report);
         opened.close();
     } catch (const opc::Exception& e) {
         report.faults.push_back({FaultKind::UnreadablePackage, {}, e.what()});

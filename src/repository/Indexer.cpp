@@ -23,8 +23,7 @@
 #include "Gallery.hpp"
 #include "IndexJson.hpp"
 #include "images/Images.hpp"
-#include "integrity/PackageItems.hpp"
-#include "integrity/VerifySteps.hpp"
+#include "integrity/PackageIntegrity.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
@@ -164,12 +163,12 @@ std::string publishImage(opc::model::Package& package, const char* type, const c
 // The signer of a signed package, whatever anchor its chain leads to;
 // throws the reason when the signature does not sign this package.
 void readSigner(opc::model::Package& package, PackageEntry& entry) {
-    if (integrity::detail::targetsOf(package, integrity::DIGESTS_RELATIONSHIP_TYPE).empty()) return;
+    if (!integrity::listsDigests(package)) return;
     std::vector<Fault> faults;
-    const auto list = integrity::detail::readDigestList(package, faults);
+    const auto list = integrity::readDigestList(package, faults);
     if (!list) return;
     integrity::VerificationReport report;
-    integrity::detail::checkAuthor(package, list->text, {{}, false}, report);
+    integrity::checkAuthor(package, list->text, {{}, false}, report);
     for (const Fault& fault : report.faults)
         if (fault.kind != FaultKind::UntrustedSigner) throw Error(fault, describe(fault));
     if (!report.isSigned) return;

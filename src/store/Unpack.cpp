@@ -10,8 +10,6 @@
 #include <unordered_map>
 
 #include "StoreFiles.hpp"
-#include "integrity/PackageItems.hpp"
-#include "integrity/VerifySteps.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 
@@ -27,46 +25,18 @@ using opc::model::PartName;
     throw StoreError(faults.empty() ? FaultKind::Other : faults.front().kind, lines);
 }
 
-bool among(const PartName& part, const std::vector<PartName>& parts) {
-    return std::any_of(parts.begin(), parts.end(),
-                       [&](const PartName& p) { return p.key() == part.key(); });
-}
-
-// Feeds the parts the digest list covers to its check and hashes the
-// others itself, all on the extraction's thread.
-class RecordingObserver final : public opc::extraction::PartObserver {
+// Hashes every part, for an unpacking whose digests are not checked: the
+// records need each file's digest all the same. It keeps the extraction on
+// one thread.
+class HashingObserver final : public opc::extraction::PartObserver {
   public:
-    RecordingObserver(integrity::DigestCheck* check, std::vector<PartName> uncovered)
-        : check_(check), uncovered_(std::move(uncovered)) {}
-
-    void begin(const PartName& part) override {
-        covered_ = check_ && !among(part, uncovered_);
-        current_ = part.ascii();
-        if (covered_) check_->begin(current_);
-    }
-    void update(const unsigned char* data, std::size_t size) override {
-        if (covered_)
-            check_->update(data, size);
-        else
-            sha_.update(data, size);
-    }
-    void end() override {
-        if (covered_)
-            check_->end();
-        else
-            hashes_[current_] = sha_.finishHex();
-    }
-    void beforeCommit() override {
-        if (!check_) return;
-        const auto& faults = check_->finish();
-        if (!faults.empty()) badPackage(faults);
-    }
+    void begin(const PartName& part) override { current_ = part.ascii(); }
+    void update(const unsigned char* data, std::size_t size) override { sha_.update(data, size); }
+    void end() override { hashes_[current_] = sha_.finishHex(); }
+    void beforeCommit() override {}
     const std::map<std::string, std::string>& hashes() const { return hashes_; }
 
   private:
-    integrity::DigestCheck* check_;
-    std::vector<PartName> uncovered_;
-    bool covered_ = false;
     std::string current_;
     integrity::Sha256 sha_;
     std::map<std::string, std::string> hashes_;  // part name -> hex
@@ -179,71 +149,33 @@ void addSigner(Unpacked& unpacked, const std::filesystem::path& folder, const Fi
     unpacked.signerFingerprint = signerFingerprint(signature);
 }
 
-// The library's verified extraction, whose hashing overlaps the writing;
-// it works on the process's own file operations only.
-Unpacked unpackVerified(opc::model::Package& package, const std::filesystem::path& folder,
-                        const InstallOptions& options, const integrity::DigestList& list,
-                        const integrity::VerificationReport& author) {
-    LandedFiles landed;
-    integrity::VerifiedExtraction result = integrity::detail::extractListed(
-        package, folder, list, author, extractionOptions(options, landed),
-        opc::qvservices::ReplaceMode::FailIfExists);
-    if (!result.report.ok()) badPackage(result.report.faults);
-    Unpacked unpacked;
-    const FileOps& ops = opc::detail::posixFileOps();
-    unpacked.files = landed.records(KnownDigests(&list, nullptr), folder, ops);
-    unpacked.leftAside = std::move(result.leftAside);
-    if (result.report.isSigned && !options.trustAnchors.empty()) {
-        unpacked.signerSubject = result.report.signer;
-        addSigner(unpacked, folder, ops);
-    }
-    return unpacked;
-}
-
 }  // namespace
 
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
                 const InstallOptions& options, const opc::FileSystemOpsSelector& selector) {
-    std::vector<Fault> faults;
-    const auto list = integrity::detail::readDigestList(package, faults);
+    // Without trust anchors a signature is not checked, as the package
+    // check does not check it either.
     const bool trusting = !options.trustAnchors.empty();
-    const bool noList = faults.size() == 1 && faults[0].kind == FaultKind::NoDigestList;
-    if (!faults.empty() && (trusting || !noList)) badPackage(faults);
-    integrity::VerificationReport author;
-    if (list)
-        integrity::detail::checkAuthor(package, list->text, {options.trustAnchors, trusting},
-                                       author);
-    if (trusting && !author.ok()) badPackage(author.faults);
-    // Without trust anchors a signature is not checked (as the package
-    // check does), so a signed package goes the way below, which the
-    // fault-injection tests take too.
-    if (list && selector.ops() == nullptr && (trusting || !author.isSigned))
-        return unpackVerified(package, folder, options, *list->list, author);
-
-    std::optional<integrity::DigestCheck> check;
-    if (list) {
-        check.emplace(*list->list);
-        integrity::detail::DigestSink contentTypes(*check, {}, true);
-        opc::model::readEveryItem(package, contentTypes);
-    }
-    RecordingObserver observer(check ? &*check : nullptr,
-                               integrity::detail::integrityParts(package));
+    HashingObserver hashing;
     LandedFiles landed;
     opc::extraction::Options extraction = extractionOptions(options, landed);
-    extraction.observer = &observer;
-    opc::extraction::Extractor extractor(package, selector, std::move(extraction));
+    extraction.observer = &hashing;
+    extraction.ops = selector;
+    integrity::VerifiedExtraction result = integrity::unpack(
+        package, folder,
+        trusting ? integrity::DigestPolicy::Required : integrity::DigestPolicy::WhenPresent,
+        {options.trustAnchors, trusting, trusting}, std::move(extraction),
+        opc::qvservices::ReplaceMode::FailIfExists);
+    if (!result.report.ok()) badPackage(result.report.faults);
+    const FileOps& ops = opc::detail::fileOpsOf(selector);
     Unpacked unpacked;
-    unpacked.leftAside = extractor
-                             .extractAll(folder, opc::qvservices::RestoreMode::AllParts,
-                                         opc::qvservices::TransformMode::PercentDecode,
-                                         opc::qvservices::ReplaceMode::FailIfExists)
-                             .leftAside;
-    if (trusting) {
-        unpacked.signerSubject = author.signer;
-        addSigner(unpacked, folder, opc::detail::fileOpsOf(selector));
+    const KnownDigests digests(result.digests ? &*result.digests : nullptr, &hashing.hashes());
+    unpacked.files = landed.records(digests, folder, ops);
+    unpacked.leftAside = std::move(result.leftAside);
+    if (trusting && result.report.isSigned) {
+        unpacked.signerSubject = result.report.signer;
+        addSigner(unpacked, folder, ops);
     }
-    const KnownDigests digests(list ? &*list->list : nullptr, &observer.hashes());
-    unpacked.files = landed.records(digests, folder, opc::detail::fileOpsOf(selector));
     return unpacked;
 }
 

@@ -61,31 +61,28 @@ opc::qvservices::ReplaceMode replaceModeOf(const ExtractSettings& settings) {
                          : opc::qvservices::ReplaceMode::Replace;
 }
 
-std::vector<std::string> extract(opc::model::Package& package,
-                                 const std::filesystem::path& nativeFolder,
-                                 const ExtractSettings& settings) {
-    ProgressLine progress;
-    opc::extraction::Extractor manager(package, opc::FileSystemOpsSelector(),
-                                       optionsOf(settings, progress));
-    auto outcome =
-        manager.extractAll(nativeFolder, opc::qvservices::RestoreMode::AllParts,
-                           opc::qvservices::TransformMode::PercentDecode, replaceModeOf(settings));
-    return outcome.leftAside;
+// The digests are checked whenever the package lists them; a package
+// without a list is unpacked as it is, unless the signature is asked for.
+tsappinstall::integrity::DigestPolicy digestPolicyOf(const ExtractSettings& settings) {
+    using tsappinstall::integrity::DigestPolicy;
+    if (settings.noVerify) return DigestPolicy::Off;
+    if (settings.verify || !settings.trust.empty()) return DigestPolicy::Required;
+    return DigestPolicy::WhenPresent;
 }
 
 // Each fault on a line of its own, then a line saying that nothing changed.
 // `shown` is the package as the user named it. Without --verify the
 // signature is left unread: only the digests are checked.
-std::vector<std::string> extractVerified(opc::model::Package& package,
-                                         const std::filesystem::path& nativeFolder,
-                                         const ExtractSettings& settings,
-                                         const std::string& shown) {
+std::vector<std::string> unpack(opc::model::Package& package,
+                                const std::filesystem::path& nativeFolder,
+                                const ExtractSettings& settings, const std::string& shown) {
     namespace integrity = tsappinstall::integrity;
     const bool signature = settings.verify || !settings.trust.empty();
     ProgressLine progress;
-    const integrity::VerifiedExtraction result = integrity::extractVerified(
-        package, nativeFolder, {settings.trust, !settings.allowUnsigned, signature},
-        optionsOf(settings, progress), replaceModeOf(settings));
+    const integrity::VerifiedExtraction result =
+        integrity::unpack(package, nativeFolder, digestPolicyOf(settings),
+                          {settings.trust, !settings.allowUnsigned, signature},
+                          optionsOf(settings, progress), replaceModeOf(settings));
     if (result.report.ok()) return result.leftAside;
     for (const integrity::Fault& fault : result.report.faults)
         printError(shown + ": " + tsappinstall::describe(fault));
@@ -93,27 +90,31 @@ std::vector<std::string> extractVerified(opc::model::Package& package,
                   "verification failed; the folder " + nativeFolder.string() + " is as it was");
 }
 
-// The digests are checked whenever the package lists them; a package
-// without a list is extracted as it is, unless the signature is asked for.
-bool checksDigests(opc::model::Package& package, const ExtractSettings& settings) {
-    if (settings.noVerify) return false;
-    if (settings.verify || !settings.trust.empty()) return true;
-    return !package
-                .getRelationshipsByType(utf16(tsappinstall::integrity::DIGESTS_RELATIONSHIP_TYPE))
-                .empty();
-}
-
 std::vector<std::string> extractPackage(const std::filesystem::path& nativePath,
                                         const std::filesystem::path& nativeFolder,
                                         const ExtractSettings& settings, const std::string& shown) {
     opc::model::OpenedPackage opened(nativePath);
     printWarnings(shown, opened.warnings());
-    std::vector<std::string> leftAside =
-        checksDigests(opened.package(), settings)
-            ? extractVerified(opened.package(), nativeFolder, settings, shown)
-            : extract(opened.package(), nativeFolder, settings);
+    std::vector<std::string> leftAside = unpack(opened.package(), nativeFolder, settings, shown);
     opened.close();
     return leftAside;
+}
+
+// An extraction that failed, of the package layer's `kind` (Other for a
+// failure of another layer): rolled back when interrupted, unless the
+// library says what it could not undo; about the folder when writing it
+// failed. Called from a catch block.
+int failedExtraction(const std::exception& e, opc::Reason kind, const std::string& package,
+                     const std::string& folder, const std::filesystem::path& nativeFolder) {
+    if (caughtSignal) {
+        const bool clean = kind == opc::Reason::Cancelled;
+        printError("interrupted; " + (clean
+                                          ? "the folder " + nativeFolder.string() + " is as it was"
+                                          : std::string(e.what())));
+        return 128 + caughtSignal;
+    }
+    const bool atDestination = kind == opc::Reason::CannotWrite || kind == opc::Reason::BadPath;
+    throw Failure(atDestination ? folder : package, causeOf(e), kind);
 }
 
 // Extracts the package file at `path`; messages name `package`.
@@ -127,21 +128,10 @@ int extractFrom(const std::string& path, const std::string& package, const std::
             std::cerr << "tsapp: warning: " << left << "\n";
     } catch (const Failure&) {
         throw;
+    } catch (const opc::Exception& e) {
+        return failedExtraction(e, e.reason(), package, folder, nativeFolder);
     } catch (const std::exception& e) {
-        if (caughtSignal) {
-            // Rolled back, unless the library says what it could not undo.
-            const auto* failure = dynamic_cast<const opc::Exception*>(&e);
-            const bool clean = failure != nullptr && failure->reason() == opc::Reason::Cancelled;
-            printError("interrupted; " +
-                       (clean ? "the folder " + nativeFolder.string() + " is as it was"
-                              : std::string(e.what())));
-            return 128 + caughtSignal;
-        }
-        const auto* failure = dynamic_cast<const opc::Exception*>(&e);
-        const bool atDestination =
-            failure != nullptr && (failure->reason() == opc::Reason::CannotWrite ||
-                                   failure->reason() == opc::Reason::BadPath);
-        throw Failure(atDestination ? folder : package, causeOf(e));
+        return failedExtraction(e, opc::Reason::Other, package, folder, nativeFolder);
     }
     return kGood;
 }

@@ -84,6 +84,10 @@ struct Options {
     // large one (so that it moves while one big file is written), never by
     // two threads at once; with several threads not always by the calling one.
     qvservices::FileSystemManager::Progress progress;
+    // The file operations to use. Unpacking with a policy builds its
+    // extractor from this, so that the library's fault-injection tests
+    // fail the very path every caller takes.
+    FileSystemOpsSelector ops;
 };
 
 struct Outcome {
