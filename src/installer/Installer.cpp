@@ -198,6 +198,7 @@ store::InstallResult Installer::install(const Offer& offer, const store::HostPro
     options.trustAnchors =
         offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.trust;
     options.origin = toJson(offer.remote).dump();
+    options.packageSha256 = offer.entry->sha256;  // the download was checked against it
     return apps_.install(file.path(), host, options);
 }
 

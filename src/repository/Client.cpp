@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 
 #include "Transfer.hpp"
 #include "platform/base/Ascii.hpp"
@@ -97,16 +98,51 @@ void writeAll(int fd, const char* data, std::size_t size) {
     }
 }
 
+// The SHA-256 of the partial file, kept up with the bytes as they are
+// written, so that the download is not read again to be checked.
+class PartialHash {
+  public:
+    // Hashes what the file holds beyond what was hashed (a partial file an
+    // earlier run left), starting over when it holds less.
+    void catchUp(const PartialFile& partial, std::uint64_t size) {
+        if (size < done_) restart();
+        if (size == done_) return;
+        const opc::detail::UniqueFd fd(::open(partial.path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd) fail(FaultKind::CannotRead, "cannot open " + partial.path.string());
+        unsigned char buffer[1 << 16];
+        while (done_ < size) {
+            const ssize_t got = ::pread(fd.get(), buffer, sizeof buffer, static_cast<off_t>(done_));
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) fail(FaultKind::CannotRead, "cannot read " + partial.path.string());
+            update(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(got));
+        }
+    }
+    void restart() {
+        sha_.emplace();
+        done_ = 0;
+    }
+    void update(const char* data, std::size_t size) {
+        sha_->update(reinterpret_cast<const unsigned char*>(data), size);
+        done_ += size;
+    }
+    std::string finishHex() { return sha_->finishHex(); }
+
+  private:
+    std::optional<integrity::Sha256> sha_{std::in_place};
+    std::uint64_t done_ = 0;
+};
+
 // One attempt: appends to the partial file what the source sends from its
 // size on, starting over when the source ignores the offset. Never more
 // than the indexed size lands in the file.
 void attempt(const std::string& location, const PackageEntry& entry, const PartialFile& partial,
-             const ClientOptions& options, Connection& connection) {
+             PartialHash& hash, const ClientOptions& options, Connection& connection) {
     std::uint64_t have = partial.size();
     if (have > entry.size) {
         partial.remove();
         have = 0;
     }
+    hash.catchUp(partial, have);
     if (have == entry.size && have > 0) return;  // complete before an interruption
     const opc::detail::UniqueFd fd(
         ::open(partial.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -121,6 +157,7 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
                if (::ftruncate(fd.get(), 0) != 0)
                    fail(FaultKind::CannotWrite, "cannot truncate " + partial.path.string());
                written = 0;
+               hash.restart();
            },
            [&](const char* data, std::size_t size) {
                if (written + size > entry.size)
@@ -128,25 +165,13 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
                                                      std::to_string(entry.size) +
                                                      " bytes the index lists");
                writeAll(fd.get(), data, size);
+               hash.update(data, size);
                written += size;
            }});
     if (written < entry.size)
         fail(FaultKind::DownloadFailed, entry.file + ": the transfer ended after " +
                                             std::to_string(written) + " of " +
                                             std::to_string(entry.size) + " bytes");
-}
-
-std::string sha256Of(const fs::path& path) {
-    const opc::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) fail(FaultKind::CannotRead, "cannot open " + path.string());
-    integrity::Sha256 hash;
-    unsigned char buffer[1 << 16];
-    for (ssize_t got; (got = ::read(fd.get(), buffer, sizeof buffer)) != 0;) {
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) fail(FaultKind::CannotRead, "cannot read " + path.string());
-        hash.update(buffer, static_cast<std::size_t>(got));
-    }
-    return hash.finishHex();
 }
 
 // The downloaded package must be good and be the app and version the
@@ -202,10 +227,11 @@ fs::path Repository::download(const PackageEntry& entry, const fs::path& folder)
     const PartialFile partial{folder / (entry.file + ".part")};
     const fs::path target = folder / entry.file;
     std::string lastFailure;
+    PartialHash hash;
     const int attempts = std::max(1, options_.attempts);
     for (int i = 0; i < attempts; ++i) {
         try {
-            attempt(location_, entry, partial, options_, *connection_);
+            attempt(location_, entry, partial, hash, options_, *connection_);
             lastFailure.clear();
             break;
         } catch (const Error& e) {
@@ -222,7 +248,7 @@ fs::path Repository::download(const PackageEntry& entry, const fs::path& folder)
         fail(FaultKind::DownloadFailed, lastFailure + " (" + std::to_string(attempts) +
                                             (attempts == 1 ? " attempt)" : " attempts)"));
     }
-    const std::string sha256 = sha256Of(partial.path);
+    const std::string sha256 = hash.finishHex();
     if (sha256 != entry.sha256) {
         partial.remove();
         fail(FaultKind::DigestMismatch,

@@ -259,7 +259,10 @@ struct AppStore::Impl {
 
     InstallResult install(const std::filesystem::path& package, const HostProfile& host,
                           const InstallOptions& installOptions) {
-        PackageHash packageSha(package);  // the package is no part of the root
+        // The package is no part of the root. A caller that verified its
+        // digest as it wrote the file (a download) spares a second read.
+        std::optional<PackageHash> packageSha;
+        if (installOptions.packageSha256.empty()) packageSha.emplace(package);
         RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
         db->exec(installOptions.sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
@@ -276,7 +279,7 @@ struct AppStore::Impl {
         }
         // The package's digest is taken through a second open of its path:
         // both must be the one file, not one replaced in between.
-        if (packageSha.fd() >= 0 && !opened->reads(packageSha.fd()))
+        if (packageSha && packageSha->fd() >= 0 && !opened->reads(packageSha->fd()))
             refuse(FaultKind::PackageChanged, "the package changed while it was being installed");
         const AppManifest& manifest = *report.manifest;
         if (!isGuid(manifest.GUID))
@@ -316,7 +319,9 @@ struct AppStore::Impl {
             unpacked = unpack(opened->package(), folderOf(relative), installOptions, options.ops);
             checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
             opened->close();
-            version.packageSha256 = packageSha.get();
+            version.packageSha256 = packageSha
+                                        ? packageSha->get()
+                                        : opc::detail::ascii_lower(installOptions.packageSha256);
             version.signerSubject = unpacked.signerSubject;
             version.signerFingerprint = unpacked.signerFingerprint;
             if (existing) checkSigner(*existing, version, installOptions);

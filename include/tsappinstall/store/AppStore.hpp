@@ -72,6 +72,11 @@ struct InstallOptions {
     // installer writes the repository); recorded with the version in the
     // install's own transaction. Empty for a package file installed as it is.
     std::string origin;
+    // The package file's SHA-256 (hex) when the caller knows it from the
+    // bytes it wrote (a download checked against its index): the record
+    // keeps it and the file is not read again to hash it. The caller
+    // answers for the file not changing until install() returns.
+    std::string packageSha256;
 };
 
 struct InstalledFile {
