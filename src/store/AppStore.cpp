@@ -12,6 +12,7 @@
 #include <set>
 #include <utility>
 
+#include "FileSeam.hpp"
 #include "PackageHash.hpp"
 #include "Records.hpp"
 #include "RootState.hpp"
@@ -97,8 +98,8 @@ std::string leafOf(const std::string& relative) {
 }  // namespace
 
 struct AppStore::Impl {
-    Impl(const std::filesystem::path& rootPath, Options opts)
-        : root(rootPath), options(opts), ops(opc::detail::fileOpsOf(opts.ops)) {
+    Impl(const std::filesystem::path& rootPath, Options opts, opc::FileSystemOpsSelector selected)
+        : root(rootPath), options(opts), selector(selected), ops(opc::detail::fileOpsOf(selector)) {
         std::error_code error;
         std::filesystem::create_directories(root, error);
         rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -237,7 +238,7 @@ struct AppStore::Impl {
             return;  // not a folder name of ours: never act on it
         const std::string guid = relative.substr(0, slash);
         // Staging folders of an extraction that died beside it go too.
-        opc::extraction::recover(folderOf(relative), options.ops);
+        opc::extraction::recover(folderOf(relative), selector);
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, guid);
         if (!app) return;
@@ -316,7 +317,7 @@ struct AppStore::Impl {
         Unpacked unpacked;
         try {
             makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
-            unpacked = unpack(opened->package(), folderOf(relative), installOptions, options.ops);
+            unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector);
             checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
             opened->close();
             version.packageSha256 = packageSha
@@ -604,6 +605,7 @@ struct AppStore::Impl {
 
     std::filesystem::path root;
     Options options;
+    opc::FileSystemOpsSelector selector;
     const FileOps& ops;
     OpsFd rootFd;
     std::unique_ptr<Database> db;
@@ -614,7 +616,10 @@ struct AppStore::Impl {
 AppStore::AppStore(const std::filesystem::path& root) : AppStore(root, Options()) {}
 
 AppStore::AppStore(const std::filesystem::path& root, Options options)
-    : impl_(std::make_unique<Impl>(root, options)) {}
+    : impl_(std::make_unique<Impl>(root, options, opc::FileSystemOpsSelector())) {}
+
+AppStore::AppStore(const std::filesystem::path& root, Options options, const FileSeam& seam)
+    : impl_(std::make_unique<Impl>(root, options, seam.ops)) {}
 
 AppStore::~AppStore() = default;
 

@@ -11,6 +11,7 @@
 #include <functional>
 
 #include "platform/extract/FileOps.hpp"
+#include "store/FileSeam.hpp"
 #include "store/StoreTestSupport.hpp"
 
 namespace {
@@ -102,7 +103,8 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                     reset(op.start);
                     FailingOps ops(static_cast<FileCall>(family), n, persistent);
                     try {
-                        AppStore apps(work(), {1, opc::FileSystemOpsSelector(&ops)});
+                        AppStore apps(work(), {1},
+                                      detail::FileSeam{opc::FileSystemOpsSelector(&ops)});
                         op.run(apps, dir);
                     } catch (const std::exception&) {
                     }
@@ -131,7 +133,8 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
                 if (child == 0) {
                     DyingOps ops(static_cast<FileCall>(family), n);
                     try {
-                        AppStore apps(work(), {1, opc::FileSystemOpsSelector(&ops)});
+                        AppStore apps(work(), {1},
+                                      detail::FileSeam{opc::FileSystemOpsSelector(&ops)});
                         op.run(apps, dir);
                     } catch (...) {
                     }

@@ -39,7 +39,8 @@ using compat::toJson;
 
 namespace detail {
 struct RootStateAccess;
-}
+struct FileSeam;
+}  // namespace detail
 
 // Why a store operation did not happen. Its kind says why: StoreFailed (a
 // file or database operation), NotCompatible (the host does not fit the
@@ -144,8 +145,6 @@ class TSAPP_API AppStore {
     struct Options {
         // Previous versions kept for rollback after an upgrade.
         unsigned keepPrevious = 1;
-        // Other file operations, for the library's fault-injection tests.
-        opc::FileSystemOpsSelector ops;
     };
 
     // Opens the root, creating it and its database when missing, running
@@ -154,6 +153,9 @@ class TSAPP_API AppStore {
     // when the root cannot be made or written.
     explicit AppStore(const std::filesystem::path& root);
     AppStore(const std::filesystem::path& root, Options options);
+    // On other file operations: the library's own fault-injection tests
+    // (the seam's type is not public).
+    AppStore(const std::filesystem::path& root, Options options, const detail::FileSeam& seam);
     ~AppStore();
     AppStore(const AppStore&) = delete;
     AppStore& operator=(const AppStore&) = delete;
