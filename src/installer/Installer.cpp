@@ -150,6 +150,25 @@ void Installer::remove(const std::string& name) {
     });
 }
 
+std::shared_ptr<const Repository> Installer::move(const std::string& name,
+                                                  const std::string& location) {
+    const auto recorded = remotes();
+    const auto found = std::find_if(recorded.begin(), recorded.end(),
+                                    [&](const Remote& r) { return r.name == name; });
+    if (found == recorded.end())
+        fail(FaultKind::UnknownRepository, name, "no repository of that name");
+    Remote moved = *found;
+    moved.location = location;
+    fetched_.erase(moved.key());
+    auto repository = fetch(moved);
+    changeRemotes(apps_, [&](std::vector<Remote>& now) {
+        for (Remote& r : now)
+            if (r.name == name) return void(r.location = location);
+        fail(FaultKind::UnknownRepository, name, "no repository of that name");
+    });
+    return repository;
+}
+
 std::shared_ptr<const Repository> Installer::fetch(const Remote& remote) {
     auto& repository = fetched_[remote.key()];
     if (repository) return repository;

@@ -271,6 +271,8 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     EXPECT_EQ(originOf(apps.show(guid).current)->location, repo);
     EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
 
+    for (const char* file : {"index.json", "index.json.p7s"})
+        fs::copy(repo + "/" + file, published.dir.file(std::string("old-") + file));
     packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}});
     indexFolder(repo, published.signing());
     Installer later(apps);  // indexes are fetched once per installer
@@ -278,6 +280,18 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     ASSERT_EQ(outdated.size(), 1u);
     EXPECT_EQ(outdated.front().offer.entry->version, "1.10");
     EXPECT_EQ(later.highestSeen("main"), 2u);
+    // Moved elsewhere: followed only to an index as new as the one seen.
+    const std::string moved = published.dir.file("moved");
+    fs::copy(repo, moved, fs::copy_options::recursive);
+    for (const char* file : {"index.json", "index.json.p7s"})
+        fs::copy(published.dir.file(std::string("old-") + file), moved + "/" + file,
+                 fs::copy_options::overwrite_existing);
+    EXPECT_EQ(refusal([&] { Installer(apps).move("main", moved); }), "index-rollback main");
+    for (const char* file : {"index.json", "index.json.p7s"})
+        fs::copy(repo + "/" + file, moved + "/" + file, fs::copy_options::overwrite_existing);
+    Installer(apps).move("main", moved);
+    EXPECT_EQ(later.remotes().front().location, moved);
+    EXPECT_EQ(Installer(apps).outdated({}, host).front().offer.remote.location, moved);
     later.remove("main");
     EXPECT_TRUE(later.remotes().empty());
     EXPECT_EQ(refusal([&] { later.remove("main"); }), "unknown-repository main");

@@ -70,6 +70,7 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         {"repo add other " + http.url("http", "ok") + rogue, 1,
          "tsapp: other: the index's signature: the signer is not trusted"},
         {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
+        {"repo move other /elsewhere", 1, "tsapp: other: no repository of that name\n"},
         {"install Nothing", 1,
          "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
         {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},

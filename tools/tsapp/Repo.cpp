@@ -158,6 +158,19 @@ int runRemove(const RecordSettings& s) {
     return kGood;
 }
 
+int runMove(const RecordSettings& s) {
+    if (!store::AppStore::exists(s.root.path()))
+        throw Failure(s.remote.name, "no repository of that name",
+                      tsappinstall::FaultKind::UnknownRepository);
+    const auto apps = openRoot(s.root);
+    installer::Installer installer(*apps);
+    const auto repo = onRepository(
+        s.remote.name, [&] { return installer.move(s.remote.name, s.remote.location); });
+    std::cout << "moved " << s.remote.name << " to " << s.remote.location << ", index version "
+              << repo->index().version << "\n";
+    return kGood;
+}
+
 void addClientOptions(CLI::App* command, repository::ClientOptions& options) {
     command
         ->add_option("--trust", options.trustAnchors,
@@ -245,7 +258,17 @@ std::vector<Command> addRepo(CLI::App& app) {
     remove->add_option("NAME", removed->remote.name, "Its name")->required()->check(nonEmpty());
     addRoot(remove, removed->root);
 
+    auto moved = std::make_shared<RecordSettings>();
+    CLI::App* move = repo->add_subcommand(
+        "move", "Follow a recorded repository to a new location, once its index there is trusted.");
+    move->add_option("NAME", moved->remote.name, "Its name")->required()->check(nonEmpty());
+    move->add_option("LOCATION", moved->remote.location, "A folder, a file: URL or an http(s): URL")
+        ->required()
+        ->check(nonEmpty());
+    addRoot(move, moved->root);
+
     return {{indexCli, [index] { return runIndex(*index); }, [index] { return index->folder; }},
+            {move, [moved] { return runMove(*moved); }, [moved] { return moved->remote.name; }},
             {searchCli, [search] { return runSearch(*search); },
              [search] { return search->location.empty() ? "search" : search->location; }},
             {add, [added] { return runAdd(*added); }, [added] { return added->remote.name; }},

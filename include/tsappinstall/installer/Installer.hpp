@@ -76,6 +76,12 @@ class TSAPP_API Installer {
     std::shared_ptr<const repository::Repository> add(Remote remote);
     // Forgets a recorded repository (UnknownRepository when there is none).
     void remove(const std::string& name);
+    // Records that the repository `name` now lives at `location`, once the
+    // index there was accepted: its signer must lead to the recorded trust
+    // files and its version may not be below the highest seen of `name`.
+    // Apps installed from it are looked for at the new location.
+    std::shared_ptr<const repository::Repository> move(const std::string& name,
+                                                       const std::string& location);
 
     // The index of `remote`, held to the highest version seen of it; the
     // mark is raised once the index is accepted.
