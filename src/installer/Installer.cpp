@@ -74,6 +74,15 @@ std::string absolute(const std::string& file) {
     return file.empty() ? file : fs::absolute(file).string();
 }
 
+// A location as recorded: a folder made absolute, a URL ("file:",
+// "http:", "https:") as it is.
+std::string recordedLocation(const std::string& location) {
+    const auto colon = location.find(':');
+    const bool url = colon != std::string::npos && colon > 1 &&
+                     location.find('/') > colon;  // "C:" never occurs; "a/b:c" is a folder
+    return url ? location : absolute(location);
+}
+
 // Runs `run`, naming the repository as the item of whatever it throws.
 template <class Run>
 auto aboutRemote(const Remote& remote, Run run) {
@@ -129,6 +138,7 @@ std::shared_ptr<const Repository> Installer::add(Remote remote) {
     if (remote.name.empty()) fail(FaultKind::Other, "", "a repository is recorded by a name");
     // Before the index is fetched, and again where it is recorded.
     refuseKnown(remotes(), remote);
+    remote.location = recordedLocation(remote.location);
     for (auto& trust : remote.trust) trust = absolute(trust);
     remote.serverCa = absolute(remote.serverCa);
     auto repository = fetch(remote);  // recorded only once its index was accepted
@@ -158,12 +168,12 @@ std::shared_ptr<const Repository> Installer::move(const std::string& name,
     if (found == recorded.end())
         fail(FaultKind::UnknownRepository, name, "no repository of that name");
     Remote moved = *found;
-    moved.location = location;
+    moved.location = recordedLocation(location);
     fetched_.erase(moved.key());
     auto repository = fetch(moved);
     changeRemotes(apps_, [&](std::vector<Remote>& now) {
         for (Remote& r : now)
-            if (r.name == name) return void(r.location = location);
+            if (r.name == name) return void(r.location = moved.location);
         fail(FaultKind::UnknownRepository, name, "no repository of that name");
     });
     return repository;

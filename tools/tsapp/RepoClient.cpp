@@ -132,6 +132,7 @@ int runUpgrade(const UpgradeSettings& s) {
     catchStopSignals();
     const auto apps = openRoot(s.root);
     const auto host = hostProfile(s.host, apps->root());
+    for (const auto& app : s.apps) onStore(app, [&] { return apps->show(app); });
     installer::Installer installer(*apps, installerOptions());
     const auto outdated = onRepository("upgrade", [&] { return installer.outdated(s.apps, host); });
     if (outdated.empty()) std::cout << "every app is up to date\n";

@@ -232,7 +232,8 @@ std::unique_ptr<store::AppStore> openExisting(const RootOption& option) {
 }
 
 [[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root) {
-    throw Failure(app, "nothing is installed in " + root.path().string());
+    throw Failure(app, "nothing is installed in " + root.path().string(),
+                  tsappinstall::FaultKind::NotInstalled);
 }
 
 int runInstalled(const ReadSettings& s) {
