@@ -51,10 +51,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: consumer SOURCE WORK SIGNER_KEY SIGNER_CERT CA\n";
         return 2;
     }
-    // The store unpacks below its root by absolute paths only, and the
-    // repository is recorded by its location to be found again from
-    // anywhere; a host hands both over absolute.
-    const fs::path source = argv[1], work = fs::absolute(argv[2]);
+    const fs::path source = argv[1], work = argv[2];
     try {
         const fs::path repo = work / "repo";
         fs::create_directory(repo);
