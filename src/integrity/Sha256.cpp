@@ -1,6 +1,11 @@
+#include <fcntl.h>
 #include <openssl/evp.h>
 
+#include <cerrno>
+#include <vector>
+
 #include "OpenSsl.hpp"
+#include "integrity/FileSha256.hpp"
 #include "platform/base/Ascii.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 
@@ -33,6 +38,32 @@ std::string Sha256::finishHex() {
     std::string text = opc::detail::lower_hex(digest, size);
     context_->start();
     return text;
+}
+
+FileSha256 sha256OfFile(const opc::detail::FileOps& ops, int fd, const std::atomic<bool>* stop) {
+    Sha256 sha;
+    std::vector<unsigned char> buffer(1 << 17);
+    FileSha256 file;
+    for (;;) {
+        if (stop && stop->load(std::memory_order_relaxed)) return {};
+        const long n =
+            ops.readAt(fd, buffer.data(), buffer.size(), static_cast<long long>(file.size));
+        if (n < 0) return {{}, file.size, errno};
+        sha.update(buffer.data(), static_cast<std::size_t>(n));
+        file.size += static_cast<std::uint64_t>(n);
+        if (static_cast<std::size_t>(n) < buffer.size()) break;
+    }
+    file.hex = sha.finishHex();
+    return file;
+}
+
+std::string sha256OfFile(const std::filesystem::path& path) {
+    const opc::detail::FileOps& ops = opc::detail::posixFileOps();
+    const opc::detail::OpsFd fd(ops, ops.openat(AT_FDCWD, path.c_str(), O_RDONLY));
+    if (!fd) throw Error(FaultKind::CannotRead, "cannot open " + path.string());
+    const FileSha256 file = sha256OfFile(ops, fd.get());
+    if (file.error) throw Error(FaultKind::CannotRead, "cannot read " + path.string());
+    return file.hex;
 }
 
 }  // namespace tsappinstall::integrity

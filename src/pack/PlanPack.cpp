@@ -14,6 +14,7 @@
 
 #include "IgnoreRules.hpp"
 #include "images/Images.hpp"
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -154,14 +155,9 @@ std::string freshGuid() {
     for (auto& value : b) value = static_cast<unsigned char>(byte(random));
     b[6] = static_cast<unsigned char>((b[6] & 0x0F) | 0x40);  // version 4
     b[8] = static_cast<unsigned char>((b[8] & 0x3F) | 0x80);  // RFC 4122 variant
-    static const char* hex = "0123456789abcdef";
-    std::string guid;
-    for (int i = 0; i < 16; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) guid += '-';
-        guid += hex[b[i] >> 4];
-        guid += hex[b[i] & 15];
-    }
-    return guid;
+    const std::string hex = opc::detail::lower_hex(b, sizeof b);
+    return hex.substr(0, 8) + '-' + hex.substr(8, 4) + '-' + hex.substr(12, 4) + '-' +
+           hex.substr(16, 4) + '-' + hex.substr(20);
 }
 
 // A path named in tsapp.json, which must stay inside the source folder;
@@ -178,35 +174,6 @@ fs::path inside(const fs::path& source, const std::u16string& name, const std::s
     return path;
 }
 
-// A name as it can be shown on a terminal: control characters and bytes
-// that are not UTF-8 as \xNN.
-std::string printable(const std::string& name, bool& clean) {
-    std::string out;
-    clean = true;
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        const auto c = static_cast<unsigned char>(name[i]);
-        std::size_t length = c < 0x80         ? 1
-                             : (c >> 5) == 6  ? 2
-                             : (c >> 4) == 14 ? 3
-                             : (c >> 3) == 30 ? 4
-                                              : 0;
-        bool good = length != 0 && i + length <= name.size() && c >= 0x20 && c != 0x7F;
-        for (std::size_t k = 1; good && k < length; ++k)
-            good = (static_cast<unsigned char>(name[i + k]) & 0xC0) == 0x80;
-        if (good) {
-            out.append(name, i, length);
-            i += length - 1;
-            continue;
-        }
-        static const char* hex = "0123456789abcdef";
-        out += "\\x";
-        out += hex[c >> 4];
-        out += hex[c & 15];
-        clean = false;
-    }
-    return out;
-}
-
 // The image formats an icon or a screenshot may be in.
 struct ImageFormat {
     Image image;
@@ -219,8 +186,7 @@ const ImageFormat kImages[] = {{Image::Png, "PNG", "image/png", {".png"}},
                                {Image::Svg, "SVG", "image/svg+xml", {".svg"}}};
 
 const ImageFormat* formatNamed(const fs::path& file) {
-    std::string extension = file.extension().string();
-    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string extension = opc::detail::ascii_lower(file.extension().string());
     for (const ImageFormat& format : kImages)
         if (std::find(format.extensions.begin(), format.extensions.end(), extension) !=
             format.extensions.end())
@@ -285,21 +251,12 @@ fs::path regularFile(const fs::path& source, const json& d, const char* key, Che
 
 // Why an app file's name cannot be a part name; empty when it can.
 std::string whyNotPartName(const std::string& name) {
-    bool clean = true;
-    printable(name, clean);
-    if (!clean) return "it holds a control character or is not UTF-8";
+    if (fl::i18n::shown(name) != name) return "it holds a control character or is not UTF-8";
     const std::string part = opc::model::PartName::forPath("files/" + name);
     std::string why = opc::model::PartName::whyInvalid(part);
     if (why.empty() && opc::extraction::isReservedPartName(part))
         why = "the extractor reserves names beginning with \".~tsapp\"";
     return why;
-}
-
-// Part names compare ignoring ASCII case.
-std::string asciiLower(std::string name) {
-    for (char& c : name)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return name;
 }
 
 enum class Kind { File, Folder, EmptyFolder, Link, Other };
@@ -340,8 +297,7 @@ std::vector<std::string> appFiles(const fs::path& root, const fs::path& shownRoo
     }
     std::map<std::string, std::string> lowerNames;
     for (const auto& [name, kind] : walk(root, rules)) {
-        bool clean = true;
-        const std::string shown = printable(name, clean);
+        const std::string shown = fl::i18n::shown(name);
         if (kind == Kind::Link) {
             check.problem("files", shown + " is a symbolic link");
         } else if (kind == Kind::EmptyFolder) {
@@ -355,9 +311,10 @@ std::vector<std::string> appFiles(const fs::path& root, const fs::path& shownRoo
                 check.problem("files", shown + " cannot be a part name: " + why);
                 continue;
             }
-            const auto [other, added] = lowerNames.emplace(asciiLower(name), name);
+            // Part names compare ignoring ASCII case.
+            const auto [other, added] = lowerNames.emplace(opc::detail::ascii_lower(name), name);
             if (!added)
-                check.problem("files", shown + " and " + printable(other->second, clean) +
+                check.problem("files", shown + " and " + fl::i18n::shown(other->second) +
                                            " would be one part: part names ignore case");
             files.push_back(name);
         }
@@ -445,8 +402,8 @@ std::string defaultOutput(const AppManifest& m) {
 // The part names that must stay distinct, compared as part names are.
 void checkDistinctParts(const PackPlan& plan, Checker& check) {
     if (plan.icon.empty() || plan.screenshot.empty()) return;
-    if (asciiLower(plan.icon.filename().string()) ==
-        asciiLower(plan.screenshot.filename().string()))
+    if (opc::detail::ascii_iequals(plan.icon.filename().string(),
+                                   plan.screenshot.filename().string()))
         check.problem("screenshot", plan.screenshot.filename().string() +
                                         " would be the same part as the icon " +
                                         plan.icon.filename().string());

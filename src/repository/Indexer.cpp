@@ -23,9 +23,11 @@
 #include "Gallery.hpp"
 #include "IndexJson.hpp"
 #include "images/Images.hpp"
+#include "integrity/FileSha256.hpp"
 #include "integrity/PackageIntegrity.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/UniqueFd.hpp"
+#include "tsappinstall/Threads.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -71,21 +73,6 @@ std::optional<FileStamp> stampOf(const fs::path& path) {
     return FileStamp{
         static_cast<std::uint64_t>(info.st_size),
         static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
-}
-
-std::string fileSha256(const fs::path& path) {
-    const opc::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) fail(FaultKind::CannotRead, "cannot open " + path.string());
-    integrity::Sha256 hash;
-    std::vector<unsigned char> buffer(1 << 16);
-    for (;;) {
-        const ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) fail(FaultKind::CannotRead, "cannot read " + path.string());
-        if (got == 0) break;
-        hash.update(buffer.data(), static_cast<std::size_t>(got));
-    }
-    return hash.finishHex();
 }
 
 // Writes `bytes` to a fresh temporary file beside `path` and renames it
@@ -324,7 +311,7 @@ bool answeredByCache(const fs::path& folder, const std::string& file, const Cach
     if (cached == cache.files.end()) return false;
     const bool sameStamp =
         cached->second.stamp.size == stamp->size && cached->second.stamp.mtime == stamp->mtime;
-    if (!sameStamp) out.sha256 = fileSha256(folder / file);
+    if (!sameStamp) out.sha256 = integrity::sha256OfFile(folder / file);
     if (!reusable(folder, cached->second, out)) return false;
     out = cached->second;
     out.stamp = *stamp;
@@ -337,7 +324,7 @@ void readOne(const fs::path& folder, const std::string& file, AppManifestSeriali
              Outcome& out) {
     try {
         if (!stampOf(folder / file)) fail(FaultKind::CannotRead, "cannot be read");
-        if (out.sha256.empty()) out.sha256 = fileSha256(folder / file);
+        if (out.sha256.empty()) out.sha256 = integrity::sha256OfFile(folder / file);
         readPackage(folder, file, serializer, out);
     } catch (const Error& e) {
         if (e.kind() == FaultKind::CannotWrite) throw;
@@ -447,9 +434,8 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     Cache cache = loadCache(folder);
 
     std::vector<Outcome> outcomes(files.size());
-    unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
-    jobs =
-        static_cast<unsigned>(std::max<std::size_t>(1, std::min<std::size_t>(jobs, files.size())));
+    const auto jobs = static_cast<unsigned>(
+        std::max<std::size_t>(1, std::min<std::size_t>(jobsOrCores(options.jobs), files.size())));
     IndexOutcome result;
     result.read = readAll(folder, files, cache, jobs, outcomes);
 

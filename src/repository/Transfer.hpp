@@ -15,12 +15,11 @@ namespace tsappinstall::repository {
 // What the transfers from one repository share: one transfer handle, and
 // with it the server's connection and TLS session, so that the index, its
 // signature and the packages of one command arrive over one connection.
+// It owns the handle alone, so it is never copied.
 class Connection {
   public:
     Connection();
     ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     struct Handle;
     Handle& handle();

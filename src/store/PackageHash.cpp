@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "integrity/FileSha256.hpp"
+
 namespace tsappinstall::store::detail {
 
 PackageHash::PackageHash(std::filesystem::path file) : file_(std::move(file)) {
@@ -13,8 +15,10 @@ PackageHash::PackageHash(std::filesystem::path file) : file_(std::move(file)) {
     thread_ = std::thread([this, openError] {
         try {
             if (!fd_) failed(file_.string() + " cannot be read", openError);
-            hex_ =
-                sha256Of(opc::detail::posixFileOps(), fd_.get(), file_.string(), nullptr, &stop_);
+            const integrity::FileSha256 read =
+                integrity::sha256OfFile(opc::detail::posixFileOps(), fd_.get(), &stop_);
+            if (read.error) failed(file_.string() + " cannot be read", read.error);
+            hex_ = read.hex;
         } catch (...) {
             error_ = std::current_exception();
         }

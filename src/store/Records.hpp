@@ -22,7 +22,10 @@ struct VersionRow {
 
 // An operation that began and is not finished: "install" (its folder goes
 // if the records never took it), "purge" (an old version's folder to
-// remove), "remove" (an app to remove, to be finished).
+// remove), "remove" (an app to remove, to be finished; `purge` says whether
+// changed and added files go too), "rollback" (an app whose link may have
+// been switched before its records committed: settling points the link
+// back at the version the records name).
 struct PendingRow {
     std::int64_t id = 0;
     std::string action;

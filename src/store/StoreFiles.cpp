@@ -2,15 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
-#include "platform/base/Ascii.hpp"
-#include "tsappinstall/integrity/Digests.hpp"
+#include "integrity/FileSha256.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
 namespace tsappinstall::store::detail {
@@ -63,24 +61,10 @@ RootLock::RootLock(const FileOps& ops, int root, Mode mode, const std::string& s
 }
 
 void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {
-    if (ops.unlinkat(dir, name.c_str(), 0) == 0 || errno == ENOENT) return;
-    if (errno != EISDIR && errno != EPERM) failed(shown + " cannot be removed", errno);
-    OpsFd folder(ops, ops.openat(dir, name.c_str(), kFolderFlags));
-    if (!folder) {
-        if (errno == ENOENT) return;
-        failed(shown + " cannot be opened", errno);
-    }
-    const auto entries = ops.listFolder(folder.get());
-    if (!entries) failed(shown + " cannot be listed", errno);
-    for (const auto& [entry, isFolder] : *entries) {
-        if (isFolder)
-            removeTree(ops, folder.get(), entry, shown + "/" + entry);
-        else if (ops.unlinkat(folder.get(), entry.c_str(), 0) != 0 && errno != ENOENT)
-            failed(shown + "/" + entry + " cannot be removed", errno);
-    }
-    folder.reset();
-    if (ops.unlinkat(dir, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
-        failed(shown + " cannot be removed", errno);
+    opc::detail::removeTree(
+        ops, dir, name, [&](const std::string& path, const char* action, int error) {
+            failed(shown + path.substr(name.size()) + " cannot be " + action, error);
+        });
 }
 
 void switchLink(const FileOps& ops, int dir, const std::string& name, const std::string& target,
@@ -119,21 +103,21 @@ std::string linkTarget(int dir, const std::string& name) {
 }
 
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
-                   const std::string& shown, FolderCache* cache) {
+                   const std::string& shown, OpenParent* cached) {
     FoundFile found;
     const auto [parent, name] = splitLast(path);
-    FolderCache own;
-    if (!cache) cache = &own;
+    OpenParent own;
+    if (!cached) cached = &own;
     int openError = 0;
-    if (!cache->fd || cache->parent != parent) {
-        cache->fd = OpsFd();  // the previous folder is closed before errno matters
-        cache->parent = parent;
-        cache->fd =
+    if (!cached->fd || cached->path != parent) {
+        cached->fd = OpsFd();  // the previous folder is closed before errno matters
+        cached->path = parent;
+        cached->fd =
             OpsFd(ops, parent.empty() ? ops.dup(folder)
                                       : ops.openBeneath(folder, parent.c_str(), kFolderFlags));
         openError = errno;
     }
-    const OpsFd& dir = cache->fd;
+    const OpsFd& dir = cached->fd;
     if (!dir) {
         if (openError == ENOENT || openError == ENOTDIR) return found;
         if (openError == ELOOP || openError == EXDEV)
@@ -153,25 +137,11 @@ FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool
     if (!hash) return found;
     OpsFd file(ops, ops.openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!file) failed(shown + "/" + path + " cannot be read", errno);
-    found.sha256 = sha256Of(ops, file.get(), shown + "/" + path, &found.size);
+    const integrity::FileSha256 read = integrity::sha256OfFile(ops, file.get());
+    if (read.error) failed(shown + "/" + path + " cannot be read", read.error);
+    found.sha256 = read.hex;
+    found.size = read.size;
     return found;
-}
-
-std::string sha256Of(const FileOps& ops, int fd, const std::string& shown, std::uint64_t* size,
-                     const std::atomic<bool>* stop) {
-    integrity::Sha256 sha;
-    std::vector<unsigned char> buffer(1 << 17);
-    long long offset = 0;
-    for (;;) {
-        if (stop && stop->load(std::memory_order_relaxed)) return {};
-        const long n = ops.readAt(fd, buffer.data(), buffer.size(), offset);
-        if (n < 0) failed(shown + " cannot be read", errno);
-        sha.update(buffer.data(), static_cast<std::size_t>(n));
-        offset += n;
-        if (static_cast<std::size_t>(n) < buffer.size()) break;
-    }
-    if (size) *size = static_cast<std::uint64_t>(offset);
-    return sha.finishHex();
 }
 
 void walk(const FileOps& ops, int folder, const std::string& shown,
@@ -234,17 +204,6 @@ bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
     if (ops.unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) return true;
     if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOENT || errno == ENOTDIR) return false;
     failed(shown + "/" + path + " cannot be removed", errno);
-}
-
-std::string randomToken() {
-    unsigned char bytes[8];
-    std::size_t got = 0;
-    while (got < sizeof bytes) {
-        const auto n = ::getrandom(bytes + got, sizeof bytes - got, 0);
-        if (n < 0 && errno != EINTR) failed("no random bytes", errno);
-        if (n > 0) got += static_cast<std::size_t>(n);
-    }
-    return opc::detail::lower_hex(bytes, sizeof bytes);
 }
 
 }  // namespace tsappinstall::store::detail

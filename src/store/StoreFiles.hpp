@@ -7,16 +7,17 @@
 
 #include <sys/stat.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
 
+#include "platform/base/Random.hpp"
 #include "platform/extract/FileOps.hpp"
 
 namespace tsappinstall::store::detail {
 
 using opc::detail::FileOps;
 using opc::detail::OpsFd;
+using opc::detail::randomToken;
 
 // Throws StoreError (Failed): "`what`: strerror(error)".
 [[noreturn]] void failed(const std::string& what, int error);
@@ -41,8 +42,8 @@ class RootLock {
     bool held_ = false;
 };
 
-// Removes `name` in `dir` and everything below it; a link is removed, never
-// followed. Missing is fine.
+// opc::detail::removeTree() as the store needs it: the first thing that
+// cannot be removed throws StoreError (Failed), `shown` naming `name`.
 void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
 
 // The link `name` in `dir` made to point at `target`, in one rename.
@@ -60,17 +61,12 @@ struct FoundFile {
 };
 // The folder of the file last found, kept open for the next lookup: a
 // caller going through files sorted by path opens each folder once.
-struct FolderCache {
-    std::string parent;
+struct OpenParent {
+    std::string path;
     OpsFd fd;
 };
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
-                   const std::string& shown, FolderCache* cache = nullptr);
-
-// SHA-256 of an open file's bytes, hex; its size in `size` when given.
-// Gives up (returns "") once `stop` is set.
-std::string sha256Of(const FileOps& ops, int fd, const std::string& shown,
-                     std::uint64_t* size = nullptr, const std::atomic<bool>* stop = nullptr);
+                   const std::string& shown, OpenParent* cached = nullptr);
 
 // Calls `visit` for every entry below `folder` (relative paths, parents
 // first), never descending through a link.
@@ -87,8 +83,5 @@ bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,
 // Unlinks `name` in `dir` when it is a symbolic link; true when it did.
 // Anything else under that name is left alone.
 bool removeLink(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
-
-// 16 random hex digits.
-std::string randomToken();
 
 }  // namespace tsappinstall::store::detail

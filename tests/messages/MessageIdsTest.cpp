@@ -64,3 +64,12 @@ TEST(Utf, RoundTripsEveryPlaneAndRefusesWhatIsNotUtf) {
         EXPECT_THROW(fl::i18n::to_ustring(std::string(bad)), fl::i18n::ConversionError) << bad;
     }
 }
+
+// What a terminal is shown of text from outside: printable UTF-8 as it is,
+// a backslash too; line breaks and tabs as C escapes; any other control and
+// every stray byte as \xNN.
+TEST(Utf, ShownEscapesControlsAndStrayBytesOnly) {
+    EXPECT_EQ(fl::i18n::shown("caf\xC3\xA9 a\\b"), "caf\xC3\xA9 a\\b");
+    EXPECT_EQ(fl::i18n::shown("a\nb\tc\rd"), "a\\nb\\tc\\rd");
+    EXPECT_EQ(fl::i18n::shown("\x1B[2J\x7F\xC2\x85\xFF"), "\\x1b[2J\\x7f\\xc2\\x85\\xff");
+}

@@ -30,13 +30,13 @@ Verdict format(const std::string& path, const inspect::Report& report,
         verdict.text = jsonLine(object);
         return verdict;
     }
-    verdict.text =
-        fl::i18n::shown(path) + ": " + (report.good() ? "OK" : report.faults.front().detail) + '\n';
+    verdict.text = fl::i18n::shown(path) + ": " +
+                   (report.good() ? "OK" : fl::i18n::shown(report.faults.front().detail)) + '\n';
     if (all)
         for (std::size_t i = 1; i < report.faults.size(); ++i)
-            verdict.text += "  " + report.faults[i].detail + '\n';
+            verdict.text += "  " + fl::i18n::shown(report.faults[i].detail) + '\n';
     for (const std::string& warning : report.warnings)
-        verdict.text += "  warning: " + warning + '\n';
+        verdict.text += "  warning: " + fl::i18n::shown(warning) + '\n';
     return verdict;
 }
 
@@ -81,15 +81,8 @@ std::vector<Command> addCheck(CLI::App& app) {
     auto o = std::make_shared<Options>();
     CLI::App* check = app.add_subcommand(
         "check", "Check every part, the manifest, its seal and the files it lists.");
-    check->add_option("PKG", o->packages, "App packages (*.tsappinstall; one may be -, stdin)")
-        ->required()
-        ->check(nonEmpty());
-    check->add_option("-j,--jobs", o->verdicts.jobs,
-                      "Packages checked at once, the jobs left over decoding the parts of fewer "
-                      "packages (default: one per core)");
-    check->add_flag("--json", o->verdicts.json,
-                    "One JSON object per line and package, every fault");
-    check->add_flag("-q,--quiet", o->verdicts.quiet, "Print only the bad packages");
+    addRequired(check, "PKG", o->packages, kPackagesHelp);
+    addVerdictOptions(check, o->verdicts, "checked");
     check->add_flag("-a,--all,--verbose", o->all, "List every fault, not only the first");
     // Each package's failure is reported on its own line; what escapes is
     // about no one file.

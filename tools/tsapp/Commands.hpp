@@ -48,6 +48,25 @@ inline const CLI::Validator& nonEmpty() {
     return validator;
 }
 
+// An option that, when given, must not be empty.
+template <class Value>
+CLI::Option* addNonEmpty(CLI::App* command, const char* name, Value& value,
+                         const std::string& help) {
+    return command->add_option(name, value, help)->check(nonEmpty());
+}
+
+// An argument the command cannot do without, never empty.
+template <class Value>
+CLI::Option* addRequired(CLI::App* command, const char* name, Value& value,
+                         const std::string& help) {
+    return addNonEmpty(command, name, value, help)->required();
+}
+
+// -j,--jobs: `what` are done at once, one per core unless said.
+inline CLI::Option* addJobs(CLI::App* command, unsigned& jobs, const std::string& what) {
+    return command->add_option("-j,--jobs", jobs, what + " (default: one per core)");
+}
+
 // Sizes as "500M", "2G", "4096": a count of bytes with an optional binary
 // unit (K, M, G, T; "KiB" and "KB" mean K too), at most 2^64 - 1 bytes.
 const CLI::Validator& sizeValue();
@@ -83,9 +102,7 @@ struct PackageCommand {
 
 inline PackageCommand addPackageCommand(CLI::App& app, const char* name, const char* description) {
     PackageCommand command{app.add_subcommand(name, description), std::make_shared<std::string>()};
-    command.cli->add_option("PKG", *command.package, "App package (*.tsappinstall, - for stdin)")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(command.cli, "PKG", *command.package, "App package (*.tsappinstall, - for stdin)");
     return command;
 }
 
@@ -120,20 +137,14 @@ void checkTrustFiles(const std::vector<std::string>& files);
 // "-" is standard output in messages.
 std::string shownOutput(const std::string& output);
 
-// A part name (or any text) on one line of a terminal: a control byte
-// becomes a C escape ("\n", "\t", "\001"), a backslash "\\", as `ls -b`
-// writes names.
-std::string escapedName(const std::string& name);
-
 // Standard output for the whole run, unbuffered by the C library: every
 // write is checked, and finish() turns a failed one into "tsapp: stdout:
-// CAUSE" and exit 1 (`>/dev/full`).
+// CAUSE" and exit 1 (`>/dev/full`). One for the process: std::cout writes
+// through its buffer until it is gone.
 class StandardOutput {
   public:
     StandardOutput();
     ~StandardOutput();
-    StandardOutput(const StandardOutput&) = delete;
-    StandardOutput& operator=(const StandardOutput&) = delete;
     int finish(int status);
 
   private:

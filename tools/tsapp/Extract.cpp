@@ -24,6 +24,7 @@
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
@@ -125,7 +126,7 @@ int extractFrom(const std::string& path, const std::string& package, const std::
     catchStopSignals();
     try {
         for (const auto& left : extractPackage(packagePath, nativeFolder, settings, package))
-            std::cerr << "tsapp: warning: " << left << "\n";
+            printError("warning: " + left);
     } catch (const Failure&) {
         throw;
     } catch (const opc::Exception& e) {
@@ -147,13 +148,17 @@ int runExtract(const std::string& package, const std::string& folder,
     });
 }
 
+void printNothingToRecover(const std::string& folder) {
+    std::cout << "nothing to recover in " << fl::i18n::shown(folder) << "\n";
+}
+
 // An apps root settles what an interrupted install, upgrade, rollback or
 // remove left, from its records.
 int recoverStore(const std::string& folder) {
     tsappinstall::store::AppStore apps(nativePath(folder));
     const auto done = apps.recover();
-    for (const auto& line : done) std::cout << line << "\n";
-    if (done.empty()) std::cout << "nothing to recover in " << nativePath(folder).string() << "\n";
+    for (const auto& line : done) std::cout << fl::i18n::shown(line) << "\n";
+    if (done.empty()) printNothingToRecover(nativePath(folder).string());
     return kGood;
 }
 
@@ -162,15 +167,15 @@ int runRecover(const std::string& folder, bool discardUnreadable) {
     const std::string nativeFolder = nativePath(folder).string();
     const auto recovery =
         opc::extraction::recover(nativeFolder, opc::FileSystemOpsSelector(), discardUnreadable);
-    for (const auto& line : recovery.done) std::cout << line << "\n";
+    for (const auto& line : recovery.done) std::cout << fl::i18n::shown(line) << "\n";
     for (const auto& left : recovery.leftAside) printError(folder + ": could not repair " + left);
     for (const auto& left : recovery.unreadable)
         printError(folder + ": left alone " + left + "; --discard removes it");
     for (const auto& left : recovery.skipped)
-        std::cerr << "tsapp: warning: " << folder << ": left alone " << left
-                  << ": not an extraction folder of this user's\n";
+        printError("warning: " + folder + ": left alone " + left +
+                   ": not an extraction folder of this user's");
     if (recovery.done.empty() && recovery.leftAside.empty() && recovery.unreadable.empty())
-        std::cout << "nothing to recover in " << nativeFolder << "\n";
+        printNothingToRecover(nativeFolder);
     return recovery.leftAside.empty() && recovery.unreadable.empty() ? kGood : kBad;
 }
 
@@ -185,12 +190,8 @@ std::vector<Command> addExtract(CLI::App& app) {
     auto e = std::make_shared<ExtractOptions>();
     CLI::App* extract =
         app.add_subcommand("extract", "Unpack every part of the package into a folder.");
-    extract->add_option("PKG", e->package, "App package (*.tsappinstall, - for stdin)")
-        ->required()
-        ->check(nonEmpty());
-    extract->add_option("DIR", e->folder, "Destination folder (created when missing)")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(extract, "PKG", e->package, "App package (*.tsappinstall, - for stdin)");
+    addRequired(extract, "DIR", e->folder, "Destination folder (created when missing)");
     extract->add_flag("-k,--keep", e->settings.keep,
                       "Fail, changing nothing, when a file would be replaced");
     extract
@@ -214,8 +215,7 @@ std::vector<Command> addExtract(CLI::App& app) {
                       "With --verify, accept a package without a signature when its digests match");
     extract->add_flag("--no-verify", e->settings.noVerify,
                       "Do not check the digest list (checked by default as each part is written)");
-    extract->add_option("-j,--jobs", e->settings.jobs,
-                        "Parts written at once, each on a thread (default: one per core)");
+    addJobs(extract, e->settings.jobs, "Parts written at once, each on a thread");
 
     struct RecoverOptions {
         std::string folder;
@@ -226,9 +226,7 @@ std::vector<Command> addExtract(CLI::App& app) {
         app.add_subcommand("recover",
                            "Complete an extraction into DIR that a crash interrupted, remove "
                            "leftovers; in an apps root, settle an interrupted install or remove.");
-    recover->add_option("DIR", r->folder, "Destination folder of the interrupted extraction")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(recover, "DIR", r->folder, "Destination folder of the interrupted extraction");
     recover->add_flag("--discard", r->discard,
                       "Remove staging folders of ours whose journal cannot be read");
 

@@ -15,6 +15,7 @@
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
 namespace tsapp::tool {
@@ -75,7 +76,7 @@ std::string joined(const std::vector<std::u16string>& list) {
 }
 
 void printLine(const char* label, const std::string& value) {
-    std::cout << label << (value.empty() ? "-" : value) << '\n';
+    std::cout << label << (value.empty() ? "-" : fl::i18n::shown(value)) << '\n';
 }
 
 void printHuman(const AppManifest& m, const std::string& signature) {
@@ -101,7 +102,8 @@ void printHuman(const AppManifest& m, const std::string& signature) {
     printLine("Files:             ", std::to_string(m.numFiles));
     printLine("Created:           ", createdWithOffset(m.created));
     printLine("Signed by:         ", signature);
-    for (const auto& entry : m.appEntries) std::cout << "  " << utf8(entry) << '\n';
+    for (const auto& entry : m.appEntries)
+        std::cout << "  " << fl::i18n::shown(utf8(entry)) << '\n';
 }
 
 namespace integrity = tsappinstall::integrity;
@@ -154,7 +156,7 @@ int runInfo(const std::string& package, bool json, bool verify) {
         std::cout << object.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
     } else {
-        if (!report.good()) std::cout << "NOT VERIFIED: " << fault << '\n';
+        if (!report.good()) std::cout << "NOT VERIFIED: " << fl::i18n::shown(fault) << '\n';
         printHuman(*report.manifest, signatureText(signature));
     }
     return kGood;

@@ -8,44 +8,13 @@
 
 #include "Commands.hpp"
 #include "Text.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
 namespace tsapp::tool {
 namespace {
 
 using ojson = nlohmann::ordered_json;
-
-// The value of a hex digit, either case; -1 for any other character.
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-// The octet "%XY" at `text[at]` stands for, or -1 when it is not a
-// complete escape.
-int percentDecodedOctet(const std::string& text, std::size_t at) {
-    if (at + 2 >= text.size()) return -1;
-    const int high = hexValue(text[at + 1]);
-    const int low = hexValue(text[at + 2]);
-    return high < 0 || low < 0 ? -1 : high * 16 + low;
-}
-
-// "/lib/a%20b.js" as the file path it stands for: "/lib/a b.js".
-std::string decoded(const std::string& partName) {
-    std::string out;
-    for (std::size_t i = 0; i < partName.size(); ++i) {
-        const int octet = partName[i] == '%' ? percentDecodedOctet(partName, i) : -1;
-        if (octet < 0) {
-            out += partName[i];
-        } else {
-            out += static_cast<char>(octet);
-            i += 2;
-        }
-    }
-    return out;
-}
 
 ojson partsOf(opc::model::Package& package) {
     ojson parts = ojson::array();
@@ -55,7 +24,7 @@ ojson partsOf(opc::model::Package& package) {
         char crc[9];
         std::snprintf(crc, sizeof crc, "%08x", static_cast<unsigned>(entry.crc32));
         parts.push_back(
-            {{"name", decoded(name.ascii())},
+            {{"name", name.decoded()},
              {"size", entry.size},
              {"compressedSize", entry.compressedSize},
              {"method", entry.compressionMethod == entry.kStored ? "stored" : "deflate"},
@@ -103,7 +72,7 @@ void printRow(const char* format, const Fields&... fields) {
 }
 
 std::string text(const ojson& value) {
-    return escapedName(value.get<std::string>());
+    return fl::i18n::shown(value.get<std::string>());
 }
 
 // The closing line, like `unzip -l`'s: parts, bytes, packed bytes and how

@@ -149,25 +149,6 @@ std::string shownOutput(const std::string& output) {
     return output == "-" ? "stdout" : output;
 }
 
-std::string escapedName(const std::string& name) {
-    std::string out;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte == '\\') {
-            out += "\\\\";
-        } else if (byte == '\n' || byte == '\t' || byte == '\r') {
-            out += byte == '\n' ? "\\n" : byte == '\t' ? "\\t" : "\\r";
-        } else if (byte < 0x20 || byte == 0x7f) {
-            char octal[5];
-            std::snprintf(octal, sizeof octal, "\\%03o", byte);
-            out += octal;
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
-
 // Writes to descriptor 1 in blocks and keeps the first failure's errno:
 // once a write failed, later ones are dropped, so the cause is the first.
 class StandardOutput::Buffer : public std::streambuf {

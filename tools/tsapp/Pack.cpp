@@ -10,8 +10,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -22,12 +20,14 @@
 #include <optional>
 
 #include "Commands.hpp"
+#include "Progress.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/pack/PackPlan.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -35,27 +35,6 @@ namespace {
 namespace fs = std::filesystem;
 using tsappinstall::pack::PackPlan;
 using tsappinstall::pack::PackRequest;
-
-// "N of M MB packed" on stderr, redrawn at most four times a second, and
-// cleared at the end.
-class ProgressLine {
-  public:
-    void update(std::uint64_t done, std::uint64_t total) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now - last_ < std::chrono::milliseconds(250) && done != total) return;
-        last_ = now;
-        shown_ = true;
-        std::fprintf(stderr, "\r%.1f of %.1f MB packed", done / 1048576.0, total / 1048576.0);
-        std::fflush(stderr);
-    }
-    ~ProgressLine() {
-        if (shown_) std::fprintf(stderr, "\r\033[K");
-    }
-
-  private:
-    std::chrono::steady_clock::time_point last_{};
-    bool shown_ = false;
-};
 
 // The package is written here first; removed unless it was renamed.
 struct TemporaryPackage {
@@ -83,7 +62,7 @@ tsappinstall::pack::WrittenPack writePackage(const PackPlan& plan, const std::st
     writing.jobs = o.jobs;
     if (!o.quiet && ::isatty(STDERR_FILENO))
         writing.progress = [&](std::uint64_t done, std::uint64_t total) {
-            progress.update(done, total);
+            progress.update(done, total, "packed");
         };
     return tsappinstall::pack::writePack(plan, path, writing);
 }
@@ -142,9 +121,10 @@ void listPlan(const PackPlan& plan, bool json) {
                   << '\n';
         return;
     }
-    for (const auto& [path, size] : parts) std::cout << size << '\t' << path << '\n';
+    for (const auto& [path, size] : parts)
+        std::cout << size << '\t' << fl::i18n::shown(path) << '\n';
     std::cout << parts.size() << " files, " << total << " bytes, would be packed into "
-              << plan.output << '\n';
+              << fl::i18n::shown(plan.output) << '\n';
 }
 
 int runPack(const PackOptions& o) {
@@ -206,8 +186,9 @@ int runPack(const PackOptions& o) {
                          .dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                   << '\n';
     else if (!o.quiet)
-        std::cout << output << ": " << parts << " parts, " << written.size << " bytes, GUID "
-                  << plan.manifest.GUID << ", SHA-256 " << written.sha256 << '\n';
+        std::cout << fl::i18n::shown(output) << ": " << parts << " parts, " << written.size
+                  << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << written.sha256
+                  << '\n';
     return kGood;
 }
 
@@ -218,10 +199,9 @@ std::vector<Command> addPack(CLI::App& app) {
     CLI::App* pack = app.add_subcommand(
         "pack",
         "Build a sealed app package with content digests from a folder holding tsapp.json.");
-    pack->add_option("SRC", o->request.source, "Source folder")->required()->check(nonEmpty());
-    pack->add_option("-o,--output", o->request.output,
-                     "Package to write (.tsappinstall; default: NAME-VERSION.tsappinstall here)")
-        ->check(nonEmpty());
+    addRequired(pack, "SRC", o->request.source, "Source folder");
+    addNonEmpty(pack, "-o,--output", o->request.output,
+                "Package to write (.tsappinstall; default: NAME-VERSION.tsappinstall here)");
     pack->add_option("--guid", o->request.guid,
                      "GUID of the app, 8-4-4-4-12 hex digits (default: a fresh one)")
         ->check(CLI::Validator(

@@ -21,13 +21,24 @@ void ProgressLine::tick(const std::string& what) {
     std::fflush(stderr);
 }
 
+void ProgressLine::showBytes(std::uint64_t bytes, std::uint64_t totalBytes, const char* after) {
+    std::fprintf(stderr, "\r%.1f of %.1f MB%s", bytes / 1048576.0, totalBytes / 1048576.0, after);
+    std::fflush(stderr);
+}
+
 void ProgressLine::update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
                           std::size_t totalParts) {
     counted_ = true;
     if (!due()) return;
-    std::fprintf(stderr, "\r%.1f of %.1f MB, %zu of %zu parts", bytes / 1048576.0,
-                 totalBytes / 1048576.0, parts, totalParts);
-    std::fflush(stderr);
+    char after[64];
+    std::snprintf(after, sizeof after, ", %zu of %zu parts", parts, totalParts);
+    showBytes(bytes, totalBytes, after);
+}
+
+void ProgressLine::update(std::uint64_t bytes, std::uint64_t totalBytes, const char* done) {
+    counted_ = true;
+    if (!due()) return;
+    showBytes(bytes, totalBytes, (std::string(" ") + done).c_str());
 }
 
 ProgressLine::~ProgressLine() {

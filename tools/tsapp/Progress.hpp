@@ -12,12 +12,15 @@
 
 namespace tsapp::tool {
 
-// Shows "bytes and parts done" on stderr once the work has run for half a
-// second, at most ten times a second, and clears the line at the end.
+// Shows how far the work is on stderr once it has run for half a second,
+// at most ten times a second, and clears the line at the end.
 class ProgressLine {
   public:
+    // "N of M MB, P of Q parts".
     void update(std::uint64_t bytes, std::uint64_t totalBytes, std::size_t parts,
                 std::size_t totalParts);
+    // "N of M MB DONE", for work counted in bytes alone: "packed".
+    void update(std::uint64_t bytes, std::uint64_t totalBytes, const char* done);
     // For work that reports no counts: "WHAT: N s" until update() is called.
     void tick(const std::string& what);
     ~ProgressLine();
@@ -29,6 +32,7 @@ class ProgressLine {
     bool shown_ = false;
     bool counted_ = false;
     bool due();
+    void showBytes(std::uint64_t bytes, std::uint64_t totalBytes, const char* after);
 };
 
 // The signal SIGINT, SIGTERM or SIGHUP that asked to stop; 0 for none.

@@ -11,16 +11,15 @@
 #include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/installer/Installer.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
 
 namespace tsapp::tool {
 namespace {
 
-namespace repository = tsappinstall::repository;
-namespace installer = tsappinstall::installer;
-namespace store = tsappinstall::store;
 using Json = nlohmann::ordered_json;
+using fl::i18n::shown;
 
 // "30d", "12h", "90m", "45s": how long a published index stays valid.
 std::int64_t parseDuration(const std::string& text) {
@@ -35,14 +34,6 @@ std::int64_t parseDuration(const std::string& text) {
     return std::stoll(digits) * unit->second;
 }
 
-// A manifest's text on a terminal: control characters could move the
-// cursor or retitle the window, so they show as "?".
-std::string printable(std::string text) {
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-    return text;
-}
-
 struct IndexCommand {
     std::string folder;
     std::string validFor = "30d";
@@ -55,9 +46,9 @@ int runIndex(IndexCommand& o) {
     const auto folder = nativePath(o.folder);
     const repository::IndexOutcome outcome = repository::indexFolder(folder, o.options);
     for (const auto& bad : outcome.badPackages)
-        std::cout << printable(bad.file) << ": left out: " << printable(bad.what) << '\n';
+        std::cout << shown(bad.file) << ": left out: " << shown(bad.what) << '\n';
     for (const auto& image : outcome.leftOutImages)
-        std::cout << printable(image.file) << ": image left out: " << printable(image.what) << '\n';
+        std::cout << shown(image.file) << ": image left out: " << shown(image.what) << '\n';
     std::cout << "index version " << outcome.version << ": " << outcome.packages
               << " packages listed, " << outcome.read << " read, " << outcome.badPackages.size()
               << " bad\n";
@@ -98,9 +89,9 @@ int runSearch(const SearchCommand& o) {
                            {"signer", e->signer}});
             continue;
         }
-        std::cout << printable(e->name) << ' ' << printable(e->version) << " ("
-                  << printable(e->guid) << ")\n  " << printable(e->summary)
-                  << (e->authorName.empty() ? "" : " - " + printable(e->authorName)) << '\n';
+        std::cout << shown(e->name) << ' ' << shown(e->version) << " (" << shown(e->guid) << ")\n  "
+                  << shown(e->summary)
+                  << (e->authorName.empty() ? "" : " - " + shown(e->authorName)) << '\n';
     }
     if (o.json)
         std::cout << all.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
@@ -109,7 +100,7 @@ int runSearch(const SearchCommand& o) {
         throw Failure("search", "no repository is recorded; give --repo or run tsapp repo add");
     if (newest.empty())
         throw Failure(o.location.empty() ? std::string("search") : o.location,
-                      "no app matches \"" + printable(o.text) + "\"");
+                      "no app matches \"" + shown(o.text) + "\"");
     return kGood;
 }
 
@@ -123,8 +114,9 @@ int runAdd(const RecordSettings& s) {
     const auto apps = openRoot(s.root);
     installer::Installer installer(*apps);
     const auto repo = onRepository(s.remote.name, [&] { return installer.add(s.remote); });
-    std::cout << "added " << s.remote.name << ": " << s.remote.location << ", index version "
-              << repo->index().version << ", " << repo->index().packages.size() << " packages\n";
+    std::cout << "added " << shown(s.remote.name) << ": " << shown(s.remote.location)
+              << ", index version " << repo->index().version << ", "
+              << repo->index().packages.size() << " packages\n";
     return kGood;
 }
 
@@ -134,7 +126,7 @@ int runList(const RecordSettings& s) {
     const installer::Installer installer(*apps);
     for (const auto& remote : installer.remotes()) {
         if (!s.json) {
-            std::cout << remote.name << "  " << remote.location << "\n";
+            std::cout << shown(remote.name) << "  " << shown(remote.location) << "\n";
             continue;
         }
         const Json line = {{"name", remote.name},
@@ -154,7 +146,7 @@ int runRemove(const RecordSettings& s) {
     const auto apps = openRoot(s.root);
     installer::Installer installer(*apps);
     onRepository(s.remote.name, [&] { installer.remove(s.remote.name); });
-    std::cout << "removed " << s.remote.name << "\n";
+    std::cout << "removed " << shown(s.remote.name) << "\n";
     return kGood;
 }
 
@@ -172,16 +164,12 @@ int runMove(const RecordSettings& s) {
 }
 
 void addClientOptions(CLI::App* command, repository::ClientOptions& options) {
-    command
-        ->add_option("--trust", options.trustAnchors,
-                     "PEM file of a CA the index's signer must lead to (repeatable)")
-        ->check(nonEmpty());
+    addNonEmpty(command, "--trust", options.trustAnchors,
+                "PEM file of a CA the index's signer must lead to (repeatable)");
     command->add_flag("--unsigned", options.allowUnsigned,
                       "Read an index without checking its signature (no --trust)");
-    command
-        ->add_option("--repo-ca", options.serverCa,
-                     "PEM file of the CA for an https: server (default: the system's)")
-        ->check(nonEmpty());
+    addNonEmpty(command, "--repo-ca", options.serverCa,
+                "PEM file of the CA for an https: server (default: the system's)");
 }
 
 }  // namespace
@@ -196,20 +184,15 @@ std::vector<Command> addRepo(CLI::App& app) {
         "index",
         "Check every .tsappinstall in DIR and write the signed index (index.json), the images "
         "and the gallery (index.html).");
-    indexCli->add_option("DIR", index->folder, "Repository folder")->required()->check(nonEmpty());
-    indexCli->add_option("-j,--jobs", index->options.jobs,
-                         "Packages read at once (default: one per core)");
+    addRequired(indexCli, "DIR", index->folder, "Repository folder");
+    addJobs(indexCli, index->options.jobs, "Packages read at once");
     indexCli->add_option("--valid-for", index->validFor,
                          "How long the index stays valid: 30d (default), 12h, 90m, 45s");
     indexCli->add_flag("--skip-bad", index->skipBad, "Exit 0 although bad packages were left out");
-    indexCli
-        ->add_option("--sign", index->options.signingKey,
-                     "Sign the index with this PEM private key")
-        ->check(nonEmpty());
-    indexCli
-        ->add_option("--cert", index->options.signingCertificate,
-                     "The signer's PEM certificate (and chain)")
-        ->check(nonEmpty());
+    addNonEmpty(indexCli, "--sign", index->options.signingKey,
+                "Sign the index with this PEM private key");
+    addNonEmpty(indexCli, "--cert", index->options.signingCertificate,
+                "The signer's PEM certificate (and chain)");
     indexCli->get_option("--sign")->needs(indexCli->get_option("--cert"));
     indexCli->get_option("--cert")->needs(indexCli->get_option("--sign"));
 
@@ -217,35 +200,27 @@ std::vector<Command> addRepo(CLI::App& app) {
     CLI::App* searchCli =
         app.add_subcommand("search", "Find apps in a repository by name, summary or author.");
     searchCli->add_option("TEXT", search->text, "Text to look for (any case)")->required();
-    searchCli
-        ->add_option("--repo", search->location,
-                     "Repository: a folder, a file: URL or an http(s): URL (default: the recorded "
-                     "ones)")
-        ->check(nonEmpty());
-    searchCli
-        ->add_option("--root", search->root,
-                     "Apps root whose recorded repositories to search (default: as install)")
-        ->check(nonEmpty());
+    addNonEmpty(searchCli, "--repo", search->location,
+                "Repository: a folder, a file: URL or an http(s): URL (default: the recorded "
+                "ones)");
+    addNonEmpty(searchCli, "--root", search->root,
+                "Apps root whose recorded repositories to search (default: as install)");
     searchCli->add_flag("--json", search->json, "One JSON array of the apps found");
     addClientOptions(searchCli, search->options);
 
     auto added = std::make_shared<RecordSettings>();
     CLI::App* add = repo->add_subcommand(
         "add", "Record a repository in the apps root, once its index is read and trusted.");
-    add->add_option("NAME", added->remote.name, "Name to refer to it by")
-        ->required()
-        ->check(nonEmpty());
-    add->add_option("LOCATION", added->remote.location, "A folder, a file: URL or an http(s): URL")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(add, "NAME", added->remote.name, "Name to refer to it by");
+    addRequired(add, "LOCATION", added->remote.location,
+                "A folder, a file: URL or an http(s): URL");
     add->add_option("--trust", added->remote.trust,
                     "PEM file of a CA the index's signer must lead to (repeatable)")
         ->required()
         ->allow_extra_args(false)
         ->check(nonEmpty());
-    add->add_option("--repo-ca", added->remote.serverCa,
-                    "PEM file of the CA for an https: server (default: the system's)")
-        ->check(nonEmpty());
+    addNonEmpty(add, "--repo-ca", added->remote.serverCa,
+                "PEM file of the CA for an https: server (default: the system's)");
     addRoot(add, added->root);
 
     auto listed = std::make_shared<RecordSettings>();
@@ -255,7 +230,7 @@ std::vector<Command> addRepo(CLI::App& app) {
 
     auto removed = std::make_shared<RecordSettings>();
     CLI::App* remove = repo->add_subcommand("remove", "Forget a recorded repository.");
-    remove->add_option("NAME", removed->remote.name, "Its name")->required()->check(nonEmpty());
+    addRequired(remove, "NAME", removed->remote.name, "Its name");
     addRoot(remove, removed->root);
 
     auto moved = std::make_shared<RecordSettings>();

@@ -16,13 +16,11 @@
 #include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/installer/Installer.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsapp::tool {
 namespace {
 
-namespace store = tsappinstall::store;
-namespace repository = tsappinstall::repository;
-namespace installer = tsappinstall::installer;
 using Json = nlohmann::ordered_json;
 
 // The progress line of the download under way, on a terminal.
@@ -39,28 +37,24 @@ installer::InstallerOptions installerOptions() {
 
 void installOffer(installer::Installer& installer, const installer::Offer& offer,
                   const store::HostProfile& host, const store::InstallOptions& options) {
-    const std::string shown = offer.entry->name + " " + offer.entry->version;
-    installWith(shown, options, [&](const store::InstallOptions& with) {
+    const std::string subject = offer.entry->name + " " + offer.entry->version;
+    installWith(subject, options, [&](const store::InstallOptions& with) {
         struct Showing {
             Showing() { downloading.emplace(); }
             ~Showing() { downloading.reset(); }  // cleared before the result line
         } showing;
-        return onRepository(shown, [&] { return installer.install(offer, host, with); });
+        return onRepository(subject, [&] { return installer.install(offer, host, with); });
     });
 }
 
 }  // namespace
 
 void addRepositoryOptions(CLI::App* install, RepositoryChoice& choice) {
-    install
-        ->add_option("--repo", choice.location,
-                     "Install apps named by name or GUID from this repository (a folder, a file: "
-                     "or http(s): URL); --trust checks its index")
-        ->check(nonEmpty());
-    install
-        ->add_option("--repo-ca", choice.serverCa,
-                     "PEM file of the CA for an https: repository (default: the system's)")
-        ->check(nonEmpty());
+    addNonEmpty(install, "--repo", choice.location,
+                "Install apps named by name or GUID from this repository (a folder, a file: or "
+                "http(s): URL); --trust checks its index");
+    addNonEmpty(install, "--repo-ca", choice.serverCa,
+                "PEM file of the CA for an https: repository (default: the system's)");
 }
 
 void installArgument(store::AppStore& apps, const std::string& argument,
@@ -121,8 +115,10 @@ int runOutdated(const UpgradeSettings& s) {
             std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
-        std::cout << o.installed.guid << "  " << o.installed.version << " -> "
-                  << o.offer.entry->version << "  " << o.installed.name << "\n";
+        std::cout << fl::i18n::shown(o.installed.guid) << "  "
+                  << fl::i18n::shown(o.installed.version) << " -> "
+                  << fl::i18n::shown(o.offer.entry->version) << "  "
+                  << fl::i18n::shown(o.installed.name) << "\n";
     }
     return kGood;
 }
@@ -136,17 +132,9 @@ int runUpgrade(const UpgradeSettings& s) {
     installer::Installer installer(*apps, installerOptions());
     const auto outdated = onRepository("upgrade", [&] { return installer.outdated(s.apps, host); });
     if (outdated.empty()) std::cout << "every app is up to date\n";
-    int status = kGood;
-    for (const auto& o : outdated) {
-        try {
-            installOffer(installer, o.offer, host, s.options);
-        } catch (const Failure& e) {
-            reportFailure(e);
-            status = kBad;
-        }
-        if (caughtSignal) return 128 + caughtSignal;
-    }
-    return status;
+    return runEach(outdated, [&](const installer::Outdated& o) {
+        installOffer(installer, o.offer, host, s.options);
+    });
 }
 
 }  // namespace
@@ -162,18 +150,14 @@ std::vector<Command> addUpgrade(CLI::App& app) {
     auto up = std::make_shared<UpgradeSettings>();
     CLI::App* upgrade = app.add_subcommand(
         "upgrade", "Install the newer versions outdated lists, as install would.");
-    upgrade->add_option("APP", up->apps, "Installed app: GUID or name")->check(nonEmpty());
+    addNonEmpty(upgrade, "APP", up->apps, "Installed app: GUID or name");
     upgrade->add_flag("--all", up->all, "Every installed app");
     upgrade->add_flag("--json", up->json, "Failures also as JSON objects on stdout, one per line");
     addRoot(upgrade, up->root);
     addHostOptions(upgrade, up->host);
     upgrade->add_flag("--allow-signer-change", up->options.allowSignerChange,
                       "Upgrade even when another signer signed the installed version");
-    upgrade->add_flag("--sync", up->options.sync,
-                      "Flush every file to disk before the records commit");
-    up->options.threads = 0;
-    upgrade->add_option("-j,--jobs", up->options.threads,
-                        "Parts unpacked at once, each on a thread (default: one per core)");
+    addUnpackOptions(upgrade, up->options);
     return {{outdated, [old] { return runOutdated(*old); }, rootSubject(old->root)},
             {upgrade, [up] { return runUpgrade(*up); }, rootSubject(up->root)}};
 }

@@ -8,10 +8,14 @@
 #include <vector>
 
 #include "Commands.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
 namespace tsapp::tool {
+
+namespace installer = tsappinstall::installer;
+namespace repository = tsappinstall::repository;
 
 // --repo LOCATION and --repo-ca PEM of install; install's --trust files
 // also check the index's signature.

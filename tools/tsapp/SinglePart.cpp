@@ -150,16 +150,11 @@ Command addCopy(CLI::App& app, const char* name, const char* description, const 
     if (type != nullptr) {
         o->relationshipType = type;
     } else {
-        command
-            ->add_option("PART", o->relationshipType,
-                         "A part's name as list shows it (/files/a.js), a relationship type URI, "
-                         "or manifest, icon or screenshot")
-            ->required()
-            ->check(nonEmpty());
+        addRequired(command, "PART", o->relationshipType,
+                    "A part's name as list shows it (/files/a.js), a relationship type URI, or "
+                    "manifest, icon or screenshot");
     }
-    command->add_option("OUT", o->output, "Output file, - for standard output")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(command, "OUT", o->output, "Output file, - for standard output");
     return copy.running([o](const std::string& package) {
         return runPart(package, o->relationshipType, o->output);
     });

@@ -18,14 +18,15 @@
 #include "RepoClient.hpp"
 #include "StoreTool.hpp"
 #include "Text.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
 
 namespace tsapp::tool {
 namespace {
 
-namespace store = tsappinstall::store;
 using Json = nlohmann::ordered_json;
+using fl::i18n::shown;
 
 std::string defaultRoot() {
     if (const char* root = std::getenv("TSAPP_ROOT"); root && *root) return root;
@@ -43,11 +44,9 @@ std::filesystem::path RootOption::path() const {
 }
 
 void addRoot(CLI::App* command, RootOption& option) {
-    command
-        ->add_option("--root", option.root,
-                     "Apps root (default: $TSAPP_ROOT, else $XDG_DATA_HOME/tsapp/apps, else "
-                     "~/.local/share/tsapp/apps)")
-        ->check(nonEmpty());
+    addNonEmpty(command, "--root", option.root,
+                "Apps root (default: $TSAPP_ROOT, else $XDG_DATA_HOME/tsapp/apps, else "
+                "~/.local/share/tsapp/apps)");
 }
 
 void failOnStore(const std::string& subject, const store::StoreError& error) {
@@ -130,6 +129,12 @@ store::HostProfile hostProfile(const HostOptions& s, const std::filesystem::path
     return host;
 }
 
+void addUnpackOptions(CLI::App* command, store::InstallOptions& options) {
+    command->add_flag("--sync", options.sync, "Flush every file to disk before the records commit");
+    options.threads = 0;
+    addJobs(command, options.threads, "Parts unpacked at once, each on a thread");
+}
+
 void addHostOptions(CLI::App* command, HostOptions& options) {
     command->add_option("--host-release", options.release, "This host's Tessal release");
     command->add_option("--platform", options.platform, "This host's platform (linux-x86_64, ...)");
@@ -156,7 +161,7 @@ const char* verbOf(store::InstallResult::Kind kind) {
 
 }  // namespace
 
-void installWith(const std::string& shown, store::InstallOptions options,
+void installWith(const std::string& subject, store::InstallOptions options,
                  const std::function<store::InstallResult(const store::InstallOptions&)>& run) {
     store::InstallResult result;
     {  // the progress line is cleared before the result is printed
@@ -166,7 +171,7 @@ void installWith(const std::string& shown, store::InstallOptions options,
             options.progress = [&](std::uint64_t b, std::uint64_t tb, std::size_t p,
                                    std::size_t tp) { progress.update(b, tb, p, tp); };
             // The verified extraction reports no counts, only that it goes on.
-            options.cancelled = [&progress, what = "installing " + shown] {
+            options.cancelled = [&progress, what = "installing " + shown(subject)] {
                 progress.tick(what);
                 return caughtSignal != 0;
             };
@@ -174,18 +179,19 @@ void installWith(const std::string& shown, store::InstallOptions options,
         result = run(options);
     }
     const auto& v = result.installed;
-    std::cout << verbOf(result.kind) << " " << v.name << " "
-              << (result.replacedVersion.empty() ? "" : result.replacedVersion + " -> ")
-              << v.version << " (" << v.guid << ") in " << v.folder.string() << "\n";
+    std::cout << verbOf(result.kind) << " " << shown(v.name) << " "
+              << (result.replacedVersion.empty() ? "" : shown(result.replacedVersion) + " -> ")
+              << shown(v.version) << " (" << shown(v.guid) << ") in " << shown(v.folder.string())
+              << "\n";
     for (const auto& reason : v.forcedReasons)
-        std::cerr << "tsapp: warning: " << shown << ": forced: " << reason << "\n";
-    for (const auto& left : result.leftOver) std::cerr << "tsapp: warning: " << left << "\n";
+        printError("warning: " + subject + ": forced: " + reason);
+    for (const auto& left : result.leftOver) printError("warning: " + left);
 }
 
-void installOne(store::AppStore& apps, const std::string& package, const std::string& shown,
+void installOne(store::AppStore& apps, const std::string& package, const std::string& subject,
                 const store::HostProfile& host, const store::InstallOptions& options) {
-    installWith(shown, options, [&](const store::InstallOptions& with) {
-        return onStore(shown, [&] { return apps.install(nativePath(package), host, with); });
+    installWith(subject, options, [&](const store::InstallOptions& with) {
+        return onStore(subject, [&] { return apps.install(nativePath(package), host, with); });
     });
 }
 
@@ -199,20 +205,15 @@ int runInstall(const InstallSettings& s) {
     auto apps = onStore(root.string(),
                         [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
     const store::HostProfile host = hostProfile(s.host, root);
-    int status = kGood;
-    for (const auto& package : s.packages) {
+    return runEach(s.packages, [&](const std::string& package) {
         try {
             installArgument(*apps, package, s.repository, host, s.options);
-        } catch (const Failure& e) {
-            reportFailure(e);
-            status = kBad;
+        } catch (const Failure&) {
+            throw;
         } catch (const std::exception& e) {
-            reportFailure(Failure(package, causeOf(e)));
-            status = kBad;
+            throw Failure(package, causeOf(e));
         }
-        if (caughtSignal) return 128 + caughtSignal;
-    }
-    return status;
+    });
 }
 
 // --- reading ----------------------------------------------------------------
@@ -244,26 +245,33 @@ int runInstalled(const ReadSettings& s) {
             std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
-        std::cout << app.current.guid << "  " << app.current.version << "  " << app.current.name
-                  << (app.current.forced ? "  (forced)" : "") << "\n";
+        std::cout << shown(app.current.guid) << "  " << shown(app.current.version) << "  "
+                  << shown(app.current.name) << (app.current.forced ? "  (forced)" : "") << "\n";
     }
     return kGood;
 }
 
+// "NAME VERSION (GUID)", each escaped.
+std::string shownVersion(const store::InstalledVersion& v) {
+    return shown(v.name) + " " + shown(v.version) + " (" + shown(v.guid) + ")";
+}
+
 void printVersion(const store::InstalledApp& app) {
     const auto& v = app.current;
-    std::cout << "name: " << v.name << "\nGUID: " << v.guid << "\nversion: " << v.version
-              << "\nfolder: " << v.folder.string() << "\nlink: " << app.link.string()
-              << "\npackage: " << v.package << "\npackage SHA-256: " << v.packageSha256
-              << "\nsigner: "
+    std::cout << "name: " << shown(v.name) << "\nGUID: " << shown(v.guid)
+              << "\nversion: " << shown(v.version) << "\nfolder: " << shown(v.folder.string())
+              << "\nlink: " << shown(app.link.string()) << "\npackage: " << shown(v.package)
+              << "\npackage SHA-256: " << v.packageSha256 << "\nsigner: "
               << (v.signerFingerprint.empty()
                       ? "none verified"
-                      : v.signerSubject + " (SHA-256 " + v.signerFingerprint + ")")
+                      : shown(v.signerSubject) + " (SHA-256 " + v.signerFingerprint + ")")
               << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
-              << "\nhost: " << v.hostProfile << "\nforced: " << (v.forced ? "yes" : "no") << "\n";
-    for (const auto& reason : v.forcedReasons) std::cout << "  " << reason << "\n";
+              << "\nhost: " << shown(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
+              << "\n";
+    for (const auto& reason : v.forcedReasons) std::cout << "  " << shown(reason) << "\n";
     for (const auto& previous : app.previous)
-        std::cout << "previous: " << previous.version << " in " << previous.folder.string() << "\n";
+        std::cout << "previous: " << shown(previous.version) << " in "
+                  << shown(previous.folder.string()) << "\n";
 }
 
 int runShow(const ReadSettings& s) {
@@ -308,16 +316,15 @@ int runAudit(const ReadSettings& s) {
                       << "\n";
             continue;
         }
-        const auto& v = report.version;
-        std::cout << v.name << " " << v.version << " (" << v.guid << "): "
+        std::cout << shownVersion(report.version) << ": "
                   << (report.clean()
                           ? "OK"
                           : std::to_string(report.findings.size()) +
                                 (report.findings.size() == 1 ? " difference" : " differences"))
                   << "\n";
         for (const auto& f : report.findings)
-            std::cout << "  " << store::token(f.kind) << " " << f.path
-                      << (f.detail.empty() ? "" : " (" + f.detail + ")") << "\n";
+            std::cout << "  " << store::token(f.kind) << " " << shown(f.path)
+                      << (f.detail.empty() ? "" : " (" + shown(f.detail) + ")") << "\n";
     }
     return status;
 }
@@ -332,22 +339,14 @@ struct RemoveSettings {
 
 int runRemove(const RemoveSettings& s) {
     const auto apps = openExisting(s.root);
-    int status = kGood;
-    for (const auto& app : s.apps) {
-        try {
-            if (!apps) nothingInstalled(app, s.root);
-            const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
-            const auto& v = result.removed;
-            std::cout << "removed " << v.name << " " << v.version << " (" << v.guid << ")\n";
-            for (const auto& kept : result.kept)
-                std::cerr << "tsapp: warning: kept " << (v.folder / kept).string()
-                          << ": changed or added since the install (--purge removes it)\n";
-        } catch (const Failure& e) {
-            reportFailure(e);
-            status = kBad;
-        }
-    }
-    return status;
+    return runEach(s.apps, [&](const std::string& app) {
+        if (!apps) nothingInstalled(app, s.root);
+        const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
+        std::cout << "removed " << shownVersion(result.removed) << "\n";
+        for (const auto& kept : result.kept)
+            printError("warning: kept " + (result.removed.folder / kept).string() +
+                       ": changed or added since the install (--purge removes it)");
+    });
 }
 
 int runRollback(const ReadSettings& s) {
@@ -355,15 +354,15 @@ int runRollback(const ReadSettings& s) {
     const std::string& name = s.apps.front();
     if (!apps) nothingInstalled(name, s.root);
     const auto now = onStore(name, [&] { return apps->rollback(name); });
-    std::cout << "rolled " << now.name << " back to " << now.version << " (" << now.guid << ") in "
-              << now.folder.string() << "\n";
+    std::cout << "rolled " << shown(now.name) << " back to " << shown(now.version) << " ("
+              << shown(now.guid) << ") in " << shown(now.folder.string()) << "\n";
     return kGood;
 }
 
 CLI::App* appCommand(CLI::App& app, const char* name, const char* description, ReadSettings& s,
                      const char* argument, bool many) {
     CLI::App* command = app.add_subcommand(name, description);
-    auto* option = command->add_option("APP", s.apps, argument)->check(nonEmpty());
+    auto* option = addNonEmpty(command, "APP", s.apps, argument);
     if (many)
         option->expected(0, -1);
     else
@@ -378,11 +377,8 @@ std::vector<Command> addStore(CLI::App& app) {
     auto in = std::make_shared<InstallSettings>();
     CLI::App* install = app.add_subcommand(
         "install", "Install app packages into the apps root, upgrading an installed version.");
-    install
-        ->add_option("PKG", in->packages,
-                     "App package, or an app's name or GUID to install from the repositories")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(install, "PKG", in->packages,
+                "App package, or an app's name or GUID to install from the repositories");
     addRoot(install, in->root);
     addHostOptions(install, in->host);
     install
@@ -398,11 +394,7 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_flag("--allow-signer-change", in->options.allowSignerChange,
                       "Upgrade even when another signer signed the installed version");
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
-    install->add_flag("--sync", in->options.sync,
-                      "Flush every file to disk before the records commit");
-    in->options.threads = 0;
-    install->add_option("-j,--jobs", in->options.threads,
-                        "Parts unpacked at once, each on a thread (default: one per core)");
+    addUnpackOptions(install, in->options);
     addRepositoryOptions(install, in->repository);
 
     auto listed = std::make_shared<ReadSettings>();
@@ -419,9 +411,7 @@ std::vector<Command> addStore(CLI::App& app) {
     auto removed = std::make_shared<RemoveSettings>();
     CLI::App* remove =
         app.add_subcommand("remove", "Remove installed apps, keeping changed and added files.");
-    remove->add_option("APP", removed->apps, "Installed app: GUID or name")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(remove, "APP", removed->apps, "Installed app: GUID or name");
     addRoot(remove, removed->root);
     remove->add_flag("--purge", removed->purge, "Remove changed and added files too");
 

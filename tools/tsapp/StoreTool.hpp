@@ -10,9 +10,12 @@
 #include <vector>
 
 #include "Commands.hpp"
+#include "Progress.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
 namespace tsapp::tool {
+
+namespace store = tsappinstall::store;
 
 struct RootOption {
     std::string root;
@@ -47,15 +50,31 @@ auto onStore(const std::string& subject, Run run) {
 template <class Run>
 auto onRepository(const std::string& subject, Run run) {
     try {
-        return run();
-    } catch (const tsappinstall::store::StoreError& error) {
-        failOnStore(subject, error);
+        return onStore(subject, run);
     } catch (const Failure&) {
         throw;
     } catch (const tsappinstall::Error& error) {
         if (error.fault().item.empty()) throw;
         throw Failure(error.fault().item, error.what(), error.kind());
     }
+}
+
+// Runs `run` on each of `items` in turn: a Failure is reported and the
+// next item tried (the status is then 1); a stop signal ends the loop with
+// 128 + its number, what is left untried.
+template <class Items, class Run>
+int runEach(const Items& items, Run run) {
+    int status = kGood;
+    for (const auto& item : items) {
+        try {
+            run(item);
+        } catch (const Failure& e) {
+            reportFailure(e);
+            status = kBad;
+        }
+        if (caughtSignal) return 128 + caughtSignal;
+    }
+    return status;
 }
 
 // ROOT/host.json, overridden by --host-release, --platform and --product.
@@ -65,18 +84,22 @@ struct HostOptions {
 };
 
 void addHostOptions(CLI::App* command, HostOptions& options);
+
+// --sync and -j of install and upgrade: how the store unpacks.
+void addUnpackOptions(CLI::App* command, tsappinstall::store::InstallOptions& options);
 tsappinstall::store::HostProfile hostProfile(const HostOptions& options,
                                              const std::filesystem::path& root);
 
 // Installs through `run`, given `options` with the progress line and the
-// stop signals added; prints one result line about `shown`.
-void installWith(const std::string& shown, tsappinstall::store::InstallOptions options,
+// stop signals added; prints one result line. Failures and warnings are
+// about `subject`.
+void installWith(const std::string& subject, tsappinstall::store::InstallOptions options,
                  const std::function<tsappinstall::store::InstallResult(
                      const tsappinstall::store::InstallOptions&)>& run);
 
-// Installs the package file `package`, shown as `shown`.
+// Installs the package file `package`, called `subject` in messages.
 void installOne(tsappinstall::store::AppStore& apps, const std::string& package,
-                const std::string& shown, const tsappinstall::store::HostProfile& host,
+                const std::string& subject, const tsappinstall::store::HostProfile& host,
                 const tsappinstall::store::InstallOptions& options);
 
 }  // namespace tsapp::tool

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "Commands.hpp"
+#include "tsappinstall/Threads.hpp"
 
 namespace tsapp::tool {
 namespace {
@@ -83,11 +84,17 @@ int judgeEach(const std::vector<std::string>& packages, const VerdictOptions& op
 
 }  // namespace
 
+void addVerdictOptions(CLI::App* command, VerdictOptions& options, const std::string& judged) {
+    addJobs(
+        command, options.jobs,
+        "Packages " + judged + " at once, the jobs left over decoding the parts of fewer packages");
+    command->add_flag("--json", options.json, "One JSON object per line and package, every fault");
+    command->add_flag("-q,--quiet", options.quiet, "Print only the bad packages");
+}
+
 Workers workersFor(const VerdictOptions& options, std::size_t packages) {
-    const unsigned asked =
-        options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
-    const auto judges =
-        static_cast<unsigned>(std::clamp<std::size_t>(packages, 1, std::max(asked, 1u)));
+    const unsigned asked = tsappinstall::jobsOrCores(options.jobs);
+    const auto judges = static_cast<unsigned>(std::clamp<std::size_t>(packages, 1, asked));
     return {judges, std::max(1u, asked / judges)};
 }
 

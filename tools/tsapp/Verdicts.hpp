@@ -4,6 +4,8 @@
 // pool of workers, printed in the order given as soon as it and all before
 // it are known, then "N of M packages bad".
 
+#include <CLI/CLI.hpp>
+
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -23,6 +25,13 @@ struct VerdictOptions {
     bool json = false;   // one object per line, no closing count
     bool quiet = false;  // only the bad packages; no count when none is bad
 };
+
+// PKG... of check and verify.
+inline constexpr const char* kPackagesHelp = "App packages (*.tsappinstall; one may be -, stdin)";
+
+// -j, --json and -q; `judged` says what the command does to a package:
+// "checked", "verified".
+void addVerdictOptions(CLI::App* command, VerdictOptions& options, const std::string& judged);
 
 // Judges the package file at `path`, called `shown` in what it prints.
 // Each worker makes its own judge, so that what a judge keeps (a compiled

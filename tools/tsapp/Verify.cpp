@@ -50,11 +50,12 @@ Verdict format(const std::string& path, const VerificationReport& report,
     const bool unreadable =
         !report.ok() && report.faults.front().kind == FaultKind::UnreadablePackage;
     if (!report.signer.empty())
-        verdict.text += ", signed by " + report.signer;
+        verdict.text += ", signed by " + fl::i18n::shown(report.signer);
     else if (!report.isSigned && !unreadable)
         verdict.text += ", unsigned";
     verdict.text += '\n';
-    for (const Fault& fault : report.faults) verdict.text += "  " + describe(fault) + '\n';
+    for (const Fault& fault : report.faults)
+        verdict.text += "  " + fl::i18n::shown(describe(fault)) + '\n';
     return verdict;
 }
 
@@ -70,21 +71,14 @@ std::vector<Command> addVerify(CLI::App& app) {
     auto o = std::make_shared<Options>();
     CLI::App* verify =
         app.add_subcommand("verify", "Check each package's content digests and author signature.");
-    verify->add_option("PKG", o->packages, "App packages (*.tsappinstall; one may be -, stdin)")
-        ->required()
-        ->check(nonEmpty());
+    addRequired(verify, "PKG", o->packages, kPackagesHelp);
     verify->add_option("--trust", o->trust, "PEM file of trusted certificates (repeatable)")
         ->type_name("FILE")
         ->allow_extra_args(false)
         ->check(nonEmpty());
     verify->add_flag("--allow-unsigned", o->allowUnsigned,
                      "Accept a package without a signature when its digests match");
-    verify->add_option("-j,--jobs", o->verdicts.jobs,
-                       "Packages verified at once, the jobs left over decoding the parts of fewer "
-                       "packages (default: one per core)");
-    verify->add_flag("--json", o->verdicts.json,
-                     "One JSON object per line and package, every fault");
-    verify->add_flag("-q,--quiet", o->verdicts.quiet, "Print only the bad packages");
+    addVerdictOptions(verify, o->verdicts, "verified");
     const auto run = [o] {
         checkTrustFiles(o->trust);
         const VerificationPolicy policy{o->trust, !o->allowUnsigned};

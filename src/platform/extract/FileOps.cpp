@@ -189,6 +189,42 @@ std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
     }
 }
 
+namespace {
+
+// removeTree() for `name` in `parent`, which is `path` below the tree's own
+// parent.
+bool removeEntry(const FileOps& ops, int parent, const std::string& name, const std::string& path,
+                 const TreeFailure& failed) {
+    const auto fail = [&](const std::string& what, const char* action) {
+        if (failed) failed(what, action, errno);
+        return false;
+    };
+    const OpsFd folder(ops, ops.openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!folder && errno == ENOENT) return true;
+    if (!folder && errno != ENOTDIR && errno != ELOOP) return fail(path, "opened");
+    if (!folder)  // a file or a link
+        return ops.unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT ||
+               fail(path, "removed");
+    const auto entries = ops.listFolder(folder.get());
+    if (!entries) return fail(path, "listed");
+    bool removed = true;
+    for (const auto& [entry, isFolder] : *entries) {
+        if (isFolder)
+            removed = removeEntry(ops, folder.get(), entry, path + "/" + entry, failed) && removed;
+        else if (ops.unlinkat(folder.get(), entry.c_str(), 0) != 0 && errno != ENOENT)
+            removed = fail(path + "/" + entry, "removed") && removed;
+    }
+    return removed && (ops.unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT ||
+                       fail(path, "removed"));
+}
+
+}  // namespace
+
+bool removeTree(const FileOps& ops, int parent, const std::string& name,
+                const TreeFailure& failed) {
+    return removeEntry(ops, parent, name, name, failed);
+}
+
 const FileOps& posixFileOps() {
     static const FileOps ops;
     return ops;

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -90,6 +91,17 @@ class OpsFd : public BasicFd<OpsClose> {
     OpsFd() = default;
     OpsFd(const FileOps& ops, int fd) : BasicFd(fd, OpsClose{&ops}) {}
 };
+
+// What removeTree() could not do to `path` (the tree's name, or a path
+// below it: "name/a/b"): `action` is "opened", "listed" or "removed",
+// `error` the errno. Throwing stops the removal.
+using TreeFailure = std::function<void(const std::string& path, const char* action, int error)>;
+
+// Removes `name` in `parent` and everything below it: a link is unlinked,
+// never followed, and a name already gone is fine. Goes on past what
+// cannot be removed unless `failed` throws; true when nothing is left.
+bool removeTree(const FileOps& ops, int parent, const std::string& name,
+                const TreeFailure& failed = {});
 
 // The process's own calls, never failing on purpose.
 const FileOps& posixFileOps();

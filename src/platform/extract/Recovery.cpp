@@ -117,20 +117,6 @@ void removeBeside(const FileOps& ops, int parent, const std::string& parentPath,
 
 }  // namespace
 
-bool removeTree(const FileOps& ops, int parent, const std::string& name) {
-    const OpsFd fd(ops, ops.openat(parent, name.c_str(), kFolderFlags));
-    if (!fd) return errno == ENOENT;
-    const auto names = ops.listFolder(fd.get());
-    bool removed = names.has_value();
-    for (const auto& [entry, folder] : names ? *names : std::vector<FolderEntry>{}) {
-        if (folder)
-            removed = removeTree(ops, fd.get(), entry) && removed;
-        else if (ops.unlinkat(fd.get(), entry.c_str(), 0) != 0 && errno != ENOENT)
-            removed = false;
-    }
-    return removed && (ops.unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT);
-}
-
 void recoverDestination(const FileOps& ops, int parent, int destination, const std::string& path,
                         const std::string& name, bool discardUnreadable,
                         extraction::Recovery& out) {

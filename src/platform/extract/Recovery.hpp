@@ -10,10 +10,6 @@
 
 namespace opc::detail {
 
-// Removes the folder `name` below `parent` and everything in it, without
-// following links. True when it is gone.
-bool removeTree(const FileOps& ops, int parent, const std::string& name);
-
 // Repairs and removes the staging folders of dead extractions into the
 // folder `name` below `parent` (an open descriptor, or -1 when the parent
 // cannot be read) whose own descriptor is `destination` (or -1 while it

@@ -1,7 +1,6 @@
 #include "platform/extract/StagingStamp.hpp"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -10,7 +9,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "platform/base/Ascii.hpp"
+#include "platform/base/Random.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::detail {
@@ -41,17 +40,6 @@ bool identify(const FileOps& ops, int fd, FolderId& id) {
         id.bornNanoseconds = info.stx_btime.tv_nsec;
     }
     return true;
-}
-
-std::string randomToken() {
-    unsigned char bytes[16];
-    for (std::size_t got = 0; got < sizeof bytes;) {
-        const ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throw Exception(Reason::CannotWrite, "no random bytes for a staging stamp");
-        got += static_cast<std::size_t>(n);
-    }
-    return lower_hex(bytes, sizeof bytes);
 }
 
 struct Stamp {
@@ -121,7 +109,7 @@ bool readOwnFile(const FileOps& ops, int dir, const char* name, std::size_t limi
 std::string writeStamp(const FileOps& ops, int holder, int staging, const std::string& what) {
     Stamp stamp;
     stamp.user = ::geteuid();
-    stamp.token = randomToken();
+    stamp.token = randomToken(16);
     if (!identify(ops, staging, stamp.staging) || !identify(ops, holder, stamp.holder))
         throw Exception(Reason::CannotWrite, "cannot identify the staging folder \"" + what +
                                                  "\": " + std::strerror(errno));

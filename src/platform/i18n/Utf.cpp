@@ -1,6 +1,7 @@
 #include <boost/locale/encoding_utf.hpp>
 #include <boost/locale/utf.hpp>
 
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace fl::i18n {
@@ -35,12 +36,9 @@ bool is_control(boost::locale::utf::code_point c) {
 
 void append_escaped(std::string& out, std::string::const_iterator from,
                     std::string::const_iterator to) {
-    static const char* const kDigits = "0123456789abcdef";
     for (; from != to; ++from) {
         const auto byte = static_cast<unsigned char>(*from);
-        out += "\\x";
-        out += kDigits[byte >> 4];
-        out += kDigits[byte & 0x0F];
+        out += "\\x" + opc::detail::lower_hex(&byte, 1);
     }
 }
 
@@ -56,6 +54,8 @@ std::string shown(const std::string& bytes) {
         if (c == utf::illegal || c == utf::incomplete) {
             at = start + 1;
             append_escaped(out, start, at);
+        } else if (c == '\n' || c == '\t' || c == '\r') {
+            out += c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r";
         } else if (is_control(c)) {
             append_escaped(out, start, at);
         } else {

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include "tsappinstall/Threads.hpp"
+
 namespace opc::model {
 namespace {
 
@@ -133,8 +135,7 @@ void share(Loop& loop, WorkQueue& queue) noexcept {
 }  // namespace
 
 unsigned threadCount(unsigned asked) {
-    return std::min(asked ? asked : std::max(1u, std::thread::hardware_concurrency()),
-                    kMostThreads);
+    return std::min(tsappinstall::jobsOrCores(asked), kMostThreads);
 }
 
 void readEveryItem(Package& package, ItemSink& sink, const std::function<void()>& beforePiece) {

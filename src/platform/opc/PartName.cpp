@@ -117,6 +117,11 @@ std::u16string PartName::toString() const {
     return fl::i18n::to_ustring(name_);
 }
 
+std::string PartName::decoded() const {
+    // A valid name's escapes are all complete.
+    return opc::detail::percent_decoded(name_).value_or(name_);
+}
+
 std::string PartName::extension() const {
     const std::size_t slash = name_.rfind('/');
     const std::size_t dot = name_.rfind('.');

@@ -13,7 +13,6 @@
 #include <mutex>
 #include <optional>
 #include <random>
-#include <thread>
 #include <utility>
 
 #include "platform/base/Ascii.hpp"
@@ -22,6 +21,7 @@
 #include "platform/writer/ParallelEncoding.hpp"
 #include "platform/writer/PartEncoder.hpp"
 #include "platform/writer/ZipOutput.hpp"
+#include "tsappinstall/Threads.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
@@ -297,8 +297,7 @@ std::vector<std::string> PackageWriter::Impl::writeParts(ZipOutput& zip) {
     };
     std::vector<std::string> shas;
     shas.reserve(count);
-    detail::ParallelEncoding encoding(std::move(work),
-                                      jobs != 0 ? jobs : std::thread::hardware_concurrency());
+    detail::ParallelEncoding encoding(std::move(work), tsappinstall::jobsOrCores(jobs));
     for (std::size_t i = 0; i < count; ++i) {
         const PendingPart& part = parts[i];
         if (streamedSize[i] != 0) {

@@ -78,12 +78,12 @@ struct DeflateStream {
 
 }  // namespace
 
-PartEncoder::PartEncoder() : compressor_(libdeflate_alloc_compressor(kLevel)) {
-    if (compressor_ == nullptr) throw std::bad_alloc();
+void PartEncoder::FreeCompressor::operator()(libdeflate_compressor* compressor) const {
+    libdeflate_free_compressor(compressor);
 }
 
-PartEncoder::~PartEncoder() {
-    libdeflate_free_compressor(compressor_);
+PartEncoder::PartEncoder() : compressor_(libdeflate_alloc_compressor(kLevel)) {
+    if (!compressor_) throw std::bad_alloc();
 }
 
 EncodedPart PartEncoder::encode(std::vector<unsigned char> bytes, bool deflate) {
@@ -95,7 +95,7 @@ EncodedPart PartEncoder::encode(std::vector<unsigned char> bytes, bool deflate) 
         // Room for one byte less than the input: anything larger is stored.
         part.data.resize(bytes.size() - 1);
         const std::size_t packed = libdeflate_deflate_compress(
-            compressor_, bytes.data(), bytes.size(), part.data.data(), part.data.size());
+            compressor_.get(), bytes.data(), bytes.size(), part.data.data(), part.data.size());
         part.deflated = packed != 0;
         part.data.resize(packed);
         part.data.shrink_to_fit();

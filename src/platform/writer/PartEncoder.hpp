@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,15 +32,15 @@ struct EncodedPart {
 class PartEncoder {
   public:
     PartEncoder();
-    ~PartEncoder();
-    PartEncoder(const PartEncoder&) = delete;
-    PartEncoder& operator=(const PartEncoder&) = delete;
 
     // Deflated only when that makes the bytes smaller, as zip does.
     EncodedPart encode(std::vector<unsigned char> bytes, bool deflate);
 
   private:
-    libdeflate_compressor* compressor_;
+    struct FreeCompressor {
+        void operator()(libdeflate_compressor* compressor) const;
+    };
+    std::unique_ptr<libdeflate_compressor, FreeCompressor> compressor_;
 };
 
 // The whole of a regular file that had `expectedSize` bytes when the

@@ -64,10 +64,12 @@ TSAPP_API std::string to_string(const std::u16string& text);
 TSAPP_API std::u16string to_ustring(const std::string& text);
 TSAPP_API std::u16string to_ustring(const char* text);
 
-// Bytes from the system (a file name) as text that is safe to show: valid
-// UTF-8 stays as it is, while a byte that is not part of a valid sequence
-// and every control character (C0, DEL, C1) are written "\xNN", one escape a
-// byte: "caf\xe9.tsappinstall" for a name in Latin-1.
+// Bytes from outside (a file name, a manifest's or an index's text) as text
+// that is safe to show on one line of a terminal: valid UTF-8 stays as it
+// is, a line feed, a tab and a carriage return are written "\n", "\t" and
+// "\r", and a byte that is not part of a valid sequence and every other
+// control character (C0, DEL, C1) "\xNN", one escape a byte:
+// "caf\xe9.tsappinstall" for a name in Latin-1.
 TSAPP_API std::string shown(const std::string& bytes);
 
 }  // namespace fl::i18n

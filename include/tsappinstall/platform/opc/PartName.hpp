@@ -33,6 +33,9 @@ class TSAPP_API PartName {
     const std::string& key() const { return key_; }
     // The ZIP item name that stores the part: the name without its "/".
     std::string zipItemName() const { return name_.substr(1); }
+    // The name with every "%XY" decoded: the path it stands for
+    // ("/lib/a%20b.js" is "/lib/a b.js"), in bytes that need not be UTF-8.
+    std::string decoded() const;
     // The last segment's text after its last dot; empty when it has none.
     std::string extension() const;
     // Whether `other` lies below this name ("/a" and "/a/b").
