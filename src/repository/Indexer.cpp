@@ -27,6 +27,7 @@
 #include "integrity/PackageIntegrity.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/UniqueFd.hpp"
+#include "platform/base/WriteAll.hpp"
 #include "tsappinstall/Threads.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
@@ -88,17 +89,8 @@ void writeAtomically(const fs::path& path, const std::string& bytes, bool durabl
         const opc::detail::UniqueFd fd(
             ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
         if (!fd) fail(FaultKind::CannotWrite, "cannot create " + temporary.string());
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t put = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
-            if (put < 0 && errno == EINTR) continue;
-            if (put <= 0) {
-                ::unlink(temporary.c_str());
-                fail(FaultKind::CannotWrite, "cannot write " + temporary.string());
-            }
-            done += static_cast<std::size_t>(put);
-        }
-        if (durable && ::fsync(fd.get()) != 0) {
+        if (opc::detail::write_all(fd.get(), bytes.data(), bytes.size()) != 0 ||
+            (durable && ::fsync(fd.get()) != 0)) {
             ::unlink(temporary.c_str());
             fail(FaultKind::CannotWrite, "cannot write " + temporary.string());
         }

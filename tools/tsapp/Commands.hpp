@@ -137,6 +137,10 @@ void checkTrustFiles(const std::vector<std::string>& files);
 // "-" is standard output in messages.
 std::string shownOutput(const std::string& output);
 
+// write() until all `size` bytes are out, going on after short writes and
+// EINTR; false, with errno set, when one fails.
+bool writeAll(int fd, const void* data, std::size_t size);
+
 // Standard output for the whole run, unbuffered by the C library: every
 // write is checked, and finish() turns a failed one into "tsapp: stdout:
 // CAUSE" and exit 1 (`>/dev/full`). One for the process: std::cout writes

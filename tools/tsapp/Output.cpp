@@ -112,13 +112,8 @@ class SpooledStdin {
             total += static_cast<std::uint64_t>(got);
             if (total > kMaxStdinBytes)
                 return "more than 4 GiB, the most a package on stdin may have";
-            for (ssize_t done = 0; done < got;) {
-                const ssize_t written =
-                    ::write(fd, block + done, static_cast<std::size_t>(got - done));
-                if (written < 0 && errno == EINTR) continue;
-                if (written < 0) return std::string("the temporary copy: ") + std::strerror(errno);
-                done += written;
-            }
+            if (!writeAll(fd, block, static_cast<std::size_t>(got)))
+                return std::string("the temporary copy: ") + std::strerror(errno);
         }
     }
 
@@ -145,6 +140,18 @@ int withPackage(const std::string& package, const std::function<int(const std::s
     }
 }
 
+bool writeAll(int fd, const void* data, std::size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = ::write(fd, bytes, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
 std::string shownOutput(const std::string& output) {
     return output == "-" ? "stdout" : output;
 }
@@ -169,30 +176,21 @@ class StandardOutput::Buffer : public std::streambuf {
         if (size >= epptr() - pptr()) {
             if (sync() != 0) return 0;
             if (size >= static_cast<std::streamsize>(sizeof block_))
-                return writeAll(data, static_cast<std::size_t>(size)) ? size : 0;
+                return put(data, static_cast<std::size_t>(size)) ? size : 0;
         }
         std::memcpy(pptr(), data, static_cast<std::size_t>(size));
         pbump(static_cast<int>(size));
         return size;
     }
     int sync() override {
-        const bool written = writeAll(pbase(), static_cast<std::size_t>(pptr() - pbase()));
+        const bool written = put(pbase(), static_cast<std::size_t>(pptr() - pbase()));
         setp(block_, block_ + sizeof block_);
         return written ? 0 : -1;
     }
 
   private:
-    bool writeAll(const char* data, std::size_t size) {
-        while (size > 0 && error_ == 0) {
-            const ssize_t written = ::write(STDOUT_FILENO, data, size);
-            if (written < 0 && errno == EINTR) continue;
-            if (written < 0) {
-                error_ = errno;
-                break;
-            }
-            data += written;
-            size -= static_cast<std::size_t>(written);
-        }
+    bool put(const char* data, std::size_t size) {
+        if (error_ == 0 && !writeAll(STDOUT_FILENO, data, size)) error_ = errno;
         return error_ == 0;
     }
 

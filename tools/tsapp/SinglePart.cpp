@@ -75,13 +75,7 @@ class OutputFile {
     OutputFile& operator=(const OutputFile&) = delete;
 
     void write(const unsigned char* data, std::size_t size) {
-        while (size > 0) {
-            const ssize_t written = ::write(fd_, data, size);
-            if (written < 0 && errno == EINTR) continue;
-            if (written < 0) failWithErrno(output_);
-            data += written;
-            size -= static_cast<std::size_t>(written);
-        }
+        if (!writeAll(fd_, data, size)) failWithErrno(output_);
     }
 
     void commit() {

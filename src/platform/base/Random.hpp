@@ -1,8 +1,8 @@
 #pragma once
 
-// Names nobody can guess ahead of time: a staging folder's stamp and a
-// version's folder in the store are made where others may look, and a
-// name known in advance could be taken first.
+// Tokens nobody can guess ahead of time: a staging folder's stamp proves
+// the folder ours, and a version's folder in the store is named where
+// others may look, so a name known in advance could be taken first.
 
 #include <cstddef>
 #include <string>

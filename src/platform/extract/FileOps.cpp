@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/base/ReadAt.hpp"
+#include "platform/base/WriteAll.hpp"
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 
 namespace opc::detail {
@@ -94,15 +95,7 @@ int FileOps::unlinkat(int dir, const char* name, int flags) const {
 
 int FileOps::writeAll(int fd, const void* data, std::size_t size) const {
     if (failed(FileCall::Write)) return -1;
-    const char* bytes = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t written = ::write(fd, bytes, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return -1;
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return 0;
+    return write_all(fd, data, size);
 }
 
 int FileOps::fsync(int fd) const {

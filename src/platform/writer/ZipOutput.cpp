@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/base/WriteAll.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage::detail {
@@ -84,15 +85,8 @@ void ZipOutput::flush() {
 }
 
 void ZipOutput::writeAll(const unsigned char* data, std::size_t size) {
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::write(fd_, data + done, size - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0)
-            throw opc::Exception("cannot write the package \"" + path_ +
-                                 "\": " + std::strerror(errno));
-        done += static_cast<std::size_t>(n);
-    }
+    if (opc::detail::write_all(fd_, data, size) != 0)
+        throw opc::Exception("cannot write the package \"" + path_ + "\": " + std::strerror(errno));
 }
 
 void ZipOutput::localHeader(const ZipEntryRecord& entry, bool zip64) {
