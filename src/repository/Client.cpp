@@ -10,6 +10,7 @@
 #include "Transfer.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/UniqueFd.hpp"
+#include "platform/base/WriteAll.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -89,13 +90,8 @@ struct PartialFile {
 };
 
 void writeAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t put = ::write(fd, data, size);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) fail(FaultKind::CannotWrite, "cannot write the download");
-        data += put;
-        size -= static_cast<std::size_t>(put);
-    }
+    if (opc::detail::write_all(fd, data, size) != 0)
+        fail(FaultKind::CannotWrite, "cannot write the download");
 }
 
 // The SHA-256 of the partial file, kept up with the bytes as they are

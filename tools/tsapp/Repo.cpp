@@ -139,11 +139,17 @@ int runList(const RecordSettings& s) {
     return kGood;
 }
 
-int runRemove(const RecordSettings& s) {
+// The root that records the repository named: a root without a database
+// records none, and is left as it is.
+std::unique_ptr<store::AppStore> rootRecording(const RecordSettings& s) {
     if (!store::AppStore::exists(s.root.path()))
         throw Failure(s.remote.name, "no repository of that name",
                       tsappinstall::FaultKind::UnknownRepository);
-    const auto apps = openRoot(s.root);
+    return openRoot(s.root);
+}
+
+int runRemove(const RecordSettings& s) {
+    const auto apps = rootRecording(s);
     installer::Installer installer(*apps);
     onRepository(s.remote.name, [&] { installer.remove(s.remote.name); });
     std::cout << "removed " << shown(s.remote.name) << "\n";
@@ -151,15 +157,12 @@ int runRemove(const RecordSettings& s) {
 }
 
 int runMove(const RecordSettings& s) {
-    if (!store::AppStore::exists(s.root.path()))
-        throw Failure(s.remote.name, "no repository of that name",
-                      tsappinstall::FaultKind::UnknownRepository);
-    const auto apps = openRoot(s.root);
+    const auto apps = rootRecording(s);
     installer::Installer installer(*apps);
     const auto repo = onRepository(
         s.remote.name, [&] { return installer.move(s.remote.name, s.remote.location); });
-    std::cout << "moved " << s.remote.name << " to " << s.remote.location << ", index version "
-              << repo->index().version << "\n";
+    std::cout << "moved " << shown(s.remote.name) << " to " << shown(s.remote.location)
+              << ", index version " << repo->index().version << "\n";
     return kGood;
 }
 
