@@ -103,7 +103,8 @@ class PartialHash {
     void catchUp(const PartialFile& partial, std::uint64_t size) {
         if (size < done_) restart();
         if (size == done_) return;
-        const opc::detail::UniqueFd fd(::open(partial.path.c_str(), O_RDONLY | O_CLOEXEC));
+        const opc::detail::UniqueFd fd(
+            ::open(partial.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         if (!fd) fail(FaultKind::CannotRead, "cannot open " + partial.path.string());
         unsigned char buffer[1 << 16];
         while (done_ < size) {
