@@ -93,12 +93,25 @@ folder
 manifest"
 [ "$got" = "$expected" ] || { printf 'got:\n%s\n' "$got" >"$log"; fail "bash completion"; }
 
-# A program builds against the -dev package alone and reads the package.
+# A program builds against the -dev package alone, packs the sample app,
+# publishes it in a signed folder repository, installs it from there and
+# lists it.
 # shellcheck disable=SC2046
 g++ -std=c++17 tests/consumer/consumer.cpp -o "$scratch/consumer" \
     $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs tsappinstall) 2>"$log" ||
     fail "cannot build against libtsappinstall-dev"
-[ "$("$scratch/consumer" "$scratch/hello.tsappinstall" 2>"$log")" = "Hello Tessal 1.2.0" ] ||
-    fail "a program built against libtsappinstall-dev cannot read the sample package"
+(
+  cd "$scratch"
+  openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 2
+  openssl genpkey -algorithm ED25519 -out signer.key
+  openssl req -x509 -key signer.key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=Publisher \
+    -out signer.pem
+) >"$log" 2>&1 || fail "openssl cannot make the index's signer"
+mkdir "$scratch/consumer-work"
+[ "$("$scratch/consumer" "$PWD/sample/app" "$scratch/consumer-work" "$scratch/signer.key" \
+    "$scratch/signer.pem" "$scratch/ca.pem" 2>"$log")" = "Hello Tessal 1.2.0
+published index 1 with 1 package(s)
+installed Hello Tessal 1.2.0 from main" ] ||
+    fail "a program built against libtsappinstall-dev cannot pack, publish, install and list"
 
 echo "packaging: ${debs[*]##*/} pass lintian, install with dpkg and work"
