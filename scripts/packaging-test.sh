@@ -100,13 +100,8 @@ manifest"
 g++ -std=c++17 tests/consumer/consumer.cpp -o "$scratch/consumer" \
     $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs tsappinstall) 2>"$log" ||
     fail "cannot build against libtsappinstall-dev"
-(
-  cd "$scratch"
-  openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 2
-  openssl genpkey -algorithm ED25519 -out signer.key
-  openssl req -x509 -key signer.key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=Publisher \
-    -out signer.pem
-) >"$log" 2>&1 || fail "openssl cannot make the index's signer"
+bash tests/consumer/make-keys.sh "$scratch" >"$log" 2>&1 ||
+    fail "openssl cannot make the index's signer"
 mkdir "$scratch/consumer-work"
 [ "$("$scratch/consumer" "$PWD/sample/app" "$scratch/consumer-work" "$scratch/signer.key" \
     "$scratch/signer.pem" "$scratch/ca.pem" 2>"$log")" = "Hello Tessal 1.2.0

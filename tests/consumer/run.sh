@@ -16,13 +16,7 @@ libdir=$(dirname "$(find "$scratch/prefix" -name 'libtsappinstall.so' | head -1)
 # The index's signer below a CA of its own, as a publisher would hold them.
 keys=$scratch/keys
 mkdir "$keys"
-(
-  cd "$keys"
-  openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem -subj /CN=CA -days 2
-  openssl genpkey -algorithm ED25519 -out signer.key
-  openssl req -x509 -key signer.key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=Publisher \
-    -out signer.pem
-) >/dev/null 2>&1
+bash "$source/tests/consumer/make-keys.sh" "$keys" >/dev/null 2>&1
 
 expected="Hello Tessal 1.2.0
 published index 1 with 1 package(s)
