@@ -65,6 +65,19 @@ std::string utcOf(const ASN1_TIME* time) {
     return std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0 ? "" : text;
 }
 
+std::string keyFingerprintOf(X509* certificate) {
+    unsigned char* der = nullptr;
+    const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &der);
+    std::string hex;
+    if (size > 0) {
+        Sha256 hash;
+        hash.update(der, static_cast<std::size_t>(size));
+        hex = hash.finishHex();
+    }
+    OPENSSL_free(der);
+    return hex;
+}
+
 SignerCertificate describeCertificate(X509* certificate) {
     SignerCertificate out;
     unsigned char* der = nullptr;
@@ -75,6 +88,7 @@ SignerCertificate describeCertificate(X509* certificate) {
         out.fingerprint = hash.finishHex();
     }
     OPENSSL_free(der);
+    out.keyFingerprint = keyFingerprintOf(certificate);
     out.notBefore = utcOf(X509_get0_notBefore(certificate));
     out.notAfter = utcOf(X509_get0_notAfter(certificate));
     return out;

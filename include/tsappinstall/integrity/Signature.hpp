@@ -50,6 +50,9 @@ class TSAPP_API Signer {
 // recognise; empty strings when no certificate could be read.
 struct SignerCertificate {
     std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    // SHA-256 of its SubjectPublicKeyInfo (DER), the same hex: the key,
+    // which stays when the certificate is renewed.
+    std::string keyFingerprint;
     std::string notBefore;    // UTC, "2026-01-31T12:00:00Z"
     std::string notAfter;
 };
