@@ -51,108 +51,11 @@ int walkBeneath(int dir, const char* path, int flags) {
     return -1;
 }
 
-}  // namespace
-
-int FileOps::failed(FileCall call) const {
-    if (const int error = fault(call)) {
-        errno = error;
-        return -1;
-    }
-    return 0;
-}
-
-int FileOps::openat(int dir, const char* name, int flags, mode_t mode) const {
-    if (failed(FileCall::Open)) return -1;
-    return ::openat(dir, name, flags | O_CLOEXEC, mode);
-}
-
-int FileOps::mkdirat(int dir, const char* name, mode_t mode) const {
-    if (failed(FileCall::Mkdir)) return -1;
-    return ::mkdirat(dir, name, mode);
-}
-
-int FileOps::openBeneath(int dir, const char* path, int flags) const {
-    if (failed(FileCall::Open)) return -1;
-    open_how how{};
-    how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    const long fd = ::syscall(SYS_openat2, dir, path, &how, sizeof how);
-    // Older kernels lack the call; some sandboxes refuse it.
-    if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) return static_cast<int>(fd);
-    return walkBeneath(dir, path, flags);
-}
-
-int FileOps::renameat(int fromDir, const char* from, int toDir, const char* to,
-                      unsigned flags) const {
-    if (failed(FileCall::Rename)) return -1;
-    return ::renameat2(fromDir, from, toDir, to, flags);
-}
-
-int FileOps::unlinkat(int dir, const char* name, int flags) const {
-    if (failed(FileCall::Unlink)) return -1;
-    return ::unlinkat(dir, name, flags);
-}
-
-int FileOps::writeAll(int fd, const void* data, std::size_t size) const {
-    if (failed(FileCall::Write)) return -1;
-    return write_all(fd, data, size);
-}
-
-int FileOps::fsync(int fd) const {
-    if (failed(FileCall::Fsync)) return -1;
-    return ::fsync(fd);
-}
-
-int FileOps::close(int fd) const {
-    if (const int error = fault(FileCall::Close)) {
-        ::close(fd);
-        errno = error;
-        return -1;
-    }
-    return ::close(fd);
-}
-
-int FileOps::dup(int fd) const {
-    if (failed(FileCall::Open)) return -1;
-    return ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
-}
-
-int FileOps::lstatat(int dir, const char* name, struct stat* info) const {
-    if (failed(FileCall::Stat)) return -1;
-    return ::fstatat(dir, name, info, AT_SYMLINK_NOFOLLOW);
-}
-
-int FileOps::fstat(int fd, struct stat* info) const {
-    if (failed(FileCall::Stat)) return -1;
-    return ::fstat(fd, info);
-}
-
-int FileOps::statx(int fd, unsigned mask, struct statx* info) const {
-    if (failed(FileCall::Stat)) return -1;
-    return ::statx(fd, "", AT_EMPTY_PATH, mask, info);
-}
-
-int FileOps::statvfs(const char* path, struct statvfs* info) const {
-    if (failed(FileCall::Stat)) return -1;
-    return ::statvfs(path, info);
-}
-
-int FileOps::flock(int fd, int operation) const {
-    if (failed(FileCall::Lock)) return -1;
-    return ::flock(fd, operation);
-}
-
-long FileOps::readAt(int fd, void* buffer, std::size_t size, long long offset) const {
-    if (failed(FileCall::Read)) return -1;
-    return read_at(fd, static_cast<unsigned char*>(buffer), size,
-                   static_cast<std::uint64_t>(offset));
-}
-
-std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
-    if (failed(FileCall::List)) return std::nullopt;
+// The names in the open folder `fd`, read through `ops`.
+std::optional<std::vector<FolderEntry>> listed(const FileOps& ops, int fd) {
     // getdents64 on a descriptor of our own, so that the caller's keeps its
     // position and no DIR stream is needed.
-    const int copy = openat(fd, ".", O_RDONLY | O_DIRECTORY);
+    const int copy = ops.openat(fd, ".", O_RDONLY | O_DIRECTORY);
     if (copy < 0) return std::nullopt;
     std::vector<FolderEntry> names;
     alignas(8) char buffer[32768];
@@ -161,7 +64,7 @@ std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
             const int error = errno;
-            close(copy);
+            ops.close(copy);
             if (got < 0) {
                 errno = error;
                 return std::nullopt;
@@ -176,10 +79,131 @@ std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
             bool folder = entry->d_type == DT_DIR;
             struct stat info {};
             if (entry->d_type == DT_UNKNOWN)
-                folder = lstatat(fd, name.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+                folder = ops.lstatat(fd, name.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
             names.emplace_back(name, folder);
         }
     }
+}
+
+}  // namespace
+
+int FileOps::failed(FileCall call) const {
+    if (const int error = fault(call)) {
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+
+template <class Result>
+Result FileOps::made(FileCall call, Result result) const {
+    const int error = errno;
+    returned(call);
+    errno = error;
+    return result;
+}
+
+int FileOps::openat(int dir, const char* name, int flags, mode_t mode) const {
+    if (failed(FileCall::Open)) return -1;
+    return made(FileCall::Open, ::openat(dir, name, flags | O_CLOEXEC, mode));
+}
+
+int FileOps::mkdirat(int dir, const char* name, mode_t mode) const {
+    if (failed(FileCall::Mkdir)) return -1;
+    return made(FileCall::Mkdir, ::mkdirat(dir, name, mode));
+}
+
+int FileOps::openBeneath(int dir, const char* path, int flags) const {
+    if (failed(FileCall::Open)) return -1;
+    open_how how{};
+    how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, dir, path, &how, sizeof how);
+    // Older kernels lack the call; some sandboxes refuse it.
+    if (fd >= 0 || (errno != ENOSYS && errno != EPERM))
+        return made(FileCall::Open, static_cast<int>(fd));
+    return made(FileCall::Open, walkBeneath(dir, path, flags));
+}
+
+int FileOps::renameat(int fromDir, const char* from, int toDir, const char* to,
+                      unsigned flags) const {
+    if (failed(FileCall::Rename)) return -1;
+    return made(FileCall::Rename, ::renameat2(fromDir, from, toDir, to, flags));
+}
+
+int FileOps::unlinkat(int dir, const char* name, int flags) const {
+    if (failed(FileCall::Unlink)) return -1;
+    return made(FileCall::Unlink, ::unlinkat(dir, name, flags));
+}
+
+int FileOps::writeAll(int fd, const void* data, std::size_t size) const {
+    if (failed(FileCall::Write)) return -1;
+    return made(FileCall::Write, write_all(fd, data, size));
+}
+
+int FileOps::fsync(int fd) const {
+    if (failed(FileCall::Fsync)) return -1;
+    return made(FileCall::Fsync, ::fsync(fd));
+}
+
+int FileOps::close(int fd) const {
+    if (const int error = fault(FileCall::Close)) {
+        ::close(fd);
+        errno = error;
+        return -1;
+    }
+    return made(FileCall::Close, ::close(fd));
+}
+
+int FileOps::dup(int fd) const {
+    if (failed(FileCall::Open)) return -1;
+    return made(FileCall::Open, ::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+}
+
+int FileOps::lstatat(int dir, const char* name, struct stat* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return made(FileCall::Stat, ::fstatat(dir, name, info, AT_SYMLINK_NOFOLLOW));
+}
+
+int FileOps::fstat(int fd, struct stat* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return made(FileCall::Stat, ::fstat(fd, info));
+}
+
+int FileOps::statx(int fd, unsigned mask, struct statx* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return made(FileCall::Stat, ::statx(fd, "", AT_EMPTY_PATH, mask, info));
+}
+
+int FileOps::statvfs(const char* path, struct statvfs* info) const {
+    if (failed(FileCall::Stat)) return -1;
+    return made(FileCall::Stat, ::statvfs(path, info));
+}
+
+int FileOps::flock(int fd, int operation) const {
+    if (failed(FileCall::Lock)) return -1;
+    return made(FileCall::Lock, ::flock(fd, operation));
+}
+
+long FileOps::readAt(int fd, void* buffer, std::size_t size, long long offset) const {
+    if (failed(FileCall::Read)) return -1;
+    return made(FileCall::Read, read_at(fd, static_cast<unsigned char*>(buffer), size,
+                                        static_cast<std::uint64_t>(offset)));
+}
+
+std::optional<std::vector<FolderEntry>> FileOps::listFolder(int fd) const {
+    if (failed(FileCall::List)) return std::nullopt;
+    return made(FileCall::List, listed(*this, fd));
+}
+
+int FileOps::symlinkat(const char* target, int dir, const char* name) const {
+    if (failed(FileCall::Symlink)) return -1;
+    return made(FileCall::Symlink, ::symlinkat(target, dir, name));
+}
+
+long FileOps::readlinkat(int dir, const char* name, char* buffer, std::size_t size) const {
+    if (failed(FileCall::Readlink)) return -1;
+    return made(FileCall::Readlink, static_cast<long>(::readlinkat(dir, name, buffer, size)));
 }
 
 namespace {

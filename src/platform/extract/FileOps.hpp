@@ -25,8 +25,22 @@ class FileSystemOpsSelector;
 namespace opc::detail {
 
 // The families a fault can be injected into.
-enum class FileCall { Open, Mkdir, Rename, Unlink, Write, Fsync, Close, Stat, Lock, List, Read };
-inline constexpr int kFileCallFamilies = 11;
+enum class FileCall {
+    Open,
+    Mkdir,
+    Rename,
+    Unlink,
+    Write,
+    Fsync,
+    Close,
+    Stat,
+    Lock,
+    List,
+    Read,
+    Symlink,
+    Readlink
+};
+inline constexpr int kFileCallFamilies = 13;
 
 // One entry of a folder listing: its name, and whether it is a folder
 // (not a link to one).
@@ -69,14 +83,23 @@ class FileOps {
     // The names in an open folder, "." and ".." left out; none when the
     // folder cannot be read.
     std::optional<std::vector<FolderEntry>> listFolder(int fd) const;
+    int symlinkat(const char* target, int dir, const char* name) const;
+    long readlinkat(int dir, const char* name, char* buffer, std::size_t size) const;
 
   protected:
     // 0 lets the call through; anything else is the errno it fails with.
     // An extraction on several threads asks from all of them at once.
     virtual int fault(FileCall) const { return 0; }
+    // Told after a call fault() let through was made, errno as it left it:
+    // a test that stops the process here sees what a crash between this
+    // call and the next step (which may make no call, a database commit)
+    // leaves behind.
+    virtual void returned(FileCall) const {}
 
   private:
     int failed(FileCall call) const;
+    template <class Result>
+    Result made(FileCall call, Result result) const;
 };
 
 struct OpsClose {

@@ -298,6 +298,8 @@ TEST_F(Extraction, TheSeamSeesEveryFileSystemCall) {
     EXPECT_EQ(sum({"newfstatat", "fstat", "statx", "statfs", "lstat", "stat"}),
               seen(FileCall::Stat));
     EXPECT_EQ(sum({"flock"}), seen(FileCall::Lock));
+    EXPECT_EQ(sum({"symlink", "symlinkat"}), seen(FileCall::Symlink));
+    EXPECT_EQ(sum({"readlink", "readlinkat"}), seen(FileCall::Readlink));
     EXPECT_GE(sum({"write", "writev", "pwrite64"}), seen(FileCall::Write));
     EXPECT_GE(sum({"getdents64"}), seen(FileCall::List));
     EXPECT_GE(sum({"pread64", "read"}), seen(FileCall::Read));
