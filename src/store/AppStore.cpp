@@ -165,42 +165,73 @@ struct AppStore::Impl {
 
     // --- settling what an interrupted operation left ------------------------
 
-    // Finishes or undoes what the pending records name, then points the
-    // links of the apps concerned (all of them with `everyLink`) at the
-    // versions the records name.
+    // Replays what the pending records name, as a journal is replayed:
+    // every folder and link is put right first, and only then are the
+    // records (the pending rows, and those of finished removals) dropped,
+    // in one transaction. A crash anywhere in between leaves the rows, and
+    // the next replay does the same again: each repair finds what it has
+    // already done and goes on. The links of the apps concerned (all of
+    // them with `everyLink`) end up naming the versions the records name.
     std::vector<std::string> settle(bool everyLink = false) {
+        const std::vector<PendingRow> rows = records->pending();
         std::vector<std::string> done;
-        std::set<std::string> touched;
-        for (const PendingRow& row : records->pending()) {
-            touched.insert(row.guid);
-            if (row.action == "install") {
+        std::set<std::string> relinked, removed;
+        for (const PendingRow& row : rows) {
+            replay(row, done);
+            (row.action == PendingAction::Remove ? removed : relinked).insert(row.guid);
+        }
+        if (everyLink)
+            for (const auto& entry : records->currentFolders()) relinked.insert(entry.first);
+        for (const std::string& guid : removed) relinked.erase(guid);
+        repointLinks(relinked, done);
+        forget(rows);
+        return done;
+    }
+
+    void replay(const PendingRow& row, std::vector<std::string>& done) {
+        switch (row.action) {
+            case PendingAction::Install:
                 discardFolder(row.folder);
                 done.push_back("removed the unfinished install " + shown("apps/" + row.folder));
-            } else if (row.action == "purge") {
+                return;
+            case PendingAction::Purge:
                 discardFolder(row.folder);
                 done.push_back("removed the old version " + shown("apps/" + row.folder));
-            } else if (row.action == "remove") {
-                finishRemove(row);
+                return;
+            case PendingAction::Remove:
+                removeAppFiles(row);
                 done.push_back("finished removing " + row.guid);
-                continue;
-            }
+                return;
+            case PendingAction::Rollback:
+                return;  // its link is pointed back with the others
+        }
+    }
+
+    // Each app's stray links dropped and its `current` pointed at the
+    // version on record.
+    void repointLinks(const std::set<std::string>& guids, std::vector<std::string>& done) {
+        for (const std::string& guid : guids) dropStrayLinks(guid, done);
+        const OpsFd apps = appsFolder();
+        for (const auto& [guid, folder] : records->currentFolders()) {
+            if (!guids.count(guid)) continue;
+            const OpsFd app = makeFolder(ops, apps.get(), guid, shown("apps/" + guid));
+            const std::string link = shown("apps/" + guid + "/current");
+            const std::string leaf = leafOf(folder);
+            if (linkTarget(ops, app.get(), "current", link) == leaf) continue;
+            switchLink(ops, app.get(), "current", leaf, link);
+            done.push_back("pointed " + link + " at " + leaf);
+        }
+    }
+
+    // The replayed rows, and the records of the apps they removed.
+    void forget(const std::vector<PendingRow>& rows) {
+        if (rows.empty()) return;
+        Transaction transaction(*db);
+        for (const PendingRow& row : rows) {
+            if (row.action == PendingAction::Remove) dropAppRecords(row.guid);
             records->dropPending(row.id);
         }
-        // A rollback leaves no pending record: recover() looks at every app.
-        const auto current = records->currentFolders();
-        if (everyLink)
-            for (const auto& entry : current) touched.insert(entry.first);
-        for (const std::string& guid : touched) dropStrayLinks(guid, done);
-        const OpsFd apps = appsFolder();
-        for (const auto& [guid, folder] : current) {
-            if (!touched.count(guid)) continue;
-            const OpsFd app = makeFolder(ops, apps.get(), guid, shown("apps/" + guid));
-            const std::string leaf = leafOf(folder);
-            if (linkTarget(app.get(), "current") == leaf) continue;
-            switchLink(ops, app.get(), "current", leaf, shown("apps/" + guid + "/current"));
-            done.push_back("pointed " + shown("apps/" + guid + "/current") + " at " + leaf);
-        }
-        return done;
+        transaction.commit();
     }
 
     // The app's folder, never through a link; none when it is not there.
@@ -253,6 +284,17 @@ struct AppStore::Impl {
         try {
             settle();
         } catch (...) {
+        }
+    }
+
+    // Settles what a finished operation left (the folders of versions no
+    // longer recorded); what cannot go now stays marked, goes with the
+    // next writer, and is told in `leftOver`.
+    void settleAfterSuccess(std::vector<std::string>& leftOver) {
+        try {
+            settle();
+        } catch (const std::exception& e) {
+            leftOver.push_back(e.what());
         }
     }
 
@@ -313,7 +355,7 @@ struct AppStore::Impl {
 
         const std::string relative = version.guid + "/" + folderNameFor(version.version);
         const std::int64_t pendingId =
-            records->addPending("install", version.guid, relative, false);
+            records->addPending(PendingAction::Install, version.guid, relative, false);
         Unpacked unpacked;
         try {
             makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
@@ -334,7 +376,7 @@ struct AppStore::Impl {
         }
         result.installed = publicVersion({0, version, relative});
         result.leftOver = std::move(unpacked.leftAside);
-        purgeOld(result.leftOver);
+        settleAfterSuccess(result.leftOver);
         return result;
     }
 
@@ -382,27 +424,13 @@ struct AppStore::Impl {
         for (const VersionRow& row : records->versionsOf(version.guid)) {  // newest first
             if (row.id == id || kept++ < options.keepPrevious) continue;
             records->dropVersion(row.id);
-            records->addPending("purge", version.guid, row.folder, false);
+            records->addPending(PendingAction::Purge, version.guid, row.folder, false);
         }
         const OpsFd apps = appsFolder();
         const OpsFd app = openFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
         switchLink(ops, app.get(), "current", leafOf(relative),
                    shown("apps/" + version.guid + "/current"));
         transaction.commit();
-    }
-
-    // Folders of versions no longer recorded; what cannot go now stays
-    // marked and goes with the next writer.
-    void purgeOld(std::vector<std::string>& leftOver) {
-        for (const PendingRow& row : records->pending()) {
-            if (row.action != "purge") continue;
-            try {
-                discardFolder(row.folder);
-                records->dropPending(row.id);
-            } catch (const std::exception& e) {
-                leftOver.push_back(e.what());
-            }
-        }
     }
 
     // --- remove -------------------------------------------------------------
@@ -412,18 +440,21 @@ struct AppStore::Impl {
         settle();
         const std::string guid = resolve(app);
         const VersionRow current = *records->version(*records->currentId(guid));
-        const std::int64_t pendingId = records->addPending("remove", guid, current.folder, purge);
+        const PendingRow row{
+            records->addPending(PendingAction::Remove, guid, current.folder, purge),
+            PendingAction::Remove, guid, current.folder, purge};
         RemoveResult result;
         result.removed = publicVersion(current);
-        result.kept = finishRemove({pendingId, "remove", guid, current.folder, purge});
+        result.kept = removeAppFiles(row);
+        forget({row});
         return result;
     }
 
     // Deletes what the records say is the app's, keeping (unless purging)
-    // what changed or was added, then the records. Run again from the top
-    // after a crash, it does the same: what is gone stays gone and what
-    // changed is kept.
-    std::vector<std::string> finishRemove(const PendingRow& row) {
+    // what changed or was added; the records stay, for forget() to drop.
+    // Run again from the top after a crash, it does the same: what is gone
+    // stays gone and what changed is kept.
+    std::vector<std::string> removeAppFiles(const PendingRow& row) {
         std::vector<std::string> kept;
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, row.guid);
@@ -439,13 +470,13 @@ struct AppStore::Impl {
             app.reset();
             removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));  // when nothing is kept
         }
-        Transaction transaction(*db);
-        for (const VersionRow& version : records->versionsOf(row.guid))
-            records->dropVersion(version.id);
-        records->dropApp(row.guid);
-        records->dropPending(row.id);
-        transaction.commit();
         return kept;
+    }
+
+    void dropAppRecords(const std::string& guid) {
+        for (const VersionRow& version : records->versionsOf(guid))
+            records->dropVersion(version.id);
+        records->dropApp(guid);
     }
 
     std::vector<std::string> removeRecordedFiles(int app, const std::string& relative) {
@@ -508,13 +539,13 @@ struct AppStore::Impl {
         // Marks the app for settling should the link switch but the
         // records not commit.
         const std::int64_t pendingId =
-            records->addPending("rollback", guid, current->folder, false);
+            records->addPending(PendingAction::Rollback, guid, current->folder, false);
         try {
             Transaction transaction(*db);
             records->dropPending(pendingId);
             records->setCurrent(guid, previous->id);
             records->dropVersion(current->id);
-            records->addPending("purge", guid, current->folder, false);
+            records->addPending(PendingAction::Purge, guid, current->folder, false);
             const OpsFd apps = appsFolder();
             const OpsFd appFolder = openFolder(ops, apps.get(), guid, shown("apps/" + guid));
             switchLink(ops, appFolder.get(), "current", leafOf(previous->folder),
@@ -525,7 +556,7 @@ struct AppStore::Impl {
             throw;
         }
         std::vector<std::string> ignored;
-        purgeOld(ignored);
+        settleAfterSuccess(ignored);
         return publicVersion(*previous);
     }
 

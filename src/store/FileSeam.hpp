@@ -1,8 +1,8 @@
 #pragma once
 
 // The file operations a store runs on, for the library's fault-injection
-// tests: every call of an install, upgrade or remove, the extraction's
-// included, goes through them.
+// tests: every call of an install, upgrade, rollback, remove or recovery,
+// the extraction's and the links' included, goes through them.
 
 #include "tsappinstall/platform/opc/FileSystemManager.hpp"
 

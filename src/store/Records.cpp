@@ -35,6 +35,29 @@ VersionRow versionRow(const Statement& s) {
 
 }  // namespace
 
+const char* token(PendingAction action) {
+    switch (action) {
+        case PendingAction::Install:
+            return "install";
+        case PendingAction::Purge:
+            return "purge";
+        case PendingAction::Remove:
+            return "remove";
+        case PendingAction::Rollback:
+            return "rollback";
+    }
+    return "install";
+}
+
+PendingAction pendingAction(const std::string& name, const std::string& database) {
+    for (const PendingAction action : {PendingAction::Install, PendingAction::Purge,
+                                       PendingAction::Remove, PendingAction::Rollback})
+        if (name == token(action)) return action;
+    throw StoreError(FaultKind::BadDatabase,
+                     {"the database " + database + " holds an unfinished operation \"" + name +
+                      "\" that this program does not know; it was left as it is"});
+}
+
 std::optional<std::int64_t> Records::currentId(const std::string& guid) const {
     Statement s(db_, "SELECT current FROM apps WHERE guid = ?");
     s.bind(1, guid);
@@ -104,8 +127,10 @@ std::vector<InstalledFile> Records::files(std::int64_t version) const {
 std::vector<PendingRow> Records::pending() const {
     Statement s(db_, "SELECT id, action, guid, folder, purge FROM pending ORDER BY id");
     std::vector<PendingRow> rows;
+    const std::string database = sqlite3_db_filename(db_.get(), "main");
     while (s.step())
-        rows.push_back({s.integer(0), s.text(1), s.text(2), s.text(3), s.integer(4) != 0});
+        rows.push_back({s.integer(0), pendingAction(s.text(1), database), s.text(2), s.text(3),
+                        s.integer(4) != 0});
     return rows;
 }
 
@@ -148,10 +173,14 @@ void Records::dropApp(const std::string& guid) {
     Statement(db_, "DELETE FROM apps WHERE guid = ?").bind(1, guid).run();
 }
 
-std::int64_t Records::addPending(const std::string& action, const std::string& guid,
+std::int64_t Records::addPending(PendingAction action, const std::string& guid,
                                  const std::string& folder, bool purge) {
     Statement s(db_, "INSERT INTO pending(action, guid, folder, purge) VALUES(?, ?, ?, ?)");
-    s.bind(1, action).bind(2, guid).bind(3, folder).bind(4, std::int64_t{purge}).run();
+    s.bind(1, std::string(token(action)))
+        .bind(2, guid)
+        .bind(3, folder)
+        .bind(4, std::int64_t{purge})
+        .run();
     return sqlite3_last_insert_rowid(db_.get());
 }
 

@@ -20,15 +20,21 @@ struct VersionRow {
     std::string folder;        // relative to ROOT/apps: "GUID/vVERSION-TOKEN"
 };
 
-// An operation that began and is not finished: "install" (its folder goes
-// if the records never took it), "purge" (an old version's folder to
-// remove), "remove" (an app to remove, to be finished; `purge` says whether
-// changed and added files go too), "rollback" (an app whose link may have
-// been switched before its records committed: settling points the link
-// back at the version the records name).
+// An operation that began and is not finished, as settling replays it.
+enum class PendingAction {
+    Install,   // its folder goes: the records never took it
+    Purge,     // an old version's folder, no longer recorded, to remove
+    Remove,    // an app to remove, to be finished (`purge`: changed and added files too)
+    Rollback,  // an app whose link may have been switched before its records committed
+};
+// The action's name in the database, and back: a name this program does
+// not know throws StoreError (BadDatabase) naming `database`.
+const char* token(PendingAction action);
+PendingAction pendingAction(const std::string& token, const std::string& database);
+
 struct PendingRow {
     std::int64_t id = 0;
-    std::string action;
+    PendingAction action = PendingAction::Install;
     std::string guid;
     std::string folder;
     bool purge = false;
@@ -60,7 +66,7 @@ class Records {
     void setCurrent(const std::string& guid, std::int64_t version);
     void dropVersion(std::int64_t id);
     void dropApp(const std::string& guid);
-    std::int64_t addPending(const std::string& action, const std::string& guid,
+    std::int64_t addPending(PendingAction action, const std::string& guid,
                             const std::string& folder, bool purge);
     void dropPending(std::int64_t id);
 

@@ -72,8 +72,7 @@ void switchLink(const FileOps& ops, int dir, const std::string& name, const std:
     const std::string fresh = name + ".new";
     if (ops.unlinkat(dir, fresh.c_str(), 0) != 0 && errno != ENOENT)
         failed(shown + ".new cannot be removed", errno);
-    // FileOps has no symlinkat; the rename that publishes the link is its.
-    if (::symlinkat(target.c_str(), dir, fresh.c_str()) != 0)
+    if (ops.symlinkat(target.c_str(), dir, fresh.c_str()) != 0)
         failed(shown + ".new cannot be made", errno);
     if (ops.renameat(dir, fresh.c_str(), dir, name.c_str()) != 0) {
         const int error = errno;
@@ -94,9 +93,11 @@ bool removeLink(const FileOps& ops, int dir, const std::string& name, const std:
     return true;
 }
 
-std::string linkTarget(int dir, const std::string& name) {
+std::string linkTarget(const FileOps& ops, int dir, const std::string& name,
+                       const std::string& shown) {
     char buffer[512];
-    const auto n = ::readlinkat(dir, name.c_str(), buffer, sizeof buffer);
+    const long n = ops.readlinkat(dir, name.c_str(), buffer, sizeof buffer);
+    if (n < 0 && errno != ENOENT && errno != EINVAL) failed(shown + " cannot be read", errno);
     return n > 0 && static_cast<std::size_t>(n) < sizeof buffer
                ? std::string(buffer, static_cast<std::size_t>(n))
                : std::string();

@@ -49,8 +49,10 @@ void removeTree(const FileOps& ops, int dir, const std::string& name, const std:
 // The link `name` in `dir` made to point at `target`, in one rename.
 void switchLink(const FileOps& ops, int dir, const std::string& name, const std::string& target,
                 const std::string& shown);
-// Where the link `name` in `dir` points; empty when it is not a link.
-std::string linkTarget(int dir, const std::string& name);
+// Where the link `name` in `dir` points; empty when it is not a link (or
+// points further than a version's folder name reaches).
+std::string linkTarget(const FileOps& ops, int dir, const std::string& name,
+                       const std::string& shown);
 
 // A recorded file as found below a version's folder.
 struct FoundFile {

@@ -263,4 +263,21 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     EXPECT_EQ(read_file(dir.file("root/store.db")), std::string(8192, 'x'));
 }
 
+// An unfinished operation a newer program recorded is not skipped, as if
+// there were nothing to settle: the root is refused until that program
+// settles it.
+TEST_F(Store, RefusesAnUnfinishedOperationItDoesNotKnow) {
+    { AppStore(root()).install(v("1.2.0"), fittingHost()); }
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(dir.file("root/store.db").c_str(), &db), SQLITE_OK);
+    const std::string row = std::string("INSERT INTO pending(action, guid, folder, purge) ") +
+                            "VALUES('relocate', '" + kGuid + "', '', 0)";
+    ASSERT_EQ(sqlite3_exec(db, row.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    EXPECT_EQ(refusal([&] { AppStore apps(root()); }),
+              "the database " + dir.file("root/store.db") +
+                  " holds an unfinished operation \"relocate\" that this program does not "
+                  "know; it was left as it is\n");
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
-// Install, upgrade and remove under every failing file-system call (each
-// call of each family, once and from there on) and under kill -9: once
+// Install, upgrade, rollback, remove and recovery under every failing
+// file-system call (each call of each family, once and from there on) and
+// under kill -9, the recovery that follows a crash killed in turn too: once
 // the root is opened again it holds the old state or the new one, files
 // and records agree and every app audits clean.
 
@@ -7,8 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <functional>
+#include <optional>
+#include <set>
 
 #include "platform/extract/FileOps.hpp"
 #include "store/FileSeam.hpp"
@@ -35,17 +40,67 @@ struct FailingOps : opc::detail::FileOps {
     mutable long calls = 0;
 };
 
-// Dies as a crash would (SIGKILL) just before the n-th call of one family.
+// Dies as a crash would (SIGKILL) just before the n-th call of one family
+// (of any, without one), or just after it.
 struct DyingOps : opc::detail::FileOps {
-    DyingOps(FileCall f, long at) : family(f), n(at) {}
+    enum When { Before, After };
+    DyingOps(std::optional<FileCall> f, long at, When w = Before) : family(f), n(at), when(w) {}
     int fault(FileCall call) const override {
-        if (call == family && ++calls == n) ::raise(SIGKILL);
+        if ((!family || call == *family) && ++calls == n && when == Before) ::raise(SIGKILL);
         return 0;
     }
-    FileCall family;
+    void returned(FileCall call) const override {
+        if ((!family || call == *family) && calls == n && when == After) ::raise(SIGKILL);
+    }
+    std::optional<FileCall> family;
     long n;
+    When when;
     mutable long calls = 0;
 };
+
+// Dies just after the rename that publishes a new `current` link, before
+// the records that name its version commit (a step that makes no call).
+struct DiesAfterLinkSwitch : opc::detail::FileOps {
+    int fault(FileCall call) const override {
+        linked = linked || call == FileCall::Symlink;
+        return 0;
+    }
+    void returned(FileCall call) const override {
+        if (linked && call == FileCall::Rename) ::raise(SIGKILL);
+    }
+    mutable bool linked = false;
+};
+
+// Counts the calls of each family, failing none.
+struct CountingOps : opc::detail::FileOps {
+    int fault(FileCall call) const override {
+        ++counts[static_cast<std::size_t>(call)];
+        return 0;
+    }
+    mutable std::array<long, opc::detail::kFileCallFamilies> counts{};
+};
+
+// Runs `step` in a process of its own, as a crash may end it; true when
+// it was killed.
+template <class Step>
+bool killedWhile(Step step) {
+    const pid_t child = ::fork();
+    if (child < 0) ADD_FAILURE() << "fork: " << std::strerror(errno);
+    if (child == 0) {
+        try {
+            step();
+        } catch (...) {
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFSIGNALED(status);
+}
+
+detail::FileSeam seam(const opc::detail::FileOps& ops) {
+    return {opc::FileSystemOpsSelector(&ops)};
+}
 
 struct Operation {
     const char* name;
@@ -67,6 +122,13 @@ class StoreFaults : public ::testing::Test {
         two.install(package("1.2.0"), fittingHost());
         two.install(package("1.3.0"), fittingHost());
         fs::create_directories(templates().file("empty"));
+        fs::copy(templates().file("one"), templates().file("crashed"),
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        killedWhile([] {
+            DiesAfterLinkSwitch ops;
+            AppStore(templates().file("crashed"), {1}, seam(ops))
+                .install(package("1.3.0"), fittingHost());
+        });
     }
     static void TearDownTestSuite() { templatesDir.reset(); }
     static const TempDir& templates() { return *templatesDir; }
@@ -80,6 +142,26 @@ class StoreFaults : public ::testing::Test {
     }
     std::string work() const { return dir.file("root"); }
 
+    // Of the calls `run` makes on the work root (left as it leaves it)
+    // in the families that change what is on disk, each family's first
+    // two, middle and last two.
+    std::vector<std::pair<FileCall, long>> changingCalls(
+        const std::function<void(AppStore&)>& run) {
+        CountingOps ops;
+        {
+            AppStore apps(work(), {1}, seam(ops));
+            run(apps);
+        }
+        std::vector<std::pair<FileCall, long>> calls;
+        for (const FileCall family : {FileCall::Mkdir, FileCall::Rename, FileCall::Unlink,
+                                      FileCall::Write, FileCall::Symlink}) {
+            const long count = ops.counts[static_cast<std::size_t>(family)];
+            for (const long n : std::set<long>{1, 2, count / 2, count - 1, count})
+                if (n >= 1 && n <= count) calls.emplace_back(family, n);
+        }
+        return calls;
+    }
+
     const std::string one = std::string(kGuid) + "=1.2.0", two = std::string(kGuid) + "=1.3.0";
     const std::vector<Operation> operations = {
         {"install", "empty",
@@ -87,6 +169,9 @@ class StoreFaults : public ::testing::Test {
         {"upgrade", "one",
          [](AppStore& s, const TempDir&) { s.install(package("1.3.0"), fittingHost()); }, one, two},
         {"remove", "two", [](AppStore& s, const TempDir&) { s.remove(kGuid); }, two, ""},
+        {"rollback", "two", [](AppStore& s, const TempDir&) { s.rollback(kGuid); }, two, one},
+        // An upgrade killed between its link's switch and its records' commit.
+        {"recover", "crashed", [](AppStore& s, const TempDir&) { s.recover(); }, one, one},
     };
     static std::unique_ptr<TempDir> templatesDir;
     TempDir dir;
@@ -103,8 +188,7 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                     reset(op.start);
                     FailingOps ops(static_cast<FileCall>(family), n, persistent);
                     try {
-                        AppStore apps(work(), {1},
-                                      detail::FileSeam{opc::FileSystemOpsSelector(&ops)});
+                        AppStore apps(work(), {1}, seam(ops));
                         op.run(apps, dir);
                     } catch (const std::exception&) {
                     }
@@ -128,24 +212,59 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
         for (int family = 0; family < opc::detail::kFileCallFamilies; ++family) {
             for (long n = 1; n < 400; ++n) {
                 reset(op.start);
-                const pid_t child = ::fork();
-                ASSERT_GE(child, 0);
-                if (child == 0) {
+                const bool killed = killedWhile([&] {
                     DyingOps ops(static_cast<FileCall>(family), n);
-                    try {
-                        AppStore apps(work(), {1},
-                                      detail::FileSeam{opc::FileSystemOpsSelector(&ops)});
-                        op.run(apps, dir);
-                    } catch (...) {
-                    }
-                    ::_exit(0);
-                }
-                int status = 0;
-                ::waitpid(child, &status, 0);
+                    AppStore apps(work(), {1}, seam(ops));
+                    op.run(apps, dir);
+                });
                 const std::string state = settledState(work());
                 EXPECT_TRUE(state == op.before || state == op.after)
                     << op.name << " family " << family << " call " << n << ": " << state;
-                if (!WIFSIGNALED(status)) break;  // the family has no n-th call
+                if (!killed) break;  // the family has no n-th call
+            }
+        }
+    }
+}
+
+// Killed just after a call that changes what is on disk (where the next
+// step may be a commit, which makes no call), then killed again just after
+// such a call of the recovery that follows: the next recovery still
+// converges on the old state or the new. Each family's first two, middle
+// and last two calls are taken, where an operation's steps begin and end:
+// every pair of moments would take minutes.
+TEST_F(StoreFaults, KilledAgainWhileRecoveringStillConverges) {
+    const auto recover = [&](AppStore& apps) { apps.recover(); };
+    for (const Operation& op : operations) {
+        const auto run = [&](AppStore& apps) { op.run(apps, dir); };
+        reset(op.start);
+        for (const auto& [family, n] : changingCalls(run)) {
+            SCOPED_TRACE(std::string(op.name) + " family " +
+                         std::to_string(static_cast<int>(family)) + " call " + std::to_string(n));
+            // Made again for each run, not copied: a copy's staging
+            // folders no longer prove themselves the extractor's.
+            const auto crash = [&, f = family, at = n] {
+                reset(op.start);
+                killedWhile([&] {
+                    DyingOps ops(f, at, DyingOps::After);
+                    AppStore apps(work(), {1}, seam(ops));
+                    run(apps);
+                });
+            };
+            crash();
+            const auto recoveryCalls = changingCalls(recover);  // not killed, this once
+            std::string state = settledState(work());
+            EXPECT_TRUE(state == op.before || state == op.after) << state;
+            for (const auto& [again, m] : recoveryCalls) {
+                SCOPED_TRACE("then recovery family " + std::to_string(static_cast<int>(again)) +
+                             " call " + std::to_string(m));
+                crash();
+                killedWhile([&, f = again, at = m] {
+                    DyingOps ops(f, at, DyingOps::After);
+                    AppStore apps(work(), {1}, seam(ops));
+                    recover(apps);
+                });
+                state = settledState(work());
+                EXPECT_TRUE(state == op.before || state == op.after) << state;
             }
         }
     }
