@@ -33,8 +33,9 @@ int sh(const std::string& command) {
     return std::system(("(" + command + ") >/dev/null 2>&1").c_str());
 }
 
-// A CA with an RSA, a P-256 and an Ed25519 signer below it, a signer
-// below the P-256 one (which is a CA too), and a rogue.
+// A CA with an RSA (limited to code signing, as commercial certificates
+// are), a P-256 and an Ed25519 signer below it, a signer below the P-256
+// one (which is a CA too), and a rogue.
 struct Keys {
     Keys() {
         std::string script = "cd " + dir.path() +
@@ -46,7 +47,7 @@ struct Keys {
             script += " && openssl genpkey -algorithm " + std::string(type) + " -out " + t +
                       ".key && openssl req -x509 -key " + t +
                       ".key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=" + t + " -out " + t +
-                      ".pem";
+                      ".pem" + (t == "RSA" ? " -addext extendedKeyUsage=codeSigning" : "");
         }
         script +=
             " && openssl genpkey -algorithm ED25519 -out leaf.key && openssl req -x509 -key "
@@ -716,7 +717,7 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
             check +=
                 " && openssl cms -verify -binary -inform DER -in _digests/sha256sums.p7s -content "
                 "_digests/sha256sums -CAfile " +
-                ca + " -out /dev/null";
+                ca + " -purpose any -out /dev/null";
         EXPECT_EQ(sh(check), 0) << t;
     }
     edit(pkg, "files/main.js", "tampered");

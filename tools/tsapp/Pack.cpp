@@ -121,9 +121,13 @@ std::string readRotationProofs(const std::vector<std::string>& files) {
         } catch (const std::exception& e) {
             throw Failure(file, causeOf(e));
         }
-        proofs += text;
+        proofs += text.back() == '\n' ? text : text + '\n';
     }
-    if (!proofs.empty()) tsappinstall::integrity::readKeyRotations(proofs);  // the count, the size
+    try {
+        if (!proofs.empty()) tsappinstall::integrity::readKeyRotations(proofs);  // count, size
+    } catch (const std::exception& e) {
+        throw Failure("--rotation-proof", causeOf(e));
+    }
     return proofs;
 }
 
@@ -245,19 +249,23 @@ int runRotate(const RotateOptions& o) {
 }
 
 // A key (`keyName`), its certificate and its passphrase (--pass-file or
-// --pass-env); the key and the certificate need each other. Returns the
-// key's option.
-CLI::Option* addKeyOptions(CLI::App* command, KeyOptions& o, const char* keyName,
-                           const char* keyHelp, const char* certName, const char* certHelp) {
+// --pass-env); the key and the certificate are both required, or else
+// need each other.
+void addKeyOptions(CLI::App* command, KeyOptions& o, bool required, const char* keyName,
+                   const char* keyHelp, const char* certName, const char* certHelp) {
     auto* key = command->add_option(keyName, o.key, keyHelp);
     auto* cert = command->add_option(certName, o.cert, certHelp);
     command->add_option("--pass-file", o.passFile,
                         "Read the key's passphrase from the first line of this file");
     command->add_option("--pass-env", o.passEnv,
                         "Take the key's passphrase from this environment variable");
+    if (required) {
+        key->required();
+        cert->required();
+        return;
+    }
     key->needs(cert);
     cert->needs(key);
-    return key;
 }
 
 // Checked once the command line is parsed rather than with needs() and
@@ -303,7 +311,7 @@ std::vector<Command> addPack(CLI::App& app) {
     pack->add_flag("--strict", o->strict,
                    "Refuse to pack when there is any warning (an expired or unfit certificate, "
                    "an empty folder)");
-    addKeyOptions(pack, o->signing, "--sign", "Sign the digests with this PEM private key",
+    addKeyOptions(pack, o->signing, false, "--sign", "Sign the digests with this PEM private key",
                   "--cert", "The signer's PEM certificate (and chain)");
     pack->add_option("--rotation-proof", o->rotationProofs,
                      "Carry this file's key rotation proofs (tsapp rotate; repeatable, oldest "
@@ -318,11 +326,11 @@ std::vector<Command> addPack(CLI::App& app) {
     auto r = std::make_shared<RotateOptions>();
     CLI::App* rotate = app.add_subcommand(
         "rotate",
-        "Print a proof, signed by the old key, that a new key follows it (PEM, for pack "
+        "Print a proof, signed by an old key, that a new key follows it (for pack "
         "--rotation-proof).");
-    addKeyOptions(rotate, r->old, "--old-key", "The old PEM private key, which signs the proof",
-                  "--old-cert", "The old key's PEM certificate (and chain)")
-        ->required();
+    addKeyOptions(rotate, r->old, true, "--old-key",
+                  "The old PEM private key, which signs the proof", "--old-cert",
+                  "The old key's PEM certificate (and chain)");
     addRequired(rotate, "--new-cert", r->newCert, "A PEM certificate of the new key");
     rotate->parse_complete_callback([r] { checkPassphraseOptions(r->old, "--old-key"); });
     return {{pack, [o] { return runPack(*o); }, [o] { return o->request.source.string(); }},
