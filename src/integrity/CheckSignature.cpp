@@ -67,12 +67,9 @@ int skipIssuersWithoutList(int ok, X509_STORE_CTX* context) {
     if (ok != 0 || X509_STORE_CTX_get_error(context) != X509_V_ERR_UNABLE_TO_GET_CRL) return ok;
     X509* certificate = X509_STORE_CTX_get_current_cert(context);
     if (certificate == nullptr) return ok;
-    STACK_OF(X509_CRL)* lists =
-        X509_STORE_CTX_get1_crls(context, X509_get_issuer_name(certificate));
-    const bool given = sk_X509_CRL_num(lists) > 0;
-    sk_X509_CRL_pop_free(lists, X509_CRL_free);
+    const CrlsPtr lists(X509_STORE_CTX_get1_crls(context, X509_get_issuer_name(certificate)));
     ERR_clear_error();
-    return given ? 0 : 1;
+    return sk_X509_CRL_num(lists.get()) > 0 ? 0 : 1;
 }
 
 // The certificates from the signer's up to a trust anchor, as
