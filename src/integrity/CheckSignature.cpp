@@ -5,18 +5,20 @@
 // signer did not sign or need: no content of its own, no unsigned
 // attributes, no revocation lists, no certificate off the signer's chain.
 
+#include "CheckSignature.hpp"
+
 #include <openssl/asn1.h>
 #include <openssl/err.h>
+#include <openssl/x509_vfy.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 
-#include "OpenSsl.hpp"
+#include "Certificates.hpp"
+#include "PackageIntegrity.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
-#include "tsappinstall/integrity/Signature.hpp"
 
 namespace tsappinstall::integrity {
 
@@ -31,6 +33,7 @@ namespace {
 
 // The system's reason comes first: OpenSSL's own text for a missing file
 // is a chain of library codes rather than "No such file or directory".
+// The file's certificates and revocation lists both go into the store.
 void loadAnchors(X509_STORE* store, const std::string& file) {
     std::error_code error;
     if (std::filesystem::is_directory(file, error)) refuseAnchors(file, std::strerror(EISDIR));
@@ -38,60 +41,7 @@ void loadAnchors(X509_STORE* store, const std::string& file) {
                                                                    &std::fclose);
     if (!readable) refuseAnchors(file, std::strerror(errno));
     if (X509_STORE_load_file(store, file.c_str()) != 1)
-        refuseAnchors(file, opensslError("no PEM certificate in it"));
-}
-
-StorePtr trustStore(const std::vector<std::string>& anchors) {
-    StorePtr store(X509_STORE_new());
-    if (!store) throw IntegrityError(opensslError("out of memory"));
-    for (const std::string& file : anchors) loadAnchors(store.get(), file);
-    return store;
-}
-
-std::string subjectOf(X509* certificate) {
-    const BioPtr out(BIO_new(BIO_s_mem()));
-    if (!out ||
-        X509_NAME_print_ex(out.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0)
-        return {};
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(out.get(), &text);
-    return std::string(text, static_cast<std::size_t>(size));
-}
-
-std::string utcOf(const ASN1_TIME* time) {
-    std::tm parts{};
-    if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) return {};
-    char text[32];
-    return std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0 ? "" : text;
-}
-
-std::string keyFingerprintOf(X509* certificate) {
-    unsigned char* der = nullptr;
-    const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &der);
-    std::string hex;
-    if (size > 0) {
-        Sha256 hash;
-        hash.update(der, static_cast<std::size_t>(size));
-        hex = hash.finishHex();
-    }
-    OPENSSL_free(der);
-    return hex;
-}
-
-SignerCertificate describeCertificate(X509* certificate) {
-    SignerCertificate out;
-    unsigned char* der = nullptr;
-    const int size = i2d_X509(certificate, &der);
-    if (size > 0) {
-        Sha256 hash;
-        hash.update(der, static_cast<std::size_t>(size));
-        out.fingerprint = hash.finishHex();
-    }
-    OPENSSL_free(der);
-    out.keyFingerprint = keyFingerprintOf(certificate);
-    out.notBefore = utcOf(X509_get0_notBefore(certificate));
-    out.notAfter = utcOf(X509_get0_notAfter(certificate));
-    return out;
+        refuseAnchors(file, opensslError("no PEM certificate or revocation list in it"));
 }
 
 // See signEd25519: pure Ed25519 over the content, no signed attributes.
@@ -108,6 +58,20 @@ bool ed25519Matches(CMS_SignerInfo* signer, X509* certificate, const std::string
                             content.size()) == 1;
 }
 
+// Revocation is checked for every certificate on the chain whose issuer
+// has a revocation list in the trust files, and for no other: OpenSSL's
+// CRL_CHECK_ALL alone would refuse every chain with an issuer whose list
+// was never given, and most trust files hold none. A list that is given
+// binds: one that has expired or does not verify refuses the chain.
+int skipIssuersWithoutList(int ok, X509_STORE_CTX* context) {
+    if (ok != 0 || X509_STORE_CTX_get_error(context) != X509_V_ERR_UNABLE_TO_GET_CRL) return ok;
+    X509* certificate = X509_STORE_CTX_get_current_cert(context);
+    if (certificate == nullptr) return ok;
+    const CrlsPtr lists(X509_STORE_CTX_get1_crls(context, X509_get_issuer_name(certificate)));
+    ERR_clear_error();
+    return sk_X509_CRL_num(lists.get()) > 0 ? 0 : 1;
+}
+
 // The certificates from the signer's up to a trust anchor, as
 // X509_verify_cert found them among those the signature carries and the
 // anchors; or, when there is no such chain, why not.
@@ -116,14 +80,33 @@ struct Chain {
     std::string problem;
 };
 
-Chain chainOf(X509_STORE* store, X509* certificate, STACK_OF(X509) * carried) {
+// No purpose is set: OpenSSL's purposes know S/MIME and TLS, not code
+// signing, and "smime_sign" would refuse every certificate limited to code
+// signing, as commercial ones are. The signer's uses are this layer's own
+// rule (Certificates.hpp), checked once the chain is.
+Chain chainOf(X509_STORE* store, X509* certificate, STACK_OF(X509) * carried, ChainTime time) {
     const StoreContextPtr context(X509_STORE_CTX_new());
-    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, carried) != 1 ||
-        X509_STORE_CTX_set_default(context.get(), "smime_sign") != 1)
+    if (!context || X509_STORE_CTX_init(context.get(), store, certificate, carried) != 1)
         return {nullptr, opensslError("cannot check the chain")};
+    unsigned long flags = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
+    if (time == ChainTime::Any) flags |= X509_V_FLAG_NO_CHECK_TIME;
+    X509_STORE_CTX_set_flags(context.get(), flags);
+    X509_STORE_CTX_set_verify_cb(context.get(), skipIssuersWithoutList);
     if (X509_verify_cert(context.get()) != 1)
         return {nullptr, X509_verify_cert_error_string(X509_STORE_CTX_get_error(context.get()))};
     return {CertsPtr(X509_STORE_CTX_get1_chain(context.get())), {}};
+}
+
+// Why the chain may not sign under this layer's rule, or empty: the
+// signer's certificate first, then each above it.
+std::string unfitChain(STACK_OF(X509) * chain) {
+    const std::vector<std::string> own = signerProblems(sk_X509_value(chain, 0));
+    if (!own.empty()) return own.front();
+    for (int i = 1; i < sk_X509_num(chain); ++i) {
+        std::string problem = issuerProblem(sk_X509_value(chain, i));
+        if (!problem.empty()) return problem;
+    }
+    return {};
 }
 
 // A carried certificate the chain does not use, or null.
@@ -211,49 +194,75 @@ Fault fault(FaultKind kind, const std::string& what) {
     return {kind, SIGNATURE_PART_NAME, opensslError(what)};
 }
 
-}  // namespace
+// The one signer of a DER CMS signature, with its certificate; or why
+// there is none.
+struct Parsed {
+    CmsPtr cms;
+    CMS_SignerInfo* signer = nullptr;
+    X509* certificate = nullptr;
+    std::string problem;
+};
 
-void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
-    trustStore(trustAnchors);
-}
-
-SignatureCheck checkSignature(const std::string& signature, const std::string& content,
-                              const std::vector<std::string>& trustAnchors) {
-    const StorePtr store = trustStore(trustAnchors);
-    ERR_clear_error();
-    SignatureCheck check;
+Parsed parseSigned(const std::string& signature) {
+    Parsed parsed;
     const auto* der = reinterpret_cast<const unsigned char*>(signature.data());
-    const CmsPtr cms(d2i_CMS_ContentInfo(nullptr, &der, static_cast<long>(signature.size())));
-    STACK_OF(CMS_SignerInfo)* signers = cms ? CMS_get0_SignerInfos(cms.get()) : nullptr;
+    parsed.cms.reset(d2i_CMS_ContentInfo(nullptr, &der, static_cast<long>(signature.size())));
+    STACK_OF(CMS_SignerInfo)* signers =
+        parsed.cms ? CMS_get0_SignerInfos(parsed.cms.get()) : nullptr;
     if (der != reinterpret_cast<const unsigned char*>(signature.data()) + signature.size() ||
         sk_CMS_SignerInfo_num(signers) != 1) {
-        check.fault = fault(FaultKind::MalformedSignature, "not a DER CMS signature by one signer");
+        parsed.problem = opensslError("not a DER CMS signature by one signer");
+        return parsed;
+    }
+    if (CMS_set1_signers_certs(parsed.cms.get(), nullptr, 0) != 1) {
+        parsed.problem = opensslError("it lacks the signer's certificate");
+        return parsed;
+    }
+    parsed.signer = sk_CMS_SignerInfo_value(signers, 0);
+    CMS_SignerInfo_get0_algs(parsed.signer, nullptr, &parsed.certificate, nullptr, nullptr);
+    return parsed;
+}
+
+}  // namespace
+
+namespace detail {
+
+StorePtr trustStore(const std::vector<std::string>& anchors) {
+    StorePtr store(X509_STORE_new());
+    if (!store) throw IntegrityError(opensslError("out of memory"));
+    for (const std::string& file : anchors) loadAnchors(store.get(), file);
+    return store;
+}
+
+SignatureCheck checkSigned(const std::string& signature, const std::string& content,
+                           X509_STORE* anchors, ChainTime time) {
+    ERR_clear_error();
+    SignatureCheck check;
+    const Parsed parsed = parseSigned(signature);
+    if (!parsed.problem.empty()) {
+        check.fault = {FaultKind::MalformedSignature, SIGNATURE_PART_NAME, parsed.problem};
         return check;
     }
-    if (CMS_set1_signers_certs(cms.get(), nullptr, 0) != 1) {
-        check.fault = fault(FaultKind::MalformedSignature, "it lacks the signer's certificate");
-        return check;
-    }
-    CMS_SignerInfo* signer = sk_CMS_SignerInfo_value(signers, 0);
-    const std::string cargo = unsignedCargo(cms.get(), signer, signature);
+    const std::string cargo = unsignedCargo(parsed.cms.get(), parsed.signer, signature);
     if (!cargo.empty()) {
         check.fault = {FaultKind::MalformedSignature, SIGNATURE_PART_NAME, cargo};
         return check;
     }
-    X509* certificate = nullptr;
-    CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
+    X509* certificate = parsed.certificate;
     check.signer = subjectOf(certificate);
     check.certificate = describeCertificate(certificate);
-    const bool matches = EVP_PKEY_id(X509_get0_pubkey(certificate)) == EVP_PKEY_ED25519
-                             ? ed25519Matches(signer, certificate, content)
-                             : CMS_verify(cms.get(), nullptr, store.get(), memoryBio(content).get(),
-                                          nullptr, CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1;
+    const bool matches =
+        EVP_PKEY_id(X509_get0_pubkey(certificate)) == EVP_PKEY_ED25519
+            ? ed25519Matches(parsed.signer, certificate, content)
+            : CMS_verify(parsed.cms.get(), nullptr, anchors, memoryBio(content).get(), nullptr,
+                         CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1;
     if (!matches) {
         check.fault = fault(FaultKind::SignatureMismatch, "it does not sign this digest list");
         return check;
     }
-    const CertsPtr carried(CMS_get1_certs(cms.get()));
-    const Chain chain = chainOf(store.get(), certificate, carried.get());
+    const CertsPtr carried(CMS_get1_certs(parsed.cms.get()));
+    const Chain chain = chainOf(anchors, certificate, carried.get(), time);
+    std::string unfit;
     if (!chain.problem.empty()) {
         check.fault = {FaultKind::UntrustedSigner, SIGNATURE_PART_NAME,
                        "the signer is not trusted: " + chain.problem};
@@ -261,8 +270,29 @@ SignatureCheck checkSignature(const std::string& signature, const std::string& c
         check.fault = {
             FaultKind::MalformedSignature, SIGNATURE_PART_NAME,
             "it carries a certificate off the signer's chain (" + subjectOf(stranger) + ")"};
+    } else if (!(unfit = unfitChain(chain.certificates.get())).empty()) {
+        check.fault = {FaultKind::UntrustedSigner, SIGNATURE_PART_NAME,
+                       "the signer is not trusted: " + unfit};
     }
     return check;
+}
+
+}  // namespace detail
+
+SignerCertificate signerCertificateOf(const std::string& signature) {
+    ERR_clear_error();
+    const Parsed parsed = parseSigned(signature);
+    ERR_clear_error();
+    return parsed.problem.empty() ? describeCertificate(parsed.certificate) : SignerCertificate{};
+}
+
+void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
+    trustStore(trustAnchors);
+}
+
+SignatureCheck checkSignature(const std::string& signature, const std::string& content,
+                              const std::vector<std::string>& trustAnchors) {
+    return checkSigned(signature, content, trustStore(trustAnchors).get(), ChainTime::Now);
 }
 
 }  // namespace tsappinstall::integrity

@@ -25,10 +25,14 @@ inline void freeBio(BIO* bio) {
 inline void freeCerts(STACK_OF(X509) * certs) {
     sk_X509_pop_free(certs, X509_free);
 }
+inline void freeCrls(STACK_OF(X509_CRL) * crls) {
+    sk_X509_CRL_pop_free(crls, X509_CRL_free);
+}
 
 using BioPtr = Owner<BIO, freeBio>;
 using X509Ptr = Owner<X509, X509_free>;
 using CertsPtr = Owner<STACK_OF(X509), freeCerts>;
+using CrlsPtr = Owner<STACK_OF(X509_CRL), freeCrls>;
 using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;
 using CmsPtr = Owner<CMS_ContentInfo, CMS_ContentInfo_free>;
 using StorePtr = Owner<X509_STORE, X509_STORE_free>;

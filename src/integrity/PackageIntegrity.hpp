@@ -37,6 +37,11 @@ std::optional<DigestListPart> readDigestList(opc::model::Package& package,
 void checkAuthor(opc::model::Package& package, const std::string& list,
                  const VerificationPolicy& policy, VerificationReport& report);
 
+// The certificate that made the CMS signature `signature` (DER), described
+// as it is, not verified: for records that name a signer checked before.
+// Empty strings when the signature or its certificate cannot be read.
+SignerCertificate signerCertificateOf(const std::string& signature);
+
 // The digest and signature parts: never themselves covered.
 std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);
 

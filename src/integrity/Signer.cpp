@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "Certificates.hpp"
 #include "OpenSsl.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 
@@ -111,14 +112,25 @@ std::vector<std::string> Signer::certificateProblems(std::time_t now) const {
                            dayOf(X509_get0_notBefore(certificate)));
     if (X509_cmp_time(X509_get0_notAfter(certificate), &now) < 0)
         problems.push_back("the certificate expired on " + dayOf(X509_get0_notAfter(certificate)));
-    const std::uint32_t flags = X509_get_extension_flags(certificate);
-    if ((flags & EXFLAG_XKUSAGE) != 0 &&
-        (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) == 0)
-        problems.push_back("the certificate's extended key usage does not include code signing");
-    if ((flags & EXFLAG_KUSAGE) != 0 &&
-        (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) == 0)
-        problems.push_back("the certificate's key usage does not include digital signatures");
+    for (std::string& problem : signerProblems(certificate)) problems.push_back(std::move(problem));
+    for (int i = 0; i < sk_X509_num(keys_->chain.get()); ++i) {
+        std::string problem = issuerProblem(sk_X509_value(keys_->chain.get(), i));
+        if (!problem.empty()) problems.push_back(std::move(problem));
+    }
     return problems;
+}
+
+SignerCertificate Signer::certificate() const {
+    return describeCertificate(keys_->certificate.get());
+}
+
+SignerCertificate readCertificate(const std::string& file) {
+    ERR_clear_error();
+    const X509Ptr certificate(PEM_read_bio_X509(openFile(file).get(), nullptr, nullptr, nullptr));
+    if (!certificate)
+        throw IntegrityError(opensslError("no certificate in \"" + file + "\""),
+                             FaultKind::CannotRead);
+    return describeCertificate(certificate.get());
 }
 
 namespace {

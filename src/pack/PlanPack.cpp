@@ -408,8 +408,8 @@ void checkDistinctParts(const PackPlan& plan, Checker& check) {
                                         " would be the same part as the icon " +
                                         plan.icon.filename().string());
     // [Content_Types].xml, the relationships, the manifest, icon and
-    // screenshot, the digest list and its signature.
-    constexpr std::size_t kOwnEntries = 7;
+    // screenshot, the digest list, its signature and key rotation proofs.
+    constexpr std::size_t kOwnEntries = 8;
     const std::size_t most = opc::zippackage::ZipPhysicalPackage::kMaxEntries - kOwnEntries;
     if (plan.files.size() > most)
         check.problem("files", std::to_string(plan.files.size()) +

@@ -60,6 +60,7 @@ WrittenPack writePack(const PackPlan& plan, const std::string& path, const PackW
     writer.addRelationship("manifest", APP_PROPERTIES_RELATIONSHIP_TYPE, manifestPart);
     writer.addRelationship("icon", PRIMARY_ICON_RELATIONSHIP_TYPE, iconPart);
     writer.addRelationship("screenshot", PRIMARY_SCREENSHOT_RELATIONSHIP_TYPE, shotPart);
+    if (!options.keyRotations.empty()) writer.addKeyRotations(options.keyRotations);
     writer.addDigests(options.signer);
     writer.commit();
     return {writer.writtenSize(), writer.writtenSha256()};

@@ -24,6 +24,7 @@
 #include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/KeyRotation.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
@@ -106,7 +107,7 @@ struct AppStore::Impl {
         if (!rootFd) failed(root.string() + " cannot be opened", errno);
         makeFolder(ops, rootFd.get(), "apps", shown("apps"));
         db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
-        migrate(*db);
+        migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
         // In WAL mode a commit is then atomic but flushed only at
         // checkpoints; install --sync flushes each (FULL).
         db->exec("PRAGMA synchronous = NORMAL");
@@ -123,6 +124,25 @@ struct AppStore::Impl {
         return root / "apps" / relative;
     }
     OpsFd appsFolder() const { return openFolder(ops, rootFd.get(), "apps", shown("apps")); }
+
+    // A file of a version's folder as unpacked; none when it is not there.
+    std::optional<std::string> versionFile(const std::string& relative, const char* partName,
+                                           std::uint64_t most) const {
+        const std::string path = relative + partName;  // part names begin with "/"
+        return readSmallFile(ops, appsFolder().get(), path, most, shown("apps/" + path));
+    }
+
+    // The signature a version was verified by, as it was unpacked; empty
+    // when it cannot be read.
+    std::string storedSignature(const std::string& relative) const {
+        try {
+            return versionFile(relative, integrity::SIGNATURE_PART_NAME,
+                               integrity::MAX_SIGNATURE_BYTES)
+                .value_or("");
+        } catch (const StoreError&) {
+            return {};
+        }
+    }
 
     InstalledVersion publicVersion(const VersionRow& row) const {
         InstalledVersion version = row.version;
@@ -367,7 +387,8 @@ struct AppStore::Impl {
                                         : opc::detail::ascii_lower(installOptions.packageSha256);
             version.signerSubject = unpacked.signerSubject;
             version.signerFingerprint = unpacked.signerFingerprint;
-            if (existing) checkSigner(*existing, version, installOptions);
+            version.signerKeyFingerprint = unpacked.signerKeyFingerprint;
+            if (existing) checkSigner(existing->version, version, relative, installOptions);
             version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
             commitInstall(version, relative, unpacked.files, pendingId);
         } catch (...) {
@@ -396,19 +417,50 @@ struct AppStore::Impl {
         return InstallResult::Kind::Downgrade;
     }
 
-    static void checkSigner(const VersionRow& existing, const InstalledVersion& fresh,
-                            const InstallOptions& options) {
-        const auto& was = existing.version;
-        if (was.signerFingerprint.empty() || was.signerFingerprint == fresh.signerFingerprint ||
-            options.allowSignerChange)
+    // A version signed by a verified signer is replaced only by one signed
+    // by the same key, under the same certificate or a renewed one, or by
+    // a key its rotation proofs lead to from that one (recorded in
+    // `fresh`), unless the caller allows any signer.
+    void checkSigner(const InstalledVersion& was, InstalledVersion& fresh,
+                     const std::string& relative, const InstallOptions& installOptions) const {
+        if (was.signerFingerprint.empty() || installOptions.allowSignerChange) return;
+        const bool verified = !fresh.signerFingerprint.empty();
+        if (verified && (fresh.signerFingerprint == was.signerFingerprint ||
+                         (!was.signerKeyFingerprint.empty() &&
+                          fresh.signerKeyFingerprint == was.signerKeyFingerprint)))
             return;
-        const std::string now = fresh.signerFingerprint.empty()
-                                    ? "this package's signer is not verified (see --trust)"
-                                    : "this package is signed by " + fresh.signerSubject +
-                                          " (SHA-256 " + fresh.signerFingerprint + ")";
+        const std::string why = verified ? rotationProblem(was, fresh, relative, installOptions)
+                                         : "this package's signer is not verified (see --trust)";
+        if (why.empty()) return;
+        const std::string key = was.signerKeyFingerprint.empty()
+                                    ? "certificate SHA-256 " + was.signerFingerprint
+                                    : "key SHA-256 " + was.signerKeyFingerprint;
         refuse(FaultKind::Refused, "version " + was.version + " is signed by " + was.signerSubject +
-                                       " (SHA-256 " + was.signerFingerprint + "); " + now +
+                                       " (" + key + "); " + why +
                                        "; --allow-signer-change installs it");
+    }
+
+    // Why the package's key does not follow the installed version's by the
+    // rotation proofs it carries, or empty, the keys that handed over then
+    // recorded in `fresh`.
+    std::string rotationProblem(const InstalledVersion& was, InstalledVersion& fresh,
+                                const std::string& relative,
+                                const InstallOptions& installOptions) const {
+        const std::string now = "this package is signed by " + fresh.signerSubject +
+                                " with another key (SHA-256 " + fresh.signerKeyFingerprint + ")";
+        const std::optional<std::string> proofs = versionFile(
+            relative, integrity::KEY_ROTATIONS_PART_NAME, integrity::MAX_KEY_ROTATIONS_BYTES);
+        if (!proofs) return now + " and carries no key rotation proof";
+        if (was.signerKeyFingerprint.empty())
+            return now +
+                   "; the installed version's key is not on record, so no proof can start "
+                   "from it";
+        const integrity::RotationCheck check =
+            integrity::checkKeyRotation(*proofs, was.signerKeyFingerprint,
+                                        fresh.signerKeyFingerprint, installOptions.trustAnchors);
+        if (!check.ok()) return now + "; " + check.problem;
+        fresh.rotatedFrom = check.handedOver;
+        return {};
     }
 
     // One transaction: the new version's records, the old ones beyond the

@@ -7,8 +7,24 @@ namespace {
 
 const std::string kColumns =
     "SELECT id, guid, name, version, folder, package, package_sha256, signer_subject, "
-    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons, origin";
+    "signer_fingerprint, installed_at, host_profile, forced, forced_reasons, origin, signer_key, "
+    "rotated_from";
 const std::string kVersionColumns = kColumns + " FROM versions ";
+
+// A JSON list of strings as the records keep it; anything else is none.
+std::vector<std::string> textList(const std::string& json) {
+    std::vector<std::string> list;
+    const auto parsed = nlohmann::json::parse(json, nullptr, false);
+    if (parsed.is_array())
+        for (const auto& item : parsed)
+            if (item.is_string()) list.push_back(item.get<std::string>());
+    return list;
+}
+
+std::string jsonOf(const std::vector<std::string>& list) {
+    const nlohmann::json json = list;
+    return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
 
 VersionRow versionRow(const Statement& s) {
     VersionRow row;
@@ -25,11 +41,10 @@ VersionRow versionRow(const Statement& s) {
     v.installedAt = s.integer(9);
     v.hostProfile = s.text(10);
     v.forced = s.integer(11) != 0;
-    const auto reasons = nlohmann::json::parse(s.text(12), nullptr, false);
-    if (reasons.is_array())
-        for (const auto& reason : reasons)
-            if (reason.is_string()) v.forcedReasons.push_back(reason.get<std::string>());
+    v.forcedReasons = textList(s.text(12));
     v.origin = s.text(13);
+    v.signerKeyFingerprint = s.text(14);
+    v.rotatedFrom = textList(s.text(15));
     return row;
 }
 
@@ -85,7 +100,7 @@ std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
                                  "FROM versions ORDER BY guid, id DESC")
                          .c_str());
     std::vector<std::pair<VersionRow, bool>> rows;
-    while (s.step()) rows.emplace_back(versionRow(s), s.integer(14) != 0);
+    while (s.step()) rows.emplace_back(versionRow(s), s.integer(16) != 0);
     return rows;
 }
 
@@ -139,13 +154,13 @@ std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& f
     Statement s(db_,
                 "INSERT INTO versions(guid, name, version, folder, package, package_sha256, "
                 "signer_subject, signer_fingerprint, installed_at, host_profile, forced, "
-                "forced_reasons, origin) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    const nlohmann::json reasons = v.forcedReasons;
+                "forced_reasons, origin, signer_key, rotated_from) "
+                "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     s.bind(1, v.guid).bind(2, v.name).bind(3, v.version).bind(4, folder).bind(5, v.package);
     s.bind(6, v.packageSha256).bind(7, v.signerSubject).bind(8, v.signerFingerprint);
     s.bind(9, v.installedAt).bind(10, v.hostProfile).bind(11, std::int64_t{v.forced});
-    s.bind(12, reasons.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-    s.bind(13, v.origin);
+    s.bind(12, jsonOf(v.forcedReasons)).bind(13, v.origin).bind(14, v.signerKeyFingerprint);
+    s.bind(15, jsonOf(v.rotatedFrom));
     s.run();
     const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
     Statement file(db_,

@@ -1,15 +1,43 @@
 #include "Schema.hpp"
 
 #include <iterator>
+#include <tuple>
+#include <vector>
 
+#include "integrity/PackageIntegrity.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 
 namespace tsappinstall::store::detail {
 namespace {
 
+// The key of each version whose signer was recorded by its certificate
+// alone, from the signature unpacked with it: taken only when that
+// signature's certificate is the one on record, so that a file changed
+// since can make the key unknown (empty), never another one.
+void addSignerKeys(const Database& db, const StoredSignature& storedSignature) {
+    std::vector<std::tuple<std::int64_t, std::string, std::string>> recorded;
+    Statement rows(db,
+                   "SELECT id, folder, signer_fingerprint FROM versions "
+                   "WHERE signer_fingerprint != ''");
+    while (rows.step()) recorded.emplace_back(rows.integer(0), rows.text(1), rows.text(2));
+    Statement update(db, "UPDATE versions SET signer_key = ? WHERE id = ?");
+    for (const auto& [id, folder, fingerprint] : recorded) {
+        const integrity::SignerCertificate found =
+            integrity::signerCertificateOf(storedSignature(folder));
+        if (found.fingerprint != fingerprint) continue;
+        update.bind(1, found.keyFingerprint).bind(2, id).run();
+        update.reset();
+    }
+}
+
+struct Migration {
+    const char* sql;
+    void (*after)(const Database&, const StoredSignature&);
+};
+
 // migrations[i] takes the schema from version i to i + 1. Only ever append.
-const char* const migrations[] = {
-    R"sql(
+const Migration migrations[] = {
+    {R"sql(
 CREATE TABLE apps(
   guid TEXT PRIMARY KEY,
   current INTEGER NOT NULL
@@ -52,14 +80,24 @@ CREATE TABLE state(
   PRIMARY KEY(scope, key)
 ) WITHOUT ROWID;
 )sql",
+     nullptr},
     // Where each version came from, written in its install's transaction.
     // Before, the repository layer kept it apart, by GUID, in the state.
-    R"sql(
+    {R"sql(
 ALTER TABLE versions ADD COLUMN origin TEXT NOT NULL DEFAULT '';
 UPDATE versions SET origin = COALESCE(
   (SELECT value FROM state WHERE scope = 'app-repository' AND key = versions.guid), '');
 DELETE FROM state WHERE scope = 'app-repository';
 )sql",
+     nullptr},
+    // The signer's key beside its certificate, so that a renewed
+    // certificate of the same key is the same signer, and the keys whose
+    // rotation proofs handed over to it (a JSON list).
+    {R"sql(
+ALTER TABLE versions ADD COLUMN signer_key TEXT NOT NULL DEFAULT '';
+ALTER TABLE versions ADD COLUMN rotated_from TEXT NOT NULL DEFAULT '[]';
+)sql",
+     addSignerKeys},
 };
 
 constexpr int kKnown = static_cast<int>(std::size(migrations));
@@ -81,7 +119,7 @@ void refuseNewer(const Database& db, int found) {
 
 }  // namespace
 
-void migrate(const Database& db) {
+void migrate(const Database& db, const StoredSignature& storedSignature) {
     // Reading the version first finds a file that is no database at all
     // before anything is written to it.
     const int found = userVersion(db);
@@ -92,7 +130,10 @@ void migrate(const Database& db) {
     Transaction transaction(db);
     const int now = userVersion(db);  // another process may have migrated meanwhile
     refuseNewer(db, now);
-    for (int at = now; at < kSchemaVersion; ++at) db.exec(migrations[at]);
+    for (int at = now; at < kSchemaVersion; ++at) {
+        db.exec(migrations[at].sql);
+        if (migrations[at].after) migrations[at].after(db, storedSignature);
+    }
     db.exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
     transaction.commit();
 }

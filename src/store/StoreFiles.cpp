@@ -103,6 +103,23 @@ std::string linkTarget(const FileOps& ops, int dir, const std::string& name,
                : std::string();
 }
 
+std::optional<std::string> readSmallFile(const FileOps& ops, int folder, const std::string& path,
+                                         std::uint64_t most, const std::string& shown) {
+    // Non-blocking: a FIFO planted under the name cannot make the open wait.
+    OpsFd fd(ops, ops.openBeneath(folder, path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
+    if (!fd) failed(shown + " cannot be read", errno);
+    struct stat info {};
+    if (ops.fstat(fd.get(), &info) != 0) failed(shown + " cannot be examined", errno);
+    if (!S_ISREG(info.st_mode)) failed(shown + " is not a regular file", EINVAL);
+    if (static_cast<std::uint64_t>(info.st_size) > most) failed(shown, EFBIG);
+    std::string bytes(static_cast<std::size_t>(info.st_size), '\0');
+    const long n = ops.readAt(fd.get(), bytes.data(), bytes.size(), 0);
+    if (n < 0) failed(shown + " cannot be read", errno);
+    bytes.resize(static_cast<std::size_t>(n));
+    return bytes;
+}
+
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
                    const std::string& shown, OpenParent* cached) {
     FoundFile found;

@@ -7,7 +7,9 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/base/Random.hpp"
@@ -69,6 +71,13 @@ struct OpenParent {
 };
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
                    const std::string& shown, OpenParent* cached = nullptr);
+
+// The bytes of the regular file `path` below `folder`, reached without
+// following links; none when it is not there. Throws StoreError (Failed)
+// when it cannot be read, is anything but a regular file, or holds more
+// than `most` bytes.
+std::optional<std::string> readSmallFile(const FileOps& ops, int folder, const std::string& path,
+                                         std::uint64_t most, const std::string& shown);
 
 // Calls `visit` for every entry below `folder` (relative paths, parents
 // first), never descending through a link.

@@ -134,21 +134,6 @@ opc::extraction::Options extractionOptions(const InstallOptions& options, Landed
     return extraction;
 }
 
-std::string readSmallFile(const FileOps& ops, const std::filesystem::path& file) {
-    OpsFd fd(ops, ops.openat(AT_FDCWD, file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) failed(file.string() + " cannot be read", errno);
-    std::string bytes(integrity::MAX_SIGNATURE_BYTES, '\0');
-    const long n = ops.readAt(fd.get(), bytes.data(), bytes.size(), 0);
-    if (n < 0) failed(file.string() + " cannot be read", errno);
-    bytes.resize(static_cast<std::size_t>(n));
-    return bytes;
-}
-
-void addSigner(Unpacked& unpacked, const std::filesystem::path& folder, const FileOps& ops) {
-    const std::string signature = readSmallFile(ops, folder / (integrity::SIGNATURE_PART_NAME + 1));
-    unpacked.signerFingerprint = signerFingerprint(signature);
-}
-
 }  // namespace
 
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
@@ -174,7 +159,8 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     unpacked.leftAside = std::move(result.leftAside);
     if (trusting && result.report.isSigned) {
         unpacked.signerSubject = result.report.signer;
-        addSigner(unpacked, folder, ops);
+        unpacked.signerFingerprint = result.report.certificate.fingerprint;
+        unpacked.signerKeyFingerprint = result.report.certificate.keyFingerprint;
     }
     return unpacked;
 }

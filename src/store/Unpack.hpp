@@ -17,7 +17,8 @@ namespace tsappinstall::store::detail {
 struct Unpacked {
     std::vector<InstalledFile> files;  // by path
     std::string signerSubject;         // when a signature was verified
-    std::string signerFingerprint;
+    std::string signerFingerprint;     // of its certificate
+    std::string signerKeyFingerprint;  // of its key
     std::vector<std::string> leftAside;
 };
 
@@ -26,9 +27,5 @@ struct Unpacked {
 // extraction itself refuses; either way `folder` is not there afterwards.
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
                 const InstallOptions& options, const opc::FileSystemOpsSelector& ops);
-
-// SHA-256 of the certificate that signed the CMS signature in `der`, hex;
-// empty when it names none.
-std::string signerFingerprint(const std::string& der);
 
 }  // namespace tsappinstall::store::detail

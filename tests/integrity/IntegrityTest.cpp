@@ -33,8 +33,9 @@ int sh(const std::string& command) {
     return std::system(("(" + command + ") >/dev/null 2>&1").c_str());
 }
 
-// A CA with an RSA, a P-256 and an Ed25519 signer below it, a signer
-// below the P-256 one (which is a CA too), and a rogue.
+// A CA with an RSA (limited to code signing, as commercial certificates
+// are), a P-256 and an Ed25519 signer below it, a signer below the P-256
+// one (which is a CA too), and a rogue.
 struct Keys {
     Keys() {
         std::string script = "cd " + dir.path() +
@@ -46,7 +47,7 @@ struct Keys {
             script += " && openssl genpkey -algorithm " + std::string(type) + " -out " + t +
                       ".key && openssl req -x509 -key " + t +
                       ".key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=" + t + " -out " + t +
-                      ".pem";
+                      ".pem" + (t == "RSA" ? " -addext extendedKeyUsage=codeSigning" : "");
         }
         script +=
             " && openssl genpkey -algorithm ED25519 -out leaf.key && openssl req -x509 -key "
@@ -244,13 +245,13 @@ std::string changedSignature(const std::string& list,
 }
 
 template <typename T, typename Read>
-T fromPem(const std::string& name, Read read) {
-    const detail::BioPtr bio(BIO_new_file(keys().dir.file(name).c_str(), "r"));
+T fromPem(const std::string& path, Read read) {
+    const detail::BioPtr bio(BIO_new_file(path.c_str(), "r"));
     return T(read(bio.get(), nullptr, nullptr, nullptr));
 }
 
 void addRevocationList(CMS_ContentInfo* cms) {
-    const auto key = fromPem<detail::KeyPtr>("ca.key", PEM_read_bio_PrivateKey);
+    const auto key = fromPem<detail::KeyPtr>(keys().dir.file("ca.key"), PEM_read_bio_PrivateKey);
     const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(), &X509_CRL_free);
     const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> epoch(ASN1_TIME_set(nullptr, 0),
                                                                       &ASN1_TIME_free);
@@ -285,7 +286,9 @@ TEST(Integrity, SignaturesCarryNothingTheirSignerDidNotSign) {
         {"a stranger's certificate",
          [](auto& list) {
              return changedSignature(list, [](CMS_ContentInfo* cms) {
-                 CMS_add1_cert(cms, fromPem<detail::X509Ptr>("rogue.pem", PEM_read_bio_X509).get());
+                 CMS_add1_cert(
+                     cms, fromPem<detail::X509Ptr>(keys().dir.file("rogue.pem"), PEM_read_bio_X509)
+                              .get());
              });
          },
          "it carries a certificate off the signer's chain (CN=rogue)"},
@@ -321,6 +324,140 @@ TEST(Integrity, SignaturesCarryNothingTheirSignerDidNotSign) {
         if (!report.faults.empty()) {
             EXPECT_EQ(report.faults.front().detail, c.fault) << c.name;
         }
+    }
+}
+
+// Signers of every shape a publisher may hold, below a root and its
+// intermediates, each NAME.key and NAME.pem; revocation lists beside them.
+struct Shapes {
+    Shapes() {
+        write_file(dir.file("shapes.cnf"),
+                   "[req]\ndistinguished_name = dn\n[dn]\n"
+                   "[ca]\nbasicConstraints = critical,CA:true\nkeyUsage = keyCertSign, cRLSign\n"
+                   "[ca_email]\nbasicConstraints = critical,CA:true\n"
+                   "extendedKeyUsage = emailProtection\n"
+                   "[plain]\nbasicConstraints = CA:false\n"
+                   "[code]\nkeyUsage = digitalSignature\nextendedKeyUsage = codeSigning\n"
+                   "[any]\nextendedKeyUsage = anyExtendedKeyUsage\n"
+                   "[email]\nextendedKeyUsage = emailProtection\n"
+                   "[nodigsig]\nkeyUsage = nonRepudiation\n");
+        EXPECT_EQ(sh("cd " + dir.path() +
+                     " && openssl req -x509 -config shapes.cnf -extensions ca -newkey ed25519 "
+                     "-nodes -keyout root.key -out root.pem -subj /CN=root -days 2"),
+                  0);
+        const struct {
+            const char *name, *algorithm, *extensions, *issuer;
+        } made[] = {{"inter", "ED25519", "ca", "root"},
+                    {"inter-email", "ED25519", "ca_email", "root"},
+                    {"plain", "ED25519", "plain", "root"},
+                    {"rsa2048", "RSA -pkeyopt rsa_keygen_bits:2048", "code", "root"},
+                    {"rsa1024", "RSA -pkeyopt rsa_keygen_bits:1024", "code", "root"},
+                    {"p256", "EC -pkeyopt ec_paramgen_curve:P-256", "any", "root"},
+                    {"p384", "EC -pkeyopt ec_paramgen_curve:P-384", "code", "root"},
+                    {"p521", "EC -pkeyopt ec_paramgen_curve:P-521", "code", "root"},
+                    {"email", "ED25519", "email", "root"},
+                    {"nodigsig", "ED25519", "nodigsig", "root"},
+                    {"leaf", "ED25519", "code", "inter"},
+                    {"revoked", "ED25519", "code", "inter"},
+                    {"under-email", "ED25519", "code", "inter-email"}};
+        for (const auto& m : made)
+            EXPECT_EQ(
+                sh("cd " + dir.path() + " && openssl genpkey -algorithm " + m.algorithm + " -out " +
+                   m.name + ".key && openssl req -x509 -config shapes.cnf " + "-extensions " +
+                   m.extensions + " -key " + m.name + ".key -CA " + m.issuer + ".pem -CAkey " +
+                   m.issuer + ".key -subj /CN=" + m.name + " -days 2 -out " + m.name + ".pem"),
+                0)
+                << m.name;
+        write_file(dir.file("root+inter.pem"), pem("root") + pem("inter"));
+        write_file(dir.file("root+list.pem"), pem("root") + revocationList("root", {}));
+        write_file(dir.file("root+inter-list.pem"),
+                   pem("root") + revocationList("inter", {"revoked"}));
+        write_file(dir.file("root+root-list.pem"), pem("root") + revocationList("root", {"inter"}));
+    }
+    std::string pem(const std::string& name) const { return read_file(dir.file(name + ".pem")); }
+
+    // PEM: `issuer`'s list revoking the certificates `revoked`.
+    std::string revocationList(const std::string& issuer,
+                               const std::vector<std::string>& revoked) const {
+        const auto key =
+            fromPem<detail::KeyPtr>(dir.file(issuer + ".key"), PEM_read_bio_PrivateKey);
+        const auto by = fromPem<detail::X509Ptr>(dir.file(issuer + ".pem"), PEM_read_bio_X509);
+        const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(),
+                                                                      &X509_CRL_free);
+        const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> since(
+            ASN1_TIME_adj(nullptr, std::time(nullptr), 0, -3600), &ASN1_TIME_free),
+            until(ASN1_TIME_adj(nullptr, std::time(nullptr), 1, 0), &ASN1_TIME_free);
+        EXPECT_EQ(X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(by.get())), 1);
+        EXPECT_EQ(X509_CRL_set1_lastUpdate(crl.get(), since.get()), 1);
+        EXPECT_EQ(X509_CRL_set1_nextUpdate(crl.get(), until.get()), 1);
+        for (const std::string& name : revoked) {
+            const auto gone = fromPem<detail::X509Ptr>(dir.file(name + ".pem"), PEM_read_bio_X509);
+            X509_REVOKED* entry = X509_REVOKED_new();
+            X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(gone.get()));
+            X509_REVOKED_set_revocationDate(entry, since.get());
+            X509_CRL_add0_revoked(crl.get(), entry);
+        }
+        X509_CRL_sort(crl.get());
+        EXPECT_GT(X509_CRL_sign(crl.get(), key.get(), nullptr), 0);
+        const detail::BioPtr out(BIO_new(BIO_s_mem()));
+        PEM_write_bio_X509_CRL(out.get(), crl.get());
+        char* text = nullptr;
+        const long size = BIO_get_mem_data(out.get(), &text);
+        return std::string(text, static_cast<std::size_t>(size));
+    }
+    TempDir dir;
+};
+
+// One rule for every signer's certificate, whichever signature it makes:
+// verification refuses what pack warns of, and nothing else but a chain
+// that does not lead to an anchor, or leads through a revoked certificate.
+TEST(Integrity, SignerCertificatesFollowOneRule) {
+    const Shapes shapes;
+    const std::string untrusted = "the signer is not trusted: ";
+    const struct {
+        std::string signer, carried, trust;  // NAME, a certificate it carries, a trust file
+        std::string problem;                 // empty: it verifies
+        bool packWarns;                      // the problem is the certificate's own
+    } rows[] = {
+        {"plain", "", "root", "", false},  // Ed25519, no extended key usage
+        {"rsa2048", "", "root", "", false},
+        {"p256", "", "root", "", false},  // any extended key usage
+        {"p384", "", "root", "", false},
+        {"leaf", "inter", "root", "", false},
+        {"leaf", "", "root+inter", "", false},
+        {"leaf", "", "root", untrusted + "unable to get local issuer certificate", false},
+        {"email", "", "root",
+         untrusted + "the certificate's extended key usage does not include code signing", true},
+        {"nodigsig", "", "root",
+         untrusted + "the certificate's key usage does not include digital signatures", true},
+        {"rsa1024", "", "root",
+         untrusted + "the certificate's RSA key has 1024 bits; at least 2048 are needed", true},
+        {"p521", "", "root",
+         untrusted + "the certificate's ECDSA key is on the curve secp521r1; P-256 or P-384 are "
+                     "needed",
+         true},
+        {"under-email", "inter-email", "root",
+         untrusted +
+             "the issuing certificate CN=inter-email is restricted to uses other than code signing",
+         true},
+        // A list binds the certificates its issuer issued, and only those.
+        {"leaf", "inter", "root+list", "", false},
+        {"leaf", "inter", "root+inter-list", "", false},
+        {"revoked", "inter", "root+inter-list", untrusted + "certificate revoked", false},
+        {"leaf", "inter", "root+root-list", untrusted + "certificate revoked", false},
+    };
+    for (const auto& row : rows) {
+        const std::string what = row.signer + " carrying " + row.carried + ", " + row.trust;
+        write_file(shapes.dir.file("bundle.pem"),
+                   shapes.pem(row.signer) + (row.carried.empty() ? "" : shapes.pem(row.carried)));
+        const Signer signer(shapes.dir.file(row.signer + ".key"), shapes.dir.file("bundle.pem"));
+        const SignatureCheck check = checkSignature(bytesOf(signer.sign("list")), "list",
+                                                    {shapes.dir.file(row.trust + ".pem")});
+        EXPECT_EQ(check.fault ? check.fault->detail : "", row.problem) << what;
+        const std::vector<std::string> warned =
+            row.packWarns ? std::vector<std::string>{row.problem.substr(untrusted.size())}
+                          : std::vector<std::string>{};
+        EXPECT_EQ(signer.certificateProblems(std::time(nullptr)), warned) << what;
     }
 }
 
@@ -580,7 +717,7 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
             check +=
                 " && openssl cms -verify -binary -inform DER -in _digests/sha256sums.p7s -content "
                 "_digests/sha256sums -CAfile " +
-                ca + " -out /dev/null";
+                ca + " -purpose any -out /dev/null";
         EXPECT_EQ(sh(check), 0) << t;
     }
     edit(pkg, "files/main.js", "tampered");

@@ -8,6 +8,7 @@
 #include <cctype>
 
 #include "store/StoreTestSupport.hpp"
+#include "tsappinstall/integrity/KeyRotation.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
 
 namespace {
@@ -48,15 +49,24 @@ class Store : public ::testing::Test {
     }
     std::string root() const { return dir.file("root"); }
 
-    // A CA and the signers A and B below it.
+    // A CA and the signers A, B and C below it; A2, a renewed certificate
+    // of A's key, and A-2020, one of A's key that expired in 2020.
     static void SetUpTestSuite() {
         std::string script = "cd " + keys.path() + " && openssl req -x509 -newkey ed25519 -nodes " +
                              "-keyout ca.key -out ca.pem -subj /CN=CA -days 2";
-        for (const char* signer : {"A", "B"})
+        for (const char* signer : {"A", "B", "C"})
             script += std::string(" && openssl genpkey -algorithm ED25519 -out ") + signer +
                       ".key && openssl req -x509 -key " + signer +
                       ".key -CA ca.pem -CAkey ca.key " + "-days 2 -subj /CN=" + signer + " -out " +
                       signer + ".pem";
+        script +=
+            " && cp A.key A2.key && openssl req -x509 -key A.key -CA ca.pem -CAkey ca.key -days 3 "
+            "-subj /CN=A -out A2.pem && cp A.key A-2020.key && touch index.txt && echo 01 > serial "
+            "&& printf '[ca]\ndefault_ca = d\n[d]\ndatabase = index.txt\nnew_certs_dir = .\n"
+            "serial = serial\ndefault_md = default\npolicy = p\n[p]\ncommonName = supplied\n' "
+            "> ca.cnf && openssl req -new -key A.key -subj /CN=A -out A.csr && openssl ca -batch "
+            "-config ca.cnf -cert ca.pem -keyfile ca.key -in A.csr -out A-2020.pem -notext "
+            "-startdate 20200101000000Z -enddate 20200102000000Z";
         ASSERT_EQ(std::system(("(" + script + ") >/dev/null 2>&1").c_str()), 0);
     }
     AppRecipe signedBy(const std::string& signer, const std::string& version) {
@@ -64,16 +74,36 @@ class Store : public ::testing::Test {
         recipe.signer = keys.file(signer);
         return recipe;
     }
-    std::string fingerprintOf(const std::string& signer) {
-        const std::string out = dir.file(signer + ".fp");
-        std::system(("openssl x509 -in " + keys.file(signer + ".pem") +
-                     " -noout -fingerprint -sha256 > " + out)
-                        .c_str());
+    // The first 64 hex digits `command` prints about the signer, lower case.
+    std::string hexOf(const std::string& signer, const std::string& command) {
+        const std::string out = dir.file(signer + ".hex");
+        std::system((command + " > " + out).c_str());
         std::string text;
         for (char c : read_file(out).substr(read_file(out).find('=') + 1))
-            if (std::isxdigit(static_cast<unsigned char>(c)))
+            if (std::isxdigit(static_cast<unsigned char>(c)) && text.size() < 64)
                 text += static_cast<char>(std::tolower(c));
         return text;
+    }
+    std::string fingerprintOf(const std::string& signer) {
+        return hexOf(signer, "openssl x509 -in " + keys.file(signer + ".pem") +
+                                 " -noout -fingerprint -sha256");
+    }
+    std::string keyOf(const std::string& signer) {
+        return hexOf(signer, "openssl x509 -in " + keys.file(signer + ".pem") +
+                                 " -pubkey -noout | openssl pkey -pubin -outform DER | "
+                                 "openssl dgst -sha256");
+    }
+    // The proof that `from`'s key hands over to `to`'s.
+    std::string proof(const std::string& from, const std::string& to) {
+        const tsappinstall::integrity::Signer old(keys.file(from + ".key"),
+                                                  keys.file(from + ".pem"));
+        return tsappinstall::integrity::signKeyRotation(old, keyOf(to));
+    }
+    AppRecipe signedWithProofs(const std::string& signer, const std::string& version,
+                               const std::string& proofs) {
+        AppRecipe recipe = signedBy(signer, version);
+        recipe.keyRotations = proofs;
+        return recipe;
     }
 
     static TempDir keys;
@@ -162,10 +192,9 @@ TEST_F(Store, RefusesWithOneLinePerReasonAndChangesNothing) {
          "record (not a ZIP file)\n"},
         {v("1.4.0"), trusting, "unsigned: the package carries no signature\n"},
         {pack(signedBy("B", "1.5.0"), "b-1.5.0"), trusting,
-         "version 1.3.0 is signed by CN=A (SHA-256 " + fingerprintOf("A") +
-             "); this package is "
-             "signed by CN=B (SHA-256 " +
-             fingerprintOf("B") + "); --allow-signer-change installs it\n"},
+         "version 1.3.0 is signed by CN=A (key SHA-256 " + keyOf("A") +
+             "); this package is signed by CN=B with another key (SHA-256 " + keyOf("B") +
+             ") and carries no key rotation proof; --allow-signer-change installs it\n"},
     };
     const Tree before = snapshot_tree(root() + "/apps");
     for (const Case& c : cases) {
@@ -179,6 +208,60 @@ TEST_F(Store, RefusesWithOneLinePerReasonAndChangesNothing) {
     EXPECT_TRUE(apps.show(kGuid).current.forced);
     EXPECT_EQ(apps.show(kGuid).previous.at(0).signerSubject, "CN=A");
     EXPECT_EQ(apps.show(kGuid).current.forcedReasons.size(), 4u);
+}
+
+// The installed version's key is the signer: a renewed certificate of it
+// upgrades as it is, another key only with proofs leading to it from that
+// key, each by the key before, whose certificate may have long expired.
+TEST_F(Store, SignerKeysCarryOverRenewalsAndRotations) {
+    AppStore apps(root());
+    InstallOptions trusting;
+    trusting.trustAnchors = {keys.file("ca.pem")};
+    apps.install(pack(signedBy("A", "1.0"), "a-1.0"), fittingHost(), trusting);
+    EXPECT_EQ(apps.show(kGuid).current.signerKeyFingerprint, keyOf("A"));
+    const auto renewed =
+        apps.install(pack(signedBy("A2", "1.1"), "a2-1.1"), fittingHost(), trusting);
+    EXPECT_EQ(renewed.installed.signerFingerprint, fingerprintOf("A2"));
+    EXPECT_TRUE(renewed.installed.rotatedFrom.empty());
+
+    const std::string was = "version 1.1 is signed by CN=A (key SHA-256 " + keyOf("A") +
+                            "); this package is signed by CN=B with another key (SHA-256 " +
+                            keyOf("B") + ")";
+    const std::string override = "; --allow-signer-change installs it\n";
+    const struct {
+        std::string proofs;
+        std::string problem;
+    } refused[] = {
+        {proof("C", "B"), "; no key rotation proof is signed by the old key " + keyOf("A")},
+        {proof("A", "C"), "; the key rotation proof by the key " + keyOf("A") +
+                              " does not hand over to the key " + keyOf("B")},
+        {"garbage",
+         "; the key rotation proofs cannot be read: no key rotation proof (a PEM "
+         "block of type CMS)"},
+    };
+    int n = 0;
+    for (const auto& r : refused)
+        EXPECT_EQ(refusal([&] {
+                      apps.install(pack(signedWithProofs("B", "1.2", r.proofs),
+                                        "refused-" + std::to_string(++n)),
+                                   fittingHost(), trusting);
+                  }),
+                  was + r.problem + override)
+            << r.problem;
+
+    const auto rotated = apps.install(
+        pack(signedWithProofs("B", "1.2", proof("A-2020", "B")), "b-1.2"), fittingHost(), trusting);
+    EXPECT_EQ(rotated.kind, InstallResult::Kind::Upgrade);
+    EXPECT_EQ(apps.show(kGuid).current.rotatedFrom, std::vector<std::string>{keyOf("A")});
+    EXPECT_EQ(apps.show(kGuid).current.signerKeyFingerprint, keyOf("B"));
+    // A chain carried whole starts at the installed key.
+    apps.install(pack(signedWithProofs("C", "1.3", proof("A", "B") + proof("B", "C")), "c-1.3"),
+                 fittingHost(), trusting);
+    EXPECT_EQ(apps.show(kGuid).current.rotatedFrom, std::vector<std::string>{keyOf("B")});
+    InstallOptions anyone = trusting;
+    anyone.allowSignerChange = true;
+    apps.install(pack(signedBy("A", "1.4"), "a-1.4"), fittingHost(), anyone);
+    EXPECT_EQ(apps.show(kGuid).current.signerKeyFingerprint, keyOf("A"));
 }
 
 TEST_F(Store, VersionsCompareFieldByField) {
@@ -225,20 +308,35 @@ TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     EXPECT_FALSE(fs::exists(fs::symlink_status(folder)));
 }
 
-// A root written before versions recorded their origin: the origin that
-// was kept apart, by GUID, moves onto the versions, and the rest stays.
-TEST_F(Store, CarriesTheOriginKeptApartOntoTheVersions) {
-    { AppStore(root()).install(v("1.2.0"), fittingHost()); }
+// A root written before versions recorded their origin and their signer's
+// key: the origin that was kept apart, by GUID, moves onto the versions, the
+// key comes from the signature each version was unpacked with, when that
+// is still the certificate on record, and the rest stays.
+TEST_F(Store, MigratesOlderRecords) {
+    InstallOptions trusting;
+    trusting.trustAnchors = {keys.file("ca.pem")};
+    {
+        AppStore apps(root());
+        apps.install(pack(signedBy("A", "1.2.0"), "a-1.2.0"), fittingHost(), trusting);
+        apps.install(pack(signedBy("A", "1.3.0"), "a-1.3.0"), fittingHost(), trusting);
+        fs::remove(apps.show(kGuid).previous.at(0).folder / "_digests/sha256sums.p7s");
+    }
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(dir.file("root/store.db").c_str(), &db), SQLITE_OK);
     const std::string older = std::string("ALTER TABLE versions DROP COLUMN origin; ") +
+                              "ALTER TABLE versions DROP COLUMN signer_key; " +
+                              "ALTER TABLE versions DROP COLUMN rotated_from; " +
                               "INSERT INTO state VALUES('app-repository', '" + kGuid +
                               "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
     ASSERT_EQ(sqlite3_exec(db, older.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
     const AppStore apps(root());
-    EXPECT_EQ(apps.show(kGuid).current.origin, "{\"name\":\"main\"}");
-    EXPECT_EQ(apps.show(kGuid).current.version, "1.2.0");
+    const InstalledApp app = apps.show(kGuid);
+    EXPECT_EQ(app.current.origin, "{\"name\":\"main\"}");
+    EXPECT_EQ(app.current.version, "1.3.0");
+    EXPECT_EQ(app.current.signerKeyFingerprint, keyOf("A"));
+    EXPECT_EQ(app.previous.at(0).signerKeyFingerprint, "");
+    EXPECT_EQ(app.previous.at(0).signerFingerprint, fingerprintOf("A"));
 }
 
 TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
@@ -251,7 +349,7 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     EXPECT_EQ(
         refusal([&] { AppStore apps(root()); }),
         "the database " + dir.file("root/store.db") +
-            " has schema version 7, newer than this program knows (2); it was left as it is\n");
+            " has schema version 7, newer than this program knows (3); it was left as it is\n");
     EXPECT_EQ(read_file(dir.file("root/store.db")), newer);
 
     fs::remove(dir.file("root/store.db-wal"));

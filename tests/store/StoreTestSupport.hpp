@@ -26,6 +26,7 @@ struct AppRecipe {
     std::string name = "Hello Tessal";
     nlohmann::json fields = nlohmann::json::object();  // more manifest fields
     std::string signer;                                // "KEYS/NAME" for NAME.key and NAME.pem
+    std::string keyRotations;                          // PEM proofs the package carries
 };
 
 // The package for `recipe`, packed once per name into `dir`.
@@ -41,7 +42,7 @@ inline std::string packApp(const TempDir& dir, const AppRecipe& recipe, const st
     json.update(recipe.fields);
     write_file(src + "/tsapp.json", json.dump());
     write_file(src + "/files/README.txt", "version " + recipe.version + "\n");
-    packFolder(src, out, recipe.guid, recipe.signer);
+    packFolder(src, out, recipe.guid, recipe.signer, recipe.keyRotations);
     return out;
 }
 

@@ -1,7 +1,10 @@
 // The store session of docs/store.md, run as written: every command's
-// output must be what the page shows.
+// output must be what the page shows; a publisher's move to a new key as
+// the tool makes and takes it.
 
 #include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
 
 #include "store/StoreTestSupport.hpp"
 
@@ -98,6 +101,68 @@ TEST(StoreTool, FailuresAndJson) {
     EXPECT_EQ(tsappIn(dir, "installed").out,
               "tsapp: the apps root: the database " + root +
                   "/store.db cannot be used: file is not a database; it was left as it is\n");
+}
+
+// A publisher moves to a new key: rotate makes the proof with the old one,
+// pack carries it, install takes the new key over the recorded one and
+// show tells which key handed over.
+TEST(StoreTool, RotatedKeyUpgradesWithItsProof) {
+    TempDir dir;
+    std::string keys =
+        "openssl req -x509 -newkey ed25519 -nodes -keyout ca.key -out ca.pem "
+        "-subj /CN=CA -days 2";
+    for (const std::string n : {"a", "b"})
+        keys += " && openssl genpkey -algorithm ED25519 -out " + n +
+                ".key && openssl req -x509 -key " + n + ".key -CA ca.pem -CAkey ca.key -days 2 " +
+                "-subj /CN=" + n + " -out " + n + ".pem";
+    ASSERT_EQ(std::system(("cd '" + dir.path() + "' && (" + keys + ") 2>/dev/null").c_str()), 0);
+    for (const std::string version : {"1.2.0", "1.3.0"}) {
+        const std::string src = dir.file(version);
+        std::filesystem::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", src,
+                              std::filesystem::copy_options::recursive);
+        auto fields = nlohmann::json::parse(read_file(src + "/tsapp.json"));
+        fields["version"] = version;
+        write_file(src + "/tsapp.json", fields.dump());
+    }
+    const std::string pack = std::string("pack -q --guid ") + kGuid;
+    const ToolRun rotated =
+        tsappIn(dir, "rotate --old-key a.key --old-cert a.pem --new-cert b.pem");
+    EXPECT_EQ(rotated.status, 0) << rotated.out;
+    EXPECT_EQ(rotated.out.rfind("-----BEGIN CMS-----\n", 0), 0u);
+    write_file(dir.file("ab.pem"), rotated.out);
+    const struct {
+        std::string args;
+        int status;
+        std::string out;  // its start
+    } steps[] = {
+        {"rotate --old-key a.key --old-cert a.pem --new-cert a.pem", 1,
+         "tsapp: a.pem: the new certificate has the old key; a renewed certificate keeps its key "
+         "and needs no proof\n"},
+        {pack + " 1.3.0 --rotation-proof ab.pem -o x.tsappinstall", 2,
+         "tsapp: pack: --rotation-proof: needs --sign"},
+        {pack + " 1.3.0 --sign b.key --cert b.pem --rotation-proof ca.pem -o x.tsappinstall", 1,
+         "tsapp: ca.pem: a PEM block that is not CMS among the proofs\n"},
+        {pack + " 1.2.0 --sign a.key --cert a.pem -o a.tsappinstall", 0, ""},
+        {pack + " 1.3.0 --sign b.key --cert b.pem --rotation-proof ab.pem -o b.tsappinstall", 0,
+         ""},
+        {"install --trust ca.pem --product tessal.core=2026.1 a.tsappinstall", 0, "installed"},
+        {"install --trust ca.pem --product tessal.core=2026.1 b.tsappinstall", 0, "upgraded"},
+    };
+    for (const auto& step : steps) {
+        const ToolRun run = tsappIn(dir, step.args);
+        EXPECT_EQ(run.status, step.status) << step.args << "\n" << run.out;
+        EXPECT_EQ(run.out.substr(0, step.out.size()), step.out) << step.args;
+    }
+    const auto signer =
+        nlohmann::json::parse(tsappIn(dir, "show --json " + std::string(kGuid)).out)["signer"];
+    ASSERT_EQ(signer["rotatedFrom"].size(), 1u);
+    const std::string fromKey = signer["rotatedFrom"][0];
+    const std::string shown = tsappIn(dir, "show " + std::string(kGuid)).out;
+    EXPECT_NE(shown.find("\nsigner key: SHA-256 " + signer["keyFingerprint"].get<std::string>() +
+                         "\nhanded over by key: SHA-256 " + fromKey + "\n"),
+              std::string::npos)
+        << shown;
+    EXPECT_NE(fromKey, signer["keyFingerprint"]);
 }
 
 // A root that holds nothing is read as empty and never made: a mistyped

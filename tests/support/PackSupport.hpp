@@ -29,18 +29,21 @@ inline tsappinstall::pack::PackPlan packPlan(const std::string& source, const st
 }
 
 // Writes the plan's package, signed with SIGNER.key and SIGNER.pem when
-// `signer` is given.
-inline void writePlan(const tsappinstall::pack::PackPlan& plan, const std::string& signer = "") {
+// `signer` is given, carrying the key rotation proofs `keyRotations` (PEM).
+inline void writePlan(const tsappinstall::pack::PackPlan& plan, const std::string& signer = "",
+                      const std::string& keyRotations = "") {
     std::optional<tsappinstall::integrity::Signer> key;
     if (!signer.empty()) key.emplace(signer + ".key", signer + ".pem");
     tsappinstall::pack::PackWriting writing;
     writing.signer = key ? &*key : nullptr;
+    writing.keyRotations = keyRotations;
     tsappinstall::pack::writePack(plan, plan.output, writing);
 }
 
 inline void packFolder(const std::string& source, const std::string& output,
-                       const std::string& guid = "", const std::string& signer = "") {
-    writePlan(packPlan(source, output, guid), signer);
+                       const std::string& guid = "", const std::string& signer = "",
+                       const std::string& keyRotations = "") {
+    writePlan(packPlan(source, output, guid), signer, keyRotations);
 }
 
 }  // namespace tsapp::test

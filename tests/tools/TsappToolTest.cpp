@@ -622,7 +622,8 @@ TEST_F(TsappTool, UsageErrorsExitTwoAndHelpAndVersionZero) {
         {{"verify", "--allow-unsigned", "--trust", "typo.pem", "hello.tsappinstall"},
          "tsapp: typo.pem: cannot load trust anchors: No such file or directory\n"},
         {{"extract", "--trust", "hello.tsappinstall", "hello.tsappinstall", "o"},
-         "tsapp: hello.tsappinstall: cannot load trust anchors: no PEM certificate in it"},
+         "tsapp: hello.tsappinstall: cannot load trust anchors: no PEM certificate or revocation "
+         "list in it"},
         {{"extract", "--no-verify", "--verify", "hello.tsappinstall", "o"},
          "tsapp: --no-verify: cannot be combined with --verify or --trust\n"},
     };

@@ -1,5 +1,6 @@
 // tsapp pack: builds a sealed app package from a source folder, with its
-// content digests and, when asked, the author's signature over them.
+// content digests and, when asked, the author's signature over them and
+// the proofs that the author's key follows an earlier one (tsapp rotate).
 //
 // The folder holds tsapp.json (the manifest fields, see the README), the
 // icon and screenshot it names, and a folder of app files. Everything is
@@ -23,6 +24,7 @@
 #include "Progress.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
+#include "tsappinstall/integrity/KeyRotation.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
@@ -45,9 +47,15 @@ struct TemporaryPackage {
     }
 };
 
+// The signer's key, its certificate and the key's passphrase.
+struct KeyOptions {
+    std::string key, cert, passFile, passEnv;
+};
+
 struct PackOptions {
     PackRequest request;
-    std::string key, cert, passFile, passEnv;
+    KeyOptions signing;
+    std::vector<std::string> rotationProofs;
     unsigned jobs = 0;
     bool strict = false, dryRun = false, quiet = false, json = false;
 };
@@ -55,10 +63,12 @@ struct PackOptions {
 // The package, with a progress line when stderr is a terminal.
 tsappinstall::pack::WrittenPack writePackage(const PackPlan& plan, const std::string& path,
                                              const tsappinstall::integrity::Signer* signer,
+                                             const std::string& keyRotations,
                                              const PackOptions& o) {
     ProgressLine progress;
     tsappinstall::pack::PackWriting writing;
     writing.signer = signer;
+    writing.keyRotations = keyRotations;
     writing.jobs = o.jobs;
     if (!o.quiet && ::isatty(STDERR_FILENO))
         writing.progress = [&](std::uint64_t done, std::uint64_t total) {
@@ -68,7 +78,7 @@ tsappinstall::pack::WrittenPack writePackage(const PackPlan& plan, const std::st
 }
 
 // The key's passphrase from --pass-file (its first line) or --pass-env.
-std::optional<std::string> passphrase(const PackOptions& o) {
+std::optional<std::string> passphrase(const KeyOptions& o) {
     if (!o.passFile.empty()) {
         std::ifstream in(o.passFile, std::ios::binary);
         std::string line;
@@ -86,9 +96,7 @@ std::optional<std::string> passphrase(const PackOptions& o) {
 }
 
 // Read before anything is written: a wrong key stops the tool here.
-void loadSigner(const PackOptions& o, std::optional<tsappinstall::integrity::Signer>& signer,
-                std::vector<std::string>& warnings) {
-    if (o.key.empty()) return;
+void loadSigner(const KeyOptions& o, std::optional<tsappinstall::integrity::Signer>& signer) {
     const std::optional<std::string> secret = passphrase(o);
     try {
         if (secret)
@@ -98,8 +106,29 @@ void loadSigner(const PackOptions& o, std::optional<tsappinstall::integrity::Sig
     } catch (const std::exception& e) {
         throw Failure(o.key, causeOf(e));
     }
-    for (const std::string& problem : signer->certificateProblems(std::time(nullptr)))
-        warnings.push_back(o.cert + ": warning: " + problem);
+}
+
+// The proofs of every file, one after the other as given, each file
+// checked to hold nothing but proofs.
+std::string readRotationProofs(const std::vector<std::string>& files) {
+    std::string proofs;
+    for (const std::string& file : files) {
+        std::ifstream in(file, std::ios::binary);
+        if (!in) throw Failure(file, "cannot be read");
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        try {
+            tsappinstall::integrity::readKeyRotations(text);
+        } catch (const std::exception& e) {
+            throw Failure(file, causeOf(e));
+        }
+        proofs += text.back() == '\n' ? text : text + '\n';
+    }
+    try {
+        if (!proofs.empty()) tsappinstall::integrity::readKeyRotations(proofs);  // count, size
+    } catch (const std::exception& e) {
+        throw Failure("--rotation-proof", causeOf(e));
+    }
+    return proofs;
 }
 
 // --dry-run: what would be packed, with its sizes, and where.
@@ -140,7 +169,12 @@ int runPack(const PackOptions& o) {
     if (!problems.empty()) return kBad;
     std::vector<std::string> warnings = plan.warnings;
     std::optional<tsappinstall::integrity::Signer> signer;
-    loadSigner(o, signer, warnings);
+    if (!o.signing.key.empty()) {
+        loadSigner(o.signing, signer);
+        for (const std::string& problem : signer->certificateProblems(std::time(nullptr)))
+            warnings.push_back(o.signing.cert + ": warning: " + problem);
+    }
+    const std::string keyRotations = readRotationProofs(o.rotationProofs);
     for (const auto& warning : warnings) printError(warning);
     if (o.strict && !warnings.empty()) {
         printError(source + ": refused (--strict): the warnings above");
@@ -163,7 +197,7 @@ int runPack(const PackOptions& o) {
     // From here on a failure is about the package being written.
     tsappinstall::pack::WrittenPack written;
     try {
-        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, o);
+        written = writePackage(plan, temporary.path, signer ? &*signer : nullptr, keyRotations, o);
         // Every part is decoded again and checked against the digest list:
         // that is what catches a fault of the compressor or of the disk.
         AppManifestSerializer serializer;
@@ -176,7 +210,7 @@ int runPack(const PackOptions& o) {
         throw Failure(output, causeOf(e));
     }
     temporary.path.clear();
-    const std::size_t parts = plan.files.size() + (signer ? 6 : 5);
+    const std::size_t parts = plan.files.size() + (signer ? 6 : 5) + (keyRotations.empty() ? 0 : 1);
     if (o.json)
         std::cout << nlohmann::ordered_json{{"package", output},
                                             {"size", written.size},
@@ -190,6 +224,58 @@ int runPack(const PackOptions& o) {
                   << " bytes, GUID " << plan.manifest.GUID << ", SHA-256 " << written.sha256
                   << '\n';
     return kGood;
+}
+
+struct RotateOptions {
+    KeyOptions old;
+    std::string newCert;
+};
+
+int runRotate(const RotateOptions& o) {
+    std::optional<tsappinstall::integrity::Signer> old;
+    loadSigner(o.old, old);
+    std::string newKey;
+    try {
+        newKey = tsappinstall::integrity::readCertificate(o.newCert).keyFingerprint;
+    } catch (const std::exception& e) {
+        throw Failure(o.newCert, causeOf(e));
+    }
+    try {
+        std::cout << tsappinstall::integrity::signKeyRotation(*old, newKey);
+    } catch (const tsappinstall::integrity::IntegrityError& e) {
+        throw Failure(o.newCert, causeOf(e));
+    }
+    return kGood;
+}
+
+// A key (`keyName`), its certificate and its passphrase (--pass-file or
+// --pass-env); the key and the certificate are both required, or else
+// need each other.
+void addKeyOptions(CLI::App* command, KeyOptions& o, bool required, const char* keyName,
+                   const char* keyHelp, const char* certName, const char* certHelp) {
+    auto* key = command->add_option(keyName, o.key, keyHelp);
+    auto* cert = command->add_option(certName, o.cert, certHelp);
+    command->add_option("--pass-file", o.passFile,
+                        "Read the key's passphrase from the first line of this file");
+    command->add_option("--pass-env", o.passEnv,
+                        "Take the key's passphrase from this environment variable");
+    if (required) {
+        key->required();
+        cert->required();
+        return;
+    }
+    key->needs(cert);
+    cert->needs(key);
+}
+
+// Checked once the command line is parsed rather than with needs() and
+// excludes(), whose notes would push the options' help onto a line of its
+// own.
+void checkPassphraseOptions(const KeyOptions& o, const char* keyName) {
+    if (!o.passFile.empty() && !o.passEnv.empty())
+        throw CLI::ValidationError("--pass-file", "cannot be given with --pass-env");
+    if ((!o.passFile.empty() || !o.passEnv.empty()) && o.key.empty())
+        throw CLI::ValidationError("--pass-file/--pass-env", std::string("needs ") + keyName);
 }
 
 }  // namespace
@@ -225,25 +311,30 @@ std::vector<Command> addPack(CLI::App& app) {
     pack->add_flag("--strict", o->strict,
                    "Refuse to pack when there is any warning (an expired or unfit certificate, "
                    "an empty folder)");
-    auto* signKey =
-        pack->add_option("--sign", o->key, "Sign the digests with this PEM private key");
-    auto* signCert =
-        pack->add_option("--cert", o->cert, "The signer's PEM certificate (and chain)");
-    pack->add_option("--pass-file", o->passFile,
-                     "Read the key's passphrase from the first line of this file");
-    pack->add_option("--pass-env", o->passEnv,
-                     "Take the key's passphrase from this environment variable");
-    signKey->needs(signCert);
-    signCert->needs(signKey);
-    // Checked here rather than with needs() and excludes(), whose notes
-    // would push the options' help onto a line of its own.
+    addKeyOptions(pack, o->signing, false, "--sign", "Sign the digests with this PEM private key",
+                  "--cert", "The signer's PEM certificate (and chain)");
+    pack->add_option("--rotation-proof", o->rotationProofs,
+                     "Carry this file's key rotation proofs (tsapp rotate; repeatable, oldest "
+                     "first); needs --sign")
+        ->allow_extra_args(false);
     pack->parse_complete_callback([o] {
-        if (!o->passFile.empty() && !o->passEnv.empty())
-            throw CLI::ValidationError("--pass-file", "cannot be given with --pass-env");
-        if ((!o->passFile.empty() || !o->passEnv.empty()) && o->key.empty())
-            throw CLI::ValidationError("--pass-file/--pass-env", "needs --sign");
+        checkPassphraseOptions(o->signing, "--sign");
+        if (!o->rotationProofs.empty() && o->signing.key.empty())
+            throw CLI::ValidationError("--rotation-proof", "needs --sign");
     });
-    return {{pack, [o] { return runPack(*o); }, [o] { return o->request.source.string(); }}};
+
+    auto r = std::make_shared<RotateOptions>();
+    CLI::App* rotate = app.add_subcommand(
+        "rotate",
+        "Print a proof, signed by an old key, that a new key follows it (for pack "
+        "--rotation-proof).");
+    addKeyOptions(rotate, r->old, true, "--old-key",
+                  "The old PEM private key, which signs the proof", "--old-cert",
+                  "The old key's PEM certificate (and chain)");
+    addRequired(rotate, "--new-cert", r->newCert, "A PEM certificate of the new key");
+    rotate->parse_complete_callback([r] { checkPassphraseOptions(r->old, "--old-key"); });
+    return {{pack, [o] { return runPack(*o); }, [o] { return o->request.source.string(); }},
+            {rotate, [r] { return runRotate(*r); }, [r] { return r->old.key; }}};
 }
 
 }  // namespace tsapp::tool

@@ -156,7 +156,8 @@ std::vector<Command> addUpgrade(CLI::App& app) {
     addRoot(upgrade, up->root);
     addHostOptions(upgrade, up->host);
     upgrade->add_flag("--allow-signer-change", up->options.allowSignerChange,
-                      "Upgrade even when another signer signed the installed version");
+                      "Upgrade even when another key signed the installed version and the package "
+                      "carries no key rotation proof from it");
     addUnpackOptions(upgrade, up->options);
     return {{outdated, [old] { return runOutdated(*old); }, rootSubject(old->root)},
             {upgrade, [up] { return runUpgrade(*up); }, rootSubject(up->root)}};

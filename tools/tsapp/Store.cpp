@@ -70,19 +70,22 @@ namespace {
 
 Json versionJson(const store::InstalledVersion& v) {
     Json host = Json::parse(v.hostProfile, nullptr, false);
-    return {{"guid", v.guid},
-            {"name", v.name},
-            {"version", v.version},
-            {"folder", v.folder.string()},
-            {"package", v.package},
-            {"packageSha256", v.packageSha256},
-            {"signer", v.signerFingerprint.empty() ? Json(nullptr)
-                                                   : Json{{"subject", v.signerSubject},
-                                                          {"fingerprint", v.signerFingerprint}}},
-            {"installed", tsappinstall::formatUtc(v.installedAt)},
-            {"host", host.is_discarded() ? Json(nullptr) : host},
-            {"forced", v.forced},
-            {"forcedReasons", v.forcedReasons}};
+    return {
+        {"guid", v.guid},
+        {"name", v.name},
+        {"version", v.version},
+        {"folder", v.folder.string()},
+        {"package", v.package},
+        {"packageSha256", v.packageSha256},
+        {"signer", v.signerFingerprint.empty() ? Json(nullptr)
+                                               : Json{{"subject", v.signerSubject},
+                                                      {"fingerprint", v.signerFingerprint},
+                                                      {"keyFingerprint", v.signerKeyFingerprint},
+                                                      {"rotatedFrom", v.rotatedFrom}}},
+        {"installed", tsappinstall::formatUtc(v.installedAt)},
+        {"host", host.is_discarded() ? Json(nullptr) : host},
+        {"forced", v.forced},
+        {"forcedReasons", v.forcedReasons}};
 }
 
 Json appJson(const store::InstalledApp& app) {
@@ -256,6 +259,14 @@ std::string shownVersion(const store::InstalledVersion& v) {
     return shown(v.name) + " " + shown(v.version) + " (" + shown(v.guid) + ")";
 }
 
+// The signer's key and the keys that handed over to it, when recorded.
+std::string signerKeyLines(const store::InstalledVersion& v) {
+    if (v.signerKeyFingerprint.empty()) return {};
+    std::string lines = "\nsigner key: SHA-256 " + v.signerKeyFingerprint;
+    for (const auto& key : v.rotatedFrom) lines += "\nhanded over by key: SHA-256 " + key;
+    return lines;
+}
+
 void printVersion(const store::InstalledApp& app) {
     const auto& v = app.current;
     std::cout << "name: " << shown(v.name) << "\nGUID: " << shown(v.guid)
@@ -265,7 +276,7 @@ void printVersion(const store::InstalledApp& app) {
               << (v.signerFingerprint.empty()
                       ? "none verified"
                       : shown(v.signerSubject) + " (SHA-256 " + v.signerFingerprint + ")")
-              << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
+              << signerKeyLines(v) << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
               << "\nhost: " << shown(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
               << "\n";
     for (const auto& reason : v.forcedReasons) std::cout << "  " << shown(reason) << "\n";
@@ -392,7 +403,8 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_flag("--allow-downgrade", in->options.allowDowngrade,
                       "Install a lower version than the installed one");
     install->add_flag("--allow-signer-change", in->options.allowSignerChange,
-                      "Upgrade even when another signer signed the installed version");
+                      "Upgrade even when another key signed the installed version and the package "
+                      "carries no key rotation proof from it");
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     addUnpackOptions(install, in->options);
     addRepositoryOptions(install, in->repository);

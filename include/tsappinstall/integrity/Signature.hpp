@@ -15,6 +15,17 @@
 
 namespace tsappinstall::integrity {
 
+// A signer's certificate, for people and records to recognise; empty
+// strings when no certificate could be read.
+struct SignerCertificate {
+    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    // SHA-256 of its SubjectPublicKeyInfo (DER), the same hex: the key,
+    // which stays when the certificate is renewed.
+    std::string keyFingerprint;
+    std::string notBefore;  // UTC, "2026-01-31T12:00:00Z"
+    std::string notAfter;
+};
+
 class TSAPP_API Signer {
   public:
     // PEM files: the private key (RSA, EC or Ed25519) and the signer's
@@ -34,10 +45,16 @@ class TSAPP_API Signer {
     std::vector<unsigned char> sign(const std::string& content) const;
 
     // What makes the signer's certificate unfit to sign at `now`, one line
-    // each: not valid yet, expired, or its uses restricted to others than
-    // code signing (one that names no uses is not restricted). Empty when
-    // none.
+    // each: not valid yet, expired, or failing the rule verification
+    // applies (see checkSignature) — its uses restricted to others than
+    // code signing (one that names no uses is not restricted), a key usage
+    // without digital signatures, a key that is not RSA of 2048 bits or
+    // more, ECDSA on P-256 or P-384, or Ed25519 — or a certificate of its
+    // chain restricted to other uses. Empty when none.
     std::vector<std::string> certificateProblems(std::time_t now) const;
+
+    // The signer's certificate, described.
+    SignerCertificate certificate() const;
 
   private:
     void load(const std::string& keyFile, const std::string& certificateFile,
@@ -46,16 +63,9 @@ class TSAPP_API Signer {
     std::unique_ptr<Keys> keys_;
 };
 
-// The signer's certificate as the signature carries it, for people to
-// recognise; empty strings when no certificate could be read.
-struct SignerCertificate {
-    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
-    // SHA-256 of its SubjectPublicKeyInfo (DER), the same hex: the key,
-    // which stays when the certificate is renewed.
-    std::string keyFingerprint;
-    std::string notBefore;    // UTC, "2026-01-31T12:00:00Z"
-    std::string notAfter;
-};
+// The first certificate in the PEM file `file`, described. Throws
+// IntegrityError (CannotRead) when there is none.
+TSAPP_API SignerCertificate readCertificate(const std::string& file);
 
 struct SignatureCheck {
     std::optional<Fault> fault;
@@ -65,7 +75,13 @@ struct SignatureCheck {
 
 // Checks `signature` over `content` and the signer's chain against the
 // certificates in the PEM files `trustAnchors` only; the system's store is
-// never consulted. A MalformedSignature fault refuses a signature that
+// never consulted. Revocation lists in those files (PEM, beside the
+// certificates) are honoured for the certificates their issuers issued: a
+// revoked one is "the signer is not trusted: certificate revoked"; an
+// issuer with no list there is not asked about revocation. The signer's
+// certificate must be fit to sign (see Signer::certificateProblems; an
+// UntrustedSigner fault "the signer is not trusted: <reason>" when not)
+// and so must the chain above it. A MalformedSignature fault refuses a signature that
 // carries anything its signer did not sign or does not need: content of
 // its own, unsigned attributes, revocation information, certificates that
 // are not X.509 ones or that the chain to the anchor does not use (this

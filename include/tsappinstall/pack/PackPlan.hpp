@@ -48,7 +48,10 @@ TSAPP_API std::vector<std::string> planPack(const PackRequest& request, PackPlan
 
 struct PackWriting {
     const integrity::Signer* signer = nullptr;  // signs the digest list when given
-    unsigned jobs = 0;                          // as PackageWriter::setJobs
+    // Key rotation proofs (PEM) the package carries, oldest first; none
+    // when empty. They mean something only in a signed package.
+    std::string keyRotations;
+    unsigned jobs = 0;  // as PackageWriter::setJobs
     opc::zippackage::PackageWriter::Progress progress;
 };
 

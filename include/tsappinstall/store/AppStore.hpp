@@ -63,6 +63,8 @@ struct InstallOptions {
     bool force = false;                     // install an incompatible app, recording why
     bool reinstall = false;                 // replace the same version
     bool allowDowngrade = false;
+    // Upgrade even when another key signed the installed version and the
+    // package carries no proof that it handed over (see AppStore::install).
     bool allowSignerChange = false;
     bool sync = false;  // flush every file to disk before the records commit
     // Parts unpacked at once, each on a thread; 0: one per core.
@@ -96,8 +98,17 @@ struct InstalledVersion {
     std::string packageSha256;
     std::string signerSubject;      // empty unless a signature was verified against --trust
     std::string signerFingerprint;  // SHA-256 of the signer's certificate, hex
-    std::int64_t installedAt = 0;   // seconds since the epoch, UTC
-    std::string hostProfile;        // the profile checked against, as toJson() writes it
+    // SHA-256 of the signer's public key (its SubjectPublicKeyInfo, DER),
+    // hex: what a renewed certificate keeps. Empty when no signer was
+    // verified, or for a version recorded before keys were whose
+    // signature could not be read again.
+    std::string signerKeyFingerprint;
+    // The keys whose rotation proofs handed over to the signer's key when
+    // this version was installed, oldest first (the key of the version it
+    // replaced first); empty when none was needed.
+    std::vector<std::string> rotatedFrom;
+    std::int64_t installedAt = 0;  // seconds since the epoch, UTC
+    std::string hostProfile;       // the profile checked against, as toJson() writes it
     bool forced = false;
     std::vector<std::string> forcedReasons;  // the incompatibilities --force overrode
     std::string origin;                      // InstallOptions::origin as installed
@@ -170,7 +181,12 @@ class TSAPP_API AppStore {
     // allow. The package is checked whole (container, manifest, every
     // entry and, when it has them, its digests; with trust anchors its
     // signature, before the first byte is written), then unpacked beside
-    // any current version and made current in one step.
+    // any current version and made current in one step. Once a version
+    // was installed with a verified signer, a package replacing it must be
+    // signed by the same key (under the same certificate or a renewed one)
+    // or carry key rotation proofs (tsappinstall/integrity/KeyRotation.hpp)
+    // from that key to its own, checked against the same trust anchors;
+    // otherwise it is Refused unless allowSignerChange.
     InstallResult install(const std::filesystem::path& package, const HostProfile& host,
                           const InstallOptions& options = {});
 

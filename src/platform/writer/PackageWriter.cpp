@@ -23,6 +23,7 @@
 #include "platform/writer/ZipOutput.hpp"
 #include "tsappinstall/Threads.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/KeyRotation.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/PartName.hpp"
@@ -174,6 +175,14 @@ void PackageWriter::addRelationship(const std::string& id, const std::string& ty
 void PackageWriter::addDigests(const tsappinstall::integrity::Signer* signer) {
     impl_->digests = true;
     impl_->signer = signer;
+}
+
+void PackageWriter::addKeyRotations(const std::string& pem) {
+    namespace integrity = tsappinstall::integrity;
+    impl_->add(integrity::KEY_ROTATIONS_PART_NAME + 1, integrity::KEY_ROTATIONS_CONTENT_TYPE,
+               {pem.begin(), pem.end()}, {}, Compression::Deflate);
+    addRelationship("tsappKeyRotations", integrity::KEY_ROTATIONS_RELATIONSHIP_TYPE,
+                    integrity::KEY_ROTATIONS_PART_NAME);
 }
 
 void PackageWriter::setModificationTime(std::time_t when) {

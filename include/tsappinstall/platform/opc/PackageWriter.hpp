@@ -75,6 +75,11 @@ class TSAPP_API PackageWriter {
     // with their package relationships. The signer must outlive commit.
     void addDigests(const tsappinstall::integrity::Signer* signer = nullptr);
 
+    // Adds key rotation proofs (PEM, see tsappinstall/integrity/KeyRotation.hpp)
+    // as their part, with its package relationship; the digest list covers
+    // it like any other part.
+    void addKeyRotations(const std::string& pem);
+
     // Writes [Content_Types].xml, /_rels/.rels and every part, and renames
     // the result into place. Throws opc::Exception; nothing is at the output
     // path that was not there before when it throws.
