@@ -1,7 +1,14 @@
 // The tool over a repository: indexing and searching a folder, and
 // installing and upgrading from a recorded repository, as people run it.
 
+#include <sqlite3.h>
+
+#include <cstdio>
+
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
 #include "repository/RepositoryTestSupport.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 
 namespace {
 
@@ -13,13 +20,25 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     Published published;
     const std::string tool = std::string(TSAPP_TOOL) + " ";
     const std::string out = published.dir.file("out");
-    EXPECT_EQ(WEXITSTATUS(std::system(
-                  (tool + "repo index --valid-for 2d " + published.repo() + " >" + out).c_str())),
-              1);
-    EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+    // A manifest in XML 1.1 is one more bad package, not the end of the run.
+    const std::string xml11 = published.repo() + "/xml11.tsappinstall";
+    app_package(replaced(signed_manifest(fullRecord()), "version=\"1.0\"", "version=\"1.1\""))
+        .write(xml11);
+    const std::string notXml10 = "XML 1.1, not XML 1.0";
+    for (const std::string skip : {"", "--skip-bad "}) {
+        EXPECT_EQ(WEXITSTATUS(std::system(
+                      (tool + "repo index --valid-for 2d " + skip + published.repo() + " >" + out)
+                          .c_str())),
+                  skip.empty() ? 1 : 0);
+        EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+                  std::string::npos);
+        EXPECT_NE(read_file(out).find("xml11.tsappinstall: left out: "), std::string::npos);
+        EXPECT_NE(read_file(out).find(notXml10), std::string::npos);
+    }
+    EXPECT_NE(read_file(out).find("index version 2: 4 packages listed, 0 read, 2 bad\n"),
               std::string::npos);
-    EXPECT_NE(read_file(out).find("index version 1: 4 packages listed, 5 read, 1 bad\n"),
-              std::string::npos);
+    EXPECT_EQ(WEXITSTATUS(std::system((tool + "check " + xml11 + " >" + out).c_str())), 1);
+    EXPECT_NE(read_file(out).find(notXml10), std::string::npos) << read_file(out);
     ASSERT_EQ(std::system((tool + "search OTHER --unsigned --json --repo file://" +
                            published.repo() + " >" + out)
                               .c_str()),
