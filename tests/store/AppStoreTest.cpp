@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cctype>
+#include <functional>
 
 #include "store/StoreTestSupport.hpp"
 #include "tsappinstall/manifest/AppManifest.hpp"
@@ -223,6 +224,43 @@ TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     EXPECT_EQ(read_file(dir.file("outside.txt")), "theirs");
     EXPECT_EQ(read_file(dir.file("outside/util.js")), "theirs");
     EXPECT_FALSE(fs::exists(fs::symlink_status(folder)));
+}
+
+// The audited folder is the one that runs: `current` must name the
+// recorded version's folder as the store wrote it, whatever copy of it the
+// link is turned to.
+TEST_F(Store, AuditsWhereCurrentPoints) {
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const fs::path folder = apps.show(kGuid).current.folder;
+    const fs::path link = folder.parent_path() / "current";
+    const std::string leaf = folder.filename().string();
+    const fs::path copy = folder.parent_path() / "1.2.0-copy";
+    fs::copy(folder, copy, fs::copy_options::recursive);
+    write_file((copy / "files/README.txt").string(), "version 6.6.6\n");
+    const struct {
+        std::function<void()> turn;
+        std::string finding;
+    } cases[] = {
+        {[&] { fs::create_directory_symlink("1.2.0-copy", link); },
+         "points at 1.2.0-copy, not at " + leaf},
+        {[&] { fs::create_directory_symlink(folder, link); },
+         "points at " + folder.string() + ", not at " + leaf},
+        {[&] { fs::create_directory_symlink("../" + std::string(kGuid) + "/" + leaf, link); },
+         "points at ../" + std::string(kGuid) + "/" + leaf + ", not at " + leaf},
+        {[&] { fs::create_directory_symlink("1.2.0-copy/../" + leaf, link); },
+         "points at 1.2.0-copy/../" + leaf + ", not at " + leaf},
+        {[&] { fs::copy(copy, link, fs::copy_options::recursive); }, "not a symbolic link"},
+        {[] {}, "missing"},
+    };
+    for (const auto& c : cases) {
+        fs::remove_all(link);
+        c.turn();
+        EXPECT_EQ(findings(apps.audit(kGuid)), "link current (" + c.finding + ")\n");
+    }
+    fs::remove_all(link);
+    fs::create_directory_symlink(leaf, link);
+    EXPECT_TRUE(apps.audit(kGuid).clean());
 }
 
 // A root written before versions recorded their origin: the origin that
