@@ -198,6 +198,31 @@ TEST_F(Store, VersionsCompareFieldByField) {
     }
 }
 
+// Both ends of an app's release range fit; the nearest releases outside
+// them do not.
+TEST_F(Store, FitsHostsFromTheMinimumToTheMaximumReleaseInclusive) {
+    AppManifest app;
+    app.minTESSALVer = u"2026.2", app.maxTESSALVer = u"2026.5";
+    const std::string below = "needs Tessal release 2026.2 or later; this host runs ";
+    const std::string above = "needs Tessal release 2026.5 or earlier; this host runs ";
+    const struct {
+        const char* release;
+        std::string reason;
+    } cases[] = {{"2026.1", below + "2026.1"},
+                 {"2026.1.99", below + "2026.1.99"},
+                 {"2026.2", ""},
+                 {"2026.2.0", ""},
+                 {"2026.5", ""},
+                 {"2026.5.0", ""},
+                 {"2026.5.1", above + "2026.5.1"},
+                 {"2026.6", above + "2026.6"}};
+    for (const auto& c : cases) {
+        const auto reasons = incompatibilities(app, {c.release, "", {}});
+        EXPECT_EQ(reasons.empty() ? "" : reasons.front(), c.reason) << c.release;
+        EXPECT_LE(reasons.size(), 1u) << c.release;
+    }
+}
+
 TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     AppStore apps(root());
     apps.install(v("1.2.0"), fittingHost());
