@@ -292,6 +292,10 @@ void writeManifests(const fs::path& folder) {
     AppManifest noCreated = minimalRecord();
     noCreated.created = boost::posix_time::ptime();  // written as <created/>
     writeFile(folder / "no-created.xml", manifestText(noCreated));
+    // The same record declared XML 1.1, which the reader refuses by name.
+    std::string xml11 = manifestText(minimalRecord());
+    xml11.replace(xml11.find("version=\"1.0\""), 15, "version=\"1.1\"");
+    writeFile(folder / "xml-1.1.xml", xml11);
 }
 
 void writeNames(const fs::path& folder) {

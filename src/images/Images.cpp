@@ -1,6 +1,7 @@
 #include "Images.hpp"
 
 #include <cstring>
+#include <string>
 
 #include "platform/base/Ascii.hpp"
 
@@ -35,7 +36,9 @@ bool looksLikeSvg(const std::string& text) {
         } else if (text.compare(at, 4, "<!--") == 0) {
             at = skipPast(text, at, "-->");
         } else if (text.compare(at, 9, "<!doctype") == 0) {
-            at = skipPast(text, at, ">");
+            const std::size_t subset = text.find_first_of("[>", at);
+            at =
+                skipPast(text, at, subset != std::string::npos && text[subset] == '[' ? "]>" : ">");
         } else {
             return text.compare(at, 4, "<svg") == 0 && at + 4 < text.size() &&
                    (text[at + 4] == '>' || skipSpace(text, at + 4) > at + 4);
@@ -44,36 +47,13 @@ bool looksLikeSvg(const std::string& text) {
     return false;
 }
 
-// An attribute "on...=" (an event handler) anywhere in the text.
-bool hasEventHandler(const std::string& text) {
-    for (std::size_t at = text.find("on"); at != std::string::npos; at = text.find("on", at + 1)) {
-        if (at == 0 || skipSpace(text, at - 1) == at - 1) continue;  // not after a space
-        std::size_t end = at + 2;
-        while (end < text.size() && text[end] >= 'a' && text[end] <= 'z') ++end;
-        if (end > at + 2 && skipSpace(text, end) < text.size() && text[skipSpace(text, end)] == '=')
-            return true;
-    }
-    return false;
-}
-
-// A gallery shows an image with <img>, where no script runs; but anyone may
-// open it from the repository's site directly. So an SVG that could act
-// there, or makes the parser expand entities, is neither packed nor
-// published.
-bool svgIsInert(const std::string& text) {
-    for (const char* active : {"<script", "javascript:", "<foreignobject", "<!entity"})
-        if (text.find(active) != std::string::npos) return false;
-    return !hasEventHandler(text);
-}
-
 }  // namespace
 
 Image sniff(const std::string& bytes) {
     if (startsWith(bytes, "\x89PNG\r\n\x1a\n")) return Image::Png;
     if (startsWith(bytes, "\xFF\xD8\xFF")) return Image::Jpeg;
-    const std::string text = opc::detail::ascii_lower(bytes);
-    if (!looksLikeSvg(text)) return Image::Other;
-    return svgIsInert(text) ? Image::Svg : Image::ScriptableSvg;
+    if (!looksLikeSvg(opc::detail::ascii_lower(bytes))) return Image::Other;
+    return svgRefusal(bytes).empty() ? Image::Svg : Image::RefusedSvg;
 }
 
 std::string imageType(const std::string& bytes) {

@@ -4,8 +4,10 @@
 #include <xercesc/framework/MemBufFormatTarget.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include "manifest/ManifestFailure.hpp"
 #include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
+#include "tsappinstall/messages/MessageIds.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/platform/opc/Conversions.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
@@ -13,6 +15,9 @@
 using namespace xercesc;
 using opc::model::XercesHelper;
 using opc::model::XercesString;
+using tsappinstall::ManifestFault;
+using tsappinstall::detail::fail;
+namespace ids = tsapp_builtins::tsapp_builtins;
 
 namespace {
 
@@ -99,7 +104,9 @@ DOMDocument* AppManifestSerializer::createDOMDocument(const AppManifest& manifes
 void AppManifestSerializer::serializeDocument(std::ostream& out, const DOMDocument* document) {
     MemBufFormatTarget target(1023, XMLPlatformUtils::fgMemoryManager);
     const opc::model::XercesPtr<DOMLSOutput> output = opc::model::detail::memoryOutput(target);
-    writer_->write(document, output.get());
+    if (!opc::model::detail::writeNoThrow(writer_.get(), document, output.get()))
+        fail(ManifestFault::MalformedXml, ids::TSAPP_BUILTINS_XML_READ_ERROR(
+                                              "the manifest's text cannot be written as XML 1.0"));
     out.write(reinterpret_cast<const char*>(target.getRawBuffer()),
               static_cast<std::streamsize>(target.getLen()));
 }

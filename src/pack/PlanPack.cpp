@@ -200,17 +200,17 @@ const ImageFormat* formatOf(Image image) {
     return nullptr;
 }
 
-// A PNG or JPEG is known by its first bytes; whether an SVG could run
-// script takes all of them.
-Image sniffFile(const fs::path& file) {
+// The bytes to sniff: a PNG or JPEG is known by its first bytes; whether
+// an SVG is kept takes all of them.
+std::string imageBytes(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     std::string bytes(1024, '\0');
     in.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
     bytes.resize(static_cast<std::size_t>(in.gcount()));
     const Image head = images::sniff(bytes);
-    if (head == Image::Png || head == Image::Jpeg) return head;
+    if (head == Image::Png || head == Image::Jpeg) return bytes;
     bytes.append(std::istreambuf_iterator<char>(in), {});
-    return images::sniff(bytes);
+    return bytes;
 }
 
 // The icon's or screenshot's content type, from its bytes, which must be
@@ -223,13 +223,14 @@ std::string imageContentType(const fs::path& file, const std::string& shown, con
         check.problem(key, shown + " must be a PNG, JPEG or SVG image (.png, .jpg, .jpeg, .svg)");
         return {};
     }
-    const Image found = sniffFile(file);
+    const std::string bytes = imageBytes(file);
+    const Image found = images::sniff(bytes);
     if (found == named->image) return named->contentType;
-    if (found == Image::ScriptableSvg && named->image == Image::Svg) {
-        check.problem(key, shown + " is an SVG image that could run script when opened on its own");
+    if (found == Image::RefusedSvg && named->image == Image::Svg) {
+        check.problem(key, shown + " is not an inert SVG image: " + images::svgRefusal(bytes));
         return {};
     }
-    const ImageFormat* held = formatOf(found == Image::ScriptableSvg ? Image::Svg : found);
+    const ImageFormat* held = formatOf(found == Image::RefusedSvg ? Image::Svg : found);
     check.problem(key, shown + " is not a " + named->name + " image" +
                            (held ? std::string(": it holds a ") + held->name + " one" : ""));
     return {};

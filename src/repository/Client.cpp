@@ -75,7 +75,7 @@ std::string checkIndexSignature(const std::string& location, const std::string& 
 std::string days(std::int64_t seconds) {
     const std::int64_t d = seconds / 86400;
     return d >= 1 ? std::to_string(d) + (d == 1 ? " day" : " days")
-                  : std::to_string(seconds) + " seconds";
+                  : std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
 }
 
 struct PartialFile {

@@ -46,6 +46,8 @@ const char* token(AuditFinding::Kind kind) {
             return "mode";
         case AuditFinding::Kind::Extra:
             return "extra";
+        case AuditFinding::Kind::Link:
+            return "link";
     }
     return "modified";
 }
@@ -641,7 +643,30 @@ struct AppStore::Impl {
         std::stable_sort(
             report.findings.begin(), report.findings.end(),
             [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
+        auditLink(apps, row, report.findings);
         return report;
+    }
+
+    // What runs is what `current` names, so the audited folder must be the
+    // one it names: by the leaf the store writes, compared as text and
+    // never followed, so that a copy beside it or a path out of the root
+    // is a finding, however like the recorded folder it looks.
+    void auditLink(const OpsFd& apps, const VersionRow& row,
+                   std::vector<AuditFinding>& findings) const {
+        const auto finding = [&](const std::string& detail) {
+            findings.push_back({AuditFinding::Kind::Link, "current", detail});
+        };
+        const OpsFd app = appFolderIfThere(apps, row.version.guid);
+        struct stat info {};
+        if (!app || ops.lstatat(app.get(), "current", &info) != 0) {
+            if (app && errno != ENOENT)
+                failed(shown("apps/" + row.version.guid + "/current") + " cannot be read", errno);
+            return finding("missing");
+        }
+        if (!S_ISLNK(info.st_mode)) return finding("not a symbolic link");
+        const std::string target = linkTarget(app.get(), "current");
+        if (target != leafOf(row.folder))
+            finding("points at " + target + ", not at " + leafOf(row.folder));
     }
 
     void auditFile(int folder, const InstalledFile& file, const std::string& shownFolder,

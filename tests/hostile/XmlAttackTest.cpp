@@ -151,6 +151,19 @@ TEST_F(XmlAttack, InvalidUtf8IsRefusedInEveryDocument) {
               readError("line 1, column 57: invalid byte '(' at position 2 of a 2-byte sequence"));
 }
 
+// XML 1.1 admits control characters as references, which no XML 1.0 text
+// holds: the seal's XML 1.0 text of such a manifest cannot be written.
+TEST_F(XmlAttack, Xml11IsRefusedInEveryDocument) {
+    const auto xml11 = [](const std::string& text) {
+        return replaced(text, "version=\"1.0\"", "version=\"1.1\"");
+    };
+    expectRefusedEverywhere(package(kManifestXml, xml11(defaultTypes())));
+    expectRefusedEverywhere(package(kManifestXml, "", xml11(defaultRels())));
+    const std::string manifest = xml11(replaced(signedManifest(), ">Short<", ">Sh&#x1b;ort<"));
+    expectManifestRefused(manifest);
+    EXPECT_EQ(load_result(manifest), readError("the XML document is XML 1.1, not XML 1.0"));
+}
+
 // xsd:dateTime allows years the date types cannot hold. A direct caller
 // of the serializer sees the date library's own error; the facade reports
 // its internal error and lets nothing else escape.

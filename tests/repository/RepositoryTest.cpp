@@ -177,6 +177,10 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
          [&](ClientOptions& o, PackageEntry&) { o.now = index.expires + 86400 * 3; },
          FaultKind::ExpiredIndex,
          "the index expired at " + tsappinstall::formatUtc(index.expires) + ", 3 days ago"},
+        {"expired a second ago", http.url("http", "ok"),
+         [&](ClientOptions& o, PackageEntry&) { o.now = index.expires + 1; },
+         FaultKind::ExpiredIndex,
+         "the index expired at " + tsappinstall::formatUtc(index.expires) + ", 1 second ago"},
         {"rollback", http.url("http", "ok"),
          [](ClientOptions& o, PackageEntry&) { o.highestSeen = 2; }, FaultKind::IndexRollback,
          "the index is version 1, older than version 2 seen before"},
@@ -212,6 +216,9 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
         }
         EXPECT_TRUE(filesIn(downloads).empty());
     }
+    ClientOptions lastSecond = trusting;  // of the index's validity
+    lastSecond.now = index.expires - 1;
+    EXPECT_EQ(Repository(http.url("http", "ok"), lastSecond).index().version, index.version);
 
     // Over TLS with the test CA; a partial file is resumed where the server
     // takes ranges (its wrong first half then fails the digest) and started

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -27,10 +28,12 @@ inline int sh(const std::string& command) {
 // Packs the sample app with `changes` to its tsapp.json as `file`, signed
 // with SIGNER.key and SIGNER.pem when `signer` is given. An `svgIcon`
 // takes the icon's place after planning, since pack refuses an SVG that
-// could run script, and the indexer must meet one anyway.
+// could run script, and the indexer must meet one anyway; so does what
+// `edit` changes, for text pack would refuse.
 inline void packApp(const std::string& folder, const std::string& file,
                     const nlohmann::json& changes, const std::string& signer = "",
-                    const std::string& svgIcon = "") {
+                    const std::string& svgIcon = "",
+                    const std::function<void(tsappinstall::pack::PackPlan&)>& edit = {}) {
     namespace fs = std::filesystem;
     const std::string source = folder + "/.src-" + file;
     fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", source, fs::copy_options::recursive);
@@ -43,8 +46,9 @@ inline void packApp(const std::string& folder, const std::string& file,
     const std::string guid = description.value("guid", "");
     description.erase("guid");  // a request's, not a field
     write_file(source + "/tsapp.json", description.dump());
-    const tsappinstall::pack::PackPlan plan = packPlan(source, folder + "/" + file, guid);
+    tsappinstall::pack::PackPlan plan = packPlan(source, folder + "/" + file, guid);
     if (!svgIcon.empty()) write_file(plan.icon.string(), svgIcon);
+    if (edit) edit(plan);
     writePlan(plan, signer);
     fs::remove_all(source);
 }

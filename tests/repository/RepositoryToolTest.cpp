@@ -1,7 +1,14 @@
 // The tool over a repository: indexing and searching a folder, and
 // installing and upgrading from a recorded repository, as people run it.
 
+#include <sqlite3.h>
+
+#include <cstdio>
+
+#include "facade/FacadeFixture.hpp"
+#include "manifest/ManifestTestSupport.hpp"
 #include "repository/RepositoryTestSupport.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 
 namespace {
 
@@ -13,13 +20,25 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     Published published;
     const std::string tool = std::string(TSAPP_TOOL) + " ";
     const std::string out = published.dir.file("out");
-    EXPECT_EQ(WEXITSTATUS(std::system(
-                  (tool + "repo index --valid-for 2d " + published.repo() + " >" + out).c_str())),
-              1);
-    EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+    // A manifest in XML 1.1 is one more bad package, not the end of the run.
+    const std::string xml11 = published.repo() + "/xml11.tsappinstall";
+    app_package(replaced(signed_manifest(fullRecord()), "version=\"1.0\"", "version=\"1.1\""))
+        .write(xml11);
+    const std::string notXml10 = "XML 1.1, not XML 1.0";
+    for (const std::string skip : {"", "--skip-bad "}) {
+        EXPECT_EQ(WEXITSTATUS(std::system(
+                      (tool + "repo index --valid-for 2d " + skip + published.repo() + " >" + out)
+                          .c_str())),
+                  skip.empty() ? 1 : 0);
+        EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
+                  std::string::npos);
+        EXPECT_NE(read_file(out).find("xml11.tsappinstall: left out: "), std::string::npos);
+        EXPECT_NE(read_file(out).find(notXml10), std::string::npos);
+    }
+    EXPECT_NE(read_file(out).find("index version 2: 4 packages listed, 0 read, 2 bad\n"),
               std::string::npos);
-    EXPECT_NE(read_file(out).find("index version 1: 4 packages listed, 5 read, 1 bad\n"),
-              std::string::npos);
+    EXPECT_EQ(WEXITSTATUS(std::system((tool + "check " + xml11 + " >" + out).c_str())), 1);
+    EXPECT_NE(read_file(out).find(notXml10), std::string::npos) << read_file(out);
     ASSERT_EQ(std::system((tool + "search OTHER --unsigned --json --repo file://" +
                            published.repo() + " >" + out)
                               .c_str()),
@@ -122,6 +141,89 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
     EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
     EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+}
+
+// Where `text` holds a raw control character (C0 but the line feed, DEL,
+// C1) or a byte that is not part of UTF-8, as "\xNN at N"; empty when
+// nowhere.
+std::string rawControl(const std::string& text) {
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0;
+        std::size_t length = byte < 0x80                   ? 1
+                             : byte >= 0xC2 && byte < 0xE0 ? 2
+                             : byte >= 0xE0 && byte < 0xF0 ? 3
+                             : byte >= 0xF0 && byte < 0xF5 ? 4
+                                                           : 0;
+        for (std::size_t i = 1; i < length; ++i)
+            if (at + i >= text.size() || (static_cast<unsigned char>(text[at + i]) & 0xC0) != 0x80)
+                length = 0;
+        if ((byte < 0x20 && byte != '\n') || byte == 0x7F || (byte == 0xC2 && next < 0xA0) ||
+            length == 0) {
+            char shown[32];
+            std::snprintf(shown, sizeof shown, "\\x%02x at %zu", byte, at);
+            return shown;
+        }
+        at += length - 1;
+    }
+    return {};
+}
+
+// Text from a package (CR, LF and C1's CSI in the name), a signed index
+// (ESC) and the database (ESC, a byte that is not UTF-8) reaches the
+// terminal escaped, from every command that prints it: none can forge a
+// line or drive the terminal.
+TEST(RepositoryTool, PrintsNoRawControlFromAPackageAnIndexOrTheDatabase) {
+    Published published;
+    const std::string repo = published.dir.file("evil"), out = published.dir.file("out");
+    const std::string guid = "0123abcd-0000-4000-8000-0000000000ee";
+    fs::create_directory(repo);
+    for (const std::string version : {"1.0", "2.0"})
+        packApp(repo, "evil-" + version + ".tsappinstall", {{"version", version}, {"guid", guid}},
+                "", "", [](tsappinstall::pack::PackPlan& plan) {
+                    plan.manifest.name = u"Evil\r\n0123abcd  9.9  Fake\u009b2J";
+                    plan.manifest.summary = plan.manifest.description = u"\u009b31mred";
+                });
+    indexFolder(repo, published.signing());
+    auto index = nlohmann::json::parse(read_file(repo + "/index.json"));
+    for (auto& entry : index["packages"]) entry["summary"] = "\x1b]0;title\x07\x1b[2J";
+    const std::string text = index.dump();
+    write_file(repo + "/index.json", text);
+    const auto signature = tsappinstall::integrity::Signer(published.dir.file("signer.key"),
+                                                           published.dir.file("signer.pem"))
+                               .sign(text);
+    write_file(repo + "/index.json.p7s", std::string(signature.begin(), signature.end()));
+
+    const std::string evil = " " + repo + "/evil-", root = " --root " + published.dir.file("root");
+    const struct {
+        std::string args;
+        int status;
+    } steps[] = {{"repo add main " + repo + " --trust " + published.dir.file("ca.pem") + root, 0},
+                 {"info" + evil + "1.0.tsappinstall", 0},
+                 {"check --all" + evil + "1.0.tsappinstall", 0},
+                 {"install" + evil + "1.0.tsappinstall" + root, 0},
+                 {"install" + evil + "2.0.tsappinstall" + root, 0},
+                 {"rollback " + guid + root, 0},
+                 {"search evil" + root, 0},
+                 {"installed" + root, 0},
+                 {"show " + guid + root, 0},
+                 {"audit" + root, 1},
+                 {"outdated" + root, 0},
+                 {"remove " + guid + root, 0}};
+    for (const auto& step : steps) {
+        if (step.args == "installed" + root) {
+            sqlite3* db = nullptr;
+            ASSERT_EQ(sqlite3_open(published.dir.file("root/store.db").c_str(), &db), SQLITE_OK);
+            const char* taint =
+                "UPDATE versions SET name = name || char(27) || '[2J' || CAST(X'FF' AS TEXT);"
+                "UPDATE files SET path = path || char(27) || '[2J' WHERE path = 'icon.png'";
+            EXPECT_EQ(sqlite3_exec(db, taint, nullptr, nullptr, nullptr), SQLITE_OK);
+            sqlite3_close(db);
+        }
+        const auto [status, printed] = runTool(step.args, out);
+        EXPECT_EQ(status, step.status) << step.args << ":\n" << printed;
+        EXPECT_EQ(rawControl(printed), "") << step.args << ":\n" << printed;
+    }
 }
 
 }  // namespace

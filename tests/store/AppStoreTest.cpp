@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cctype>
+#include <functional>
 
 #include "store/StoreTestSupport.hpp"
 #include "tsappinstall/integrity/KeyRotation.hpp"
@@ -280,6 +281,31 @@ TEST_F(Store, VersionsCompareFieldByField) {
     }
 }
 
+// Both ends of an app's release range fit; the nearest releases outside
+// them do not.
+TEST_F(Store, FitsHostsFromTheMinimumToTheMaximumReleaseInclusive) {
+    AppManifest app;
+    app.minTESSALVer = u"2026.2", app.maxTESSALVer = u"2026.5";
+    const std::string below = "needs Tessal release 2026.2 or later; this host runs ";
+    const std::string above = "needs Tessal release 2026.5 or earlier; this host runs ";
+    const struct {
+        const char* release;
+        std::string reason;
+    } cases[] = {{"2026.1", below + "2026.1"},
+                 {"2026.1.99", below + "2026.1.99"},
+                 {"2026.2", ""},
+                 {"2026.2.0", ""},
+                 {"2026.5", ""},
+                 {"2026.5.0", ""},
+                 {"2026.5.1", above + "2026.5.1"},
+                 {"2026.6", above + "2026.6"}};
+    for (const auto& c : cases) {
+        const auto reasons = incompatibilities(app, {c.release, "", {}});
+        EXPECT_EQ(reasons.empty() ? "" : reasons.front(), c.reason) << c.release;
+        EXPECT_LE(reasons.size(), 1u) << c.release;
+    }
+}
+
 TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     AppStore apps(root());
     apps.install(v("1.2.0"), fittingHost());
@@ -306,6 +332,43 @@ TEST_F(Store, NeverFollowsALinkOutOfTheRoot) {
     EXPECT_EQ(read_file(dir.file("outside.txt")), "theirs");
     EXPECT_EQ(read_file(dir.file("outside/util.js")), "theirs");
     EXPECT_FALSE(fs::exists(fs::symlink_status(folder)));
+}
+
+// The audited folder is the one that runs: `current` must name the
+// recorded version's folder as the store wrote it, whatever copy of it the
+// link is turned to.
+TEST_F(Store, AuditsWhereCurrentPoints) {
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const fs::path folder = apps.show(kGuid).current.folder;
+    const fs::path link = folder.parent_path() / "current";
+    const std::string leaf = folder.filename().string();
+    const fs::path copy = folder.parent_path() / "1.2.0-copy";
+    fs::copy(folder, copy, fs::copy_options::recursive);
+    write_file((copy / "files/README.txt").string(), "version 6.6.6\n");
+    const struct {
+        std::function<void()> turn;
+        std::string finding;
+    } cases[] = {
+        {[&] { fs::create_directory_symlink("1.2.0-copy", link); },
+         "points at 1.2.0-copy, not at " + leaf},
+        {[&] { fs::create_directory_symlink(folder, link); },
+         "points at " + folder.string() + ", not at " + leaf},
+        {[&] { fs::create_directory_symlink("../" + std::string(kGuid) + "/" + leaf, link); },
+         "points at ../" + std::string(kGuid) + "/" + leaf + ", not at " + leaf},
+        {[&] { fs::create_directory_symlink("1.2.0-copy/../" + leaf, link); },
+         "points at 1.2.0-copy/../" + leaf + ", not at " + leaf},
+        {[&] { fs::copy(copy, link, fs::copy_options::recursive); }, "not a symbolic link"},
+        {[] {}, "missing"},
+    };
+    for (const auto& c : cases) {
+        fs::remove_all(link);
+        c.turn();
+        EXPECT_EQ(findings(apps.audit(kGuid)), "link current (" + c.finding + ")\n");
+    }
+    fs::remove_all(link);
+    fs::create_directory_symlink(leaf, link);
+    EXPECT_TRUE(apps.audit(kGuid).clean());
 }
 
 // A root written before versions recorded their origin and their signer's

@@ -462,11 +462,13 @@ TEST_F(TsappTool, PackRefusesEveryBadSourceBeforeWriting) {
         {file("icon.png", "\xFF\xD8\xFF\xE0"), "", "",
          at + "icon: icon.png is not a PNG image: it holds a JPEG one\n"},
         {[&](const std::string& src) {
-             file("icon.svg", "<svg onload='alert(1)'/>")(src);
+             file("icon.svg",
+                  "<svg xmlns='http://www.w3.org/2000/svg'><q:script "
+                  "xmlns:q='http://www.w3.org/2000/svg'/></svg>")(src);
              json("\"icon.png\"", "\"icon.svg\"")(src);
          },
          "", "",
-         at + "icon: icon.svg is an SVG image that could run script when opened on its own\n"},
+         at + "icon: icon.svg is not an inert SVG image: it holds the element <q:script>\n"},
         {json("\"screenshot.png\"", "\"icon.png\""), "", "",
          at + "screenshot: icon.png would be the same part as the icon icon.png\n"},
         {[](const std::string&) {}, "SOURCE_DATE_EPOCH=-5", "",

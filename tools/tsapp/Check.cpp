@@ -65,6 +65,8 @@ Judge checker(const VerdictOptions& options, bool all, unsigned threads) {
                                  : unchecked(setupError);
         } catch (const std::exception& e) {
             report = unchecked(e.what());
+        } catch (...) {  // on a worker thread, which nothing may leave
+            report = unchecked(kUnnamedFailure);
         }
         return format(shown, report, options, all);
     };

@@ -21,6 +21,9 @@ namespace tsapp::tool {
 
 enum ExitStatus { kGood = 0, kBad = 1, kUsage = 2 };
 
+// What is said of a failure that is no std::exception.
+inline constexpr const char* kUnnamedFailure = "failed for a reason the library does not name";
+
 struct Command {
     CLI::App* cli = nullptr;  // parsed() once the command line named it
     std::function<int()> run;

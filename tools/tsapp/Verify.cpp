@@ -29,6 +29,10 @@ VerificationReport verified(const std::string& path, const VerificationPolicy& p
         VerificationReport report;
         report.faults.push_back({FaultKind::UnreadablePackage, {}, causeOf(e)});
         return report;
+    } catch (...) {  // on a worker thread, which nothing may leave
+        VerificationReport report;
+        report.faults.push_back({FaultKind::UnreadablePackage, {}, kUnnamedFailure});
+        return report;
     }
 }
 

@@ -56,7 +56,7 @@ int runNamed(const std::vector<Command>& commands) {
             reportFailure(Failure(subject, causeOf(e)));
             return kBad;
         } catch (...) {
-            reportFailure(Failure(subject, "failed for a reason the library does not name"));
+            reportFailure(Failure(subject, kUnnamedFailure));
             return kBad;
         }
     }

@@ -129,13 +129,15 @@ struct InstallResult {
 };
 
 struct AuditFinding {
-    enum class Kind { Modified, Missing, Mode, Extra };
+    // Link: the app's `current` link (path "current") is missing, no link,
+    // or names another folder than the recorded current version's.
+    enum class Kind { Modified, Missing, Mode, Extra, Link };
     Kind kind = Kind::Modified;
-    std::string path;    // relative to the version's folder
+    std::string path;    // relative to the version's folder; "current" for Link
     std::string detail;  // "size 10, recorded 12", "0600, recorded 0644", ...
 };
 
-// "modified", "missing", "mode", "extra".
+// "modified", "missing", "mode", "extra", "link".
 TSAPP_API const char* token(AuditFinding::Kind kind);
 
 struct AuditReport {

@@ -129,7 +129,7 @@ void XercesHelper::writeDocumentToStream(DOMLSSerializer* writer, DOMDocument* d
     MemBufFormatTarget target(1023, XMLPlatformUtils::fgMemoryManager);
     const XercesPtr<DOMLSOutput> output = detail::memoryOutput(target);
     output->setEncoding(XMLUni::fgUTF8EncodingString);
-    if (!writer->write(document, output.get()))
+    if (!detail::writeNoThrow(writer, document, output.get()))
         throw opc::Exception("the XML document could not be written");
     stream.write(target.getRawBuffer(), target.getLen());
 }

@@ -3,7 +3,10 @@
 #include <xercesc/dom/DOMLSParserFilter.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/Wrapper4InputSource.hpp>
+#include <xercesc/sax/SAXException.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
 #include <mutex>
@@ -180,10 +183,14 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
             document = parser->parse(&input);
         } catch (const XMLException& e) {
             throw InvalidXMLDocument(fl::i18n::to_string(e.getMessage()));
-        } catch (const DOMException& e) {
+        } catch (const DOMException& e) {  // DOMLSException too
             if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
             throw InvalidXMLDocument(e.getMessage() != nullptr ? fl::i18n::to_string(e.getMessage())
                                                                : std::string("DOM error"));
+        } catch (const SAXException& e) {
+            throw InvalidXMLDocument(fl::i18n::to_string(e.getMessage()));
+        } catch (const OutOfMemoryException&) {
+            throw InvalidXMLDocument("the XML parser ran out of memory");
         }
     }
     if (depthLimit.exceeded()) throw InvalidXMLDocument(too_deep());
@@ -191,6 +198,14 @@ DOMDocument* XercesHelper::readDocumentFromStream(DOMLSParser* parser, opc::Inpu
     if (document == nullptr || document->getDocumentElement() == nullptr) {
         throw InvalidXMLDocument("the XML document has no root element");
     }
+    // XML 1.1 admits control characters, as references, that no XML 1.0
+    // text can hold: a manifest's seal, written as XML 1.0, could never be
+    // checked, and a terminal would be shown them. Nothing read here is
+    // XML 1.1. A document without a declaration has no version: 1.0.
+    const XMLCh* version = document->getXmlVersion();
+    if (version != nullptr && !XMLString::equals(version, XMLUni::fgVersion1_0))
+        throw InvalidXMLDocument("the XML document is XML " + fl::i18n::to_string(version) +
+                                 ", not XML 1.0");
     return document;
 }
 

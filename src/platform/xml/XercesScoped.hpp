@@ -4,6 +4,8 @@
 
 #include <xercesc/dom/DOM.hpp>
 #include <xercesc/framework/MemBufFormatTarget.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
+#include <xercesc/util/XMLException.hpp>
 
 #include "tsappinstall/platform/opc/XercesHelper.hpp"
 
@@ -47,6 +49,20 @@ inline XercesPtr<xercesc::DOMLSOutput> memoryOutput(xercesc::MemBufFormatTarget&
         xercesc::DOMImplementationRegistry::getDOMImplementation(ls)->createLSOutput());
     output->setByteStream(&target);
     return output;
+}
+
+// Writes the node to `output`; false when the writer fails, by its answer
+// or by an exception of Xerces-C's (a character the document's XML version
+// cannot hold, memory), none of which leaves here.
+inline bool writeNoThrow(xercesc::DOMLSSerializer* writer, const xercesc::DOMNode* node,
+                         xercesc::DOMLSOutput* output) {
+    try {
+        return writer->write(node, output);
+    } catch (const xercesc::DOMException&) {  // DOMLSException too
+    } catch (const xercesc::XMLException&) {
+    } catch (const xercesc::OutOfMemoryException&) {
+    }
+    return false;
 }
 
 }  // namespace opc::model::detail
