@@ -12,4 +12,8 @@ inline constexpr int kSchemaVersion = 2;
 // schema, which is never touched.
 void migrate(const Database& db);
 
+// Whether the database is at kSchemaVersion already, so that migrate()
+// has nothing to write.
+bool isCurrent(const Database& db);
+
 }  // namespace tsappinstall::store::detail
