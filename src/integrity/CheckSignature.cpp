@@ -7,6 +7,7 @@
 
 #include <openssl/asn1.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -215,6 +216,27 @@ Fault fault(FaultKind kind, const std::string& what) {
 
 void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
     trustStore(trustAnchors);
+}
+
+std::vector<AnchorCertificate> readTrustAnchors(const std::vector<std::string>& trustAnchors) {
+    std::vector<AnchorCertificate> anchors;
+    for (const std::string& file : trustAnchors) {
+        trustStore({file});  // refuses what checkSignature would, in its words
+        const BioPtr in(BIO_new_file(file.c_str(), "rb"));
+        if (!in) refuseAnchors(file, opensslError("cannot be read"));
+        while (const X509Ptr certificate{PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr)}) {
+            const BioPtr out(BIO_new(BIO_s_mem()));
+            if (!out || PEM_write_bio_X509(out.get(), certificate.get()) != 1)
+                throw IntegrityError(opensslError("out of memory"));
+            char* pem = nullptr;
+            const long size = BIO_get_mem_data(out.get(), &pem);
+            anchors.push_back({subjectOf(certificate.get()),
+                               describeCertificate(certificate.get()).fingerprint,
+                               std::string(pem, static_cast<std::size_t>(size))});
+        }
+        ERR_clear_error();  // the end of the file reads as a failure
+    }
+    return anchors;
 }
 
 SignatureCheck checkSignature(const std::string& signature, const std::string& content,

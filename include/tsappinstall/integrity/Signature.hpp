@@ -53,7 +53,7 @@ struct SignerCertificate {
     // SHA-256 of its SubjectPublicKeyInfo (DER), the same hex: the key,
     // which stays when the certificate is renewed.
     std::string keyFingerprint;
-    std::string notBefore;    // UTC, "2026-01-31T12:00:00Z"
+    std::string notBefore;  // UTC, "2026-01-31T12:00:00Z"
     std::string notAfter;
 };
 
@@ -79,5 +79,19 @@ TSAPP_API SignatureCheck checkSignature(const std::string& signature, const std:
 // holds. Throws IntegrityError whose fault names the file as its item and
 // the cause as its detail ("cannot load trust anchors: ...").
 TSAPP_API void checkTrustAnchors(const std::vector<std::string>& trustAnchors);
+
+// A certificate of a trust file, for people to recognise and for a caller
+// to keep a copy of the anchors it was given.
+struct AnchorCertificate {
+    std::string subject;      // RFC 2253
+    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    std::string pem;          // the certificate alone, PEM
+};
+
+// The certificates in the PEM files, in their order (anything else in
+// them, such as a private key, is left out). Throws IntegrityError as
+// checkTrustAnchors does.
+TSAPP_API std::vector<AnchorCertificate> readTrustAnchors(
+    const std::vector<std::string>& trustAnchors);
 
 }  // namespace tsappinstall::integrity
