@@ -34,7 +34,7 @@ seconds() {  # the wall time of the command, in seconds
 }
 info_all() { for f in "$work"/repo/*.tsappinstall; do "$tsapp" info --json "$f"; done; }
 
-full=$(seconds "$tsapp" repo index -j "$jobs" "$work/repo")
+full=$(seconds "$tsapp" repo index --id bench -j "$jobs" "$work/repo")
 unchanged=$(seconds "$tsapp" repo index -j "$jobs" "$work/repo")
 mv "$work/new-app.tsappinstall" "$work/repo/"
 added=$(seconds "$tsapp" repo index -j "$jobs" "$work/repo")

@@ -71,6 +71,7 @@ enum class FaultKind : int {
     UnknownRepository,  // no repository is recorded under that name
     RepositoryExists,   // a repository is recorded under that name already
     NotOffered,         // no repository offers a version of the app that fits
+    WrongRepository,    // the index names another repository, or another key signed it
 
     // The seal's former name; it was never an author's signature.
     BadSignature = BadSeal,

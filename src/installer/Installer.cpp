@@ -1,10 +1,22 @@
 #include "tsappinstall/installer/Installer.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
+#include "platform/base/Ascii.hpp"
+#include "platform/base/Random.hpp"
+#include "platform/base/UniqueFd.hpp"
+#include "platform/base/WriteAll.hpp"
 #include "store/RootState.hpp"
+#include "tsappinstall/Guid.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 
 namespace tsappinstall::installer {
 namespace {
@@ -13,21 +25,39 @@ namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 using repository::ClientOptions;
 using repository::Repository;
+using repository::RepositoryIdentity;
 using store::detail::RootStateAccess;
 
 // Where the records live in the root's state: the recorded repositories as
 // one JSON array, and the highest index version seen of each repository
-// (by name, or by location for one named by its location alone).
+// identity (RepositoryIdentity::key()). Roots written before identities
+// keep the highest version seen by name (or location); such a mark is the
+// floor of the next index read under that name, and moves to its identity.
 const char* const kScope = "repositories";
 const char* const kRecordsKey = "recorded";
-const char* const kSeenScope = "repository-highest-index";
+const char* const kSeenScope = "repository-identity-highest-index";
+const char* const kSeenByNameScope = "repository-highest-index";
+// The copies of the recorded repositories' trust anchors, below the root.
+const char* const kTrustFolder = "trust";
 
 [[noreturn]] void fail(FaultKind kind, const std::string& item, const std::string& detail) {
     throw Error(Fault{kind, item, detail}, detail);
 }
 
 Json toJson(const Remote& r) {
-    return {{"name", r.name}, {"location", r.location}, {"trust", r.trust}, {"repoCa", r.serverCa}};
+    Json out = {
+        {"name", r.name}, {"location", r.location}, {"trust", r.trust}, {"repoCa", r.serverCa}};
+    if (!r.packageTrust.empty()) out["packageTrust"] = r.packageTrust;
+    if (!r.repository.empty()) out["repository"] = r.repository;
+    if (!r.signerKey.empty()) out["signerKey"] = r.signerKey;
+    return out;
+}
+
+std::vector<std::string> textsOf(const Json& json, const char* name) {
+    std::vector<std::string> out;
+    for (const auto& item : json.value(name, Json::array()))
+        if (item.is_string()) out.push_back(item.get<std::string>());
+    return out;
 }
 
 std::optional<Remote> remoteOf(const Json& json) {
@@ -36,8 +66,10 @@ std::optional<Remote> remoteOf(const Json& json) {
     r.name = json.value("name", "");
     r.location = json["location"].get<std::string>();
     r.serverCa = json.value("repoCa", "");
-    for (const auto& file : json.value("trust", Json::array()))
-        if (file.is_string()) r.trust.push_back(file.get<std::string>());
+    r.trust = textsOf(json, "trust");
+    r.packageTrust = textsOf(json, "packageTrust");
+    r.repository = json.value("repository", "");
+    r.signerKey = json.value("signerKey", "");
     return r;
 }
 
@@ -83,6 +115,108 @@ std::string recordedLocation(const std::string& location) {
     return url ? location : absolute(location);
 }
 
+// --- the copies of trust anchors in the root -------------------------------
+
+// A copy is recorded by its path below the root, so that the root moves as
+// one folder; "trust/NAME-TOKEN-USE.pem".
+bool isCopy(const std::string& file) {
+    return fs::path(file).is_relative() && file.rfind(std::string(kTrustFolder) + "/", 0) == 0 &&
+           file.find("..") == std::string::npos;
+}
+
+bool allCopies(const std::vector<std::string>& files) {
+    return std::all_of(files.begin(), files.end(), isCopy);
+}
+
+std::vector<std::string> resolved(const fs::path& root, std::vector<std::string> files) {
+    for (auto& file : files)
+        if (isCopy(file)) file = (root / file).string();
+    return files;
+}
+
+// The name as a file name may hold it.
+std::string fileSafe(const std::string& name) {
+    std::string safe;
+    for (char c : name.substr(0, 32))
+        safe += opc::detail::is_ascii_alnum(static_cast<unsigned char>(c)) || c == '-' || c == '_'
+                    ? c
+                    : '_';
+    return safe;
+}
+
+// Copies the certificates of `files` (nothing else they hold) into a file
+// of the root's own; returns its path below the root.
+std::string copyAnchors(const fs::path& root, const std::string& name, const char* use,
+                        const std::vector<std::string>& files) {
+    std::string pem;
+    for (const auto& anchor : integrity::readTrustAnchors(files)) pem += anchor.pem;
+    if (pem.empty()) fail(FaultKind::CannotRead, name, "the trust files hold no certificate");
+    const fs::path folder = root / kTrustFolder;
+    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST)
+        fail(FaultKind::CannotWrite, name, "cannot make " + folder.string());
+    const std::string relative = std::string(kTrustFolder) + "/" + fileSafe(name) + "-" +
+                                 opc::detail::randomToken(4) + "-" + use + ".pem";
+    const fs::path path = root / relative;
+    const opc::detail::UniqueFd fd(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd || opc::detail::write_all(fd.get(), pem.data(), pem.size()) != 0 ||
+        ::fsync(fd.get()) != 0) {
+        ::unlink(path.c_str());
+        fail(FaultKind::CannotWrite, name, "cannot write " + path.string());
+    }
+    return relative;
+}
+
+void removeCopies(const fs::path& root, const Remote& recorded) {
+    for (const auto* files : {&recorded.trust, &recorded.packageTrust})
+        for (const std::string& file : *files)
+            if (isCopy(file)) ::unlink((root / file).c_str());
+}
+
+// The copies a record takes on, removed again unless it is recorded.
+class Copies {
+  public:
+    explicit Copies(fs::path root) : root_(std::move(root)) {}
+    ~Copies() {
+        if (!kept_) removeCopies(root_, made_);
+    }
+    Copies(const Copies&) = delete;
+    Copies& operator=(const Copies&) = delete;
+    // Replaces the files of `remote` that are not copies by copies.
+    void into(Remote& remote) {
+        if (!allCopies(remote.trust)) {
+            remote.trust = {copyAnchors(root_, remote.name, "index", remote.trust)};
+            made_.trust = remote.trust;
+        }
+        if (!allCopies(remote.packageTrust)) {
+            remote.packageTrust = {
+                copyAnchors(root_, remote.name, "packages", remote.packageTrust)};
+            made_.packageTrust = remote.packageTrust;
+        }
+    }
+    void keep() { kept_ = true; }
+
+  private:
+    fs::path root_;
+    Remote made_;
+    bool kept_ = false;
+};
+
+// --- the highest index version seen ----------------------------------------
+
+std::uint64_t markOf(const store::AppStore& apps, const char* scope, const std::string& key) {
+    const auto seen = RootStateAccess::read(apps, scope, key);
+    return seen ? std::stoull(*seen) : 0;
+}
+
+void raiseMark(store::AppStore& apps, const std::string& key, std::uint64_t seen) {
+    RootStateAccess::update(apps, kSeenScope, key, [&](const auto& now) {
+        // Another process may have seen a higher version meanwhile.
+        if (now && std::stoull(*now) >= seen) return std::optional<std::string>();
+        return std::optional<std::string>(std::to_string(seen));
+    });
+}
+
 // Runs `run`, naming the repository as the item of whatever it throws.
 template <class Run>
 auto aboutRemote(const Remote& remote, Run run) {
@@ -126,12 +260,18 @@ Installer::Installer(store::AppStore& apps, InstallerOptions options)
 Installer::~Installer() = default;
 
 std::vector<Remote> Installer::remotes() const {
-    return remotesOf(RootStateAccess::read(apps_, kScope, kRecordsKey));
+    std::vector<Remote> remotes = remotesOf(RootStateAccess::read(apps_, kScope, kRecordsKey));
+    for (Remote& r : remotes) {
+        r.trust = resolved(apps_.root(), r.trust);
+        r.packageTrust = resolved(apps_.root(), r.packageTrust);
+    }
+    return remotes;
 }
 
-std::uint64_t Installer::highestSeen(const std::string& key) const {
-    const auto seen = RootStateAccess::read(apps_, kSeenScope, key);
-    return seen ? std::stoull(*seen) : 0;
+std::uint64_t Installer::highestSeen(const Remote& remote) const {
+    if (remote.signerKey.empty()) return markOf(apps_, kSeenByNameScope, remote.key());
+    return markOf(apps_, kSeenScope,
+                  RepositoryIdentity{remote.repository, remote.signerKey, remote.location}.key());
 }
 
 std::shared_ptr<const Repository> Installer::add(Remote remote) {
@@ -139,25 +279,42 @@ std::shared_ptr<const Repository> Installer::add(Remote remote) {
     // Before the index is fetched, and again where it is recorded.
     refuseKnown(remotes(), remote);
     remote.location = recordedLocation(remote.location);
-    for (auto& trust : remote.trust) trust = absolute(trust);
     remote.serverCa = absolute(remote.serverCa);
-    auto repository = fetch(remote);  // recorded only once its index was accepted
+    for (auto* files : {&remote.trust, &remote.packageTrust})
+        for (auto& file : *files) file = absolute(file);
+    remote.repository.clear();  // pinned to what its index names
+    remote.signerKey.clear();
+    Remote recorded = remote;
+    Copies copies(apps_.root());
+    aboutRemote(remote, [&] { copies.into(recorded); });
+    Remote used = recorded;
+    used.trust = resolved(apps_.root(), recorded.trust);
+    used.packageTrust = resolved(apps_.root(), recorded.packageTrust);
+    auto repository = open(used);  // recorded only once its index was accepted
+    recorded.repository = repository->identity().repository;
+    recorded.signerKey = repository->identity().signerKey;
     changeRemotes(apps_, [&](std::vector<Remote>& now) {
-        refuseKnown(now, remote);
-        now.push_back(remote);
+        refuseKnown(now, recorded);
+        now.push_back(recorded);
     });
+    copies.keep();
+    used.repository = recorded.repository;
+    used.signerKey = recorded.signerKey;
+    fetched_[used.key()] = repository;
     return repository;
 }
 
 void Installer::remove(const std::string& name) {
+    std::optional<Remote> removed;
     changeRemotes(apps_, [&](std::vector<Remote>& remotes) {
-        const auto before = remotes.size();
-        remotes.erase(std::remove_if(remotes.begin(), remotes.end(),
-                                     [&](const Remote& known) { return known.name == name; }),
-                      remotes.end());
-        if (remotes.size() == before)
+        const auto found = std::find_if(remotes.begin(), remotes.end(),
+                                        [&](const Remote& known) { return known.name == name; });
+        if (found == remotes.end())
             fail(FaultKind::UnknownRepository, name, "no repository of that name");
+        removed = *found;
+        remotes.erase(found);
     });
+    removeCopies(apps_.root(), *removed);
 }
 
 std::shared_ptr<const Repository> Installer::move(const std::string& name,
@@ -179,25 +336,58 @@ std::shared_ptr<const Repository> Installer::move(const std::string& name,
     return repository;
 }
 
-std::shared_ptr<const Repository> Installer::fetch(const Remote& remote) {
-    auto& repository = fetched_[remote.key()];
-    if (repository) return repository;
+std::shared_ptr<const Repository> Installer::open(const Remote& remote) {
     ClientOptions options;
     options.trustAnchors = remote.trust;
     options.serverCa = remote.serverCa;
-    options.highestSeen = highestSeen(remote.key());
+    options.repository = remote.repository;
+    options.signerKey = remote.signerKey;
+    // Read before the index: whoever moves this mark to the identity's
+    // raises that one before dropping this one, so one of the two holds.
+    options.highestSeen = markOf(apps_, kSeenByNameScope, remote.key());
+    options.highestSeenOf = [this](const RepositoryIdentity& identity) {
+        return markOf(apps_, kSeenScope, identity.key());
+    };
     options.now = options_.now;
     options.stallSeconds = options_.stallSeconds;
+    options.indexSeconds = options_.indexSeconds;
+    options.downloadSeconds = options_.downloadSeconds;
+    options.minimumRate = options_.minimumRate;
     options.attempts = options_.attempts;
     options.progress = options_.progress;
-    repository =
-        aboutRemote(remote, [&] { return std::make_shared<Repository>(remote.location, options); });
-    const std::uint64_t seen = repository->highestSeen();
-    RootStateAccess::update(apps_, kSeenScope, remote.key(), [&](const auto& now) {
-        // Another process may have seen a higher version meanwhile.
-        if (now && std::stoull(*now) >= seen) return std::optional<std::string>();
-        return std::optional<std::string>(std::to_string(seen));
+    auto repository = aboutRemote(
+        remote, [&] { return std::make_shared<const Repository>(remote.location, options); });
+    raiseMark(apps_, repository->identity().key(), repository->highestSeen());
+    if (options.highestSeen > 0) RootStateAccess::erase(apps_, kSeenByNameScope, remote.key());
+    return repository;
+}
+
+// A repository recorded before repositories were pinned is pinned to the
+// first index accepted of it, and its trust files are copied in; one whose
+// index names a repository only now takes that name.
+void Installer::pin(const Remote& remote, const RepositoryIdentity& identity) {
+    const bool current = !remote.signerKey.empty() &&
+                         (!remote.repository.empty() || identity.repository.empty()) &&
+                         allCopies(remote.trust) && allCopies(remote.packageTrust);
+    if (remote.name.empty() || current) return;
+    Copies copies(apps_.root());
+    changeRemotes(apps_, [&](std::vector<Remote>& now) {
+        for (Remote& r : now) {
+            if (r.name != remote.name || r.location != remote.location) continue;
+            if (r.signerKey.empty()) r.signerKey = identity.signerKey;
+            if (r.repository.empty() && r.signerKey == identity.signerKey)
+                r.repository = identity.repository;
+            aboutRemote(r, [&] { copies.into(r); });
+        }
     });
+    copies.keep();
+}
+
+std::shared_ptr<const Repository> Installer::fetch(const Remote& remote) {
+    auto& repository = fetched_[remote.key()];
+    if (repository) return repository;
+    repository = open(remote);
+    pin(remote, repository->identity());
     return repository;
 }
 
@@ -207,12 +397,42 @@ std::vector<std::shared_ptr<const Repository>> Installer::indexes() {
     return all;
 }
 
+// The GUID `app` stands for: itself, an installed app's of that name, or
+// the one app of that name that the repositories offer.
+std::string Installer::guidOf(const std::string& app, const std::vector<Remote>& where) {
+    if (isGuid(app)) return app;
+    try {
+        return apps_.show(app).current.guid;
+    } catch (const store::StoreError& e) {
+        if (e.kind() != FaultKind::NotInstalled) throw;
+    }
+    std::map<std::string, std::set<std::string>> offered;  // GUID -> repositories
+    for (const Remote& remote : where)
+        for (const auto& entry : fetch(remote)->index().packages)
+            if (entry.name == app)
+                offered[opc::detail::ascii_lower(entry.guid)].insert(remote.key());
+    if (offered.size() > 1) {
+        std::string list;
+        for (const auto& [guid, repositories] : offered) {
+            std::string in;
+            for (const auto& key : repositories) in += (in.empty() ? "" : ", ") + key;
+            list += (list.empty() ? "" : "; ") + guid + " in " + in;
+        }
+        fail(FaultKind::AmbiguousName, app,
+             app + " names " + std::to_string(offered.size()) + " apps (" + list +
+                 "); give the GUID of the one to install");
+    }
+    return offered.empty() ? app : offered.begin()->first;
+}
+
 std::optional<Offer> Installer::find(const std::string& app, const store::HostProfile& host,
                                      const std::vector<Remote>& where) {
+    const std::vector<Remote> looked = where.empty() ? remotes() : where;
+    const std::string guid = guidOf(app, looked);
     std::optional<Offer> best;
-    for (const Remote& remote : where.empty() ? remotes() : where) {
+    for (const Remote& remote : looked) {
         auto repository = fetch(remote);
-        const auto* entry = repository::pickNewest(repository->index(), app, host);
+        const auto* entry = repository::pickNewest(repository->index(), guid, host);
         if (entry && (!best || store::compareVersions(entry->version, best->entry->version) > 0))
             best = Offer{remote, repository, entry};
     }
@@ -225,7 +445,7 @@ store::InstallResult Installer::install(const Offer& offer, const store::HostPro
     const DownloadedFile file(aboutRemote(
         offer.remote, [&] { return offer.repository->download(*offer.entry, folder); }));
     options.trustAnchors =
-        offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.trust;
+        offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
     options.origin = toJson(offer.remote).dump();
     options.packageSha256 = offer.entry->sha256;  // the download was checked against it
     return apps_.install(file.path(), host, options);

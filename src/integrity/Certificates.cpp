@@ -92,10 +92,12 @@ SignerCertificate describeCertificate(X509* certificate) {
 }
 
 std::string subjectOf(X509* certificate) {
+    return nameText(X509_get_subject_name(certificate));
+}
+
+std::string nameText(const X509_NAME* name) {
     const BioPtr out(BIO_new(BIO_s_mem()));
-    if (!out ||
-        X509_NAME_print_ex(out.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0)
-        return {};
+    if (!out || X509_NAME_print_ex(out.get(), name, 0, XN_FLAG_RFC2253) < 0) return {};
     char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
     return std::string(text, static_cast<std::size_t>(size));

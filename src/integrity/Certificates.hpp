@@ -20,6 +20,8 @@ SignerCertificate describeCertificate(X509* certificate);
 
 // Its subject, RFC 2253; empty when it cannot be printed.
 std::string subjectOf(X509* certificate);
+// A name as RFC 2253 writes it; empty when it cannot be printed.
+std::string nameText(const X509_NAME* name);
 
 // Why `certificate` may not sign, one line each; empty when it may. A
 // signer's uses, when it names any, include code signing (or any use),

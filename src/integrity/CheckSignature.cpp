@@ -9,6 +9,7 @@
 
 #include <openssl/asn1.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/x509_vfy.h>
 
 #include <cerrno>
@@ -18,6 +19,7 @@
 
 #include "Certificates.hpp"
 #include "PackageIntegrity.hpp"
+#include "platform/base/Ascii.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 
 namespace tsappinstall::integrity {
@@ -288,6 +290,64 @@ SignerCertificate signerCertificateOf(const std::string& signature) {
 
 void checkTrustAnchors(const std::vector<std::string>& trustAnchors) {
     trustStore(trustAnchors);
+}
+
+namespace {
+
+std::string pemOf(int (*write)(BIO*, void*), void* item) {
+    const BioPtr out(BIO_new(BIO_s_mem()));
+    if (!out || write(out.get(), item) != 1) throw IntegrityError(opensslError("out of memory"));
+    char* pem = nullptr;
+    const long size = BIO_get_mem_data(out.get(), &pem);
+    return std::string(pem, static_cast<std::size_t>(size));
+}
+
+int writeCertificate(BIO* out, void* item) {
+    return PEM_write_bio_X509(out, static_cast<X509*>(item));
+}
+
+int writeRevocationList(BIO* out, void* item) {
+    return PEM_write_bio_X509_CRL(out, static_cast<X509_CRL*>(item));
+}
+
+std::string crlFingerprint(X509_CRL* crl) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (X509_CRL_digest(crl, EVP_sha256(), digest, &length) != 1) return {};
+    return opc::detail::lower_hex(digest, length);
+}
+
+BioPtr openTrustFile(const std::string& file) {
+    BioPtr in(BIO_new_file(file.c_str(), "rb"));
+    if (!in) refuseAnchors(file, opensslError("cannot be read"));
+    return in;
+}
+
+// The certificates of one trust file, then its revocation lists: a copy
+// made of them trusts and revokes exactly what the file does.
+void readTrustFile(const std::string& file, std::vector<AnchorCertificate>& anchors) {
+    trustStore({file});  // refuses what checkSignature would, in its words
+    const BioPtr certificates = openTrustFile(file);
+    while (const X509Ptr certificate{
+               PEM_read_bio_X509(certificates.get(), nullptr, nullptr, nullptr)})
+        anchors.push_back({subjectOf(certificate.get()),
+                           describeCertificate(certificate.get()).fingerprint,
+                           pemOf(writeCertificate, certificate.get())});
+    const BioPtr lists = openTrustFile(file);
+    while (const CrlPtr crl{PEM_read_bio_X509_CRL(lists.get(), nullptr, nullptr, nullptr)}) {
+        const std::string issuer = detail::nameText(X509_CRL_get_issuer(crl.get()));
+        anchors.push_back({"revocation list of " + issuer, crlFingerprint(crl.get()),
+                           pemOf(writeRevocationList, crl.get())});
+    }
+    ERR_clear_error();  // the end of the file reads as a failure
+}
+
+}  // namespace
+
+std::vector<AnchorCertificate> readTrustAnchors(const std::vector<std::string>& trustAnchors) {
+    std::vector<AnchorCertificate> anchors;
+    for (const std::string& file : trustAnchors) readTrustFile(file, anchors);
+    return anchors;
 }
 
 SignatureCheck checkSignature(const std::string& signature, const std::string& content,

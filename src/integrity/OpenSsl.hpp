@@ -33,6 +33,7 @@ using BioPtr = Owner<BIO, freeBio>;
 using X509Ptr = Owner<X509, X509_free>;
 using CertsPtr = Owner<STACK_OF(X509), freeCerts>;
 using CrlsPtr = Owner<STACK_OF(X509_CRL), freeCrls>;
+using CrlPtr = Owner<X509_CRL, X509_CRL_free>;
 using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;
 using CmsPtr = Owner<CMS_ContentInfo, CMS_ContentInfo_free>;
 using StorePtr = Owner<X509_STORE, X509_STORE_free>;

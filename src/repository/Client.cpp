@@ -1,14 +1,17 @@
 #include "tsappinstall/repository/Client.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <optional>
 
 #include "Transfer.hpp"
 #include "platform/base/Ascii.hpp"
+#include "platform/base/Random.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "platform/base/WriteAll.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
@@ -27,15 +30,16 @@ namespace fs = std::filesystem;
     throw Error(kind, what);
 }
 
-TransferOptions transferOptions(const ClientOptions& options, Connection& connection) {
-    return {options.serverCa, options.stallSeconds, {}, &connection};
+TransferOptions transferOptions(const ClientOptions& options, Connection& connection,
+                                const Deadline& deadline) {
+    return {options.serverCa, options.stallSeconds, deadline, {}, &connection};
 }
 
 // A small file of the repository, whole, refused past `limit` bytes.
 std::string fetchWhole(const std::string& location, const std::string& name, std::uint64_t limit,
-                       FaultKind tooLarge, const TransferOptions& transfer) {
+                       FaultKind tooLarge, const ClientOptions& options, Connection& connection) {
     std::string bytes;
-    fetch(location, name, 0, transfer,
+    fetch(location, name, 0, transferOptions(options, connection, Deadline(options.indexSeconds)),
           {[&](bool) { bytes.clear(); },
            [&](const char* data, std::size_t size) {
                if (bytes.size() + size > limit)
@@ -52,24 +56,67 @@ std::int64_t nowSeconds(const ClientOptions& options) {
         .count();
 }
 
-// The signer of `text`, or a refusal: no signature, or one not made over
-// these bytes by a signer whose chain leads to a trusted anchor.
-std::string checkIndexSignature(const std::string& location, const std::string& text,
-                                const ClientOptions& options, const TransferOptions& transfer) {
-    std::string signature;
-    try {
-        signature = fetchWhole(location, INDEX_SIGNATURE_FILE, MAX_INDEX_SIGNATURE_BYTES,
-                               FaultKind::MalformedSignature, transfer);
-    } catch (const Error& e) {
-        if (e.kind() != FaultKind::CannotRead) throw;
-        fail(FaultKind::Unsigned, std::string("the index is not signed (") + e.what() + ")");
+// The signature of index version `version`: its own file, or for an index
+// a publisher wrote before signatures were kept by version, the one beside
+// index.json.
+std::string fetchSignature(const std::string& location, std::uint64_t version,
+                           const ClientOptions& options, Connection& connection) {
+    for (const std::string& name : {signatureFileOf(version), std::string(INDEX_SIGNATURE_FILE)}) {
+        try {
+            return fetchWhole(location, name, MAX_INDEX_SIGNATURE_BYTES,
+                              FaultKind::MalformedSignature, options, connection);
+        } catch (const Error& e) {
+            if (e.kind() != FaultKind::CannotRead) throw;
+            if (name == INDEX_SIGNATURE_FILE)
+                fail(FaultKind::Unsigned,
+                     std::string("the index is not signed (") + e.what() + ")");
+        }
     }
-    const integrity::SignatureCheck check =
-        integrity::checkSignature(signature, text, options.trustAnchors);
-    if (check.fault)
-        throw Error(Fault{check.fault->kind, INDEX_SIGNATURE_FILE, check.fault->detail},
-                    "the index's signature: " + check.fault->detail);
-    return check.signer;
+    return {};  // not reached
+}
+
+// The index and its signature, checked unless the options allow an
+// unsigned one. A pair that does not match is read once more: it may have
+// been caught halfway through a publication by a publisher that renames the
+// signature and the index into place one after the other.
+struct SignedIndex {
+    Index index;
+    integrity::SignatureCheck check;
+};
+
+SignedIndex fetchIndex(const std::string& location, const ClientOptions& options,
+                       Connection& connection) {
+    for (int round = 0;; ++round) {
+        SignedIndex out;
+        const std::string text = fetchWhole(location, INDEX_FILE, MAX_INDEX_BYTES,
+                                            FaultKind::BadIndex, options, connection);
+        out.index = parseIndex(text);
+        if (options.trustAnchors.empty()) return out;
+        const std::string signature =
+            fetchSignature(location, out.index.version, options, connection);
+        out.check = integrity::checkSignature(signature, text, options.trustAnchors);
+        const auto& fault = out.check.fault;
+        if (fault && fault->kind == FaultKind::SignatureMismatch && round == 0) continue;
+        if (fault)
+            throw Error(Fault{fault->kind, INDEX_SIGNATURE_FILE, fault->detail},
+                        "the index's signature: " + fault->detail);
+        return out;
+    }
+}
+
+// The identity pinned in the options, if any, is the index's.
+void checkIdentity(const RepositoryIdentity& found, const ClientOptions& options) {
+    if (!options.repository.empty() && found.repository != options.repository)
+        fail(FaultKind::WrongRepository,
+             (found.repository.empty()
+                  ? std::string("the index names no repository")
+                  : "the index is of the repository \"" + found.repository + "\"") +
+                 ", not of \"" + options.repository + "\"");
+    if (!options.signerKey.empty() && found.signerKey != options.signerKey)
+        fail(FaultKind::WrongRepository,
+             "the index is signed by the key SHA-256 " +
+                 (found.signerKey.empty() ? std::string("(none)") : found.signerKey) +
+                 ", not by the key SHA-256 " + options.signerKey);
 }
 
 std::string days(std::int64_t seconds) {
@@ -78,15 +125,49 @@ std::string days(std::int64_t seconds) {
                   : std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
 }
 
-struct PartialFile {
-    fs::path path;
+[[noreturn]] void failOn(FaultKind kind, const std::string& what, const fs::path& path) {
+    fail(kind, what + " " + path.string() + ": " + std::strerror(errno));
+}
+
+// The partial file of one package in one folder, held by one download at a
+// time: another download of the same package into the same folder (two
+// installs at once) waits until this one renamed or removed it, then takes
+// the file then under that name, so that no two ever write one file.
+class PartialFile {
+  public:
+    explicit PartialFile(fs::path path) : path_(std::move(path)) {
+        for (;;) {
+            opc::detail::UniqueFd fd(
+                ::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600));
+            if (!fd) failOn(FaultKind::CannotWrite, "cannot create", path_);
+            while (::flock(fd.get(), LOCK_EX) != 0)
+                if (errno != EINTR) failOn(FaultKind::CannotWrite, "cannot lock", path_);
+            struct stat held {
+            }, named{};
+            if (::fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode))
+                fail(FaultKind::CannotWrite, path_.string() + " is not a regular file");
+            if (::lstat(path_.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
+                named.st_ino == held.st_ino) {
+                fd_ = std::move(fd);
+                return;
+            }
+        }
+    }
+    const fs::path& path() const { return path_; }
+    int fd() const { return fd_.get(); }
     std::uint64_t size() const {
         struct stat info {};
-        return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)
-                   ? static_cast<std::uint64_t>(info.st_size)
-                   : 0;
+        return ::fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
     }
-    void remove() const { ::unlink(path.c_str()); }
+    void truncate() const {
+        if (::ftruncate(fd_.get(), 0) != 0)
+            failOn(FaultKind::CannotWrite, "cannot truncate", path_);
+    }
+    void remove() const { ::unlink(path_.c_str()); }
+
+  private:
+    fs::path path_;
+    opc::detail::UniqueFd fd_;
 };
 
 void writeAll(int fd, const char* data, std::size_t size) {
@@ -102,15 +183,12 @@ class PartialHash {
     // earlier run left), starting over when it holds less.
     void catchUp(const PartialFile& partial, std::uint64_t size) {
         if (size < done_) restart();
-        if (size == done_) return;
-        const opc::detail::UniqueFd fd(
-            ::open(partial.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-        if (!fd) fail(FaultKind::CannotRead, "cannot open " + partial.path.string());
         unsigned char buffer[1 << 16];
         while (done_ < size) {
-            const ssize_t got = ::pread(fd.get(), buffer, sizeof buffer, static_cast<off_t>(done_));
+            const ssize_t got =
+                ::pread(partial.fd(), buffer, sizeof buffer, static_cast<off_t>(done_));
             if (got < 0 && errno == EINTR) continue;
-            if (got <= 0) fail(FaultKind::CannotRead, "cannot read " + partial.path.string());
+            if (got <= 0) fail(FaultKind::CannotRead, "cannot read " + partial.path().string());
             update(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(got));
         }
     }
@@ -133,26 +211,22 @@ class PartialHash {
 // size on, starting over when the source ignores the offset. Never more
 // than the indexed size lands in the file.
 void attempt(const std::string& location, const PackageEntry& entry, const PartialFile& partial,
-             PartialHash& hash, const ClientOptions& options, Connection& connection) {
+             PartialHash& hash, const TransferOptions& base, const ClientOptions& options) {
     std::uint64_t have = partial.size();
     if (have > entry.size) {
-        partial.remove();
+        partial.truncate();
         have = 0;
     }
     hash.catchUp(partial, have);
     if (have == entry.size && have > 0) return;  // complete before an interruption
-    const opc::detail::UniqueFd fd(
-        ::open(partial.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd) fail(FaultKind::CannotWrite, "cannot create " + partial.path.string());
-    TransferOptions transfer = transferOptions(options, connection);
+    TransferOptions transfer = base;
     std::uint64_t written = have;
     if (options.progress)
         transfer.progress = [&](std::uint64_t) { options.progress(written, entry.size); };
     fetch(location, entry.file, have, transfer,
           {[&](bool resumed) {
                if (resumed) return;
-               if (::ftruncate(fd.get(), 0) != 0)
-                   fail(FaultKind::CannotWrite, "cannot truncate " + partial.path.string());
+               partial.truncate();
                written = 0;
                hash.restart();
            },
@@ -161,7 +235,7 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
                    fail(FaultKind::SizeMismatch, entry.file + ": the source sent more than the " +
                                                      std::to_string(entry.size) +
                                                      " bytes the index lists");
-               writeAll(fd.get(), data, size);
+               writeAll(partial.fd(), data, size);
                hash.update(data, size);
                written += size;
            }});
@@ -169,6 +243,12 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
         fail(FaultKind::DownloadFailed, entry.file + ": the transfer ended after " +
                                             std::to_string(written) + " of " +
                                             std::to_string(entry.size) + " bytes");
+}
+
+// However many attempts it takes, a download has its indexed size's time.
+Deadline downloadDeadline(const PackageEntry& entry, const ClientOptions& options) {
+    const std::uint64_t forSize = options.minimumRate == 0 ? 0 : entry.size / options.minimumRate;
+    return Deadline(options.downloadSeconds + static_cast<long>(forSize));
 }
 
 // The downloaded package must be good and be the app and version the
@@ -194,20 +274,21 @@ Repository::Repository(std::string location, ClientOptions options)
       connection_(std::make_unique<Connection>()) {
     if (options_.trustAnchors.empty() && !options_.allowUnsigned)
         fail(FaultKind::Other, "no trust anchor given for the index's signature");
-    const TransferOptions transfer = transferOptions(options_, *connection_);
-    const std::string text =
-        fetchWhole(location_, INDEX_FILE, MAX_INDEX_BYTES, FaultKind::BadIndex, transfer);
-    if (!options_.trustAnchors.empty())
-        signer_ = checkIndexSignature(location_, text, options_, transfer);
-    index_ = parseIndex(text);
+    SignedIndex read = fetchIndex(location_, options_, *connection_);
+    index_ = std::move(read.index);
+    signer_ = read.check.signer;
+    identity_ = {index_.repository, read.check.certificate.keyFingerprint, location_};
     const std::int64_t now = nowSeconds(options_);
     if (now > index_.expires)
         fail(FaultKind::ExpiredIndex, "the index expired at " + formatUtc(index_.expires) + ", " +
                                           days(now - index_.expires) + " ago");
-    if (index_.version < options_.highestSeen)
+    checkIdentity(identity_, options_);
+    seen_ = std::max(options_.highestSeen,
+                     options_.highestSeenOf ? options_.highestSeenOf(identity_) : 0);
+    if (index_.version < seen_)
         fail(FaultKind::IndexRollback, "the index is version " + std::to_string(index_.version) +
-                                           ", older than version " +
-                                           std::to_string(options_.highestSeen) + " seen before");
+                                           ", older than version " + std::to_string(seen_) +
+                                           " seen before");
 }
 
 Repository::~Repository() = default;
@@ -215,35 +296,47 @@ Repository::Repository(Repository&&) noexcept = default;
 Repository& Repository::operator=(Repository&&) noexcept = default;
 
 std::uint64_t Repository::highestSeen() const {
-    return std::max(index_.version, options_.highestSeen);
+    return std::max(index_.version, seen_);
+}
+
+std::string RepositoryIdentity::key() const {
+    return (repository.empty() ? "location " + location : "repository " + repository) + " key " +
+           signerKey;
 }
 
 fs::path Repository::download(const PackageEntry& entry, const fs::path& folder) const {
     if (!isPlainFileName(entry.file))
         fail(FaultKind::BadIndex, "not a plain package name: " + entry.file);
-    const PartialFile partial{folder / (entry.file + ".part")};
-    const fs::path target = folder / entry.file;
+    const PartialFile partial(folder / (entry.file + ".part"));
+    // The finished file is this download's alone: another download of the
+    // same package may finish while the caller still reads this one.
+    const fs::path target = folder / (opc::detail::randomToken(4) + "-" + entry.file);
+    const Deadline deadline = downloadDeadline(entry, options_);
+    const TransferOptions transfer = transferOptions(options_, *connection_, deadline);
     std::string lastFailure;
     PartialHash hash;
     const int attempts = std::max(1, options_.attempts);
-    for (int i = 0; i < attempts; ++i) {
+    int made = 0;
+    while (made < attempts) {
+        ++made;
         try {
-            attempt(location_, entry, partial, hash, options_, *connection_);
+            attempt(location_, entry, partial, hash, transfer, options_);
             lastFailure.clear();
             break;
         } catch (const Error& e) {
-            // Only a transfer cut short is worth another try.
+            // Only a transfer cut short, with time left, is worth another try.
             if (e.kind() != FaultKind::DownloadFailed) {
                 partial.remove();
                 throw;
             }
             lastFailure = e.what();
+            if (deadline.passed()) break;
         }
     }
     if (!lastFailure.empty()) {
         partial.remove();
-        fail(FaultKind::DownloadFailed, lastFailure + " (" + std::to_string(attempts) +
-                                            (attempts == 1 ? " attempt)" : " attempts)"));
+        fail(FaultKind::DownloadFailed,
+             lastFailure + " (" + std::to_string(made) + (made == 1 ? " attempt)" : " attempts)"));
     }
     const std::string sha256 = hash.finishHex();
     if (sha256 != entry.sha256) {
@@ -251,7 +344,7 @@ fs::path Repository::download(const PackageEntry& entry, const fs::path& folder)
         fail(FaultKind::DigestMismatch,
              entry.file + ": its SHA-256 is " + sha256 + ", the index lists " + entry.sha256);
     }
-    if (::rename(partial.path.c_str(), target.c_str()) != 0) {
+    if (::rename(partial.path().c_str(), target.c_str()) != 0) {
         partial.remove();
         fail(FaultKind::CannotWrite, "cannot rename the download to " + target.string());
     }

@@ -193,14 +193,29 @@ bool isPlainFileName(const std::string& file) {
            });
 }
 
+std::string signatureFileOf(std::uint64_t version) {
+    return std::string(INDEX_SIGNATURES_FOLDER) + "/" + std::to_string(version) + ".p7s";
+}
+
+bool isRepositoryId(const std::string& id) {
+    const auto allowed = [](char c) {
+        return opc::detail::is_ascii_alnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' ||
+               c == '_';
+    };
+    return !id.empty() && id.size() <= 64 &&
+           opc::detail::is_ascii_alnum(static_cast<unsigned char>(id.front())) &&
+           std::all_of(id.begin(), id.end(), allowed);
+}
+
 std::string formatIndex(const Index& index) {
     Json packages = Json::array();
     for (const PackageEntry& e : index.packages) packages.push_back(entryJson(e));
-    const Json out = {{"schema", index.schema},
-                      {"version", index.version},
-                      {"generated", formatUtc(index.generated)},
-                      {"expires", formatUtc(index.expires)},
-                      {"packages", packages}};
+    Json out = {{"schema", index.schema}};
+    if (!index.repository.empty()) out["repository"] = index.repository;
+    out["version"] = index.version;
+    out["generated"] = formatUtc(index.generated);
+    out["expires"] = formatUtc(index.expires);
+    out["packages"] = packages;
     return out.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
@@ -219,6 +234,10 @@ Index parseIndex(const std::string& textIn) {
     const Json& schema = member(root, "schema", Json::value_t::number_unsigned, false, zero);
     if (schema.get<std::uint64_t>() != INDEX_SCHEMA)
         refuse("unknown schema version " + schema.dump());
+    index.repository = text(root, "repository", true);
+    if (root.contains("repository") && !isRepositoryId(index.repository))
+        refuse("the repository's identifier \"" + index.repository +
+               "\" is not 1 to 64 letters, digits and .-_");
     index.version = number(root, "version");
     index.generated = time(root, "generated");
     index.expires = time(root, "expires");

@@ -212,9 +212,10 @@ void readPackage(const fs::path& folder, const std::string& file, AppManifestSer
 }
 
 // The cache: per file its stamp, SHA-256 and outcome, and the last version
-// written (the index itself may be gone).
+// written and the repository it named (the index itself may be gone).
 struct Cache {
     std::uint64_t version = 0;
+    std::string repository;
     std::map<std::string, Outcome> files;
 };
 
@@ -225,6 +226,7 @@ Cache loadCache(const fs::path& folder) {
     try {
         const Json root = Json::parse(in);
         cache.version = root.at("version").get<std::uint64_t>();
+        cache.repository = root.value("repository", "");
         for (const auto& [file, item] : root.at("files").items()) {
             Outcome o;
             o.stamp = {item.at("size").get<std::uint64_t>(), item.at("mtime").get<std::int64_t>()};
@@ -249,19 +251,40 @@ void saveCache(const fs::path& folder, const Cache& cache) {
         if (!o.images.empty()) item["images"] = o.images;
         files[file] = std::move(item);
     }
-    const Json root = {{"version", cache.version}, {"files", files}};
+    const Json root = {
+        {"version", cache.version}, {"repository", cache.repository}, {"files", files}};
     writeAtomically(folder / kCacheFile, root.dump(-1, ' ', false, Json::error_handler_t::replace),
                     true);
 }
 
-std::uint64_t previousVersion(const fs::path& folder) {
+// The version and repository of the folder's index, or of the cache's
+// when that names a higher version.
+void previousIndex(const fs::path& folder, const Cache& cache, Index& next) {
+    next.version = cache.version;
+    next.repository = cache.repository;
     std::ifstream in(folder / INDEX_FILE, std::ios::binary);
-    if (!in) return 0;
+    if (!in) return;
     try {
-        return Json::parse(in).at("version").get<std::uint64_t>();
+        const Json root = Json::parse(in);
+        const auto version = root.at("version").get<std::uint64_t>();
+        if (version < next.version) return;
+        next.version = version;
+        next.repository = root.value("repository", next.repository);
     } catch (const std::exception&) {
-        return 0;
     }
+}
+
+// The identifier given, else the one the folder's index had.
+std::string repositoryId(const IndexOptions& options, const std::string& previous) {
+    const std::string id = options.repository.empty() ? previous : options.repository;
+    if (id.empty())
+        fail(FaultKind::Other,
+             "a new repository needs an identifier (such as \"stable\") that its index names");
+    if (!isRepositoryId(id))
+        fail(FaultKind::Other, "the repository's identifier \"" + id +
+                                   "\" is not 1 to 64 letters, digits and .-_, starting with a "
+                                   "letter or a digit");
+    return id;
 }
 
 std::vector<std::string> packageFiles(const fs::path& folder) {
@@ -407,6 +430,33 @@ void writeGallery(const fs::path& folder, const Index& index) {
     writeAtomically(folder / "index.html", galleryPage(index));
 }
 
+// Every index.json a reader can find has its signature in place: the
+// signature of the next index goes in before the index does, under its
+// version's name (and beside index.json for readers that know no other).
+void writeSignatures(const fs::path& folder, std::uint64_t version, const std::string& text,
+                     const integrity::Signer* signer) {
+    if (!signer) {
+        // A signature of an earlier index would refuse this one.
+        std::error_code ignored;
+        fs::remove(folder / INDEX_SIGNATURE_FILE, ignored);
+        return;
+    }
+    const std::vector<unsigned char> signature = signer->sign(text);
+    const std::string bytes(signature.begin(), signature.end());
+    makeFolder(folder / INDEX_SIGNATURES_FOLDER);
+    writeAtomically(folder / signatureFileOf(version), bytes, true);
+    writeAtomically(folder / INDEX_SIGNATURE_FILE, bytes, true);
+}
+
+// The signature of the index just replaced stays for a reader that read
+// that index a moment ago; older ones go.
+void keepSignatures(const fs::path& folder, std::uint64_t version, bool signing) {
+    std::set<std::string> keep;
+    for (const std::uint64_t kept : {version, version - 1})
+        if (signing) keep.insert(fs::path(signatureFileOf(kept)).filename().string());
+    pruneFolder(folder / INDEX_SIGNATURES_FOLDER, keep);
+}
+
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -422,8 +472,11 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     std::optional<integrity::Signer> signer;
     if (!options.signingKey.empty()) signer.emplace(options.signingKey, options.signingCertificate);
     const std::vector<std::string> files = packageFiles(folder);
-    makeFolder(folder / IMAGES_FOLDER);
     Cache cache = loadCache(folder);
+    Index index;
+    previousIndex(folder, cache, index);
+    index.repository = repositoryId(options, index.repository);
+    makeFolder(folder / IMAGES_FOLDER);
 
     std::vector<Outcome> outcomes(files.size());
     const auto jobs = static_cast<unsigned>(
@@ -431,12 +484,12 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     IndexOutcome result;
     result.read = readAll(folder, files, cache, jobs, outcomes);
 
-    Index index;
-    index.version = std::max(cache.version, previousVersion(folder)) + 1;
+    ++index.version;
     index.generated = options.now >= 0 ? options.now : nowSeconds();
     index.expires = index.generated + options.validFor;
     Cache next;
     next.version = index.version;
+    next.repository = index.repository;
     for (std::size_t i = 0; i < files.size(); ++i) {
         Outcome& o = outcomes[i];
         for (const std::string& image : o.images) result.leftOutImages.push_back({files[i], image});
@@ -462,16 +515,9 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
 
     const std::string text = formatIndex(index);
     writeGallery(folder, index);
-    if (signer) {
-        const std::vector<unsigned char> signature = signer->sign(text);
-        writeAtomically(folder / INDEX_SIGNATURE_FILE,
-                        std::string(signature.begin(), signature.end()), true);
-    } else {
-        // A signature of an earlier index would refuse this one.
-        std::error_code ignored;
-        fs::remove(folder / INDEX_SIGNATURE_FILE, ignored);
-    }
+    writeSignatures(folder, index.version, text, signer ? &*signer : nullptr);
     writeAtomically(folder / INDEX_FILE, text, true);
+    keepSignatures(folder, index.version, signer.has_value());
     saveCache(folder, next);
     return result;
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -106,6 +107,27 @@ void initialiseOnce() {
 
 }  // namespace
 
+Deadline::Deadline(long seconds)
+    : at_(std::chrono::steady_clock::now() + std::chrono::seconds(seconds)), seconds_(seconds) {}
+
+bool Deadline::passed(long slackMillis) const {
+    return at_ != std::chrono::steady_clock::time_point::max() &&
+           std::chrono::steady_clock::now() + std::chrono::milliseconds(slackMillis) >= at_;
+}
+
+long Deadline::remainingMillis() const {
+    if (at_ == std::chrono::steady_clock::time_point::max()) return 0;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        at_ - std::chrono::steady_clock::now());
+    return std::max<long>(1, static_cast<long>(left.count()));
+}
+
+void Deadline::fail(const std::string& name) const {
+    throw Error(FaultKind::DownloadFailed, name + ": not received within " +
+                                               std::to_string(seconds_) +
+                                               (seconds_ == 1 ? " second" : " seconds"));
+}
+
 struct Connection::Handle {
     CurlPtr curl;
 };
@@ -143,6 +165,7 @@ void prepare(CURL* c, const std::string& url, std::uint64_t from, const Transfer
     // A transfer below one byte a second for the stall time has stalled.
     curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, options.stallSeconds);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, options.deadline.remainingMillis());
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errors);
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onBody);
@@ -159,6 +182,7 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
     std::string url = base + (base.back() == '/' ? "" : "/") + name;
     const std::string origin = originOf(url);
     for (int redirects = 0;; ++redirects) {
+        if (options.deadline.passed()) options.deadline.fail(name);
         Exchange exchange;
         exchange.sink = &sink;
         exchange.from = from;
@@ -171,6 +195,8 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
         // The handle outlives this call: it must not point at it.
         curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
         if (exchange.error) std::rethrow_exception(exchange.error);
+        if (code == CURLE_OPERATION_TIMEDOUT && options.deadline.passed(100))
+            options.deadline.fail(name);
         if (code != CURLE_OK)
             fail(FaultKind::DownloadFailed,
                  name + ": " + (errors[0] ? errors : curl_easy_strerror(code)));
@@ -217,11 +243,14 @@ void fetchLocal(const std::string& location, const std::string& name, std::uint6
                 const TransferOptions& options, const TransferSink& sink) {
     const std::string base = localPath(location);
     const std::string path = base + (!base.empty() && base.back() == '/' ? "" : "/") + name;
-    const opc::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Opened without waiting for a writer, as a FIFO would have it, and
+    // read only when it is a regular file.
+    const opc::detail::UniqueFd fd(
+        ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) fail(FaultKind::CannotRead, name + ": cannot open " + path);
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
-        fail(FaultKind::CannotRead, name + ": not a file");
+        fail(FaultKind::CannotRead, name + ": not a regular file");
     const bool resumed = from > 0 && ::lseek(fd.get(), static_cast<off_t>(from), SEEK_SET) >= 0;
     sink.start(resumed || from == 0);
     char buffer[1 << 16];
@@ -231,6 +260,7 @@ void fetchLocal(const std::string& location, const std::string& name, std::uint6
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) fail(FaultKind::CannotRead, name + ": a read failed");
         if (got == 0) return;
+        if (options.deadline.passed()) options.deadline.fail(name);
         sink.write(buffer, static_cast<std::size_t>(got));
         received += static_cast<std::uint64_t>(got);
         if (options.progress) options.progress(received);

@@ -2,9 +2,10 @@
 
 // Fetching bytes from a repository's location: a folder, a file: URL or an
 // http(s): URL. Whatever the source, no more than a given limit is taken,
-// and a transfer that stalls, fails or leaves the server's host ends with
-// an Error naming why.
+// and a transfer that stalls, runs past its deadline, fails or leaves the
+// server's host ends with an Error naming why.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,9 +29,30 @@ class Connection {
     std::unique_ptr<Handle> handle_;
 };
 
+// When a transfer must be over, however steadily its bytes arrive: a
+// server that sends a byte now and then would otherwise never be caught
+// by the stall rule.
+class Deadline {
+  public:
+    Deadline() = default;  // none
+    explicit Deadline(long seconds);
+    // Whether it has passed, or will within `slackMillis` (a timer set to
+    // it may fire a moment early).
+    bool passed(long slackMillis = 0) const;
+    // What is left, at least 1 ms while it has not passed.
+    long remainingMillis() const;
+    // "NAME: not received within N seconds" as the Error to throw.
+    [[noreturn]] void fail(const std::string& name) const;
+
+  private:
+    std::chrono::steady_clock::time_point at_ = std::chrono::steady_clock::time_point::max();
+    long seconds_ = 0;
+};
+
 struct TransferOptions {
     std::string serverCa;  // PEM file replacing the system's CA store
     long stallSeconds = 30;
+    Deadline deadline;
     std::function<void(std::uint64_t)> progress;  // bytes received in this transfer
     Connection* connection = nullptr;             // kept between transfers when given
 };
@@ -44,9 +66,10 @@ struct TransferSink {
 };
 
 // Fetches `name` below `location` from byte `from` on. Throws Error: a
-// file that is not there (none in the folder, HTTP 404 or 410) as
-// CannotRead, any other failure (timeouts, TLS, another host, other HTTP
-// statuses) as DownloadFailed; passes on what the sink throws.
+// file that is not there (none in the folder, HTTP 404 or 410) or that is
+// not a regular file (a FIFO would block the reader) as CannotRead, any
+// other failure (timeouts, TLS, another host, other HTTP statuses) as
+// DownloadFailed; passes on what the sink throws.
 void fetch(const std::string& location, const std::string& name, std::uint64_t from,
            const TransferOptions& options, const TransferSink& sink);
 

@@ -107,9 +107,7 @@ struct AppStore::Impl {
         std::filesystem::create_directories(root, error);
         rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!rootFd) failed(root.string() + " cannot be opened", errno);
-        makeFolder(ops, rootFd.get(), "apps", shown("apps"));
-        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
-        migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
+        makeDatabase();
         // In WAL mode a commit is then atomic but flushed only at
         // checkpoints; install --sync flushes each (FULL).
         db->exec("PRAGMA synchronous = NORMAL");
@@ -119,6 +117,21 @@ struct AppStore::Impl {
         if (records->pending().empty()) return;
         RootLock lock(ops, rootFd.get(), RootLock::Mode::TryExclusive, root.string());
         if (lock.held()) settledOnOpen = settle();
+    }
+
+    // A root's database is made, or brought up to this schema, by one
+    // writer at a time: two that found no root would otherwise both make
+    // it, and one would meet the other's database half made ("database is
+    // locked"). A root that is ready takes no lock.
+    void makeDatabase() {
+        std::optional<RootLock> making;
+        if (!AppStore::exists(root))
+            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        makeFolder(ops, rootFd.get(), "apps", shown("apps"));
+        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
+        if (!making && !isCurrent(*db))
+            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
     }
 
     std::string shown(const std::string& below) const { return (root / below).string(); }
@@ -830,6 +843,12 @@ void RootStateAccess::update(AppStore& apps, const std::string& scope, const std
     RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
     if (auto value = change(impl.records->state(scope, key)))
         impl.records->setState(scope, key, *value);
+}
+
+void RootStateAccess::erase(AppStore& apps, const std::string& scope, const std::string& key) {
+    AppStore::Impl& impl = *apps.impl_;
+    RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
+    impl.records->dropState(scope, key);
 }
 
 }  // namespace tsappinstall::store

@@ -215,4 +215,11 @@ void Records::setState(const std::string& scope, const std::string& key, const s
     s.bind(1, scope).bind(2, key).bind(3, value).run();
 }
 
+void Records::dropState(const std::string& scope, const std::string& key) {
+    Statement(db_, "DELETE FROM state WHERE scope = ? AND key = ?")
+        .bind(1, scope)
+        .bind(2, key)
+        .run();
+}
+
 }  // namespace tsappinstall::store::detail

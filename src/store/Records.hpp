@@ -72,6 +72,7 @@ class Records {
 
     std::optional<std::string> state(const std::string& scope, const std::string& key) const;
     void setState(const std::string& scope, const std::string& key, const std::string& value);
+    void dropState(const std::string& scope, const std::string& key);
 
   private:
     const Database& db_;

@@ -25,6 +25,8 @@ struct RootStateAccess {
         std::function<std::optional<std::string>(const std::optional<std::string>& current)>;
     static void update(AppStore& apps, const std::string& scope, const std::string& key,
                        const Change& change);
+    // Forgets the value, if there is one.
+    static void erase(AppStore& apps, const std::string& scope, const std::string& key);
 };
 
 }  // namespace tsappinstall::store::detail

@@ -119,6 +119,10 @@ void refuseNewer(const Database& db, int found) {
 
 }  // namespace
 
+bool isCurrent(const Database& db) {
+    return userVersion(db) == kSchemaVersion;
+}
+
 void migrate(const Database& db, const StoredSignature& storedSignature) {
     // Reading the version first finds a file that is no database at all
     // before anything is written to it.

@@ -20,4 +20,8 @@ using StoredSignature = std::function<std::string(const std::string& folder)>;
 // written by a newer schema, which is never touched.
 void migrate(const Database& db, const StoredSignature& storedSignature);
 
+// Whether the database is at kSchemaVersion already, so that migrate()
+// has nothing to write.
+bool isCurrent(const Database& db);
+
 }  // namespace tsappinstall::store::detail

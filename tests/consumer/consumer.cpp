@@ -64,6 +64,7 @@ int main(int argc, char** argv) {
         std::cout << narrow(manifest.name) << ' ' << narrow(manifest.version) << '\n';
 
         repository::IndexOptions indexing;
+        indexing.repository = "consumer";
         indexing.signingKey = argv[3];
         indexing.signingCertificate = argv[4];
         const repository::IndexOutcome index = repository::indexFolder(repo, indexing);

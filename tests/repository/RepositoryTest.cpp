@@ -2,7 +2,10 @@
 // packages, the gallery in a real browser, and the client against a
 // loopback server that misbehaves on purpose.
 
+#include <sys/stat.h>
+
 #include <fstream>
+#include <thread>
 
 #include "repository/RepositoryTestSupport.hpp"
 #include "tsappinstall/installer/Installer.hpp"
@@ -55,9 +58,19 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     EXPECT_EQ(changed.read, 1u);
     ASSERT_EQ(changed.badPackages.size(), 2u);
     EXPECT_EQ(changed.badPackages[1].what, "another file holds version 1.0 of this app");
-    // Nothing temporary is left beside what was published.
+    // Nothing temporary is left beside what was published; the signatures
+    // of this index and the one before it stay.
     for (const std::string& name : filesIn(repo))
         EXPECT_EQ(name.find(".tmp."), std::string::npos) << name;
+    EXPECT_EQ(filesIn(repo + "/signatures"), (std::vector<std::string>{"3.p7s", "4.p7s"}));
+    EXPECT_EQ(parseIndex(read_file(repo + "/index.json")).repository, "stable");
+    // The identifier is kept; a folder that never had one needs one.
+    tsappinstall::repository::IndexOptions unnamed = published.signing("");
+    EXPECT_EQ(indexFolder(repo, unnamed).version, 5u);
+    EXPECT_EQ(parseIndex(read_file(repo + "/index.json")).repository, "stable");
+    fs::create_directory(published.dir.file("new"));
+    EXPECT_EQ(error_of<Error>([&] { indexFolder(published.dir.file("new"), unnamed); }),
+              "a new repository needs an identifier (such as \"stable\") that its index names");
 }
 
 TEST(RepositoryGallery, RendersInABrowserWithEveryManifestTextEscaped) {
@@ -117,6 +130,8 @@ TEST(RepositoryIndex, RefusesHostileIndexes) {
         {index(replaced(entry, "\"size\":1", "\"size\":-1") + "}"),
          "the member \"size\" has the wrong type"},
         {index("") + std::string(MAX_INDEX_BYTES, ' '), "the index is larger than 67108864 bytes"},
+        {replaced(index(""), "\"schema\":1", "\"schema\":1,\"repository\":\"../x\""),
+         "the repository's identifier \"../x\" is not"},
     };
     for (const auto& c : cases) {
         try {
@@ -161,6 +176,14 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
     const PackageEntry& hello = index.packages[1];
     const std::string downloads = published.dir.file("downloads");
     fs::create_directory(downloads);
+    // Folders where a FIFO stands for the index, or for a package.
+    const auto withFifo = [&](const std::string& name, const std::string& file) {
+        const std::string folder = published.dir.file(name);
+        fs::copy(published.repo(), folder, fs::copy_options::recursive);
+        fs::remove(folder + "/" + file);
+        EXPECT_EQ(::mkfifo((folder + "/" + file).c_str(), 0644), 0);
+        return folder;
+    };
 
     const struct {
         std::string name, location;
@@ -200,6 +223,23 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
          FaultKind::DigestMismatch, "hello-1.10.tsappinstall: its SHA-256 is "},
         {"other app", published.repo(), [&](ClientOptions&, PackageEntry& e) { e.version = "9"; },
          FaultKind::BadIndex, "hello-1.10.tsappinstall: the package is "},
+        {"drips", http.url("http", "drip"),
+         [](ClientOptions& o, PackageEntry&) { o.downloadSeconds = 1, o.minimumRate = 0; },
+         FaultKind::DownloadFailed, "hello-1.10.tsappinstall: not received within 1 second"},
+        {"drips the index", http.url("http", "dripall"),
+         [](ClientOptions& o, PackageEntry&) { o.indexSeconds = 1; }, FaultKind::DownloadFailed,
+         "index.json: not received within 1 second"},
+        {"FIFO index", withFifo("fifo-index", "index.json"), nullptr, FaultKind::CannotRead,
+         "index.json: not a regular file"},
+        {"FIFO package", withFifo("fifo-package", hello.file), nullptr, FaultKind::CannotRead,
+         "hello-1.10.tsappinstall: not a regular file"},
+        {"other repository", http.url("http", "ok"),
+         [](ClientOptions& o, PackageEntry&) { o.repository = "testing"; },
+         FaultKind::WrongRepository,
+         "the index is of the repository \"stable\", not of \"testing\""},
+        {"other key", http.url("http", "ok"),
+         [](ClientOptions& o, PackageEntry&) { o.signerKey = std::string(64, '0'); },
+         FaultKind::WrongRepository, "the index is signed by the key SHA-256 "},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -235,13 +275,89 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
     write_file(part, std::string(hello.size / 2, 'x'));
     const Repository norange(http.url("http", "norange"), trusting);
     const std::string whole = read_file(published.repo() + "/" + hello.file);
-    EXPECT_EQ(read_file(norange.download(hello, downloads)), whole);
+    const fs::path restarted = norange.download(hello, downloads);
+    EXPECT_EQ(read_file(restarted), whole);
+    fs::remove(restarted);
     // A partial file that holds the true first half: its bytes count
-    // towards the digest once, and the rest is fetched by range.
-    fs::remove(downloads + "/" + hello.file);
+    // towards the digest once, and the rest is fetched by range. The
+    // finished file has a name of its own, ending in the package's.
     write_file(part, whole.substr(0, hello.size / 2));
-    EXPECT_EQ(read_file(secure.download(hello, downloads)), whole);
-    EXPECT_EQ(filesIn(downloads), std::vector<std::string>{hello.file});
+    const std::string resumed = secure.download(hello, downloads).filename().string();
+    EXPECT_EQ(read_file(downloads + "/" + resumed), whole);
+    EXPECT_EQ(filesIn(downloads), std::vector<std::string>{resumed});
+    EXPECT_EQ(resumed.substr(resumed.size() - hello.file.size() - 1), "-" + hello.file);
+}
+
+// A reader that comes while the publisher renames the signature and the
+// index into place reads the old pair or the new one, and an index an
+// older publisher signed beside index.json alone is read as before.
+TEST(RepositoryClient, ReadsTheIndexAndItsSignatureAsOnePairWhileTheyArePublished) {
+    Published published;
+    const std::string repo = published.repo();
+    indexFolder(repo, published.signing());
+    const std::string first = read_file(repo + "/index.json");
+    const std::string firstSignature = read_file(repo + "/index.json.p7s");
+    indexFolder(repo, published.signing());
+    const std::string second = read_file(repo + "/index.json");
+    ClientOptions options;
+    options.trustAnchors = {published.dir.file("ca.pem")};
+    const struct {
+        std::string moment;
+        std::function<void()> make;
+        std::uint64_t version;
+    } moments[] = {
+        {"the signatures in place, the index not yet",
+         [&] { write_file(repo + "/index.json", first); }, 1},
+        {"the index in place, the older signature beside it",
+         [&] {
+             write_file(repo + "/index.json", second);
+             write_file(repo + "/index.json.p7s", firstSignature);
+         },
+         2},
+        {"an older publisher's pair",
+         [&] {
+             fs::remove_all(repo + "/signatures");
+             write_file(repo + "/index.json", first);
+         },
+         1},
+    };
+    for (const auto& m : moments) {
+        SCOPED_TRACE(m.moment);
+        m.make();
+        EXPECT_EQ(Repository(repo, options).index().version, m.version);
+    }
+}
+
+// Two installs of one app at once, each its own download of the same
+// package into the root: one partial file at a time, and finished files
+// apart. The root does not exist yet; both make it.
+TEST(RepositoryConcurrency, TwoInstallsOfOneAppDownloadApart) {
+    Published published;
+    indexFolder(published.repo(), published.signing());
+    const Server http(published.repo(), published.dir.file("http.port"));
+    const std::string root = published.dir.file("root");
+    const Remote slow{"", http.url("http", "slow"), {published.dir.file("ca.pem")}, ""};
+    const tsappinstall::store::HostProfile host{
+        "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+    std::vector<std::string> failures(2);
+    std::vector<std::thread> installs;
+    for (std::string& failure : failures)
+        installs.emplace_back([&] {
+            try {
+                tsappinstall::store::AppStore apps(root);
+                Installer installer(apps);
+                tsappinstall::store::InstallOptions options;
+                options.reinstall = true;
+                installer.install(
+                    *installer.find("0123abcd-0000-4000-8000-00000000000a", host, {slow}), host,
+                    options);
+            } catch (const std::exception& e) {
+                failure = e.what();
+            }
+        });
+    for (auto& install : installs) install.join();
+    EXPECT_EQ(failures, std::vector<std::string>(2));
+    EXPECT_TRUE(filesIn(root + "/.downloads").empty());
 }
 
 // A host's round trip through the library alone: record a repository,
@@ -291,7 +407,7 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     const auto outdated = later.outdated({}, host);
     ASSERT_EQ(outdated.size(), 1u);
     EXPECT_EQ(outdated.front().offer.entry->version, "1.10");
-    EXPECT_EQ(later.highestSeen("main"), 2u);
+    EXPECT_EQ(later.highestSeen(later.remotes().front()), 2u);
     // Moved elsewhere: followed only to an index as new as the one seen.
     const std::string moved = published.dir.file("moved");
     fs::copy(repo, moved, fs::copy_options::recursive);
@@ -309,6 +425,82 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     EXPECT_EQ(refusal([&] { later.remove("main"); }), "unknown-repository main");
     // Its repository forgotten and none other recorded, nothing is looked in.
     EXPECT_TRUE(Installer(apps).outdated({}, host).empty());
+}
+
+// The publisher's stable and testing repositories, signed with one key:
+// each index names its repository, a root holds each to the highest
+// version seen of it however its location is spelled, and an index of the
+// other one is refused where one was recorded. The trust anchors live in
+// the root, and a package's signer may be held to other anchors than the
+// index's. A name that two apps share installs neither.
+TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
+    Published published;
+    const std::string stable = published.dir.file("stable"),
+                      testing = published.dir.file("testing");
+    const std::string guid = "0123abcd-0000-4000-8000-00000000000a";
+    for (const std::string& folder : {stable, testing}) fs::create_directory(folder);
+    packApp(stable, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
+    indexFolder(stable, published.signing("stable"));
+    fs::copy(stable, published.dir.file("old"), fs::copy_options::recursive);
+    packApp(stable, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}},
+            published.dir.file("signer"));
+    indexFolder(stable, published.signing("stable"));
+    packApp(testing, "impostor.tsappinstall",
+            {{"version", "9.0"}, {"guid", "0123abcd-0000-4000-8000-00000000000f"}});
+    indexFolder(testing, published.signing("testing"));
+    const tsappinstall::store::HostProfile host{
+        "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+    tsappinstall::store::AppStore apps(published.dir.file("root"));
+    const std::string ca = published.dir.file("ca.pem"), given = published.dir.file("given.pem");
+    fs::copy(ca, given);
+    Installer(apps).add({"main", stable, {given}, "", {published.dir.file("rogue.pem")}});
+    fs::remove(given);  // the root holds its own copy
+    const Remote main = Installer(apps).remotes().front();
+    EXPECT_EQ(main.repository, "stable");
+    EXPECT_EQ(main.signerKey.size(), 64u);
+    EXPECT_EQ(main.trust.front().rfind(published.dir.file("root/trust/main-"), 0), 0u);
+    EXPECT_EQ(Installer(apps).highestSeen(main), 2u);
+
+    const auto refusal = [](auto call) {
+        try {
+            call();
+        } catch (const Error& e) {
+            return std::string(tsappinstall::token(e.kind())) + " " + e.fault().item + ": " +
+                   e.what();
+        }
+        return std::string("none");
+    };
+    const std::string old = published.dir.file("old"),
+                      rollback = ": the index is version 1, older than version 2 seen before";
+    const Remote byLocation{"", "file://" + old, {ca}, ""};
+    EXPECT_EQ(refusal([&] { Installer(apps).fetch(byLocation); }),
+              "index-rollback file://" + old + rollback);
+    EXPECT_EQ(refusal([&] {
+                  Installer(apps).add({"again", old + "/", {ca}, ""});
+              }),
+              "index-rollback again" + rollback);
+    EXPECT_EQ(refusal([&] { Installer(apps).move("main", testing); }),
+              "wrong-repository main: the index is of the repository \"testing\", not of "
+              "\"stable\"");
+    // The testing repository is another: its version 1 is no rollback.
+    EXPECT_EQ(Installer(apps).fetch({"", testing, {ca}, ""})->index().version, 1u);
+
+    const std::vector<Remote> both = {main, {"", testing, {ca}, ""}};
+    EXPECT_EQ(refusal([&] { Installer(apps).find("Hello Tessal", host, both); }),
+              "ambiguous-name Hello Tessal: Hello Tessal names 2 apps (" + guid +
+                  " in main; 0123abcd-0000-4000-8000-00000000000f in " + testing +
+                  "); give the GUID of the one to install");
+    // 1.10 is signed: its signer leads to the index's anchor, not to the
+    // packages' one.
+    Installer installer(apps);
+    const auto offer = installer.find(guid, host, both);
+    EXPECT_EQ(refusal([&] { installer.install(*offer, host, {}); }).substr(0, 17),
+              "untrusted-signer ");
+    installer.install(*installer.find(guid, host, {{"", stable, {ca}, ""}}), host, {});
+    // Installed, the name stands for its GUID.
+    EXPECT_EQ(Installer(apps).find("Hello Tessal", host, both)->entry->version, "1.10");
+    Installer(apps).remove("main");
+    EXPECT_TRUE(filesIn(published.dir.file("root/trust")).empty());
 }
 
 }  // namespace

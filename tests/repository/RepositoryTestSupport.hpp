@@ -86,8 +86,9 @@ struct Published {
         write_file(repo() + "/bad.tsappinstall", "not a package");
     }
     std::string repo() const { return dir.file("repo"); }
-    tsappinstall::repository::IndexOptions signing() const {
+    tsappinstall::repository::IndexOptions signing(const std::string& id = "stable") const {
         tsappinstall::repository::IndexOptions options;
+        options.repository = id;
         options.jobs = 4;
         options.signingKey = dir.file("signer.key");
         options.signingCertificate = dir.file("signer.pem");

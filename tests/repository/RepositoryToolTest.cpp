@@ -27,7 +27,7 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     const std::string notXml10 = "XML 1.1, not XML 1.0";
     for (const std::string skip : {"", "--skip-bad "}) {
         EXPECT_EQ(WEXITSTATUS(std::system(
-                      (tool + "repo index --valid-for 2d " + skip + published.repo() + " >" + out)
+                      (tool + "repo index --id test --valid-for 2d " + skip + published.repo() + " >" + out)
                           .c_str())),
                   skip.empty() ? 1 : 0);
         EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
@@ -66,11 +66,13 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     const Server http(repo, published.dir.file("http.port"));
     const auto installed = [&] { return runTool("installed" + root, out).second; };
 
-    EXPECT_EQ(runTool("repo add main " + http.url("http", "ok") + " --trust " +
-                          published.dir.file("ca.pem") + root,
-                      out)
-                  .first,
-              0);
+    // The root keeps its own copy of the anchors given.
+    const std::string given = published.dir.file("given.pem");
+    fs::copy(published.dir.file("ca.pem"), given);
+    EXPECT_EQ(
+        runTool("repo add main " + http.url("http", "ok") + " --trust " + given + root, out).first,
+        0);
+    fs::remove(given);
     EXPECT_EQ(runTool("search hello" + root, out).second.substr(0, 17), "Hello Tessal 1.0 ");
     // The index, its signature and the package over one connection.
     const std::size_t connections = http.connections();
@@ -99,7 +101,11 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         EXPECT_EQ(status, r.status) << r.arguments;
         EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
     }
-    EXPECT_EQ(runTool("repo list" + root, out).second, "main  " + http.url("http", "ok") + "\n");
+    const std::string list = runTool("repo list" + root, out).second;
+    const std::string pinned = "main  " + http.url("http", "ok") +
+                               "\n  repository stable, index signed by the key SHA-256 ";
+    EXPECT_EQ(list.substr(0, pinned.size()), pinned);
+    EXPECT_NE(list.find(" CN=CA\n  package trust: as the index\n"), std::string::npos) << list;
 
     fs::copy(repo + "/index.json", published.dir.file("index-1.json"));
     fs::copy(repo + "/index.json.p7s", published.dir.file("index-1.json.p7s"));

@@ -4,8 +4,9 @@
 Usage: repo_server.py ROOT PORTFILE [CERT KEY]. The first path segment
 picks the behaviour for the package named by the rest: ok (ranges
 honoured), norange, short (closes halfway), more (sends more than its
-length), stall; redirect (to another host) and same (to ok/ on this host)
-apply to every file. Each connection it accepts adds a line to
+length), stall, drip (a byte every 0.3 s, at most 100), slow (1 KiB every
+20 ms); redirect (to another host), same (to ok/ on this host) and
+dripall (drip) apply to every file. Each connection it accepts adds a line to
 PORTFILE.connections; it keeps connections open between requests."""
 import http.server, os, ssl, sys, time
 
@@ -33,9 +34,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Length", "0")
             self.end_headers()
             return
-        if not name.endswith(".tsappinstall"):
+        if mode == "dripall":
+            mode = "drip"
+        elif not name.endswith(".tsappinstall"):
             mode = "ok"  # the index always arrives; the packages misbehave
-        path = os.path.join(ROOT, os.path.basename(name))
+        path = os.path.join(ROOT, *[p for p in name.split("/") if p not in ("", ".", "..")])
         if not os.path.isfile(path):
             self.send_error(404)
             return
@@ -51,6 +54,17 @@ class Handler(http.server.BaseHTTPRequestHandler):
         body = data[start:] + (b"x" * 4096 if mode == "more" else b"")
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
+        if mode in ("drip", "slow"):
+            self.close_connection = True
+            size, pause, most = (1, 0.3, 100) if mode == "drip" else (1024, 0.02, len(body))
+            try:
+                for at in range(0, min(len(body), most), size):
+                    self.wfile.write(body[at : at + size])
+                    self.wfile.flush()
+                    time.sleep(pause)
+            except (BrokenPipeError, ConnectionResetError):
+                pass  # the client gave up, as it should
+            return
         if mode in ("short", "stall"):
             self.close_connection = True
             self.wfile.write(body[: len(body) // 2])

@@ -2,6 +2,9 @@
 // AppStore: the writers serialize, every record comes out right, and no
 // reader ever sees an app half installed.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <thread>
 
@@ -59,6 +62,41 @@ TEST(StoreConcurrency, WritersAndReadersOnOneRoot) {
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(torn, 0);
     EXPECT_EQ(settledState(root), guids[2] + "=1.2.0");
+}
+
+// Writers that find no root make it one at a time: none meets the other's
+// half-made database. Processes, since SQLite's locks between the
+// connections of one process are not the ones between processes.
+TEST(StoreConcurrency, FirstWritersCreateTheRootOneAtATime) {
+    TempDir dir;
+    const std::string package = packApp(dir, AppRecipe("1.0"), "app");
+    for (int round = 0; round < 4; ++round) {
+        const std::string root = dir.file("root" + std::to_string(round));
+        std::vector<pid_t> writers;
+        for (int w = 0; w < 3; ++w) {
+            const std::string failure = root + "-failure-" + std::to_string(w);
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                try {
+                    InstallOptions options;
+                    options.reinstall = true;
+                    AppStore(root).install(package, fittingHost(), options);
+                    ::_exit(0);
+                } catch (const std::exception& e) {
+                    write_file(failure, e.what());
+                    ::_exit(1);
+                }
+            }
+            writers.push_back(pid);
+        }
+        for (std::size_t w = 0; w < writers.size(); ++w) {
+            int status = 0;
+            ::waitpid(writers[w], &status, 0);
+            const std::string failure = root + "-failure-" + std::to_string(w);
+            EXPECT_EQ(status, 0) << (file_exists(failure) ? read_file(failure) : "");
+        }
+        EXPECT_EQ(settledState(root), std::string(kGuid) + "=1.0");
+    }
 }
 
 }  // namespace

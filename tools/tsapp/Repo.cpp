@@ -11,6 +11,7 @@
 #include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/installer/Installer.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
@@ -20,6 +21,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using fl::i18n::shown;
+namespace integrity = tsappinstall::integrity;
 
 // "30d", "12h", "90m", "45s": how long a published index stays valid.
 std::int64_t parseDuration(const std::string& text) {
@@ -114,10 +116,50 @@ int runAdd(const RecordSettings& s) {
     const auto apps = openRoot(s.root);
     installer::Installer installer(*apps);
     const auto repo = onRepository(s.remote.name, [&] { return installer.add(s.remote); });
+    const auto& named = repo->identity().repository;
     std::cout << "added " << shown(s.remote.name) << ": " << shown(s.remote.location)
+              << (named.empty() ? std::string(", an unnamed repository")
+                                : ", repository " + shown(named))
               << ", index version " << repo->index().version << ", "
               << repo->index().packages.size() << " packages\n";
     return kGood;
+}
+
+// The certificates of the trust files, or why they cannot be read.
+Json anchorsOf(const std::vector<std::string>& files) {
+    Json out = Json::array();
+    try {
+        for (const auto& anchor : integrity::readTrustAnchors(files))
+            out.push_back(Json{{"sha256", anchor.fingerprint}, {"subject", anchor.subject}});
+    } catch (const tsappinstall::Error& e) {
+        out.push_back(Json{{"error", e.what()}});
+    }
+    return out;
+}
+
+void printAnchors(const char* use, const Json& anchors) {
+    for (const auto& anchor : anchors) {
+        std::cout << "  " << use << ": ";
+        if (anchor.contains("error"))
+            std::cout << shown(anchor["error"].get<std::string>()) << "\n";
+        else
+            std::cout << "SHA-256 " << anchor["sha256"].get<std::string>() << " "
+                      << shown(anchor["subject"].get<std::string>()) << "\n";
+    }
+}
+
+// NAME  LOCATION, then what it is pinned to and the anchors trusted for it.
+void printRemote(const installer::Remote& remote) {
+    std::cout << shown(remote.name) << "  " << shown(remote.location) << "\n";
+    if (!remote.signerKey.empty())
+        std::cout << "  repository "
+                  << (remote.repository.empty() ? "(unnamed)" : shown(remote.repository))
+                  << ", index signed by the key SHA-256 " << shown(remote.signerKey) << "\n";
+    printAnchors("index trust", anchorsOf(remote.trust));
+    if (remote.packageTrust.empty())
+        std::cout << "  package trust: as the index\n";
+    else
+        printAnchors("package trust", anchorsOf(remote.packageTrust));
 }
 
 int runList(const RecordSettings& s) {
@@ -126,14 +168,19 @@ int runList(const RecordSettings& s) {
     const installer::Installer installer(*apps);
     for (const auto& remote : installer.remotes()) {
         if (!s.json) {
-            std::cout << shown(remote.name) << "  " << shown(remote.location) << "\n";
+            printRemote(remote);
             continue;
         }
         const Json line = {{"name", remote.name},
                            {"location", remote.location},
+                           {"repository", remote.repository},
+                           {"signerKey", remote.signerKey},
                            {"trust", remote.trust},
+                           {"trustCertificates", anchorsOf(remote.trust)},
+                           {"packageTrust", remote.packageTrust},
+                           {"packageTrustCertificates", anchorsOf(remote.packageAnchors())},
                            {"repoCa", remote.serverCa},
-                           {"highestSeen", installer.highestSeen(remote.key())}};
+                           {"highestSeen", installer.highestSeen(remote)}};
         std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
     }
     return kGood;
@@ -188,6 +235,9 @@ std::vector<Command> addRepo(CLI::App& app) {
         "Check every .tsappinstall in DIR and write the signed index (index.json), the images "
         "and the gallery (index.html).");
     addRequired(indexCli, "DIR", index->folder, "Repository folder");
+    addNonEmpty(indexCli, "--id", index->options.repository,
+                "The repository's identifier, which its index names (such as stable): needed for "
+                "the first index, kept afterwards");
     addJobs(indexCli, index->options.jobs, "Packages read at once");
     indexCli->add_option("--valid-for", index->validFor,
                          "How long the index stays valid: 30d (default), 12h, 90m, 45s");
@@ -218,8 +268,14 @@ std::vector<Command> addRepo(CLI::App& app) {
     addRequired(add, "LOCATION", added->remote.location,
                 "A folder, a file: URL or an http(s): URL");
     add->add_option("--trust", added->remote.trust,
-                    "PEM file of a CA the index's signer must lead to (repeatable)")
+                    "PEM file of a CA the index's signer must lead to (repeatable); its "
+                    "certificates are copied into the root")
         ->required()
+        ->allow_extra_args(false)
+        ->check(nonEmpty());
+    add->add_option("--package-trust", added->remote.packageTrust,
+                    "PEM file of a CA the signers of its packages must lead to (repeatable; "
+                    "default: the --trust files)")
         ->allow_extra_args(false)
         ->check(nonEmpty());
     addNonEmpty(add, "--repo-ca", added->remote.serverCa,

@@ -1,16 +1,18 @@
 #pragma once
 
 // Installing from repositories, as a host application does it: the
-// repositories recorded in an apps root, the highest index version seen of
-// each (an older index is then refused as a rollback), the repository each
+// repositories recorded in an apps root with copies of their trust anchors,
+// the highest index version seen of each repository (an older index is then
+// refused as a rollback, wherever it is read from), the repository each
 // installed version came from, and installing, listing and upgrading
-// through them. All of it lives in the root's own database, and the origin
-// of a version is written in the very transaction that installs it.
+// through them. All of it lives in the root itself, and the origin of a
+// version is written in the very transaction that installs it.
 //
 // Failures are Errors whose fault names the repository (its name, or its
 // location) as the item, with the kind of what went wrong: IndexRollback,
-// UntrustedSigner, DigestMismatch, UnknownRepository, RepositoryExists,
-// NotOffered, ...; the store's own refusals pass on as StoreErrors.
+// WrongRepository, UntrustedSigner, DigestMismatch, UnknownRepository,
+// RepositoryExists, NotOffered, AmbiguousName, ...; the store's own
+// refusals pass on as StoreErrors.
 
 #include <cstdint>
 #include <functional>
@@ -32,8 +34,22 @@ struct Remote {
     std::string location;            // a folder, a file: URL or an http(s): URL
     std::vector<std::string> trust;  // PEM files the index's signer must lead to
     std::string serverCa;            // PEM file of an https: server's CA; empty: the system's
-    // What its highest index version seen is kept under.
+    // PEM files a listed package's signer must lead to; empty: `trust`. The
+    // publisher of the index and the authors of its apps may be different
+    // parties.
+    std::vector<std::string> packageTrust{};
+    // The repository its index names and the SHA-256 of the key that signs
+    // it (repository::RepositoryIdentity), pinned when it was added; an
+    // index of another repository at its location is refused
+    // (WrongRepository). Empty: not pinned.
+    std::string repository{};
+    std::string signerKey{};
+    // How records and refusals name it: its name, or its location.
     const std::string& key() const { return name.empty() ? location : name; }
+    // The files a listed package's signer must lead to.
+    const std::vector<std::string>& packageAnchors() const {
+        return packageTrust.empty() ? trust : packageTrust;
+    }
 };
 
 // A version of an app that a repository offers.
@@ -50,8 +66,14 @@ struct Outdated {
 
 struct InstallerOptions {
     long stallSeconds = 30;  // a transfer without a byte for this long fails
-    int attempts = 3;        // tries per download
-    std::int64_t now = -1;   // seconds since the epoch, for index expiry; -1: the clock's
+    // Deadlines, as repository::ClientOptions has them: the index and its
+    // signature each within indexSeconds, a package within downloadSeconds
+    // plus its size at minimumRate bytes a second.
+    long indexSeconds = 300;
+    long downloadSeconds = 30;
+    std::uint64_t minimumRate = 16u << 10;
+    int attempts = 3;       // tries per download
+    std::int64_t now = -1;  // seconds since the epoch, for index expiry; -1: the clock's
     // Called as a package's bytes arrive: done, and the indexed size.
     std::function<void(std::uint64_t, std::uint64_t)> progress;
 };
@@ -65,40 +87,55 @@ class TSAPP_API Installer {
     Installer(const Installer&) = delete;
     Installer& operator=(const Installer&) = delete;
 
-    // The recorded repositories, in the order they were added.
+    // The recorded repositories, in the order they were added, their trust
+    // files being the copies in the root.
     std::vector<Remote> remotes() const;
-    // The highest index version seen of a repository (by Remote::key()); 0: none.
-    std::uint64_t highestSeen(const std::string& key) const;
+    // The highest index version seen of the repository `remote` is pinned
+    // to (of its name, for one recorded before repositories were pinned);
+    // 0: none.
+    std::uint64_t highestSeen(const Remote& remote) const;
 
-    // Fetches the index of `remote` (trust files and server CA made
-    // absolute) and records the repository once the index was accepted.
-    // Refuses a name that is empty or recorded already (RepositoryExists).
+    // Fetches the index of `remote` and records the repository once the
+    // index was accepted, pinned to the repository the index names and the
+    // key that signed it, with copies of its trust anchors (`trust`, and
+    // `packageTrust` when given) in the root's trust/ folder: the files
+    // given are not read again. Refuses a name that is empty or recorded
+    // already (RepositoryExists) and a trust file without a certificate.
     std::shared_ptr<const repository::Repository> add(Remote remote);
-    // Forgets a recorded repository (UnknownRepository when there is none).
+    // Forgets a recorded repository and its copies of the trust anchors
+    // (UnknownRepository when there is none).
     void remove(const std::string& name);
     // Records that the repository `name` now lives at `location`, once the
-    // index there was accepted: its signer must lead to the recorded trust
-    // files and its version may not be below the highest seen of `name`.
-    // Apps installed from it are looked for at the new location.
+    // index there was accepted: it must be the repository and key pinned,
+    // its signer must lead to the recorded trust anchors and its version may
+    // not be below the highest seen. Apps installed from it are looked for
+    // at the new location.
     std::shared_ptr<const repository::Repository> move(const std::string& name,
                                                        const std::string& location);
 
-    // The index of `remote`, held to the highest version seen of it; the
-    // mark is raised once the index is accepted.
+    // The index of `remote`, held to its pins and to the highest version
+    // seen of the repository it names, under whatever name or location;
+    // the mark is raised once the index is accepted. A recorded repository
+    // that is not pinned yet (recorded by an earlier version of this
+    // library) is pinned then, and its mark moves from its name to it.
     std::shared_ptr<const repository::Repository> fetch(const Remote& remote);
 
     // The index of every recorded repository.
     std::vector<std::shared_ptr<const repository::Repository>> indexes();
 
-    // The newest version of `app` (a name or GUID) that fits `host` in
-    // `where` (empty: every recorded repository); nullopt when none has one.
+    // The newest version of `app` that fits `host` in `where` (empty: every
+    // recorded repository); nullopt when none has one. `app` is a GUID, or
+    // a name: that of an installed app stands for its GUID; any other
+    // must name one app (one GUID) in the repositories looked in, else
+    // AmbiguousName lists the GUIDs and where each is offered.
     std::optional<Offer> find(const std::string& app, const store::HostProfile& host,
                               const std::vector<Remote>& where = {});
 
     // Downloads the offer into the store's download folder and installs it
     // with `options`, recording the repository with the version. A package
-    // the index lists as signed is verified against the repository's trust
-    // files; one it lists as unsigned is vouched for by the signed index.
+    // the index lists as signed is verified against the repository's
+    // package trust anchors; one it lists as unsigned is vouched for by the
+    // signed index.
     // The download is removed whatever happens.
     store::InstallResult install(const Offer& offer, const store::HostProfile& host,
                                  store::InstallOptions options);
@@ -110,6 +147,9 @@ class TSAPP_API Installer {
                                    const store::HostProfile& host);
 
   private:
+    std::shared_ptr<const repository::Repository> open(const Remote& remote);
+    void pin(const Remote& remote, const repository::RepositoryIdentity& identity);
+    std::string guidOf(const std::string& app, const std::vector<Remote>& where);
     std::vector<Remote> whereToLook(const store::InstalledVersion& version,
                                     const std::vector<Remote>& recorded) const;
 

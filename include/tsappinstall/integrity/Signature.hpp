@@ -96,4 +96,19 @@ TSAPP_API SignatureCheck checkSignature(const std::string& signature, const std:
 // the cause as its detail ("cannot load trust anchors: ...").
 TSAPP_API void checkTrustAnchors(const std::vector<std::string>& trustAnchors);
 
+// A certificate or revocation list of a trust file, for people to
+// recognise and for a caller to keep a copy of what it was given.
+struct AnchorCertificate {
+    std::string subject;      // RFC 2253; "revocation list of <issuer>" for a list
+    std::string fingerprint;  // SHA-256 of its DER form, 64 lower-case hex digits
+    std::string pem;          // the certificate (or list) alone, PEM
+};
+
+// The certificates in the PEM files, in their order, each file's
+// revocation lists after its certificates (anything else, such as a
+// private key, is left out). Throws IntegrityError as checkTrustAnchors
+// does.
+TSAPP_API std::vector<AnchorCertificate> readTrustAnchors(
+    const std::vector<std::string>& trustAnchors);
+
 }  // namespace tsappinstall::integrity

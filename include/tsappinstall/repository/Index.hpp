@@ -2,7 +2,10 @@
 
 // A repository's index: static, signed metadata describing the packages in
 // one folder, which clients trust instead of the files' names. The text
-// form is index.json; its detached CMS signature is index.json.p7s.
+// form is index.json; its detached CMS signature is signatures/VERSION.p7s,
+// written before the index it signs, so that whatever index.json a reader
+// finds has its signature in place (and, for readers that predate the
+// versioned names, index.json.p7s too).
 
 #include <cstdint>
 #include <map>
@@ -11,14 +14,15 @@
 #include <vector>
 
 #include "tsappinstall/Fault.hpp"
-#include "tsappinstall/export.hpp"
 #include "tsappinstall/compat/Compatibility.hpp"
+#include "tsappinstall/export.hpp"
 
 namespace tsappinstall::repository {
 
 inline constexpr int INDEX_SCHEMA = 1;
 inline constexpr const char* INDEX_FILE = "index.json";
 inline constexpr const char* INDEX_SIGNATURE_FILE = "index.json.p7s";
+inline constexpr const char* INDEX_SIGNATURES_FOLDER = "signatures";
 inline constexpr const char* IMAGES_FOLDER = "images";
 // A client reads no more of an index or its signature than this.
 inline constexpr std::uint64_t MAX_INDEX_BYTES = 64u << 20;
@@ -56,6 +60,9 @@ struct PackageEntry {
 
 struct Index {
     int schema = INDEX_SCHEMA;
+    // The identifier its publisher gave the repository (isRepositoryId());
+    // empty in an index written before repositories were named.
+    std::string repository;
     std::uint64_t version = 0;   // grows with every publication
     std::int64_t generated = 0;  // seconds since the epoch, UTC
     std::int64_t expires = 0;
@@ -67,11 +74,20 @@ struct Index {
 // folder and travels in a URL as it is.
 TSAPP_API bool isPlainFileName(const std::string& file);
 
+// The signature of index version `version`, below the repository's location.
+TSAPP_API std::string signatureFileOf(std::uint64_t version);
+
+// A repository's identifier: 1 to 64 letters, digits and ".-_", starting
+// with a letter or a digit ("stable", "example.org-testing").
+TSAPP_API bool isRepositoryId(const std::string& id);
+
 // index.json's text: stable member order, two-space indentation.
 TSAPP_API std::string formatIndex(const Index& index);
 
 // Reads index.json's text and holds it to its rules: at most
-// MAX_INDEX_BYTES, the known schema, every member of the right type, file
+// MAX_INDEX_BYTES, the known schema, every member of the right type (and
+// members it does not know ignored, so that it can grow), a repository
+// identifier of the rule's form when there is one, file
 // names that stay in the repository's folder, image paths in its images
 // folder, no file and no GUID-and-version listed twice. Throws Error of kind
 // BadIndex naming the first rule broken.

@@ -13,6 +13,11 @@
 namespace tsappinstall::repository {
 
 struct IndexOptions {
+    // The repository's identifier (isRepositoryId()), which its index names
+    // so that clients tell it from the publisher's other repositories.
+    // Empty: the one the folder's index (or its cache) names; a folder that
+    // has neither needs one.
+    std::string repository;
     unsigned jobs = 0;                           // packages read at once; 0: one per core
     std::int64_t validFor = 30 * 24 * 3600;      // seconds from now to the index's expiry
     std::int64_t now = -1;                       // seconds since the epoch; -1: the clock's
@@ -34,9 +39,11 @@ struct IndexOutcome {
 
 // Indexes every *.tsappinstall directly in `folder`, each checked as the
 // package check does plus its signature when it has one (against no trust
-// anchor: the signer is recorded, not judged). Writes index.json,
-// index.json.p7s (when signing), images/, index.html and apps/*.html, each
-// to a temporary file renamed into place, index.json last. A cache in the
+// anchor: the signer is recorded, not judged). Writes images/, index.html,
+// apps/*.html, then (when signing) signatures/VERSION.p7s and
+// index.json.p7s, then index.json, each to a temporary file renamed into
+// place, and keeps the signature of the index before this one for readers
+// that read that index a moment ago. A cache in the
 // folder (.tsapp-index-cache.json) keyed by name, size and modification
 // time spares unchanged packages the read; when either differs, an equal
 // SHA-256 still does. Throws Error (CannotRead, CannotWrite, or what

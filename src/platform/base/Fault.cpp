@@ -106,6 +106,8 @@ KindTexts textsOf(FaultKind kind) {
             return {"repository-exists", "repository recorded already"};
         case FaultKind::NotOffered:
             return {"not-offered", "not offered"};
+        case FaultKind::WrongRepository:
+            return {"wrong-repository", "another repository"};
     }
     return {"unknown", "failed"};  // a value outside the enum
 }
