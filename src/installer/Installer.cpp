@@ -171,6 +171,24 @@ void removeCopies(const fs::path& root, const Remote& recorded) {
     for (const auto* files : {&recorded.trust, &recorded.packageTrust})
         for (const std::string& file : *files)
             if (isCopy(file)) ::unlink((root / file).c_str());
+    if (isCopy(recorded.serverCa)) ::unlink((root / recorded.serverCa).c_str());
+}
+
+// The remote with its copies' paths made absolute.
+Remote resolved(const fs::path& root, Remote remote) {
+    remote.trust = resolved(root, remote.trust);
+    remote.packageTrust = resolved(root, remote.packageTrust);
+    if (isCopy(remote.serverCa)) remote.serverCa = (root / remote.serverCa).string();
+    return remote;
+}
+
+// Whether every file of the remote as remotes() gives it is a copy.
+bool copiedIn(const fs::path& root, const Remote& remote) {
+    const std::string folder = (root / kTrustFolder).string() + "/";
+    const auto copy = [&](const std::string& file) { return file.rfind(folder, 0) == 0; };
+    return std::all_of(remote.trust.begin(), remote.trust.end(), copy) &&
+           std::all_of(remote.packageTrust.begin(), remote.packageTrust.end(), copy) &&
+           (remote.serverCa.empty() || copy(remote.serverCa));
 }
 
 // The copies a record takes on, removed again unless it is recorded.
@@ -182,21 +200,26 @@ class Copies {
     }
     Copies(const Copies&) = delete;
     Copies& operator=(const Copies&) = delete;
-    // Replaces the files of `remote` that are not copies by copies.
+    // Replaces the files of the recorded `remote` that are not copies by
+    // copies: its trust anchors and the https server's CA.
     void into(Remote& remote) {
-        if (!allCopies(remote.trust)) {
-            remote.trust = {copyAnchors(root_, remote.name, "index", remote.trust)};
-            made_.trust = remote.trust;
-        }
-        if (!allCopies(remote.packageTrust)) {
-            remote.packageTrust = {
-                copyAnchors(root_, remote.name, "packages", remote.packageTrust)};
-            made_.packageTrust = remote.packageTrust;
-        }
+        copy(remote.name, "index", remote.trust, made_.trust);
+        copy(remote.name, "packages", remote.packageTrust, made_.packageTrust);
+        std::vector<std::string> server, made;
+        if (!remote.serverCa.empty()) server = {remote.serverCa};
+        copy(remote.name, "server", server, made);
+        if (!made.empty()) remote.serverCa = made_.serverCa = made.front();
     }
     void keep() { kept_ = true; }
 
   private:
+    void copy(const std::string& name, const char* use, std::vector<std::string>& files,
+              std::vector<std::string>& made) {
+        if (allCopies(files)) return;
+        files = {copyAnchors(root_, name, use, files)};
+        made = files;
+    }
+
     fs::path root_;
     Remote made_;
     bool kept_ = false;
@@ -261,10 +284,7 @@ Installer::~Installer() = default;
 
 std::vector<Remote> Installer::remotes() const {
     std::vector<Remote> remotes = remotesOf(RootStateAccess::read(apps_, kScope, kRecordsKey));
-    for (Remote& r : remotes) {
-        r.trust = resolved(apps_.root(), r.trust);
-        r.packageTrust = resolved(apps_.root(), r.packageTrust);
-    }
+    for (Remote& r : remotes) r = resolved(apps_.root(), r);
     return remotes;
 }
 
@@ -287,10 +307,8 @@ std::shared_ptr<const Repository> Installer::add(Remote remote) {
     Remote recorded = remote;
     Copies copies(apps_.root());
     aboutRemote(remote, [&] { copies.into(recorded); });
-    Remote used = recorded;
-    used.trust = resolved(apps_.root(), recorded.trust);
-    used.packageTrust = resolved(apps_.root(), recorded.packageTrust);
-    auto repository = open(used);  // recorded only once its index was accepted
+    auto repository =
+        open(resolved(apps_.root(), recorded));  // recorded only once its index was accepted
     recorded.repository = repository->identity().repository;
     recorded.signerKey = repository->identity().signerKey;
     changeRemotes(apps_, [&](std::vector<Remote>& now) {
@@ -298,9 +316,7 @@ std::shared_ptr<const Repository> Installer::add(Remote remote) {
         now.push_back(recorded);
     });
     copies.keep();
-    used.repository = recorded.repository;
-    used.signerKey = recorded.signerKey;
-    fetched_[used.key()] = repository;
+    fetched_[recorded.key()] = repository;
     return repository;
 }
 
@@ -363,12 +379,13 @@ std::shared_ptr<const Repository> Installer::open(const Remote& remote) {
 }
 
 // A repository recorded before repositories were pinned is pinned to the
-// first index accepted of it, and its trust files are copied in; one whose
+// first index accepted of it, and its trust files (and server CA) are copied
+// in; one whose
 // index names a repository only now takes that name.
 void Installer::pin(const Remote& remote, const RepositoryIdentity& identity) {
     const bool current = !remote.signerKey.empty() &&
                          (!remote.repository.empty() || identity.repository.empty()) &&
-                         allCopies(remote.trust) && allCopies(remote.packageTrust);
+                         copiedIn(apps_.root(), remote);
     if (remote.name.empty() || current) return;
     Copies copies(apps_.root());
     changeRemotes(apps_, [&](std::vector<Remote>& now) {

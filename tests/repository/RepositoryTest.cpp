@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "repository/RepositoryTestSupport.hpp"
+#include "store/RootState.hpp"
 #include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
@@ -19,6 +20,7 @@ using namespace tsappinstall::repository;
 using namespace tsappinstall::installer;
 using tsappinstall::Error;
 using tsappinstall::FaultKind;
+using tsappinstall::store::detail::RootStateAccess;
 namespace fs = std::filesystem;
 
 // Four workers over five packages: the TSan build runs this one.
@@ -501,6 +503,29 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
     EXPECT_EQ(Installer(apps).find("Hello Tessal", host, both)->entry->version, "1.10");
     Installer(apps).remove("main");
     EXPECT_TRUE(filesIn(published.dir.file("root/trust")).empty());
+
+    // A root that recorded "main" before pins, and its mark by name: the
+    // mark is the floor of the next index read under the name, then moves
+    // to the identity, and the record is pinned with its anchors copied in.
+    tsappinstall::store::AppStore older(published.dir.file("older"));
+    const auto record = [&](const char* scope, const char* key, const std::string& value) {
+        RootStateAccess::update(older, scope, key,
+                                [&](const auto&) { return std::optional<std::string>(value); });
+    };
+    const auto recordMain = [&](const std::string& location) {
+        record("repositories", "recorded",
+               R"([{"name":"main","location":")" + location + R"(","trust":[")" + ca + "\"]}]");
+    };
+    recordMain(old);
+    record("repository-highest-index", "main", "2");
+    EXPECT_EQ(refusal([&] { Installer(older).indexes(); }), "index-rollback main" + rollback);
+    recordMain(stable);
+    Installer(older).indexes();
+    const Remote pinned = Installer(older).remotes().front();
+    EXPECT_EQ(pinned.repository + " " + pinned.signerKey, main.repository + " " + main.signerKey);
+    EXPECT_EQ(pinned.trust.front().rfind(published.dir.file("older/trust/main-"), 0), 0u);
+    EXPECT_EQ(Installer(older).highestSeen(pinned), 2u);
+    EXPECT_FALSE(RootStateAccess::read(older, "repository-highest-index", "main"));
 }
 
 }  // namespace

@@ -98,8 +98,8 @@ class TSAPP_API Installer {
     // Fetches the index of `remote` and records the repository once the
     // index was accepted, pinned to the repository the index names and the
     // key that signed it, with copies of its trust anchors (`trust`, and
-    // `packageTrust` when given) in the root's trust/ folder: the files
-    // given are not read again. Refuses a name that is empty or recorded
+    // `packageTrust` when given) and of its server CA in the root's trust/
+    // folder: the files given are not read again. Refuses a name that is empty or recorded
     // already (RepositoryExists) and a trust file without a certificate.
     std::shared_ptr<const repository::Repository> add(Remote remote);
     // Forgets a recorded repository and its copies of the trust anchors
