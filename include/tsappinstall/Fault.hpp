@@ -72,6 +72,7 @@ enum class FaultKind : int {
     RepositoryExists,   // a repository is recorded under that name already
     NotOffered,         // no repository offers a version of the app that fits
     WrongRepository,    // the index names another repository, or another key signed it
+    RevokedSigner,      // a recorded repository revoked the key that signed the package
 
     // The seal's former name; it was never an author's signature.
     BadSignature = BadSeal,

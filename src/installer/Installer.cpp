@@ -405,7 +405,20 @@ std::shared_ptr<const Repository> Installer::fetch(const Remote& remote) {
     if (repository) return repository;
     repository = open(remote);
     pin(remote, repository->identity());
+    recordRevocations(remote, repository->index());
     return repository;
+}
+
+// A revocation holds for every package, whichever repository offers it,
+// and stays once seen: a later index that no longer lists the key does not
+// make what it signed trustworthy again.
+void Installer::recordRevocations(const Remote& remote, const repository::Index& index) {
+    const std::string by = remote.name.empty() ? remote.location : remote.name;
+    for (const std::string& key : index.revokedKeys)
+        RootStateAccess::update(apps_, store::detail::REVOKED_KEYS_SCOPE, key,
+                                [&](const std::optional<std::string>& now) {
+                                    return now ? std::nullopt : std::optional<std::string>(by);
+                                });
 }
 
 std::vector<std::shared_ptr<const Repository>> Installer::indexes() {

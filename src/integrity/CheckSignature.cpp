@@ -328,8 +328,8 @@ BioPtr openTrustFile(const std::string& file) {
 void readTrustFile(const std::string& file, std::vector<AnchorCertificate>& anchors) {
     trustStore({file});  // refuses what checkSignature would, in its words
     const BioPtr certificates = openTrustFile(file);
-    while (const X509Ptr certificate{
-               PEM_read_bio_X509(certificates.get(), nullptr, nullptr, nullptr)})
+    while (
+        const X509Ptr certificate{PEM_read_bio_X509(certificates.get(), nullptr, nullptr, nullptr)})
         anchors.push_back({subjectOf(certificate.get()),
                            describeCertificate(certificate.get()).fingerprint,
                            pemOf(writeCertificate, certificate.get())});

@@ -46,6 +46,7 @@ Json entryJson(const PackageEntry& e) {
                 {"requiredProducts", products(e.requiredProducts)}};
     if (!e.signer.empty())
         out["signer"] = {{"subject", e.signer}, {"fingerprint", e.signerFingerprint}};
+    if (!e.signerKey.empty()) out["signer"]["key"] = e.signerKey;
     if (!e.icon.empty()) out["icon"] = e.icon;
     if (!e.screenshot.empty()) out["screenshot"] = e.screenshot;
     return out;
@@ -147,6 +148,9 @@ PackageEntry readEntry(const Json& item) {
     const Json& signer = object(item, "signer", true);
     e.signer = text(signer, "subject", true);
     e.signerFingerprint = text(signer, "fingerprint", true);
+    e.signerKey = text(signer, "key", true);
+    if (!e.signerKey.empty() && !isHex64(e.signerKey))
+        refuse("the signer's key of " + e.file + " is not 64 hex digits");
     e.icon = text(item, "icon", true);
     e.screenshot = text(item, "screenshot", true);
     checkImagePath(e.icon);
@@ -216,6 +220,7 @@ std::string formatIndex(const Index& index) {
     out["generated"] = formatUtc(index.generated);
     out["expires"] = formatUtc(index.expires);
     out["packages"] = packages;
+    if (!index.revokedKeys.empty()) out["revokedKeys"] = index.revokedKeys;
     return out.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
@@ -242,6 +247,11 @@ Index parseIndex(const std::string& textIn) {
     index.generated = time(root, "generated");
     index.expires = time(root, "expires");
     static const Json none = Json::array();
+    for (const Json& key : member(root, "revokedKeys", Json::value_t::array, true, none)) {
+        if (!key.is_string() || !isHex64(key.get<std::string>()))
+            refuse("a revoked key is not 64 lower-case hex digits");
+        index.revokedKeys.push_back(key.get<std::string>());
+    }
     std::set<std::string> files, releases;
     for (const Json& item : member(root, "packages", Json::value_t::array, false, none)) {
         PackageEntry e = readEntry(item);

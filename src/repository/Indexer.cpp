@@ -153,6 +153,7 @@ void readSigner(opc::model::Package& package, PackageEntry& entry) {
     if (!report.isSigned) return;
     entry.signer = report.signer;
     entry.signerFingerprint = report.certificate.fingerprint;
+    entry.signerKey = report.certificate.keyFingerprint;
 }
 
 std::string utf8(const std::u16string& text) {
@@ -216,6 +217,7 @@ void readPackage(const fs::path& folder, const std::string& file, AppManifestSer
 struct Cache {
     std::uint64_t version = 0;
     std::string repository;
+    std::vector<std::string> revokedKeys;
     std::map<std::string, Outcome> files;
 };
 
@@ -227,11 +229,14 @@ Cache loadCache(const fs::path& folder) {
         const Json root = Json::parse(in);
         cache.version = root.at("version").get<std::uint64_t>();
         cache.repository = root.value("repository", "");
+        cache.revokedKeys = root.value("revokedKeys", std::vector<std::string>());
         for (const auto& [file, item] : root.at("files").items()) {
             Outcome o;
             o.stamp = {item.at("size").get<std::uint64_t>(), item.at("mtime").get<std::int64_t>()};
             o.sha256 = item.at("sha256").get<std::string>();
             if (item.contains("entry")) o.entry = readEntry(item.at("entry"));
+            // An entry cached before signer keys were recorded is read again.
+            if (o.entry && !o.entry->signer.empty() && o.entry->signerKey.empty()) continue;
             o.bad = item.value("bad", "");
             o.images = item.value("images", std::vector<std::string>());
             cache.files[file] = std::move(o);
@@ -251,8 +256,10 @@ void saveCache(const fs::path& folder, const Cache& cache) {
         if (!o.images.empty()) item["images"] = o.images;
         files[file] = std::move(item);
     }
-    const Json root = {
-        {"version", cache.version}, {"repository", cache.repository}, {"files", files}};
+    const Json root = {{"version", cache.version},
+                       {"repository", cache.repository},
+                       {"revokedKeys", cache.revokedKeys},
+                       {"files", files}};
     writeAtomically(folder / kCacheFile, root.dump(-1, ' ', false, Json::error_handler_t::replace),
                     true);
 }
@@ -262,6 +269,7 @@ void saveCache(const fs::path& folder, const Cache& cache) {
 void previousIndex(const fs::path& folder, const Cache& cache, Index& next) {
     next.version = cache.version;
     next.repository = cache.repository;
+    next.revokedKeys = cache.revokedKeys;
     std::ifstream in(folder / INDEX_FILE, std::ios::binary);
     if (!in) return;
     try {
@@ -270,8 +278,29 @@ void previousIndex(const fs::path& folder, const Cache& cache, Index& next) {
         if (version < next.version) return;
         next.version = version;
         next.repository = root.value("repository", next.repository);
+        for (const auto& key : root.value("revokedKeys", std::vector<std::string>()))
+            next.revokedKeys.push_back(key);
     } catch (const std::exception&) {
     }
+}
+
+// The keys revoked before and those revoked now, sorted, each once.
+std::vector<std::string> revokedKeys(const IndexOptions& options,
+                                     const std::vector<std::string>& before) {
+    std::set<std::string> all(before.begin(), before.end());
+    for (const std::string& key : options.revoke) {
+        const std::string lower = opc::detail::ascii_lower(key);
+        if (lower.size() != 64 || lower.find_first_not_of("0123456789abcdef") != std::string::npos)
+            fail(FaultKind::Other,
+                 "the key to revoke \"" + key + "\" is not a SHA-256 of 64 hex digits");
+        all.insert(lower);
+    }
+    return {all.begin(), all.end()};
+}
+
+bool isRevoked(const Index& index, const std::string& key) {
+    return !key.empty() &&
+           std::binary_search(index.revokedKeys.begin(), index.revokedKeys.end(), key);
 }
 
 // The identifier given, else the one the folder's index had.
@@ -476,6 +505,7 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     Index index;
     previousIndex(folder, cache, index);
     index.repository = repositoryId(options, index.repository);
+    index.revokedKeys = revokedKeys(options, index.revokedKeys);
     makeFolder(folder / IMAGES_FOLDER);
 
     std::vector<Outcome> outcomes(files.size());
@@ -490,10 +520,14 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     Cache next;
     next.version = index.version;
     next.repository = index.repository;
+    next.revokedKeys = index.revokedKeys;
     for (std::size_t i = 0; i < files.size(); ++i) {
         Outcome& o = outcomes[i];
         for (const std::string& image : o.images) result.leftOutImages.push_back({files[i], image});
-        if (o.entry)
+        if (o.entry && isRevoked(index, o.entry->signerKey))
+            result.badPackages.push_back(
+                {files[i], "signed by a revoked key (SHA-256 " + o.entry->signerKey + ")"});
+        else if (o.entry)
             index.packages.push_back(*o.entry);
         else
             result.badPackages.push_back({files[i], o.bad});

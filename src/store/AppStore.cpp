@@ -48,6 +48,8 @@ const char* token(AuditFinding::Kind kind) {
             return "extra";
         case AuditFinding::Kind::Link:
             return "link";
+        case AuditFinding::Kind::Revoked:
+            return "revoked";
     }
     return "modified";
 }
@@ -403,6 +405,10 @@ struct AppStore::Impl {
             version.signerSubject = unpacked.signerSubject;
             version.signerFingerprint = unpacked.signerFingerprint;
             version.signerKeyFingerprint = unpacked.signerKeyFingerprint;
+            if (const auto revoked = revocationOf(version))
+                refuse(
+                    FaultKind::RevokedSigner,
+                    "its signer's key (SHA-256 " + version.signerKeyFingerprint + ") " + *revoked);
             if (existing) checkSigner(existing->version, version, relative, installOptions);
             version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
             commitInstall(version, relative, unpacked.files, pendingId);
@@ -627,12 +633,27 @@ struct AppStore::Impl {
         return publicVersion(*previous);
     }
 
+    // Who revoked the key that signed `version`, as a phrase ("was revoked
+    // by the repository stable"), or nullopt while no one has. Revocations
+    // are kept in the root's state by the installer as it reads indexes.
+    std::optional<std::string> revocationOf(const InstalledVersion& version) const {
+        if (version.signerKeyFingerprint.empty()) return std::nullopt;
+        const auto by = records->state(REVOKED_KEYS_SCOPE, version.signerKeyFingerprint);
+        if (!by) return std::nullopt;
+        return "was revoked by the repository " + *by;
+    }
+
     // --- audit --------------------------------------------------------------
 
     AuditReport audit(const std::string& guid) const {
         const VersionRow row = *records->version(*records->currentId(guid));
         AuditReport report;
         report.version = publicVersion(row);
+        if (const auto revoked = revocationOf(row.version))
+            report.findings.push_back({AuditFinding::Kind::Revoked,
+                                       integrity::SIGNATURE_PART_NAME + 1,
+                                       "its signer's key (SHA-256 " +
+                                           row.version.signerKeyFingerprint + ") " + *revoked});
         const std::string shownFolder = shown("apps/" + row.folder);
         const auto files = records->files(row.id);
         const OpsFd apps = appsFolder();
@@ -677,7 +698,8 @@ struct AppStore::Impl {
             return finding("missing");
         }
         if (!S_ISLNK(info.st_mode)) return finding("not a symbolic link");
-        const std::string target = linkTarget(app.get(), "current");
+        const std::string target =
+            linkTarget(ops, app.get(), "current", shown("apps/" + row.version.guid + "/current"));
         if (target != leafOf(row.folder))
             finding("points at " + target + ", not at " + leafOf(row.folder));
     }

@@ -13,6 +13,12 @@
 
 namespace tsappinstall::store::detail {
 
+// The signer keys (SHA-256 of the public key, hex) that a recorded
+// repository's signed index revoked, each with the repository's name: the
+// store refuses to install what they signed and audit reports what they
+// signed. A revocation once recorded stays.
+inline constexpr const char* REVOKED_KEYS_SCOPE = "revoked-keys";
+
 struct RootStateAccess {
     static std::optional<std::string> read(const AppStore& apps, const std::string& scope,
                                            const std::string& key);

@@ -528,4 +528,58 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
     EXPECT_FALSE(RootStateAccess::read(older, "repository-highest-index", "main"));
 }
 
+// A publisher revokes an author's key in the signed index: the indexer
+// leaves out what it signed from then on, in every later index too; a root
+// that read the index refuses to install what the key signed, from any
+// source, and its audit names what is installed already.
+TEST(RepositoryInstaller, RefusesAndReportsWhatARevokedKeySigned) {
+    Published published;
+    ASSERT_EQ(sh("cd " + published.dir.path() +
+                 " && openssl genpkey -algorithm ED25519 -out author.key && openssl req -x509 "
+                 "-key author.key -CA ca.pem -CAkey ca.key -days 2 -subj /CN=Author -out "
+                 "author.pem"),
+              0);
+    const std::string repo = published.dir.file("apps"),
+                      guid = "0123abcd-0000-4000-8000-00000000000a";
+    fs::create_directory(repo);
+    packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}},
+            published.dir.file("author"));
+    indexFolder(repo, published.signing());
+    const tsappinstall::store::HostProfile host{
+        "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+    tsappinstall::store::AppStore apps(published.dir.file("root"));
+    const std::string ca = published.dir.file("ca.pem");
+    Installer installer(apps);
+    installer.add({"main", repo, {ca}, ""});
+    installer.install(*installer.find(guid, host), host, {});
+
+    const std::string key =
+        tsappinstall::integrity::readCertificate(published.dir.file("author.pem")).keyFingerprint;
+    IndexOptions revoking = published.signing();
+    revoking.revoke = {key};
+    const auto outcome = indexFolder(repo, revoking);
+    ASSERT_EQ(outcome.badPackages.size(), 1u);
+    EXPECT_EQ(outcome.badPackages.front().what, "signed by a revoked key (SHA-256 " + key + ")");
+    indexFolder(repo, published.signing());  // revoked once, revoked for good
+    const auto index = Installer(apps).fetch(Installer(apps).remotes().front())->index();
+    EXPECT_EQ(index.revokedKeys, std::vector<std::string>{key});
+    EXPECT_TRUE(index.packages.empty());
+
+    const auto report = apps.audit(guid);
+    ASSERT_EQ(report.findings.size(), 1u);
+    EXPECT_EQ(std::string(tsappinstall::store::token(report.findings.front().kind)) + " " +
+                  report.findings.front().path + ": " + report.findings.front().detail,
+              "revoked _digests/sha256sums.p7s: its signer's key (SHA-256 " + key +
+                  ") was revoked by the repository main");
+    tsappinstall::store::InstallOptions trusting;
+    trusting.trustAnchors = {ca};
+    trusting.reinstall = true;
+    try {
+        apps.install(repo + "/hello-1.0.tsappinstall", host, trusting);
+        ADD_FAILURE() << "installed what a revoked key signed";
+    } catch (const Error& e) {
+        EXPECT_EQ(e.kind(), FaultKind::RevokedSigner);
+    }
+}
+
 }  // namespace

@@ -9,6 +9,7 @@
 #include "manifest/ManifestTestSupport.hpp"
 #include "repository/RepositoryTestSupport.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/repository/Index.hpp"
 
 namespace {
 
@@ -26,9 +27,9 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
         .write(xml11);
     const std::string notXml10 = "XML 1.1, not XML 1.0";
     for (const std::string skip : {"", "--skip-bad "}) {
-        EXPECT_EQ(WEXITSTATUS(std::system(
-                      (tool + "repo index --id test --valid-for 2d " + skip + published.repo() + " >" + out)
-                          .c_str())),
+        EXPECT_EQ(WEXITSTATUS(std::system((tool + "repo index --id test --valid-for 2d " + skip +
+                                           published.repo() + " >" + out)
+                                              .c_str())),
                   skip.empty() ? 1 : 0);
         EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
                   std::string::npos);
@@ -198,7 +199,9 @@ TEST(RepositoryTool, PrintsNoRawControlFromAPackageAnIndexOrTheDatabase) {
     const auto signature = tsappinstall::integrity::Signer(published.dir.file("signer.key"),
                                                            published.dir.file("signer.pem"))
                                .sign(text);
-    write_file(repo + "/index.json.p7s", std::string(signature.begin(), signature.end()));
+    write_file(repo + "/" +
+                   tsappinstall::repository::signatureFileOf(index["version"].get<std::uint64_t>()),
+               std::string(signature.begin(), signature.end()));
 
     const std::string evil = " " + repo + "/evil-", root = " --root " + published.dir.file("root");
     const struct {

@@ -40,11 +40,20 @@ struct IndexCommand {
     std::string folder;
     std::string validFor = "30d";
     bool skipBad = false;
+    std::vector<std::string> revoke;
     repository::IndexOptions options;
 };
 
+// A key to revoke as given: its SHA-256 already, or a certificate of it.
+std::string revokedKeyOf(const std::string& given) {
+    const bool isDigest = given.size() == 64 &&
+                          given.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    return isDigest ? given : integrity::readCertificate(given).keyFingerprint;
+}
+
 int runIndex(IndexCommand& o) {
     o.options.validFor = parseDuration(o.validFor);
+    for (const std::string& given : o.revoke) o.options.revoke.push_back(revokedKeyOf(given));
     const auto folder = nativePath(o.folder);
     const repository::IndexOutcome outcome = repository::indexFolder(folder, o.options);
     for (const auto& bad : outcome.badPackages)
@@ -246,6 +255,12 @@ std::vector<Command> addRepo(CLI::App& app) {
                 "Sign the index with this PEM private key");
     addNonEmpty(indexCli, "--cert", index->options.signingCertificate,
                 "The signer's PEM certificate (and chain)");
+    indexCli
+        ->add_option("--revoke", index->revoke,
+                     "Revoke a signer's key, given as its SHA-256 or a PEM certificate of it "
+                     "(repeatable): clients refuse what it signed; it stays revoked")
+        ->allow_extra_args(false)
+        ->check(nonEmpty());
     indexCli->get_option("--sign")->needs(indexCli->get_option("--cert"));
     indexCli->get_option("--cert")->needs(indexCli->get_option("--sign"));
 

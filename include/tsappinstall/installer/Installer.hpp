@@ -149,6 +149,7 @@ class TSAPP_API Installer {
   private:
     std::shared_ptr<const repository::Repository> open(const Remote& remote);
     void pin(const Remote& remote, const repository::RepositoryIdentity& identity);
+    void recordRevocations(const Remote& remote, const repository::Index& index);
     std::string guidOf(const std::string& app, const std::vector<Remote>& where);
     std::vector<Remote> whereToLook(const store::InstalledVersion& version,
                                     const std::vector<Remote>& recorded) const;

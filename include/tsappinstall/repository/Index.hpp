@@ -54,6 +54,7 @@ struct PackageEntry {
     std::vector<Product> requiredProducts;
     std::string signer;             // the signer's subject; empty when unsigned
     std::string signerFingerprint;  // SHA-256 of the signer's certificate
+    std::string signerKey;          // SHA-256 of the signer's public key
     std::string icon;               // "images/<sha256>.png", or empty
     std::string screenshot;
 };
@@ -67,6 +68,10 @@ struct Index {
     std::int64_t generated = 0;  // seconds since the epoch, UTC
     std::int64_t expires = 0;
     std::vector<PackageEntry> packages;
+    // Signer keys (SHA-256 of the public key, 64 lower-case hex digits)
+    // the publisher revoked: clients refuse what they signed, wherever it
+    // comes from. Sorted, each once.
+    std::vector<std::string> revokedKeys;
 };
 
 // A package file a repository may list: a name ending in .tsappinstall,

@@ -22,6 +22,10 @@ struct IndexOptions {
     std::int64_t validFor = 30 * 24 * 3600;      // seconds from now to the index's expiry
     std::int64_t now = -1;                       // seconds since the epoch; -1: the clock's
     std::string signingKey, signingCertificate;  // PEM files; both or neither
+    // Signer keys to revoke from now on (64 hex digits each); those the
+    // folder's index revoked before stay revoked. Packages they signed
+    // are left out.
+    std::vector<std::string> revoke;
 };
 
 struct Problem {

@@ -131,13 +131,15 @@ struct InstallResult {
 struct AuditFinding {
     // Link: the app's `current` link (path "current") is missing, no link,
     // or names another folder than the recorded current version's.
-    enum class Kind { Modified, Missing, Mode, Extra, Link };
+    // Revoked: a recorded repository revoked the key that signed the
+    // version (path: the signature part).
+    enum class Kind { Modified, Missing, Mode, Extra, Link, Revoked };
     Kind kind = Kind::Modified;
     std::string path;    // relative to the version's folder; "current" for Link
     std::string detail;  // "size 10, recorded 12", "0600, recorded 0644", ...
 };
 
-// "modified", "missing", "mode", "extra", "link".
+// "modified", "missing", "mode", "extra", "link", "revoked".
 TSAPP_API const char* token(AuditFinding::Kind kind);
 
 struct AuditReport {

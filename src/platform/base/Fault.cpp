@@ -108,6 +108,8 @@ KindTexts textsOf(FaultKind kind) {
             return {"not-offered", "not offered"};
         case FaultKind::WrongRepository:
             return {"wrong-repository", "another repository"};
+        case FaultKind::RevokedSigner:
+            return {"revoked-signer", "signer's key revoked"};
     }
     return {"unknown", "failed"};  // a value outside the enum
 }
