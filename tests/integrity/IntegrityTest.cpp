@@ -459,6 +459,16 @@ TEST(Integrity, SignerCertificatesFollowOneRule) {
                           : std::vector<std::string>{};
         EXPECT_EQ(signer.certificateProblems(std::time(nullptr)), warned) << what;
     }
+    // The copy of a trust file that a root keeps revokes what the file does.
+    std::string copy;
+    for (const auto& item : readTrustAnchors({shapes.dir.file("root+inter-list.pem")}))
+        copy += item.pem;
+    write_file(shapes.dir.file("copy.pem"), copy);
+    write_file(shapes.dir.file("bundle.pem"), shapes.pem("revoked") + shapes.pem("inter"));
+    const Signer revoked(shapes.dir.file("revoked.key"), shapes.dir.file("bundle.pem"));
+    const auto check =
+        checkSignature(bytesOf(revoked.sign("list")), "list", {shapes.dir.file("copy.pem")});
+    EXPECT_EQ(check.fault ? check.fault->detail : "", untrusted + "certificate revoked");
 }
 
 // `original` rewritten as an attacker who leaves the ZIP directory alone
