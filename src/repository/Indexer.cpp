@@ -12,8 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -26,6 +24,7 @@
 #include "integrity/FileSha256.hpp"
 #include "integrity/PackageIntegrity.hpp"
 #include "platform/base/Ascii.hpp"
+#include "platform/base/ReadRegular.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "platform/base/WriteAll.hpp"
 #include "tsappinstall/Threads.hpp"
@@ -214,6 +213,13 @@ void readPackage(const fs::path& folder, const std::string& file, AppManifestSer
 
 // The cache: per file its stamp, SHA-256 and outcome, and the last version
 // written and the repository it named (the index itself may be gone).
+// A file the indexer wrote before, read back. Whoever else may write to
+// the folder (an upload area) cannot make a run wait on a FIFO or read
+// through a link in its place: either reads as absent, and is replaced.
+std::optional<std::string> readOwnFile(const fs::path& path) {
+    return opc::detail::read_regular_file(path.string(), 4 * MAX_INDEX_BYTES);
+}
+
 struct Cache {
     std::uint64_t version = 0;
     std::string repository;
@@ -223,10 +229,10 @@ struct Cache {
 
 Cache loadCache(const fs::path& folder) {
     Cache cache;
-    std::ifstream in(folder / kCacheFile, std::ios::binary);
-    if (!in) return cache;
+    const auto text = readOwnFile(folder / kCacheFile);
+    if (!text) return cache;
     try {
-        const Json root = Json::parse(in);
+        const Json root = Json::parse(*text);
         cache.version = root.at("version").get<std::uint64_t>();
         cache.repository = root.value("repository", "");
         cache.revokedKeys = root.value("revokedKeys", std::vector<std::string>());
@@ -270,10 +276,10 @@ void previousIndex(const fs::path& folder, const Cache& cache, Index& next) {
     next.version = cache.version;
     next.repository = cache.repository;
     next.revokedKeys = cache.revokedKeys;
-    std::ifstream in(folder / INDEX_FILE, std::ios::binary);
-    if (!in) return;
+    const auto text = readOwnFile(folder / INDEX_FILE);
+    if (!text) return;
     try {
-        const Json root = Json::parse(in);
+        const Json root = Json::parse(*text);
         const auto version = root.at("version").get<std::uint64_t>();
         if (version < next.version) return;
         next.version = version;
@@ -434,12 +440,7 @@ void pruneFolder(const fs::path& folder, const std::set<std::string>& keep) {
 // A page is rewritten only when it changed: an incremental run over a
 // thousand apps touches the few that did.
 void writeIfChanged(const fs::path& path, const std::string& bytes) {
-    std::ifstream in(path, std::ios::binary);
-    if (in) {
-        const std::string old((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
-        if (old == bytes) return;
-    }
+    if (readOwnFile(path) == bytes) return;
     writeAtomically(path, bytes);
 }
 

@@ -73,6 +73,12 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     fs::create_directory(published.dir.file("new"));
     EXPECT_EQ(error_of<Error>([&] { indexFolder(published.dir.file("new"), unnamed); }),
               "a new repository needs an identifier (such as \"stable\") that its index names");
+    // What the indexer reads back of its own is read only as a regular
+    // file: FIFOs planted in their place are replaced, never waited on.
+    for (const char* planted : {"index.json", ".tsapp-index-cache.json", "index.html"})
+        ASSERT_EQ(::mkfifo((published.dir.file("new") + "/" + planted).c_str(), 0600), 0);
+    EXPECT_EQ(indexFolder(published.dir.file("new"), published.signing("fresh")).version, 1u);
+    EXPECT_TRUE(fs::is_regular_file(published.dir.file("new/index.html")));
 }
 
 TEST(RepositoryGallery, RendersInABrowserWithEveryManifestTextEscaped) {
