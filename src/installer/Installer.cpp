@@ -414,11 +414,14 @@ std::shared_ptr<const Repository> Installer::fetch(const Remote& remote) {
 // make what it signed trustworthy again.
 void Installer::recordRevocations(const Remote& remote, const repository::Index& index) {
     const std::string by = remote.name.empty() ? remote.location : remote.name;
-    for (const std::string& key : index.revokedKeys)
+    for (const std::string& key : index.revokedKeys) {
+        // Known already: no lock taken, nothing written on every fetch.
+        if (RootStateAccess::read(apps_, store::detail::REVOKED_KEYS_SCOPE, key)) continue;
         RootStateAccess::update(apps_, store::detail::REVOKED_KEYS_SCOPE, key,
                                 [&](const std::optional<std::string>& now) {
                                     return now ? std::nullopt : std::optional<std::string>(by);
                                 });
+    }
 }
 
 std::vector<std::shared_ptr<const Repository>> Installer::indexes() {
