@@ -12,6 +12,7 @@
 #include "support/PackageBuilder.hpp"
 #include "support/TestSupport.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/KeyRotation.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
@@ -738,5 +739,15 @@ TEST(Integrity, PackedPackagesVerifyWithTheToolAndStandardTools) {
     EXPECT_FALSE(file_exists(dir.file("y")));
 }
 #endif
+
+// A package carries at most MAX_KEY_ROTATIONS proofs: that many are read,
+// one more is refused.
+TEST(Integrity, KeyRotationsAreCappedInNumber) {
+    const std::string proof = signKeyRotation(keys().signer("EC"), std::string(64, 'a'));
+    std::string proofs;
+    for (std::size_t i = 0; i < MAX_KEY_ROTATIONS; ++i) proofs += proof;
+    EXPECT_EQ(readKeyRotations(proofs).size(), MAX_KEY_ROTATIONS);
+    EXPECT_THROW(readKeyRotations(proofs + proof), IntegrityError);
+}
 
 }  // namespace
