@@ -209,34 +209,45 @@ struct AppStore::Impl {
     // the next replay does the same again: each repair finds what it has
     // already done and goes on. The links of the apps concerned (all of
     // them with `everyLink`) end up naming the versions the records name.
-    std::vector<std::string> settle(bool everyLink = false) {
+    // What the replay kept goes on record with the rows' end, and into
+    // `keptNow` when given.
+    std::vector<std::string> settle(bool everyLink = false,
+                                    std::vector<KeptRow>* keptNow = nullptr) {
         const std::vector<PendingRow> rows = records->pending();
         std::vector<std::string> done;
+        std::vector<KeptRow> kept;
         std::set<std::string> relinked, removed;
         for (const PendingRow& row : rows) {
-            replay(row, done);
+            replay(row, done, kept);
             (row.action == PendingAction::Remove ? removed : relinked).insert(row.guid);
         }
         if (everyLink)
             for (const auto& entry : records->currentFolders()) relinked.insert(entry.first);
         for (const std::string& guid : removed) relinked.erase(guid);
         repointLinks(relinked, done);
-        forget(rows);
+        forget(rows, kept);
+        if (keptNow) keptNow->insert(keptNow->end(), kept.begin(), kept.end());
         return done;
     }
 
-    void replay(const PendingRow& row, std::vector<std::string>& done) {
+    void replay(const PendingRow& row, std::vector<std::string>& done, std::vector<KeptRow>& kept) {
         switch (row.action) {
             case PendingAction::Install:
                 discardFolder(row.folder);
                 done.push_back("removed the unfinished install " + shown("apps/" + row.folder));
                 return;
-            case PendingAction::Purge:
-                discardFolder(row.folder);
-                done.push_back("removed the old version " + shown("apps/" + row.folder));
+            case PendingAction::Purge: {
+                const auto before = kept.size();
+                retireFolder(row, kept);
+                done.push_back("removed the old version " + shown("apps/" + row.folder) +
+                               (kept.size() == before
+                                    ? std::string()
+                                    : ", keeping " + std::to_string(kept.size() - before) +
+                                          " changed or added files"));
                 return;
+            }
             case PendingAction::Remove:
-                removeAppFiles(row);
+                removeAppFiles(row, kept);
                 done.push_back("finished removing " + row.guid);
                 return;
             case PendingAction::Rollback:
@@ -260,15 +271,34 @@ struct AppStore::Impl {
         }
     }
 
-    // The replayed rows, and the records of the apps they removed.
-    void forget(const std::vector<PendingRow>& rows) {
+    // The replayed rows, the records of the apps they removed and of the
+    // versions whose folders went, and what they kept, in one step.
+    void forget(const std::vector<PendingRow>& rows, const std::vector<KeptRow>& kept) {
         if (rows.empty()) return;
         Transaction transaction(*db);
         for (const PendingRow& row : rows) {
-            if (row.action == PendingAction::Remove) dropAppRecords(row.guid);
+            if (row.action == PendingAction::Remove) records->dropApp(row.guid);
+            if (row.action == PendingAction::Purge) records->dropRetired(row.folder);
             records->dropPending(row.id);
         }
+        for (const KeptRow& row : kept) records->addKept(row);
         transaction.commit();
+    }
+
+    // A retired version's folder goes: whole when purging, or when its
+    // records are gone (marked so by an older program); otherwise as
+    // remove takes a version, keeping what the user changed or added.
+    void retireFolder(const PendingRow& row, std::vector<KeptRow>& kept) {
+        const auto version = records->versionAt(row.folder);
+        if (row.purge || !version) return discardFolder(row.folder);
+        opc::extraction::recover(folderOf(row.folder), selector);
+        const OpsFd apps = appsFolder();
+        OpsFd app = appFolderIfThere(apps, row.guid);
+        if (!app) return;
+        keepChanged(app.get(), *version, kept);
+        app.reset();
+        if (!records->currentId(row.guid))
+            removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));
     }
 
     // The app's folder, never through a link; none when it is not there.
@@ -327,9 +357,10 @@ struct AppStore::Impl {
     // Settles what a finished operation left (the folders of versions no
     // longer recorded); what cannot go now stays marked, goes with the
     // next writer, and is told in `leftOver`.
-    void settleAfterSuccess(std::vector<std::string>& leftOver) {
+    void settleAfterSuccess(std::vector<std::string>& leftOver,
+                            std::vector<KeptRow>* kept = nullptr) {
         try {
-            settle();
+            settle(false, kept);
         } catch (const std::exception& e) {
             leftOver.push_back(e.what());
         }
@@ -411,14 +442,16 @@ struct AppStore::Impl {
                     "its signer's key (SHA-256 " + version.signerKeyFingerprint + ") " + *revoked);
             if (existing) checkSigner(existing->version, version, relative, installOptions);
             version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
-            commitInstall(version, relative, unpacked.files, pendingId);
+            commitInstall(version, relative, unpacked.files, pendingId, installOptions.purge);
         } catch (...) {
             settleAfterFailure();
             throw;
         }
         result.installed = publicVersion({0, version, relative});
         result.leftOver = std::move(unpacked.leftAside);
-        settleAfterSuccess(result.leftOver);
+        std::vector<KeptRow> kept;
+        settleAfterSuccess(result.leftOver, &kept);
+        for (const KeptRow& row : kept) result.kept.push_back(publicKept(row));
         return result;
     }
 
@@ -487,17 +520,24 @@ struct AppStore::Impl {
     // One transaction: the new version's records, the old ones beyond the
     // kept number dropped (their folders marked for removal), the link
     // switched just before the commit.
+    // The version replaced is the first kept, whatever its age: after a
+    // forced rollback a newer one may stand before it.
     void commitInstall(const InstalledVersion& version, const std::string& relative,
-                       const std::vector<InstalledFile>& files, std::int64_t pendingId) {
+                       const std::vector<InstalledFile>& files, std::int64_t pendingId,
+                       bool purge) {
         Transaction transaction(*db);
+        const auto replaced = records->currentId(version.guid);
         const std::int64_t id = records->addVersion(version, relative, files);
         records->setCurrent(version.guid, id);
         records->dropPending(pendingId);
+        std::vector<VersionRow> older = records->versionsOf(version.guid);  // newest first
+        std::stable_partition(older.begin(), older.end(),
+                              [&](const VersionRow& row) { return replaced == row.id; });
         unsigned kept = 0;
-        for (const VersionRow& row : records->versionsOf(version.guid)) {  // newest first
+        for (const VersionRow& row : older) {
             if (row.id == id || kept++ < options.keepPrevious) continue;
-            records->dropVersion(row.id);
-            records->addPending(PendingAction::Purge, version.guid, row.folder, false);
+            records->retireVersion(row.id);
+            records->addPending(PendingAction::Purge, version.guid, row.folder, purge);
         }
         const OpsFd apps = appsFolder();
         const OpsFd app = openFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
@@ -511,49 +551,61 @@ struct AppStore::Impl {
     RemoveResult remove(const std::string& app, bool purge) {
         RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
-        const std::string guid = resolve(app);
+        RemoveResult result;
+        const std::optional<std::string> installed = resolveInstalled(app);
+        if (!installed) {
+            const std::string guid = resolveKept(app);
+            if (!purge)
+                refuse(FaultKind::NotInstalled,
+                       app + " is not installed; files kept from it remain (--purge removes them)");
+            result.removed = keptVersion(guid);
+            result.removedApp = false;
+            result.purged = purgeKept(guid);
+            return result;
+        }
+        const std::string& guid = *installed;
         const VersionRow current = *records->version(*records->currentId(guid));
         const PendingRow row{
             records->addPending(PendingAction::Remove, guid, current.folder, purge),
             PendingAction::Remove, guid, current.folder, purge};
-        RemoveResult result;
         result.removed = publicVersion(current);
-        result.kept = removeAppFiles(row);
-        forget({row});
+        std::vector<KeptRow> kept;
+        removeAppFiles(row, kept);
+        forget({row}, kept);
+        for (const KeptRow& k : kept) result.kept.push_back(publicKept(k));
+        if (purge) result.purged = purgeKept(guid);
         return result;
     }
 
     // Deletes what the records say is the app's, keeping (unless purging)
-    // what changed or was added; the records stay, for forget() to drop.
-    // Run again from the top after a crash, it does the same: what is gone
-    // stays gone and what changed is kept.
-    std::vector<std::string> removeAppFiles(const PendingRow& row) {
-        std::vector<std::string> kept;
+    // what changed or was added in any of its versions; the records stay,
+    // for forget() to drop. Run again from the top after a crash, it does
+    // the same: what is gone stays gone and what changed is kept.
+    void removeAppFiles(const PendingRow& row, std::vector<KeptRow>& kept) {
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, row.guid);
-        if (app) {
-            if (ops.unlinkat(app.get(), "current", 0) != 0 && errno != ENOENT)
-                failed(shown("apps/" + row.guid + "/current") + " cannot be removed", errno);
-            for (const VersionRow& version : records->versionsOf(row.guid))
-                if (version.folder != row.folder) discardFolder(version.folder);
+        if (!app) return;
+        if (ops.unlinkat(app.get(), "current", 0) != 0 && errno != ENOENT)
+            failed(shown("apps/" + row.guid + "/current") + " cannot be removed", errno);
+        for (const VersionRow& version : records->versionsOf(row.guid)) {
             if (row.purge)
-                discardFolder(row.folder);
+                discardFolder(version.folder);
             else
-                kept = removeRecordedFiles(app.get(), row.folder);
-            app.reset();
-            removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));  // when nothing is kept
+                keepChanged(app.get(), version, kept);
         }
-        return kept;
+        app.reset();
+        removeEmptyFolder(ops, apps.get(), row.guid, shown("apps"));  // when nothing is kept
     }
 
-    void dropAppRecords(const std::string& guid) {
-        for (const VersionRow& version : records->versionsOf(guid))
-            records->dropVersion(version.id);
-        records->dropApp(guid);
+    void keepChanged(int app, const VersionRow& version, std::vector<KeptRow>& kept) {
+        for (std::string& path : removeRecordedFiles(app, version))
+            kept.push_back({version.folder, std::move(path), version.version.guid,
+                            version.version.name, version.version.version});
     }
 
-    std::vector<std::string> removeRecordedFiles(int app, const std::string& relative) {
+    std::vector<std::string> removeRecordedFiles(int app, const VersionRow& version) {
         std::vector<std::string> kept;
+        const std::string& relative = version.folder;
         const std::string leaf = leafOf(relative);
         OpsFd folder(
             ops, ops.openat(app, leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -561,8 +613,7 @@ struct AppStore::Impl {
             if (errno == ENOENT) return kept;
             failed(shown("apps/" + relative) + " cannot be opened", errno);
         }
-        const auto id = records->versionIdOf(relative);
-        const auto files = id ? records->files(*id) : std::vector<InstalledFile>();
+        const auto files = records->files(version.id);
         std::set<std::string> recorded, folders;
         for (const InstalledFile& file : files) {
             recorded.insert(file.path);
@@ -593,9 +644,120 @@ struct AppStore::Impl {
         return kept;
     }
 
+    // --- kept files ---------------------------------------------------------
+
+    KeptFile publicKept(const KeptRow& row) const {
+        return {row.guid, row.name, row.version, folderOf(row.folder), row.path};
+    }
+
+    // The installed app `app` names; none when no installed app is called
+    // that (any other refusal is thrown).
+    std::optional<std::string> resolveInstalled(const std::string& app) const {
+        try {
+            return resolve(app);
+        } catch (const StoreError& e) {
+            if (e.kind() != FaultKind::NotInstalled) throw;
+            return std::nullopt;
+        }
+    }
+
+    // The app, no longer installed, whose kept files `app` names by GUID or
+    // by the name it had; otherwise as resolve() refuses.
+    std::string resolveKept(const std::string& app) const {
+        std::vector<std::string> guids;
+        if (isGuid(app)) {
+            const std::string guid = opc::detail::ascii_lower(app);
+            if (!records->kept(guid).empty()) guids.push_back(guid);
+        } else {
+            guids = records->keptGuidsNamed(app);
+        }
+        if (guids.size() > 1) {
+            std::string list;
+            for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;
+            refuse(FaultKind::AmbiguousName, app + " names " + std::to_string(guids.size()) +
+                                                 " removed apps with kept files (" + list +
+                                                 "); give a GUID");
+        }
+        if (guids.empty()) {
+            resolve(app);  // refuses as for an installed app
+            refuse(FaultKind::NotInstalled, "no installed app is called " + app);
+        }
+        return guids.front();
+    }
+
+    // The highest version that kept files of a removed app: what it was
+    // last, as far as the kept records tell.
+    InstalledVersion keptVersion(const std::string& guid) const {
+        const auto rows = records->kept(guid);
+        InstalledVersion version;
+        if (rows.empty()) return version;
+        const KeptRow& last =
+            *std::max_element(rows.begin(), rows.end(), [](const KeptRow& a, const KeptRow& b) {
+                return compareVersions(a.version, b.version) < 0;
+            });
+        version.guid = last.guid;
+        version.name = last.name;
+        version.version = last.version;
+        version.folder = folderOf(last.folder);
+        return version;
+    }
+
+    // The kept files of `guid` that are still there, not followed through links.
+    std::vector<KeptFile> presentKept(const std::string& guid) const {
+        std::vector<KeptFile> present;
+        const auto rows = records->kept(guid);
+        if (rows.empty()) return present;
+        const OpsFd apps = appsFolder();
+        const OpsFd app = appFolderIfThere(apps, guid);
+        if (!app) return present;
+        OpenParent parent;
+        for (const KeptRow& row : rows) {
+            const std::string path = leafOf(row.folder) + "/" + row.path;
+            if (findFile(ops, app.get(), path, false, shown("apps/" + guid), &parent).state !=
+                FoundFile::State::Missing)
+                present.push_back(publicKept(row));
+        }
+        return present;
+    }
+
+    // Deletes the files kept of `guid` first and drops their records after,
+    // so that a crash between leaves records of files already gone, which
+    // the next purge passes over.
+    std::vector<KeptFile> purgeKept(const std::string& guid) {
+        const auto rows = records->kept(guid);
+        std::vector<KeptFile> purged;
+        if (rows.empty()) return purged;
+        const OpsFd apps = appsFolder();
+        OpsFd app = appFolderIfThere(apps, guid);
+        const std::string shownApp = shown("apps/" + guid);
+        std::set<std::string> folders;
+        for (const KeptRow& row : rows) {
+            purged.push_back(publicKept(row));
+            const std::string leaf = leafOf(row.folder);
+            if (!app || row.folder != guid + "/" + leaf || leaf.rfind('v', 0) != 0 ||
+                leaf.find('/') != std::string::npos)
+                continue;  // not a folder name of ours: never act on it
+            removeFile(ops, app.get(), leaf + "/" + row.path, shownApp);
+            const std::string path = leaf + "/" + row.path;
+            for (auto slash = path.rfind('/'); slash != std::string::npos && slash > 0;
+                 slash = path.rfind('/', slash - 1))
+                folders.insert(path.substr(0, slash));
+        }
+        for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+            removeEmptyFolder(ops, app.get(), *it, shownApp);
+        if (app) {
+            app.reset();
+            if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
+        }
+        Transaction transaction(*db);
+        for (const KeptRow& row : rows) records->dropKept(row.folder, row.path);
+        transaction.commit();
+        return purged;
+    }
+
     // --- rollback -----------------------------------------------------------
 
-    InstalledVersion rollback(const std::string& app) {
+    RollbackResult rollback(const std::string& app, const RollbackOptions& rollbackOptions) {
         RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         settle();
         const std::string guid = resolve(app);
@@ -609,6 +771,7 @@ struct AppStore::Impl {
         }
         if (!previous)
             refuse(FaultKind::NoPrevious, guid + " has no previous version to roll back to");
+        checkReturnTo(*previous, rollbackOptions.force);
         // Marks the app for settling should the link switch but the
         // records not commit.
         const std::int64_t pendingId =
@@ -617,8 +780,10 @@ struct AppStore::Impl {
             Transaction transaction(*db);
             records->dropPending(pendingId);
             records->setCurrent(guid, previous->id);
-            records->dropVersion(current->id);
-            records->addPending(PendingAction::Purge, guid, current->folder, false);
+            if (!rollbackOptions.force) {
+                records->retireVersion(current->id);
+                records->addPending(PendingAction::Purge, guid, current->folder, false);
+            }
             const OpsFd apps = appsFolder();
             const OpsFd appFolder = openFolder(ops, apps.get(), guid, shown("apps/" + guid));
             switchLink(ops, appFolder.get(), "current", leafOf(previous->folder),
@@ -629,8 +794,41 @@ struct AppStore::Impl {
             throw;
         }
         std::vector<std::string> ignored;
-        settleAfterSuccess(ignored);
-        return publicVersion(*previous);
+        std::vector<KeptRow> kept;
+        settleAfterSuccess(ignored, &kept);
+        RollbackResult result;
+        result.current = publicVersion(*previous);
+        for (const KeptRow& row : kept) result.kept.push_back(publicKept(row));
+        return result;
+    }
+
+    // Before anything is touched: the version rolled back to must be there,
+    // a folder of its own, and (unless forced) as installed, or the app
+    // would be left running something other than what the records say.
+    void checkReturnTo(const VersionRow& to, bool force) const {
+        const std::string what = "version " + to.version.version + " is not as installed: ";
+        const std::string shownFolder = shown("apps/" + to.folder);
+        const OpsFd apps = appsFolder();
+        const OpsFd app = appFolderIfThere(apps, to.version.guid);
+        struct stat info {};
+        std::string problem;
+        if (!app || ops.lstatat(app.get(), leafOf(to.folder).c_str(), &info) != 0) {
+            if (app && errno != ENOENT) failed(shownFolder + " cannot be read", errno);
+            problem = "its folder " + shownFolder + " is missing";
+        } else if (!S_ISDIR(info.st_mode)) {
+            problem = "its folder " + shownFolder + " is " +
+                      (S_ISLNK(info.st_mode) ? "a symbolic link" : "not a folder");
+        }
+        if (!problem.empty())
+            throw StoreError(FaultKind::Refused, {what + problem, "not rolled back"});
+        if (force) return;
+        std::vector<std::string> lines;
+        for (const AuditFinding& f : folderFindings(to))
+            lines.push_back(what + token(f.kind) + " " + f.path +
+                            (f.detail.empty() ? "" : " (" + f.detail + ")"));
+        if (lines.empty()) return;
+        lines.push_back("not rolled back; --force rolls back to it as it is");
+        throw StoreError(FaultKind::Refused, lines);
     }
 
     // Who revoked the key that signed `version`, as a phrase ("was revoked
@@ -654,6 +852,28 @@ struct AppStore::Impl {
                                        integrity::SIGNATURE_PART_NAME + 1,
                                        "its signer's key (SHA-256 " +
                                            row.version.signerKeyFingerprint + ") " + *revoked});
+        for (AuditFinding& f : folderFindings(row)) report.findings.push_back(std::move(f));
+        std::stable_sort(
+            report.findings.begin(), report.findings.end(),
+            [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
+        auditLink(appsFolder(), row, report.findings);
+        report.kept = presentKept(guid);
+        return report;
+    }
+
+    // An app that is no longer installed, by what it kept.
+    AuditReport keptReport(const std::string& guid) const {
+        AuditReport report;
+        report.version = keptVersion(guid);
+        report.installed = false;
+        report.kept = presentKept(guid);
+        return report;
+    }
+
+    // A version's files against its records: missing, modified, mode and
+    // extra, by path.
+    std::vector<AuditFinding> folderFindings(const VersionRow& row) const {
+        std::vector<AuditFinding> findings;
         const std::string shownFolder = shown("apps/" + row.folder);
         const auto files = records->files(row.id);
         const OpsFd apps = appsFolder();
@@ -662,23 +882,22 @@ struct AppStore::Impl {
         if (!folder) {
             if (errno != ENOENT) failed(shownFolder + " cannot be opened", errno);
             for (const InstalledFile& file : files)
-                report.findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
-            return report;
+                findings.push_back({AuditFinding::Kind::Missing, file.path, ""});
+            return findings;
         }
         std::set<std::string> recorded;
         for (const InstalledFile& file : files) {
             recorded.insert(file.path);
-            auditFile(folder.get(), file, shownFolder, report.findings);
+            auditFile(folder.get(), file, shownFolder, findings);
         }
         walk(ops, folder.get(), shownFolder, [&](const std::string& path, bool isFolder) {
             if (!isFolder && !recorded.count(path))
-                report.findings.push_back({AuditFinding::Kind::Extra, path, ""});
+                findings.push_back({AuditFinding::Kind::Extra, path, ""});
         });
         std::stable_sort(
-            report.findings.begin(), report.findings.end(),
+            findings.begin(), findings.end(),
             [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
-        auditLink(apps, row, report.findings);
-        return report;
+        return findings;
     }
 
     // What runs is what `current` names, so the audited folder must be the
@@ -819,18 +1038,55 @@ RemoveResult AppStore::remove(const std::string& app, bool purge) {
     return impl_->remove(app, purge);
 }
 
+RollbackResult AppStore::rollback(const std::string& app, const RollbackOptions& options) {
+    return impl_->rollback(app, options);
+}
+
 InstalledVersion AppStore::rollback(const std::string& app) {
-    return impl_->rollback(app);
+    return impl_->rollback(app, {}).current;
+}
+
+std::vector<KeptFile> AppStore::kept() const {
+    Transaction snapshot(*impl_->db, "BEGIN");
+    std::vector<KeptFile> kept;
+    for (const KeptRow& row : impl_->records->kept("")) kept.push_back(impl_->publicKept(row));
+    return kept;
+}
+
+std::vector<KeptFile> AppStore::purge(const std::string& app) {
+    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
+    impl_->settle();
+    const auto installed = impl_->resolveInstalled(app);
+    return impl_->purgeKept(installed ? *installed : impl_->resolveKept(app));
 }
 
 AuditReport AppStore::audit(const std::string& app) const {
-    return impl_->auditing([&] { return impl_->audit(impl_->resolve(app)); });
+    return impl_->auditing([&] {
+        const auto installed = impl_->resolveInstalled(app);
+        return installed ? impl_->audit(*installed) : impl_->keptReport(impl_->resolveKept(app));
+    });
 }
 
 std::vector<AuditReport> AppStore::auditAll() const {
     return impl_->auditing([&] {
         std::vector<AuditReport> reports;
-        for (const InstalledApp& app : list()) reports.push_back(impl_->audit(app.current.guid));
+        std::set<std::string> installed;
+        for (const InstalledApp& app : list()) {
+            installed.insert(app.current.guid);
+            reports.push_back(impl_->audit(app.current.guid));
+        }
+        std::set<std::string> removed;
+        for (const KeptRow& row : impl_->records->kept(""))
+            if (!installed.count(row.guid)) removed.insert(row.guid);
+        for (const std::string& guid : removed) {
+            AuditReport report = impl_->keptReport(guid);
+            if (!report.kept.empty()) reports.push_back(std::move(report));
+        }
+        std::stable_sort(reports.begin(), reports.end(),
+                         [](const AuditReport& a, const AuditReport& b) {
+                             return std::tie(a.version.name, a.version.guid) <
+                                    std::tie(b.version.name, b.version.guid);
+                         });
         return reports;
     });
 }

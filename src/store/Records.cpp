@@ -88,7 +88,7 @@ std::optional<VersionRow> Records::version(std::int64_t id) const {
 }
 
 std::vector<VersionRow> Records::versionsOf(const std::string& guid) const {
-    Statement s(db_, (kVersionColumns + "WHERE guid = ? ORDER BY id DESC").c_str());
+    Statement s(db_, (kVersionColumns + "WHERE guid = ? AND retired = 0 ORDER BY id DESC").c_str());
     s.bind(1, guid);
     std::vector<VersionRow> rows;
     while (s.step()) rows.push_back(versionRow(s));
@@ -97,18 +97,18 @@ std::vector<VersionRow> Records::versionsOf(const std::string& guid) const {
 
 std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
     Statement s(db_, (kColumns + ", id = (SELECT current FROM apps a WHERE a.guid = versions.guid) "
-                                 "FROM versions ORDER BY guid, id DESC")
+                                 "FROM versions WHERE retired = 0 ORDER BY guid, id DESC")
                          .c_str());
     std::vector<std::pair<VersionRow, bool>> rows;
     while (s.step()) rows.emplace_back(versionRow(s), s.integer(16) != 0);
     return rows;
 }
 
-std::optional<std::int64_t> Records::versionIdOf(const std::string& folder) const {
-    Statement s(db_, "SELECT id FROM versions WHERE folder = ?");
+std::optional<VersionRow> Records::versionAt(const std::string& folder) const {
+    Statement s(db_, (kVersionColumns + "WHERE folder = ?").c_str());
     s.bind(1, folder);
     if (!s.step()) return std::nullopt;
-    return s.integer(0);
+    return versionRow(s);
 }
 
 std::vector<std::string> Records::guidsNamed(const std::string& name) const {
@@ -184,7 +184,24 @@ void Records::dropVersion(std::int64_t id) {
     Statement(db_, "DELETE FROM versions WHERE id = ?").bind(1, id).run();
 }
 
+void Records::dropRetired(const std::string& folder) {
+    Statement(db_,
+              "DELETE FROM files WHERE version_id IN "
+              "(SELECT id FROM versions WHERE folder = ? AND retired = 1)")
+        .bind(1, folder)
+        .run();
+    Statement(db_, "DELETE FROM versions WHERE folder = ? AND retired = 1").bind(1, folder).run();
+}
+
+void Records::retireVersion(std::int64_t id) {
+    Statement(db_, "UPDATE versions SET retired = 1 WHERE id = ?").bind(1, id).run();
+}
+
 void Records::dropApp(const std::string& guid) {
+    Statement(db_, "DELETE FROM files WHERE version_id IN (SELECT id FROM versions WHERE guid = ?)")
+        .bind(1, guid)
+        .run();
+    Statement(db_, "DELETE FROM versions WHERE guid = ?").bind(1, guid).run();
     Statement(db_, "DELETE FROM apps WHERE guid = ?").bind(1, guid).run();
 }
 
@@ -201,6 +218,39 @@ std::int64_t Records::addPending(PendingAction action, const std::string& guid,
 
 void Records::dropPending(std::int64_t id) {
     Statement(db_, "DELETE FROM pending WHERE id = ?").bind(1, id).run();
+}
+
+std::vector<KeptRow> Records::kept(const std::string& guid) const {
+    Statement s(db_,
+                "SELECT folder, path, guid, name, version FROM kept WHERE ? IN ('', guid) "
+                "ORDER BY folder, path");
+    s.bind(1, guid);
+    std::vector<KeptRow> rows;
+    while (s.step()) rows.push_back({s.text(0), s.text(1), s.text(2), s.text(3), s.text(4)});
+    return rows;
+}
+
+std::vector<std::string> Records::keptGuidsNamed(const std::string& name) const {
+    Statement s(db_, "SELECT DISTINCT guid FROM kept WHERE name = ? ORDER BY guid");
+    s.bind(1, name);
+    std::vector<std::string> guids;
+    while (s.step()) guids.push_back(s.text(0));
+    return guids;
+}
+
+void Records::addKept(const KeptRow& row) {
+    Statement s(db_,
+                "INSERT OR REPLACE INTO kept(folder, path, guid, name, version) "
+                "VALUES(?, ?, ?, ?, ?)");
+    s.bind(1, row.folder).bind(2, row.path).bind(3, row.guid).bind(4, row.name);
+    s.bind(5, row.version).run();
+}
+
+void Records::dropKept(const std::string& folder, const std::string& path) {
+    Statement(db_, "DELETE FROM kept WHERE folder = ? AND path = ?")
+        .bind(1, folder)
+        .bind(2, path)
+        .run();
 }
 
 std::optional<std::string> Records::state(const std::string& scope, const std::string& key) const {

@@ -22,8 +22,11 @@ struct VersionRow {
 
 // An operation that began and is not finished, as settling replays it.
 enum class PendingAction {
-    Install,   // its folder goes: the records never took it
-    Purge,     // an old version's folder, no longer recorded, to remove
+    Install,  // its folder goes: the records never took it
+    // An old version's folder to remove: its records stay, marked retired,
+    // until it is gone. `purge`: the whole folder; otherwise the files
+    // changed or added since the install are kept (and recorded as kept).
+    Purge,
     Remove,    // an app to remove, to be finished (`purge`: changed and added files too)
     Rollback,  // an app whose link may have been switched before its records committed
 };
@@ -40,18 +43,30 @@ struct PendingRow {
     bool purge = false;
 };
 
+// A file changed or added since its version was installed, kept when the
+// version went; on record until purged.
+struct KeptRow {
+    std::string folder;  // the version's, relative to ROOT/apps
+    std::string path;    // relative to `folder`
+    std::string guid;
+    std::string name;  // the version's
+    std::string version;
+};
+
 class Records {
   public:
     explicit Records(const Database& db) : db_(db) {}
 
     std::optional<std::int64_t> currentId(const std::string& guid) const;
     std::optional<VersionRow> version(std::int64_t id) const;
-    // Newest first.
+    // Newest first; versions retired by an upgrade or a rollback, whose
+    // folders are still to settle, are no longer the app's.
     std::vector<VersionRow> versionsOf(const std::string& guid) const;
     // Every version of every app, by GUID, newest first, with whether it
     // is its app's current one.
     std::vector<std::pair<VersionRow, bool>> allVersions() const;
-    std::optional<std::int64_t> versionIdOf(const std::string& folder) const;
+    // The version, retired or not, whose folder this is.
+    std::optional<VersionRow> versionAt(const std::string& folder) const;
     // GUIDs whose current version has this name.
     std::vector<std::string> guidsNamed(const std::string& name) const;
     // Every app's GUID and its current version's folder.
@@ -65,10 +80,21 @@ class Records {
                             const std::vector<InstalledFile>& files);
     void setCurrent(const std::string& guid, std::int64_t version);
     void dropVersion(std::int64_t id);
+    void retireVersion(std::int64_t id);
+    // The retired version whose folder this is, if any.
+    void dropRetired(const std::string& folder);
+    // Every version of the app, retired ones too, and its current one.
     void dropApp(const std::string& guid);
     std::int64_t addPending(PendingAction action, const std::string& guid,
                             const std::string& folder, bool purge);
     void dropPending(std::int64_t id);
+
+    // Kept files, by folder and path: of one app, or with an empty GUID of all.
+    std::vector<KeptRow> kept(const std::string& guid) const;
+    // GUIDs with files kept under this name.
+    std::vector<std::string> keptGuidsNamed(const std::string& name) const;
+    void addKept(const KeptRow& row);
+    void dropKept(const std::string& folder, const std::string& path);
 
     std::optional<std::string> state(const std::string& scope, const std::string& key) const;
     void setState(const std::string& scope, const std::string& key, const std::string& value);

@@ -98,6 +98,26 @@ ALTER TABLE versions ADD COLUMN signer_key TEXT NOT NULL DEFAULT '';
 ALTER TABLE versions ADD COLUMN rotated_from TEXT NOT NULL DEFAULT '[]';
 )sql",
      addSignerKeys},
+    // Files changed or added since their version was installed, kept when
+    // the version was removed or retired, stay on record until purged. A
+    // retired version's records stay (marked) until its folder is settled,
+    // so that the settling knows which of its files are the user's. The
+    // old versions that earlier programs marked for deletion had already
+    // lost their records: their folders still go whole.
+    {R"sql(
+CREATE TABLE kept(
+  folder TEXT NOT NULL,
+  path TEXT NOT NULL,
+  guid TEXT NOT NULL,
+  name TEXT NOT NULL,
+  version TEXT NOT NULL,
+  PRIMARY KEY(folder, path)
+) WITHOUT ROWID;
+CREATE INDEX kept_by_guid ON kept(guid);
+ALTER TABLE versions ADD COLUMN retired INTEGER NOT NULL DEFAULT 0;
+UPDATE pending SET purge = 1 WHERE action = 'purge';
+)sql",
+     nullptr},
 };
 
 constexpr int kKnown = static_cast<int>(std::size(migrations));

@@ -145,14 +145,121 @@ TEST_F(Store, InstallUpgradeRollbackAuditRemove) {
               "mode icon.png (0600, recorded 0644)\n"
               "missing screenshot.png ()\n");
 
-    const auto removed = apps.remove("Hello Tessal");
-    EXPECT_EQ(removed.kept,
-              (std::vector<std::string>{"files/README.txt", "files/notes.txt", "icon.png"}));
+    std::string kept;
+    for (const auto& k : apps.remove("Hello Tessal").kept) kept += k.path + " ";
+    EXPECT_EQ(kept, "files/README.txt files/notes.txt icon.png ");
     EXPECT_TRUE(apps.list().empty());
     EXPECT_EQ(snapshot_tree(folder).size(), 4u);  // files/, the two kept there, icon.png
     apps.install(v("1.2.0"), fittingHost());
     apps.remove(kGuid, true);
     EXPECT_FALSE(fs::exists(root() + "/apps/" + kGuid + "/current"));
+}
+
+// Rollback checks the version it returns to before it touches anything;
+// forced, it returns to it as it is and keeps the version it leaves. Not
+// forced, it keeps what the user changed in the version it leaves.
+TEST_F(Store, RollsBackOnlyToAVersionAsInstalledUnlessForced) {
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    apps.install(v("1.3.0"), fittingHost());
+    const fs::path to = apps.show(kGuid).previous.at(0).folder;
+    write_file((to / "files/README.txt").string(), "edited");
+    ::chmod((to / "icon.png").c_str(), 0600);
+    write_file((to / "files/notes.txt").string(), "mine");
+    fs::remove(to / "files/lib/util.js");
+    const std::string was = "version 1.2.0 is not as installed: ";
+    const Tree before = snapshot_tree(root() + "/apps");
+    EXPECT_EQ(refusal([&] { apps.rollback(kGuid); }),
+              was + "modified files/README.txt (size 6, recorded 14)\n" + was +
+                  "missing files/lib/util.js\n" + was + "extra files/notes.txt\n" + was +
+                  "mode icon.png (0600, recorded 0644)\n" +
+                  "not rolled back; --force rolls back to it as it is\n");
+    EXPECT_EQ(snapshot_tree(root() + "/apps"), before);
+    // Nothing to return to: refused even when forced.
+    const fs::path aside = dir.file("aside");
+    fs::rename(to, aside);
+    const struct {
+        std::function<void()> make;
+        std::string problem;
+    } gone[] = {{[] {}, "missing"},
+                {[&] { fs::create_directory_symlink(aside, to); }, "a symbolic link"}};
+    for (const auto& g : gone) {
+        g.make();
+        EXPECT_EQ(refusal([&] { apps.rollback(kGuid, {true}); }),
+                  was + "its folder " + to.string() + " is " + g.problem + "\nnot rolled back\n");
+    }
+    fs::remove(to);
+    fs::rename(aside, to);
+
+    const auto forced = apps.rollback(kGuid, {true});
+    EXPECT_EQ(forced.current.version, "1.2.0");
+    EXPECT_TRUE(forced.kept.empty());
+    ASSERT_EQ(apps.show(kGuid).previous.size(), 1u);
+    EXPECT_EQ(apps.show(kGuid).previous[0].version, "1.3.0");
+    EXPECT_EQ(read_file((to / "files/notes.txt").string()), "mine");
+    // Back to 1.3.0, which is whole; 1.2.0 goes but for the user's files.
+    const auto back = apps.rollback(kGuid, {});
+    EXPECT_EQ(back.current.version, "1.3.0");
+    std::string kept;
+    for (const auto& k : back.kept) kept += (k.folder / k.path).string() + " " + k.version + "\n";
+    EXPECT_EQ(kept, (to / "files/README.txt").string() + " 1.2.0\n" +
+                        (to / "files/notes.txt").string() + " 1.2.0\n" +
+                        (to / "icon.png").string() + " 1.2.0\n");
+    EXPECT_EQ(settledState(root()), std::string(kGuid) + "=1.3.0");
+}
+
+// What the user changed or added in a version goes with it only when
+// asked: a version an upgrade retires keeps it in place and on record,
+// audit lists it without failing, remove keeps it in every version, and a
+// purging remove deletes it, also once the app is gone.
+TEST_F(Store, KeepsTheUsersFilesUntilPurged) {
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const fs::path first = apps.show(kGuid).current.folder;
+    write_file((first / "files/data/config.json").string(), "mine");
+    write_file((first / "files/notes.txt").string(), "notes");
+    EXPECT_TRUE(apps.install(v("1.3.0"), fittingHost()).kept.empty());  // 1.2.0 stays
+    const auto upgrade = apps.install(v("1.4.0"), fittingHost());
+    std::string kept;
+    for (const auto& k : upgrade.kept) kept += (k.folder / k.path).string() + "\n";
+    EXPECT_EQ(kept, (first / "files/data/config.json").string() + "\n" +
+                        (first / "files/notes.txt").string() + "\n");
+    EXPECT_EQ(read_file((first / "files/data/config.json").string()), "mine");
+    EXPECT_EQ(snapshot_tree(first.string()).size(), 4u);  // the two and their folders
+    const AuditReport audited = apps.audit(kGuid);
+    EXPECT_TRUE(audited.clean());
+    EXPECT_EQ(audited.kept.size(), 2u);
+    EXPECT_EQ(settledState(root()), std::string(kGuid) + "=1.4.0");
+
+    // Purging, the version retired goes whole.
+    const fs::path second = apps.show(kGuid).previous.at(0).folder;
+    write_file((second / "files/README.txt").string(), "edited");
+    InstallOptions purging;
+    purging.purge = true;
+    EXPECT_TRUE(apps.install(v("1.5.0"), fittingHost(), purging).kept.empty());
+    EXPECT_FALSE(fs::exists(second));
+
+    // Remove keeps the previous version's changes too; a kept file the
+    // user deleted since is passed over.
+    write_file((apps.show(kGuid).previous.at(0).folder / "files/extra.txt").string(), "x");
+    write_file((apps.show(kGuid).current.folder / "files/README.txt").string(), "edited");
+    fs::remove(first / "files/notes.txt");
+    EXPECT_EQ(apps.remove("Hello Tessal").kept.size(), 2u);
+    EXPECT_EQ(refusal([&] { apps.remove("Hello Tessal"); }),
+              "Hello Tessal is not installed; files kept from it remain (--purge removes them)\n");
+    const auto reports = apps.auditAll();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_FALSE(reports[0].installed);
+    EXPECT_EQ(reports[0].version.version, "1.5.0");
+    EXPECT_EQ(reports[0].kept.size(), 3u);
+    EXPECT_EQ(apps.kept().size(), 4u);
+    const auto purged = apps.remove("Hello Tessal", true);
+    EXPECT_FALSE(purged.removedApp);
+    EXPECT_EQ(purged.purged.size(), 4u);
+    EXPECT_FALSE(fs::exists(root() + "/apps/" + kGuid));
+    EXPECT_TRUE(apps.kept().empty());
+    EXPECT_EQ(refusal([&] { apps.purge(kGuid); }),
+              "no app " + std::string(kGuid) + " is installed\n");
 }
 
 TEST_F(Store, RefusesWithOneLinePerReasonAndChangesNothing) {
@@ -389,11 +496,20 @@ TEST_F(Store, MigratesOlderRecords) {
     const std::string older = std::string("ALTER TABLE versions DROP COLUMN origin; ") +
                               "ALTER TABLE versions DROP COLUMN signer_key; " +
                               "ALTER TABLE versions DROP COLUMN rotated_from; " +
+                              "ALTER TABLE versions DROP COLUMN retired; DROP TABLE kept; " +
+                              "INSERT INTO pending(action, guid, folder, purge) VALUES('purge', '" +
+                              kGuid + "', '" + kGuid + "/v1.0-old', 0); " +
                               "INSERT INTO state VALUES('app-repository', '" + kGuid +
                               "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
     ASSERT_EQ(sqlite3_exec(db, older.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
+    // An old version marked for deletion then had lost its records: it
+    // still goes whole, changed files and all.
+    fs::create_directories(dir.file("root/apps/") + kGuid + "/v1.0-old/files");
+    write_file(dir.file("root/apps/") + kGuid + "/v1.0-old/files/README.txt", "edited");
     const AppStore apps(root());
+    EXPECT_FALSE(fs::exists(dir.file("root/apps/") + kGuid + "/v1.0-old"));
+    EXPECT_TRUE(apps.kept().empty());
     const InstalledApp app = apps.show(kGuid);
     EXPECT_EQ(app.current.origin, "{\"name\":\"main\"}");
     EXPECT_EQ(app.current.version, "1.3.0");
@@ -412,7 +528,7 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     EXPECT_EQ(
         refusal([&] { AppStore apps(root()); }),
         "the database " + dir.file("root/store.db") +
-            " has schema version 7, newer than this program knows (3); it was left as it is\n");
+            " has schema version 7, newer than this program knows (4); it was left as it is\n");
     EXPECT_EQ(read_file(dir.file("root/store.db")), newer);
 
     fs::remove(dir.file("root/store.db-wal"));

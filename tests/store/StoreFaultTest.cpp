@@ -107,6 +107,7 @@ struct Operation {
     const char* start;  // the template root it starts from
     std::function<void(AppStore&, const TempDir&)> run;
     std::string before, after;  // settledState() of either outcome
+    std::string mine = {};      // a file the user changed (below the root), kept in both
 };
 
 class StoreFaults : public ::testing::Test {
@@ -121,6 +122,17 @@ class StoreFaults : public ::testing::Test {
         AppStore two(templates().file("two"));
         two.install(package("1.2.0"), fittingHost());
         two.install(package("1.3.0"), fittingHost());
+        // Two versions, the older changed by the user, which an upgrade retires.
+        fs::copy(templates().file("two"), templates().file("changed"),
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        changedFile() = "apps/" + std::string(kGuid) + "/" +
+                        AppStore(templates().file("changed"))
+                            .show(kGuid)
+                            .previous.at(0)
+                            .folder.filename()
+                            .string() +
+                        "/files/README.txt";
+        write_file(templates().file("changed/" + changedFile()), "mine");
         fs::create_directories(templates().file("empty"));
         fs::copy(templates().file("one"), templates().file("crashed"),
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -132,6 +144,18 @@ class StoreFaults : public ::testing::Test {
     }
     static void TearDownTestSuite() { templatesDir.reset(); }
     static const TempDir& templates() { return *templatesDir; }
+    static std::string& changedFile() {
+        static std::string path;
+        return path;
+    }
+    // The state is the old or the new one, and the user's file is there.
+    void expectOutcome(const Operation& op, const std::string& at) {
+        const std::string state = settledState(work());
+        EXPECT_TRUE(state == op.before || state == op.after) << op.name << at << ": " << state;
+        if (!op.mine.empty()) {
+            EXPECT_EQ(read_file(work() + "/" + op.mine), "mine") << op.name << at;
+        }
+    }
     static std::string package(const std::string& version) {
         return packApp(templates(), AppRecipe(version), "hello-" + version);
     }
@@ -170,6 +194,11 @@ class StoreFaults : public ::testing::Test {
          [](AppStore& s, const TempDir&) { s.install(package("1.3.0"), fittingHost()); }, one, two},
         {"remove", "two", [](AppStore& s, const TempDir&) { s.remove(kGuid); }, two, ""},
         {"rollback", "two", [](AppStore& s, const TempDir&) { s.rollback(kGuid); }, two, one},
+        {"rollback --force", "two", [](AppStore& s, const TempDir&) { s.rollback(kGuid, {true}); },
+         two, one},
+        {"upgrade keeping", "changed",
+         [](AppStore& s, const TempDir&) { s.install(package("1.4.0"), fittingHost()); }, two,
+         std::string(kGuid) + "=1.4.0", changedFile()},
         // An upgrade killed between its link's switch and its records' commit.
         {"recover", "crashed", [](AppStore& s, const TempDir&) { s.recover(); }, one, one},
     };
@@ -192,10 +221,8 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                         op.run(apps, dir);
                     } catch (const std::exception&) {
                     }
-                    const std::string state = settledState(work());
-                    EXPECT_TRUE(state == op.before || state == op.after)
-                        << op.name << " family " << family << " call " << n
-                        << (persistent ? "+" : "") << ": " << state;
+                    expectOutcome(op, " family " + std::to_string(family) + " call " +
+                                          std::to_string(n) + (persistent ? "+" : ""));
                     if (ops.calls < n) break;  // every call of the family went through
                 }
             }
@@ -217,9 +244,8 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
                     AppStore apps(work(), {1}, seam(ops));
                     op.run(apps, dir);
                 });
-                const std::string state = settledState(work());
-                EXPECT_TRUE(state == op.before || state == op.after)
-                    << op.name << " family " << family << " call " << n << ": " << state;
+                expectOutcome(op,
+                              " family " + std::to_string(family) + " call " + std::to_string(n));
                 if (!killed) break;  // the family has no n-th call
             }
         }
@@ -252,8 +278,7 @@ TEST_F(StoreFaults, KilledAgainWhileRecoveringStillConverges) {
             };
             crash();
             const auto recoveryCalls = changingCalls(recover);  // not killed, this once
-            std::string state = settledState(work());
-            EXPECT_TRUE(state == op.before || state == op.after) << state;
+            expectOutcome(op, "");
             for (const auto& [again, m] : recoveryCalls) {
                 SCOPED_TRACE("then recovery family " + std::to_string(static_cast<int>(again)) +
                              " call " + std::to_string(m));
@@ -263,8 +288,7 @@ TEST_F(StoreFaults, KilledAgainWhileRecoveringStillConverges) {
                     AppStore apps(work(), {1}, seam(ops));
                     recover(apps);
                 });
-                state = settledState(work());
-                EXPECT_TRUE(state == op.before || state == op.after) << state;
+                expectOutcome(op, "");
             }
         }
     }
@@ -285,9 +309,7 @@ TEST_F(StoreFaults, KillNineLeavesTheOldStateOrTheNew) {
             ::kill(child, SIGKILL);
             int status = 0;
             ::waitpid(child, &status, 0);
-            const std::string state = settledState(work());
-            EXPECT_TRUE(state == op.before || state == op.after)
-                << op.name << " at " << moment << ": " << state;
+            expectOutcome(op, " at " + std::to_string(moment));
         }
     }
 }

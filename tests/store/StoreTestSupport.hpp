@@ -52,7 +52,8 @@ inline tsappinstall::store::HostProfile fittingHost() {
 
 // Files and records agree: every app audits clean, its link names its
 // current folder, and each app folder holds nothing but the versions on
-// record, their link and nothing half-done. Returns "GUID=VERSION ..." .
+// record, their link, the folders of files kept on record and nothing
+// half-done. Returns "GUID=VERSION ..." .
 inline std::string settledState(const std::string& root) {
     namespace fs = std::filesystem;
     tsappinstall::store::AppStore apps(root);
@@ -60,6 +61,11 @@ inline std::string settledState(const std::string& root) {
     std::set<std::string> guids;
     for (const auto& entry : fs::directory_iterator(root + "/apps"))
         guids.insert(entry.path().filename().string());
+    std::set<std::string> keptFolders;
+    for (const auto& kept : apps.kept()) {
+        keptFolders.insert(kept.folder.filename().string());
+        guids.erase(kept.guid);
+    }
     for (const auto& app : apps.list()) {
         guids.erase(app.current.guid);
         const auto& v = app.current;
@@ -71,7 +77,8 @@ inline std::string settledState(const std::string& root) {
             expected.insert(previous.folder.filename().string());
         std::set<std::string> found;
         for (const auto& entry : fs::directory_iterator(app.link.parent_path()))
-            found.insert(entry.path().filename().string());
+            if (!keptFolders.count(entry.path().filename().string()))
+                found.insert(entry.path().filename().string());
         EXPECT_EQ(found, expected) << v.guid;
     }
     for (const auto& stray : guids) ADD_FAILURE() << "unrecorded " << stray;

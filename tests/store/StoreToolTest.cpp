@@ -12,6 +12,19 @@ namespace {
 
 using namespace tsapp::test;
 
+// `text` with `dir` as "$PWD" and each folder token ("-" and 16 hex
+// digits) as "-…".
+std::string masked(std::string text, const std::string& dir) {
+    for (auto at = text.find(dir); at != std::string::npos; at = text.find(dir))
+        text.replace(at, dir.size(), "$PWD");
+    for (std::size_t at = text.find('-'); at != std::string::npos; at = text.find('-', at + 1)) {
+        const std::string token = text.substr(at + 1, 16);
+        if (token.size() == 16 && token.find_first_not_of("0123456789abcdef") == std::string::npos)
+            text.replace(at + 1, 16, "…");
+    }
+    return text;
+}
+
 // The lines of the block after "<!-- store session -->" in docs/store.md.
 std::string readmeSession() {
     const std::string readme = read_file(std::string(TSAPP_SOURCE_DIR) + "/docs/store.md");
@@ -35,18 +48,7 @@ TEST(StoreTool, ReadmeSession) {
     write_file(dir.file("session.sh"), script);
     const std::string out = dir.file("out.txt");
     ASSERT_EQ(std::system(("bash '" + dir.file("session.sh") + "' > '" + out + "'").c_str()), 0);
-    std::string transcript = read_file(out);
-    for (auto at = transcript.find(dir.path()); at != std::string::npos;
-         at = transcript.find(dir.path()))
-        transcript.replace(at, dir.path().size(), "$PWD");
-    // Folder tokens: "-" and 16 hex digits.
-    for (std::size_t at = transcript.find('-'); at != std::string::npos;
-         at = transcript.find('-', at + 1)) {
-        const std::string token = transcript.substr(at + 1, 16);
-        if (token.size() == 16 && token.find_first_not_of("0123456789abcdef") == std::string::npos)
-            transcript.replace(at + 1, 16, "…");
-    }
-    EXPECT_EQ(transcript, expected);
+    EXPECT_EQ(masked(read_file(out), dir.path()), expected);
 }
 
 struct ToolRun {
@@ -163,6 +165,58 @@ TEST(StoreTool, RotatedKeyUpgradesWithItsProof) {
               std::string::npos)
         << shown;
     EXPECT_NE(fromKey, signer["keyFingerprint"]);
+}
+
+// The user's files outlive the versions that held them, each kept with a
+// warning, listed by audit without failing it, and go with a purge; a
+// rollback to a version that is not as installed waits for --force.
+TEST(StoreTool, KeepsTheUsersFiles) {
+    TempDir dir;
+    for (const std::string version : {"1.2.0", "1.3.0", "1.4.0"})
+        packApp(dir, AppRecipe(version), version);
+    const std::string app = "$PWD/root/apps/" + std::string(kGuid);
+    const std::string was = "tsapp: Hello Tessal: version 1.3.0 is not as installed: ";
+    const struct {
+        std::string args;
+        int status;
+        std::string out;
+    } steps[] = {
+        {"install --product tessal.core=2026.1 1.2.0.tsappinstall", 0,
+         "installed Hello Tessal 1.2.0 (" + std::string(kGuid) + ") in " + app + "/v1.2.0-…\n"},
+        {"install --keep 0 --product tessal.core=2026.1 1.3.0.tsappinstall", 0,
+         "upgraded Hello Tessal 1.2.0 -> 1.3.0 (" + std::string(kGuid) + ") in " + app +
+             "/v1.3.0-…\ntsapp: warning: kept " + app +
+             "/v1.2.0-…/files/notes.txt: changed or added since the install (--purge removes "
+             "it)\n"},
+        {"install --product tessal.core=2026.1 1.4.0.tsappinstall", 0,
+         "upgraded Hello Tessal 1.3.0 -> 1.4.0 (" + std::string(kGuid) + ") in " + app +
+             "/v1.4.0-…\n"},
+        {"rollback 'Hello Tessal'", 1,
+         was + "missing icon.png\ntsapp: Hello Tessal: not rolled back; --force rolls back to "
+               "it as it is\n"},
+        {"rollback --force 'Hello Tessal'", 0,
+         "rolled Hello Tessal back to 1.3.0 (" + std::string(kGuid) + ") in " + app +
+             "/v1.3.0-…\n"},
+        {"audit", 1,
+         "Hello Tessal 1.3.0 (" + std::string(kGuid) +
+             "): 1 difference\n  missing icon.png\n  kept " + app +
+             "/v1.2.0-…/files/notes.txt (remove --purge deletes it)\n"},
+        {"remove --purge " + std::string(kGuid), 0,
+         "removed Hello Tessal 1.3.0 (" + std::string(kGuid) + ")\n"},
+    };
+    for (const auto& step : steps) {
+        if (step.args.rfind("install --keep", 0) == 0)
+            write_file(dir.file("root/apps/") + kGuid + "/current/files/notes.txt", "mine");
+        if (step.args.rfind("rollback 'Hello", 0) == 0)
+            for (const auto& entry :
+                 std::filesystem::directory_iterator(dir.file("root/apps/") + kGuid))
+                if (entry.path().filename().string().rfind("v1.3.0-", 0) == 0)
+                    std::filesystem::remove(entry.path() / "icon.png");
+        const ToolRun run = tsappIn(dir, step.args);
+        EXPECT_EQ(run.status, step.status) << step.args << "\n" << run.out;
+        EXPECT_EQ(masked(run.out, dir.path()), step.out) << step.args;
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir.file("root/apps")));
 }
 
 // A root that holds nothing is read as empty and never made: a mistyped

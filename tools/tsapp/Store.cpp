@@ -134,6 +134,9 @@ store::HostProfile hostProfile(const HostOptions& s, const std::filesystem::path
 
 void addUnpackOptions(CLI::App* command, store::InstallOptions& options) {
     command->add_flag("--sync", options.sync, "Flush every file to disk before the records commit");
+    command->add_flag("--purge", options.purge,
+                      "Delete the changed and added files of the old versions an upgrade retires "
+                      "rather than keep them");
     options.threads = 0;
     addJobs(command, options.threads, "Parts unpacked at once, each on a thread");
 }
@@ -160,6 +163,12 @@ const char* verbOf(store::InstallResult::Kind kind) {
             return "downgraded";
     }
     return "installed";
+}
+
+void warnKept(const std::vector<store::KeptFile>& kept) {
+    for (const auto& file : kept)
+        printError("warning: kept " + (file.folder / file.path).string() +
+                   ": changed or added since the install (--purge removes it)");
 }
 
 }  // namespace
@@ -189,6 +198,7 @@ void installWith(const std::string& subject, store::InstallOptions options,
     for (const auto& reason : v.forcedReasons)
         printError("warning: " + subject + ": forced: " + reason);
     for (const auto& left : result.leftOver) printError("warning: " + left);
+    warnKept(result.kept);
 }
 
 void installOne(store::AppStore& apps, const std::string& package, const std::string& subject,
@@ -302,10 +312,17 @@ Json auditJson(const store::AuditReport& report) {
     for (const auto& f : report.findings)
         findings.push_back(
             {{"kind", store::token(f.kind)}, {"path", f.path}, {"detail", f.detail}});
+    Json kept = Json::array();
+    for (const auto& k : report.kept) kept.push_back((k.folder / k.path).string());
     const auto& v = report.version;
-    return {{"guid", v.guid},          {"name", v.name},
-            {"version", v.version},    {"folder", v.folder.string()},
-            {"clean", report.clean()}, {"findings", findings}};
+    return {{"guid", v.guid},
+            {"name", v.name},
+            {"version", v.version},
+            {"folder", v.folder.string()},
+            {"installed", report.installed},
+            {"kept", kept},
+            {"clean", report.clean()},
+            {"findings", findings}};
 }
 
 int runAudit(const ReadSettings& s) {
@@ -328,7 +345,8 @@ int runAudit(const ReadSettings& s) {
             continue;
         }
         std::cout << shownVersion(report.version) << ": "
-                  << (report.clean()
+                  << (!report.installed ? "removed"
+                      : report.clean()
                           ? "OK"
                           : std::to_string(report.findings.size()) +
                                 (report.findings.size() == 1 ? " difference" : " differences"))
@@ -336,6 +354,9 @@ int runAudit(const ReadSettings& s) {
         for (const auto& f : report.findings)
             std::cout << "  " << store::token(f.kind) << " " << shown(f.path)
                       << (f.detail.empty() ? "" : " (" + shown(f.detail) + ")") << "\n";
+        for (const auto& k : report.kept)
+            std::cout << "  kept " << shown((k.folder / k.path).string())
+                      << " (remove --purge deletes it)\n";
     }
     return status;
 }
@@ -353,20 +374,29 @@ int runRemove(const RemoveSettings& s) {
     return runEach(s.apps, [&](const std::string& app) {
         if (!apps) nothingInstalled(app, s.root);
         const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
-        std::cout << "removed " << shownVersion(result.removed) << "\n";
-        for (const auto& kept : result.kept)
-            printError("warning: kept " + (result.removed.folder / kept).string() +
-                       ": changed or added since the install (--purge removes it)");
+        if (result.removedApp)
+            std::cout << "removed " << shownVersion(result.removed) << "\n";
+        else
+            std::cout << "purged " << result.purged.size()
+                      << (result.purged.size() == 1 ? " file" : " files") << " kept of "
+                      << shownVersion(result.removed) << "\n";
+        warnKept(result.kept);
     });
 }
 
-int runRollback(const ReadSettings& s) {
+struct RollbackSettings : ReadSettings {
+    store::RollbackOptions options;
+};
+
+int runRollback(const RollbackSettings& s) {
     const auto apps = openExisting(s.root);
     const std::string& name = s.apps.front();
     if (!apps) nothingInstalled(name, s.root);
-    const auto now = onStore(name, [&] { return apps->rollback(name); });
+    const auto result = onStore(name, [&] { return apps->rollback(name, s.options); });
+    const auto& now = result.current;
     std::cout << "rolled " << shown(now.name) << " back to " << shown(now.version) << " ("
               << shown(now.guid) << ") in " << shown(now.folder.string()) << "\n";
+    warnKept(result.kept);
     return kGood;
 }
 
@@ -425,12 +455,17 @@ std::vector<Command> addStore(CLI::App& app) {
         app.add_subcommand("remove", "Remove installed apps, keeping changed and added files.");
     addRequired(remove, "APP", removed->apps, "Installed app: GUID or name");
     addRoot(remove, removed->root);
-    remove->add_flag("--purge", removed->purge, "Remove changed and added files too");
+    remove->add_flag("--purge", removed->purge,
+                     "Remove changed and added files too, and those kept before (also of an "
+                     "app removed already)");
 
-    auto rolled = std::make_shared<ReadSettings>();
+    auto rolled = std::make_shared<RollbackSettings>();
     CLI::App* rollback =
         appCommand(app, "rollback", "Make an app's previous version current again.", *rolled,
                    "Installed app: GUID or name", false);
+    rollback->add_flag("--force", rolled->options.force,
+                       "Roll back to a previous version whose files are not as installed, and "
+                       "keep the version left");
 
     auto audited = std::make_shared<ReadSettings>();
     CLI::App* audit =

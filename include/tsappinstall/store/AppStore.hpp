@@ -67,6 +67,9 @@ struct InstallOptions {
     // package carries no proof that it handed over (see AppStore::install).
     bool allowSignerChange = false;
     bool sync = false;  // flush every file to disk before the records commit
+    // Delete the files changed or added in the versions an upgrade retires
+    // (beyond AppStore::Options::keepPrevious) rather than keep them.
+    bool purge = false;
     // Parts unpacked at once, each on a thread; 0: one per core.
     unsigned threads = 1;
     std::function<bool()> cancelled;
@@ -120,12 +123,27 @@ struct InstalledApp {
     std::filesystem::path link;              // ROOT/apps/GUID/current
 };
 
+// A file changed or added since its version was installed, kept where it
+// is when the version was removed, or retired by an upgrade or a rollback.
+// The store keeps it on record until AppStore::purge() (or a purging
+// remove) deletes it.
+struct KeptFile {
+    std::string guid;  // the app's, and the name and version of the version that held it
+    std::string name;
+    std::string version;
+    std::filesystem::path folder;  // that version's folder, absolute
+    std::string path;              // relative to `folder`: "files/data/config.json"
+};
+
 struct InstallResult {
     enum class Kind { New, Upgrade, Reinstall, Downgrade };
     Kind kind = Kind::New;
     InstalledVersion installed;
     std::string replacedVersion;        // empty for a new app
     std::vector<std::string> leftOver;  // what could not be cleaned up afterwards
+    // What the versions this install retired held that the user changed or
+    // added (none with InstallOptions::purge).
+    std::vector<KeptFile> kept;
 };
 
 struct AuditFinding {
@@ -143,16 +161,42 @@ struct AuditFinding {
 TSAPP_API const char* token(AuditFinding::Kind kind);
 
 struct AuditReport {
+    // The current version; for an app that is no longer installed but
+    // whose kept files are, the version that kept the last of them.
     InstalledVersion version;
+    bool installed = true;
     std::vector<AuditFinding> findings;  // sorted by path; empty when clean
+    // The app's kept files still there. They are the user's, kept at the
+    // user's wish: reported, but no difference (clean() ignores them).
+    std::vector<KeptFile> kept;
     bool clean() const { return findings.empty(); }
 };
 
 struct RemoveResult {
+    // With `removedApp` false the app had been removed before and only the
+    // files kept from it were purged: its version as the kept files name it.
     InstalledVersion removed;
-    // Files changed or added since the install, kept where they are
-    // (relative to the removed version's folder, which keeps them too).
-    std::vector<std::string> kept;
+    bool removedApp = true;
+    // Files changed or added since the install, in the current version's
+    // folder and in previous versions' folders, kept where they are.
+    std::vector<KeptFile> kept;
+    // Files kept earlier (when a version was retired or removed) that a
+    // purging remove deleted.
+    std::vector<KeptFile> purged;
+};
+
+struct RollbackOptions {
+    // Roll back to the previous version even when its files are not as
+    // installed (missing, changed, added), and keep the version left,
+    // as a previous version, rather than delete it.
+    bool force = false;
+};
+
+struct RollbackResult {
+    InstalledVersion current;  // the version now current
+    // What the user changed or added in the version left, kept as remove
+    // keeps it (none with `force`, which keeps that version whole).
+    std::vector<KeptFile> kept;
 };
 
 class TSAPP_API AppStore {
@@ -201,14 +245,38 @@ class TSAPP_API AppStore {
     // Files of the current version as recorded, by path.
     std::vector<InstalledFile> files(const std::string& app) const;
 
-    // Deletes the recorded files that are unchanged and the folders left
-    // empty; changed and added files are kept (and listed) unless `purge`.
+    // Deletes the recorded files that are unchanged, of every version of
+    // the app, and the folders left empty; changed and added files are
+    // kept (listed, and on record until purged) unless `purge`, which
+    // deletes them and whatever was kept of the app before. `app` may also
+    // be an app that is no longer installed but has kept files (by GUID or
+    // by the name it had): `purge` then deletes those, and without it that
+    // is NotInstalled.
     RemoveResult remove(const std::string& app, bool purge = false);
     // Makes the newest previous version current again and deletes the one
-    // that was current. Returns the version now current.
+    // that was current, keeping what the user changed or added in it.
+    // The version it returns to is checked first, as audit() checks the
+    // current one: when it is not as installed (a file missing, changed
+    // or added, a mode changed) it is Refused, one line per difference,
+    // and nothing is touched; `force` rolls back to it as it is. A missing
+    // folder, or one replaced by a link, is refused even then.
+    RollbackResult rollback(const std::string& app, const RollbackOptions& options);
+    // rollback(app, {}), returning the version now current.
     InstalledVersion rollback(const std::string& app);
 
+    // Files kept from removed and retired versions, by folder and path.
+    std::vector<KeptFile> kept() const;
+    // Deletes the files kept of `app` (a GUID, the name of an installed
+    // app or the name an app had when its files were kept) and the folders
+    // they leave empty; a kept file already gone is no error. Returns what
+    // was on record.
+    std::vector<KeptFile> purge(const std::string& app);
+
+    // `app` may also be one that is no longer installed but has kept
+    // files: its report is not `installed` and lists them.
     AuditReport audit(const std::string& app) const;
+    // Every installed app, and every app that is not but has kept files
+    // still there, by name then GUID.
     std::vector<AuditReport> auditAll() const;
 
     // Settles what an interrupted operation left; one line per repair.
