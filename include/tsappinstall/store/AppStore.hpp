@@ -10,7 +10,7 @@
 // failing call) is settled from the database by the next writer to open
 // the root, or by recover(), so files and records always agree.
 //
-// Writers (install, remove, rollback, recover) hold an exclusive
+// Writers (install, remove, rollback, purge, recover) hold an exclusive
 // lock on ROOT/.lock for the whole operation; audits hold it shared; list
 // and show read one database snapshot. An AppStore object is used by one
 // thread at a time; several objects, threads or processes may work on one
@@ -44,7 +44,8 @@ struct FileSeam;
 
 // Why a store operation did not happen. Its kind says why: StoreFailed (a
 // file or database operation), NotCompatible (the host does not fit the
-// app; forcing installs it anyway), Refused (a version or signer rule),
+// app; forcing installs it anyway), Refused (a version or signer rule, or a
+// rollback to a version not as installed),
 // NotInstalled, AmbiguousName, NoPrevious (nothing to roll back to),
 // BadDatabase (damaged, or from a newer schema), PackageChanged, or the
 // kind of the package's first fault. The error's text is its first line;
