@@ -163,6 +163,7 @@ struct AppStore::Impl {
             rootFd =
                 OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
             if (!rootFd) failed(root.string() + " cannot be opened", errno);
+            present = false;  // a folder opened again is held anew
             holdOpen();
             struct stat info {};
             if (present && ::fstat(rootFd.get(), &info) == 0 && info.st_nlink == 0 && attempt < 3)
@@ -175,7 +176,7 @@ struct AppStore::Impl {
     // The flock is the root's, not the seam's: it decides nothing about
     // the files, and without it the root is merely never taken away.
     void holdOpen() {
-        while (!present && ::flock(rootFd.get(), LOCK_SH) != 0)
+        while (::flock(rootFd.get(), LOCK_SH) != 0)
             if (errno != EINTR) return;
         present = true;
     }

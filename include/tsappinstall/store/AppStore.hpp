@@ -172,11 +172,11 @@ class TSAPP_API AppStore {
         // How long an operation waits for the root's lock while another
         // process holds it: none, as long as it takes; zero, not at all.
         // Giving up throws StoreError (StoreFailed) naming the holder.
-        std::optional<std::chrono::milliseconds> lockWait;
+        std::optional<std::chrono::milliseconds> lockWait{};
         // Called once per wait as it starts, with the holder's process id
         // (0 when it cannot be told), so that a caller can say why nothing
         // happens.
-        std::function<void(long pid)> lockWaiting;
+        std::function<void(long pid)> lockWaiting{};
         // A root that this object made (its folder, or its database in a
         // folder that was there) is taken away again as the object goes,
         // when nothing was recorded in it and no other AppStore has it
