@@ -1,6 +1,7 @@
 #include "tsappinstall/store/AppStore.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,11 +105,16 @@ std::string leafOf(const std::string& relative) {
 
 struct AppStore::Impl {
     Impl(const std::filesystem::path& rootPath, Options opts, opc::FileSystemOpsSelector selected)
-        : root(rootPath), options(opts), selector(selected), ops(opc::detail::fileOpsOf(selector)) {
-        std::error_code error;
-        std::filesystem::create_directories(root, error);
-        rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!rootFd) failed(root.string() + " cannot be opened", errno);
+        : root(rootPath),
+          options(std::move(opts)),
+          selector(selected),
+          ops(opc::detail::fileOpsOf(selector)),
+          lockWait{options.lockWait, options.lockWaiting} {
+        if (options.readOnly) {
+            openReadOnly();
+            return;
+        }
+        openRoot();
         makeDatabase();
         // In WAL mode a commit is then atomic but flushed only at
         // checkpoints; install --sync flushes each (FULL).
@@ -121,6 +127,149 @@ struct AppStore::Impl {
         if (lock.held()) settledOnOpen = settle();
     }
 
+    ~Impl() {
+        if (!options.discardUnused || !madeDatabase || !present) return;
+        try {
+            discardIfUnused();
+        } catch (...) {  // then the root stays, as any root does
+        }
+    }
+
+    // The root's lock as this object waits for it; a reader takes it shared only.
+    RootLock lockRoot(RootLock::Mode mode) const {
+        if (options.readOnly && mode != RootLock::Mode::Shared)
+            refuse(FaultKind::StoreFailed, root.string() + " is open read-only: it is not changed");
+        return RootLock(ops, rootFd.get(), mode, root.string(), lockWait);
+    }
+
+    // The root's folder, made as needed (the folders made remembered,
+    // deepest first, for discardUnused) and opened. Every AppStore holds
+    // a shared flock on the folder while it lives, and a root is taken
+    // away only by one that holds it alone; one that finds its folder
+    // taken away meanwhile starts again.
+    void openRoot() {
+        for (int attempt = 0;; ++attempt) {
+            std::vector<std::filesystem::path> missing;
+            for (auto at = root; !at.empty(); at = at.parent_path()) {
+                struct stat info {};
+                if (::lstat(at.c_str(), &info) == 0 || errno != ENOENT) break;
+                missing.push_back(at);
+                if (at == at.parent_path()) break;
+            }
+            std::error_code error;
+            std::filesystem::create_directories(root, error);
+            if (error) failed(root.string() + " cannot be made", error.value());
+            if (attempt == 0) madeFolders = missing;
+            rootFd =
+                OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            if (!rootFd) failed(root.string() + " cannot be opened", errno);
+            present = false;  // a folder opened again is held anew
+            holdOpen();
+            struct stat info {};
+            if (present && ::fstat(rootFd.get(), &info) == 0 && info.st_nlink == 0 && attempt < 3)
+                continue;
+            madeDatabase = !AppStore::exists(root);
+            return;
+        }
+    }
+
+    // The flock is the root's, not the seam's: it decides nothing about
+    // the files, and without it the root is merely never taken away.
+    void holdOpen() {
+        while (::flock(rootFd.get(), LOCK_SH) != 0)
+            if (errno != EINTR) return;
+        present = true;
+    }
+
+    // SQLite would follow a link, read the database it names and create
+    // a missing target: the records are the file in the root or nothing.
+    void refuseAnythingButAFile() const {
+        struct stat info {};
+        if (::fstatat(rootFd.get(), "store.db", &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            !S_ISREG(info.st_mode))
+            refuse(FaultKind::BadDatabase,
+                   "the database " + shown("store.db") +
+                       (S_ISLNK(info.st_mode) ? " is a symbolic link" : " is not a regular file") +
+                       ", not a database; it was left as it is");
+    }
+
+    bool hasWal() const {
+        struct stat info {};
+        return ::fstatat(rootFd.get(), "store.db-wal", &info, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+
+    // SQLite reads a database in WAL mode through its -wal and -shm files,
+    // making them when they are missing, which it cannot do in a folder
+    // this process may not write ("attempt to write a readonly
+    // database"). Without a -wal, every record is in the file itself: it
+    // is read as immutable, with the root's lock held shared for as long
+    // as this object lives, so that no writer commits meanwhile (a writer
+    // changes the file only under the lock, or as it checkpoints a -wal,
+    // which would then be there).
+    void openReadOnly() {
+        rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!rootFd) failed(root.string() + " cannot be opened", errno);
+        holdOpen();
+        refuseAnythingButAFile();
+        const std::string file = shown("store.db");
+        db = std::make_unique<Database>(file, kBusyMillis, Database::Open::ReadOnly);
+        try {
+            checkReadable(*db);
+        } catch (const StoreError&) {
+            const int code = sqlite3_errcode(db->get()) & 0xff;
+            if ((code != SQLITE_READONLY && code != SQLITE_CANTOPEN) || hasWal()) throw;
+            db.reset();
+            readerLock.emplace(ops, rootFd.get(), RootLock::Mode::Shared, root.string(), lockWait);
+            db = std::make_unique<Database>(
+                file, kBusyMillis, hasWal() ? Database::Open::ReadOnly : Database::Open::Immutable);
+            checkReadable(*db);
+        }
+        records = std::make_unique<Records>(*db);
+    }
+
+    // A root this object made and nothing was recorded in, that holds
+    // nothing but what a store makes (empty folders), goes again: its
+    // database is closed first, so that SQLite takes its -wal and -shm
+    // away, then the rest, the folders this object made last.
+    void discardIfUnused() {
+        if (::flock(rootFd.get(), LOCK_EX | LOCK_NB) != 0) return;  // another has it open
+        if (!records || !recordsNothing()) return;
+        static const std::set<std::string> ours{".lock",        "apps",         "store.db",
+                                                "store.db-wal", "store.db-shm", "store.db-journal",
+                                                "trust",        ".downloads"};
+        const auto entries = ops.listFolder(rootFd.get());
+        if (!entries) return;
+        for (const auto& [name, isFolder] : *entries) {
+            if (!ours.count(name)) return;
+            if (!isFolder) continue;
+            const OpsFd folder(ops, ops.openat(rootFd.get(), name.c_str(),
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            const auto inside = folder ? ops.listFolder(folder.get()) : std::nullopt;
+            if (!inside || !inside->empty()) return;
+        }
+        records.reset();
+        db.reset();
+        for (const char* name :
+             {"store.db", "store.db-wal", "store.db-shm", "store.db-journal", ".lock"})
+            ::unlinkat(rootFd.get(), name, 0);
+        for (const char* name : {"apps", "trust", ".downloads"})
+            ::unlinkat(rootFd.get(), name, AT_REMOVEDIR);
+        for (const auto& folder : madeFolders) ::rmdir(folder.c_str());
+    }
+
+    bool recordsNothing() const {
+        std::vector<std::string> tables;
+        Statement list(*db, "SELECT name FROM sqlite_master WHERE type = 'table'");
+        while (list.step()) tables.push_back(list.text(0));
+        for (std::string table : tables) {
+            for (auto at = table.find('"'); at != std::string::npos; at = table.find('"', at + 2))
+                table.insert(at, 1, '"');
+            Statement any(*db, ("SELECT 1 FROM \"" + table + "\" LIMIT 1").c_str());
+            if (any.step()) return false;
+        }
+        return true;
+    }
+
     // A root's database is made, or brought up to this schema, by one
     // writer at a time: two that found no root would otherwise both make
     // it, and one would meet the other's database half made ("database is
@@ -128,11 +277,12 @@ struct AppStore::Impl {
     void makeDatabase() {
         std::optional<RootLock> making;
         if (!AppStore::exists(root))
-            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string(), lockWait);
+        refuseAnythingButAFile();
         makeFolder(ops, rootFd.get(), "apps", shown("apps"));
         db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
         if (!making && !isCurrent(*db))
-            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+            making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string(), lockWait);
         migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
     }
 
@@ -374,7 +524,7 @@ struct AppStore::Impl {
         // digest as it wrote the file (a download) spares a second read.
         std::optional<PackageHash> packageSha;
         if (installOptions.packageSha256.empty()) packageSha.emplace(package);
-        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        RootLock lock = lockRoot(RootLock::Mode::Exclusive);
         settle();
         db->exec(installOptions.sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
         AppManifestSerializer serializer;
@@ -549,7 +699,7 @@ struct AppStore::Impl {
     // --- remove -------------------------------------------------------------
 
     RemoveResult remove(const std::string& app, bool purge) {
-        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        RootLock lock = lockRoot(RootLock::Mode::Exclusive);
         settle();
         RemoveResult result;
         const std::optional<std::string> installed = resolveInstalled(app);
@@ -758,7 +908,7 @@ struct AppStore::Impl {
     // --- rollback -----------------------------------------------------------
 
     RollbackResult rollback(const std::string& app, const RollbackOptions& rollbackOptions) {
-        RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        RootLock lock = lockRoot(RootLock::Mode::Exclusive);
         settle();
         const std::string guid = resolve(app);
         const auto currentId = *records->currentId(guid);
@@ -957,11 +1107,11 @@ struct AppStore::Impl {
     // one a crash left halfway is settled first.
     template <class Read>
     auto auditing(Read read) {
-        if (!records->pending().empty()) {
-            RootLock lock(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
+        if (!options.readOnly && !records->pending().empty()) {
+            RootLock lock = lockRoot(RootLock::Mode::Exclusive);
             settle();
         }
-        RootLock lock(ops, rootFd.get(), RootLock::Mode::Shared, root.string());
+        RootLock lock = lockRoot(RootLock::Mode::Shared);
         return read();
     }
 
@@ -969,7 +1119,12 @@ struct AppStore::Impl {
     Options options;
     opc::FileSystemOpsSelector selector;
     const FileOps& ops;
+    LockWait lockWait;
     OpsFd rootFd;
+    bool present = false;                            // the shared flock on rootFd is held
+    bool madeDatabase = false;                       // this object made store.db
+    std::vector<std::filesystem::path> madeFolders;  // deepest first
+    std::optional<RootLock> readerLock;              // an immutable reader's, held while it reads
     std::unique_ptr<Database> db;
     std::unique_ptr<Records> records;
     std::vector<std::string> settledOnOpen;  // what opening settled, for recover() to tell
@@ -987,7 +1142,7 @@ AppStore::~AppStore() = default;
 
 bool AppStore::exists(const std::filesystem::path& root) {
     struct stat info {};
-    return ::lstat((root / "store.db").c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    return ::lstat((root / "store.db").c_str(), &info) == 0;
 }
 
 const std::filesystem::path& AppStore::root() const {
@@ -1054,7 +1209,7 @@ std::vector<KeptFile> AppStore::kept() const {
 }
 
 std::vector<KeptFile> AppStore::purge(const std::string& app) {
-    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
+    RootLock lock = impl_->lockRoot(RootLock::Mode::Exclusive);
     impl_->settle();
     const auto installed = impl_->resolveInstalled(app);
     return impl_->purgeKept(installed ? *installed : impl_->resolveKept(app));
@@ -1092,7 +1247,7 @@ std::vector<AuditReport> AppStore::auditAll() const {
 }
 
 std::vector<std::string> AppStore::recover() {
-    RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
+    RootLock lock = impl_->lockRoot(RootLock::Mode::Exclusive);
     std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
     for (auto& line : impl_->settle(true)) done.push_back(std::move(line));
     return done;
@@ -1100,6 +1255,9 @@ std::vector<std::string> AppStore::recover() {
 
 std::filesystem::path AppStore::downloadFolder() const {
     const std::filesystem::path folder = impl_->root / ".downloads";
+    if (impl_->options.readOnly)
+        refuse(FaultKind::StoreFailed,
+               impl_->root.string() + " is open read-only: it is not changed");
     if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
         failed(folder.string() + " cannot be made", errno);
     // One that exists must be this user's folder, not a link elsewhere.
@@ -1118,14 +1276,19 @@ std::optional<std::string> RootStateAccess::read(const AppStore& apps, const std
 void RootStateAccess::update(AppStore& apps, const std::string& scope, const std::string& key,
                              const Change& change) {
     AppStore::Impl& impl = *apps.impl_;
-    RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
+    // A reader keeps nothing: what it learns (a higher index version, a
+    // revocation) is for the next writer to record. `change` still runs,
+    // so that what it refuses is refused.
+    if (impl.options.readOnly) return void(change(impl.records->state(scope, key)));
+    RootLock lock = impl.lockRoot(RootLock::Mode::Exclusive);
     if (auto value = change(impl.records->state(scope, key)))
         impl.records->setState(scope, key, *value);
 }
 
 void RootStateAccess::erase(AppStore& apps, const std::string& scope, const std::string& key) {
     AppStore::Impl& impl = *apps.impl_;
-    RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
+    if (impl.options.readOnly) return;
+    RootLock lock = impl.lockRoot(RootLock::Mode::Exclusive);
     impl.records->dropState(scope, key);
 }
 

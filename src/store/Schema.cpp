@@ -143,6 +143,17 @@ bool isCurrent(const Database& db) {
     return userVersion(db) == kSchemaVersion;
 }
 
+void checkReadable(const Database& db) {
+    const int found = userVersion(db);
+    refuseNewer(db, found);
+    if (found == kSchemaVersion) return;
+    throw StoreError(FaultKind::StoreFailed,
+                     {"the database " + std::string(sqlite3_db_filename(db.get(), "main")) +
+                      " has schema version " + std::to_string(found) +
+                      ", older than this program reads (" + std::to_string(kSchemaVersion) +
+                      "); a command that changes the root brings it up to date"});
+}
+
 void migrate(const Database& db, const StoredSignature& storedSignature) {
     // Reading the version first finds a file that is no database at all
     // before anything is written to it.

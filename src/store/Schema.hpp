@@ -24,4 +24,8 @@ void migrate(const Database& db, const StoredSignature& storedSignature);
 // has nothing to write.
 bool isCurrent(const Database& db);
 
+// For a reader that may not write: throws StoreError unless the database
+// is at kSchemaVersion (BadDatabase when it is newer), never migrating.
+void checkReadable(const Database& db);
+
 }  // namespace tsappinstall::store::detail

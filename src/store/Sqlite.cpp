@@ -4,11 +4,32 @@
 
 namespace tsappinstall::store::detail {
 
-Database::Database(const std::string& file, int busyMillis) : file_(file) {
+namespace {
+
+// `file` as a URI filename: the characters a URI gives a meaning to escaped.
+std::string uriOf(const std::string& file) {
+    static const char hex[] = "0123456789abcdef";
+    std::string uri = "file:";
+    for (const char c : file) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '%' || c == '?' || c == '#' || byte < 0x20 || byte >= 0x7f)
+            uri += {'%', hex[byte >> 4], hex[byte & 15]};
+        else
+            uri += c;
+    }
+    return uri;
+}
+
+}  // namespace
+
+Database::Database(const std::string& file, int busyMillis, Open open) : file_(file) {
     sqlite3* db = nullptr;
-    const int code =
-        sqlite3_open_v2(file.c_str(), &db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int flags = open == Open::ReadWrite ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
+                                              : SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+    const std::string name = open == Open::ReadWrite  ? file
+                             : open == Open::ReadOnly ? uriOf(file)
+                                                      : uriOf(file) + "?immutable=1";
+    const int code = sqlite3_open_v2(name.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     db_.reset(db);
     if (code != SQLITE_OK) fail(code, "cannot be opened");
     sqlite3_extended_result_codes(db, 1);

@@ -15,9 +15,14 @@ class Statement;
 
 class Database {
   public:
-    // Opens (creating) the database file, read-write, with extended
-    // result codes; waits up to `busyMillis` for another connection's lock.
-    Database(const std::string& file, int busyMillis);
+    // ReadWrite creates the file when missing. ReadOnly never writes, but
+    // SQLite makes the -wal and -shm files beside it when they are missing
+    // and the folder lets it. Immutable reads the file alone, with no locks
+    // and no -wal: only for a database no one can change meanwhile.
+    enum class Open { ReadWrite, ReadOnly, Immutable };
+    // Opens the database file with extended result codes; waits up to
+    // `busyMillis` for another connection's lock.
+    Database(const std::string& file, int busyMillis, Open open = Open::ReadWrite);
     sqlite3* get() const { return db_.get(); }
     void exec(const char* sql) const;
     Statement prepare(const char* sql) const;

@@ -4,6 +4,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <signal.h>
+
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -21,6 +23,22 @@ std::pair<std::string, std::string> splitLast(const std::string& path) {
     const auto slash = path.rfind('/');
     if (slash == std::string::npos) return {"", path};
     return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+// "5 seconds", "0.5 seconds".
+std::string seconds(std::chrono::milliseconds span) {
+    const auto ms = span.count();
+    std::string text = std::to_string(ms / 1000);
+    if (ms % 1000) {
+        std::string fraction = std::to_string(1000 + ms % 1000).substr(1);
+        while (fraction.back() == '0') fraction.pop_back();
+        text += "." + fraction;
+    }
+    return text + (ms == 1000 ? " second" : " seconds");
+}
+
+[[noreturn]] void refuse(const std::string& line) {
+    throw StoreError(FaultKind::StoreFailed, {line});
 }
 
 }  // namespace
@@ -44,20 +62,72 @@ OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std
     return fd;
 }
 
-RootLock::RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown) {
+namespace {
+
+// The process a lock file's note names, when it still runs; 0 otherwise.
+// The note is anyone's text: only a plain decimal number is taken.
+long holderOf(int fd) {
+    char note[24] = {};
+    const ssize_t n = ::pread(fd, note, sizeof note - 1, 0);
+    long pid = 0;
+    for (ssize_t i = 0; i < n && note[i] != '\n'; ++i) {
+        if (note[i] < '0' || note[i] > '9' || pid > 99999999) return 0;
+        pid = pid * 10 + (note[i] - '0');
+    }
+    if (pid <= 0 || (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM)) return 0;
+    return pid;
+}
+
+}  // namespace
+
+RootLock::RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown,
+                   const LockWait& wait) {
     const std::string file = shown + "/.lock";
     fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd_ && mode == Mode::Shared && errno == EACCES)  // a reader of a root it may not write
+    if (!fd_ && mode == Mode::Shared && (errno == EACCES || errno == EROFS))
         fd_ = OpsFd(ops, ops.openat(root, ".lock", O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd_) failed(file + " cannot be opened", errno);
-    const int operation = mode == Mode::Shared      ? LOCK_SH
-                          : mode == Mode::Exclusive ? LOCK_EX
-                                                    : LOCK_EX | LOCK_NB;
-    while (ops.flock(fd_.get(), operation) != 0) {
-        if (mode == Mode::TryExclusive && errno == EWOULDBLOCK) return;
-        if (errno != EINTR) failed(file + " cannot be locked", errno);
+    const int operation = mode == Mode::Shared ? LOCK_SH : LOCK_EX;
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> giveUp;
+    long holder = -1;  // not looked for yet
+    while (ops.flock(fd_.get(), operation | LOCK_NB) != 0) {
+        if (errno == EINTR) continue;
+        if (errno != EWOULDBLOCK) failed(file + " cannot be locked", errno);
+        if (mode == Mode::TryExclusive) return;
+        if (holder < 0) {
+            holder = holderOf(fd_.get());
+            const std::string by =
+                holder > 0 ? " (pid " + std::to_string(holder) + ")" : std::string();
+            if (wait.limit && wait.limit->count() <= 0)
+                refuse(shown + " is in use by another process" + by);
+            if (wait.waiting) wait.waiting(holder);
+            if (!wait.limit) {
+                // Nothing to count down: the kernel wakes the waiter.
+                while (ops.flock(fd_.get(), operation) != 0)
+                    if (errno != EINTR) failed(file + " cannot be locked", errno);
+                break;
+            }
+            giveUp = Clock::now() + *wait.limit;
+        }
+        if (Clock::now() >= *giveUp)
+            refuse(shown + " is in use by another process" +
+                   (holder > 0 ? " (pid " + std::to_string(holder) + ")" : std::string()) +
+                   "; gave up after " + seconds(*wait.limit));
+        ::usleep(20000);
     }
     held_ = true;
+    if (mode == Mode::Shared) return;
+    // The note is a courtesy to waiters: a holder that cannot write it
+    // still holds the lock.
+    const std::string note = std::to_string(::getpid()) + "\n";
+    noted_ = ::ftruncate(fd_.get(), 0) == 0 &&
+             ::pwrite(fd_.get(), note.data(), note.size(), 0) == static_cast<ssize_t>(note.size());
+}
+
+RootLock::~RootLock() {
+    // Cleared while still held, so that a stale number is never read.
+    if (noted_) static_cast<void>(::ftruncate(fd_.get(), 0));
 }
 
 void removeTree(const FileOps& ops, int dir, const std::string& name, const std::string& shown) {

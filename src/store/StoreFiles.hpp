@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -30,18 +31,33 @@ OpsFd openFolder(const FileOps& ops, int dir, const std::string& relative,
 // The same, creating the last component (mode 0755 less the umask) when missing.
 OpsFd makeFolder(const FileOps& ops, int dir, const std::string& name, const std::string& shown);
 
+// How long a RootLock waits for another holder, and whom it tells.
+struct LockWait {
+    std::optional<std::chrono::milliseconds> limit;  // none: as long as it takes
+    // Called once, when the lock is found held: the holder's process id
+    // when its note names a live process, else 0.
+    std::function<void(long pid)> waiting;
+};
+
 // The root's lock: flock() on ROOT/.lock, which the kernel drops when its
-// holder dies, so no crash leaves a stale lock behind. Blocks until held,
-// except TryExclusive, which takes it only when it is free at once.
+// holder dies, so no crash leaves a stale lock behind. Waits as `wait`
+// says, except TryExclusive, which takes it only when it is free at once.
+// An exclusive holder writes its process id into the file while it holds
+// it, so that a waiter can say whom it waits for.
 class RootLock {
   public:
     enum class Mode { Shared, Exclusive, TryExclusive };
-    RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown);
+    RootLock(const FileOps& ops, int root, Mode mode, const std::string& shown,
+             const LockWait& wait = {});
+    ~RootLock();
+    RootLock(const RootLock&) = delete;
+    RootLock& operator=(const RootLock&) = delete;
     bool held() const { return held_; }
 
   private:
     OpsFd fd_;
     bool held_ = false;
+    bool noted_ = false;
 };
 
 // opc::detail::removeTree() as the store needs it: the first thing that

@@ -2,8 +2,11 @@
 // an apps root and its records, what they refuse and with which words, and
 // that a root whose database is damaged or newer is never touched.
 
+#include <grp.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <functional>
@@ -38,6 +41,39 @@ std::string refusal(Call call) {
         return text;
     }
     return "";
+}
+
+// What `read` returns when run as the user nobody, in a child process.
+std::string asNobody(const std::function<std::string()>& read) {
+    int ends[2];
+    if (::pipe(ends) != 0) return "no pipe";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(ends[0]);
+        std::string out = "cannot become nobody";
+        if (::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+            ::setresuid(65534, 65534, 65534) == 0) {
+            try {
+                out = read();
+            } catch (const std::exception& e) {
+                out = std::string("threw: ") + e.what();
+            }
+        }
+        for (std::size_t at = 0; at < out.size();) {
+            const ssize_t n = ::write(ends[1], out.data() + at, out.size() - at);
+            if (n <= 0) break;
+            at += static_cast<std::size_t>(n);
+        }
+        ::_exit(0);
+    }
+    ::close(ends[1]);
+    std::string out;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(ends[0], buffer, sizeof buffer)) > 0;)
+        out.append(buffer, static_cast<std::size_t>(n));
+    ::close(ends[0]);
+    ::waitpid(child, nullptr, 0);
+    return out;
 }
 
 class Store : public ::testing::Test {
@@ -538,6 +574,49 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
               "the database " + dir.file("root/store.db") +
                   " cannot be used: file is not a database; it was left as it is\n");
     EXPECT_EQ(read_file(dir.file("root/store.db")), std::string(8192, 'x'));
+}
+
+// A root its owner writes and others may only read is read whole,
+// whether no writer has it open (there is no -wal to read through, and
+// the reader may not make one) or one does (its last commit is in the
+// -wal alone), and the reader leaves it as it was. Making a root where the
+// user may not write says why.
+TEST_F(Store, ReadsARootItMayNotWrite) {
+    if (::geteuid() != 0) GTEST_SKIP() << "reading as another user needs root";
+    fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::group_read |
+                                    fs::perms::group_exec | fs::perms::others_read |
+                                    fs::perms::others_exec);
+    { AppStore(root()).install(v("1.2.0"), fittingHost()); }
+    AppStore::Options readOnly;
+    readOnly.readOnly = true;
+    const auto read = [&] {
+        AppStore apps(root(), readOnly);
+        std::string out;
+        for (const auto& app : apps.list()) out += app.current.version + " ";
+        out += apps.show("Hello Tessal").current.version +
+               (apps.audit(kGuid).clean() && apps.auditAll().size() == 1 ? " clean\n" : "\n");
+        out += refusal([&] { apps.rollback(kGuid); });
+        out += refusal([&] { AppStore(dir.file("root/apps/new")); });
+        return out;
+    };
+    const auto names = [&] {
+        std::set<std::string> found;
+        for (const auto& entry : fs::recursive_directory_iterator(root()))
+            found.insert(entry.path().string());
+        return found;
+    };
+    const std::string refused = root() + " is open read-only: it is not changed\n" +
+                                dir.file("root/apps/new") + " cannot be made: Permission denied\n";
+    const auto before = names();
+    const std::string records = read_file(dir.file("root/store.db"));
+    EXPECT_EQ(asNobody(read), "1.2.0 1.2.0 clean\n" + refused);
+    EXPECT_EQ(names(), before);
+    EXPECT_EQ(read_file(dir.file("root/store.db")), records);
+
+    AppStore writer(root());
+    writer.install(v("1.3.0"), fittingHost());
+    ASSERT_TRUE(fs::exists(dir.file("root/store.db-wal")));
+    EXPECT_EQ(asNobody(read), "1.3.0 1.3.0 clean\n" + refused);
 }
 
 // An unfinished operation a newer program recorded is not skipped, as if

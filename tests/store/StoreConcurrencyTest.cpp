@@ -2,11 +2,15 @@
 // AppStore: the writers serialize, every record comes out right, and no
 // reader ever sees an app half installed.
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
+#include <utility>
 
 #include "store/StoreTestSupport.hpp"
 
@@ -97,6 +101,57 @@ TEST(StoreConcurrency, FirstWritersCreateTheRootOneAtATime) {
         }
         EXPECT_EQ(settledState(root), std::string(kGuid) + "=1.0");
     }
+}
+
+// A writer that finds the root's lock held says so once, naming the holder
+// when the note in the lock file is the number of a live process, and
+// waits as long as it was told to.
+TEST(StoreConcurrency, WaitsForTheLockAsToldAndSaysWhoHoldsIt) {
+    TempDir dir;
+    const std::string root = dir.file("root");
+    const std::string package = packApp(dir, AppRecipe("1.0"), "app");
+    { AppStore made(root); }
+    const pid_t gone = ::fork();
+    if (gone == 0) ::_exit(0);
+    ::waitpid(gone, nullptr, 0);
+    const long self = ::getpid();
+    const std::string busy = root + " is in use by another process";
+    const std::string bySelf = " (pid " + std::to_string(self) + ")";
+    const struct {
+        std::string note;
+        long waitMillis;  // -1: as long as it takes; the holder lets go when told
+        std::string refusal;
+        std::vector<long> told;
+    } cases[] = {
+        {std::to_string(self) + "\n", 0, busy + bySelf, {}},
+        {"junk\n", 0, busy, {}},
+        {std::to_string(gone) + "\n", 0, busy, {}},
+        {"123456789012345678901234567890", 0, busy, {}},
+        {std::to_string(self) + "\n", 50, busy + bySelf + "; gave up after 0.05 seconds", {self}},
+        {std::to_string(self), -1, "", {self}},
+    };
+    for (const auto& c : cases) {
+        write_file(root + "/.lock", c.note);
+        int holder = ::open((root + "/.lock").c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+        AppStore::Options options;
+        if (c.waitMillis >= 0) options.lockWait = std::chrono::milliseconds(c.waitMillis);
+        std::vector<long> told;
+        options.lockWaiting = [&](long pid) {
+            told.push_back(pid);
+            if (c.waitMillis < 0) ::close(std::exchange(holder, -1));
+        };
+        std::string refusal;
+        try {
+            AppStore(root, options).install(package, fittingHost());
+        } catch (const StoreError& e) {
+            refusal = e.what();
+        }
+        EXPECT_EQ(refusal, c.refusal) << c.note;
+        EXPECT_EQ(told, c.told) << c.note;
+        if (holder >= 0) ::close(holder);
+    }
+    EXPECT_EQ(read_file(root + "/.lock"), "");  // the note goes as its writer lets go
 }
 
 }  // namespace

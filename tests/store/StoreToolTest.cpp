@@ -2,8 +2,12 @@
 // output must be what the page shows; a publisher's move to a new key as
 // the tool makes and takes it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "store/StoreTestSupport.hpp"
@@ -99,10 +103,6 @@ TEST(StoreTool, FailuresAndJson) {
     write_file(dir.file("root/host.json"), "[]");
     EXPECT_EQ(tsappIn(dir, "install hello.tsappinstall").out,
               "tsapp: " + root + "/host.json: is not a JSON object\n");
-    write_file(dir.file("root/store.db"), std::string(4096, 'x'));
-    EXPECT_EQ(tsappIn(dir, "installed").out,
-              "tsapp: the apps root: the database " + root +
-                  "/store.db cannot be used: file is not a database; it was left as it is\n");
 }
 
 // A publisher moves to a new key: rotate makes the proof with the old one,
@@ -220,31 +220,134 @@ TEST(StoreTool, KeepsTheUsersFiles) {
 }
 
 // A root that holds nothing is read as empty and never made: a mistyped
-// --root must leave no folder behind.
+// --root must leave no folder behind, and neither may a first command that
+// fails before it records anything. Audit has no clean answer for a root
+// that is not there, and no command takes a file for a root.
 TEST(StoreTool, ReadersLeaveAMissingRootAsItIs) {
     TempDir dir;
+    packApp(dir, AppRecipe("1.2.0"), "hello");
+    write_file(dir.file("bad.pem"), "no certificate\n");
+    write_file(dir.file("file"), "");
     const std::string missing = dir.file("missing");
     const std::string nothing = ": nothing is installed in " + missing + "\n";
+    const std::string notAFolder = "tsapp: " + dir.file("file") + ": not an apps root: ";
     const struct {
         std::string args;
         int status;
         std::string out;
     } cases[] = {
         {"installed --json", 0, ""},
-        {"audit", 0, ""},
+        {"audit", 1, "tsapp: " + missing + ": not an apps root: No such file or directory\n"},
         {"show hello", 1, "tsapp: hello" + nothing},
         {"remove hello x", 1, "tsapp: hello" + nothing + "tsapp: x" + nothing},
         {"rollback hello", 1, "tsapp: hello" + nothing},
         {"repo list", 0, ""},
         {"repo remove r", 1, "tsapp: r: no repository of that name\n"},
         {"outdated", 0, ""},
+        {"install nosuch.tsappinstall", 1,
+         "tsapp: nosuch.tsappinstall: not an app package: cannot be read: cannot open \"" +
+             dir.file("nosuch.tsappinstall") + "\": No such file or directory\n"},
+        {"install --trust bad.pem hello.tsappinstall", 1,
+         "tsapp: hello.tsappinstall: unsigned: the package carries no signature\n"},
+        {"repo add r nosuch --trust nosuch.pem", 1,
+         "tsapp: r: cannot load trust anchors from \"" + dir.file("nosuch.pem") +
+             "\": No such file or directory\n"},
+        {"installed --root file", 1, notAFolder + "Not a directory\n"},
+        {"audit --root file", 1, notAFolder + "Not a directory\n"},
+        {"install hello.tsappinstall --root file", 1, notAFolder + "Not a directory\n"},
     };
     for (const auto& c : cases) {
-        const ToolRun run = tsappIn(dir, c.args + " --root missing");
+        const bool rooted = c.args.find("--root") != std::string::npos;
+        const ToolRun run = tsappIn(dir, c.args + (rooted ? "" : " --root missing"));
+        EXPECT_EQ(run.status, c.status) << c.args;
+        EXPECT_EQ(run.out, c.out) << c.args;
+        EXPECT_FALSE(std::filesystem::exists(missing)) << c.args;
+    }
+}
+
+// A writer that finds the root busy says so once and waits as long as
+// --wait says, or not at all with --no-wait; readers of the snapshot do
+// not wait.
+TEST(StoreTool, WaitsForABusyRootAsTold) {
+    TempDir dir;
+    packApp(dir, AppRecipe("1.2.0"), "hello");
+    ASSERT_EQ(tsappIn(dir, "install --product tessal.core=2026.1 hello.tsappinstall").status, 0);
+    const std::string root = dir.file("root");
+    const std::string pid = std::to_string(::getpid());
+    write_file(root + "/.lock", pid + "\n");
+    const int holder = ::open((root + "/.lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+    const std::string busy = root + " is in use by another process (pid " + pid + ")";
+    const struct {
+        std::string args;
+        int status;
+        std::string out;
+    } cases[] = {
+        {"remove --no-wait hello", 1, "tsapp: hello: " + busy + "\n"},
+        {"audit --wait 1", 1,
+         "tsapp: waiting for " + root + " (held by pid " + pid + ")\ntsapp: " + root + ": " + busy +
+             "; gave up after 1 second\n"},
+        {"installed", 0, std::string(kGuid) + "  1.2.0  Hello Tessal\n"},
+        {"audit --wait 1 --no-wait", 2,
+         "tsapp: audit: --wait excludes --no-wait (see 'tsapp audit --help')\n"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun run = tsappIn(dir, c.args);
         EXPECT_EQ(run.status, c.status) << c.args;
         EXPECT_EQ(run.out, c.out) << c.args;
     }
-    EXPECT_FALSE(std::filesystem::exists(missing));
+    ::close(holder);
+}
+
+// A database that is damaged, from a newer program, or no file of the
+// root's own is refused by every command with the reason, and left
+// exactly as it was.
+TEST(StoreTool, LeavesADamagedDatabaseAlone) {
+    TempDir dir;
+    packApp(dir, AppRecipe("1.2.0"), "hello");
+    const std::string install = "install --product tessal.core=2026.1 hello.tsappinstall";
+    ASSERT_EQ(tsappIn(dir, install + " --root good").status, 0);
+    const std::string good = dir.file("good/store.db");
+    const std::string valid = read_file(good);
+    const std::string root = dir.file("root");
+    const std::string db = root + "/store.db";
+    const struct {
+        std::string name;
+        std::function<void()> make;
+        std::string reason;
+    } cases[] = {
+        {"garbage", [&] { write_file(db, std::string(8192, 'x')); }, "file is not a database"},
+        {"truncated", [&] { write_file(db, valid.substr(0, valid.size() / 2)); },
+         "database disk image is malformed"},
+        {"newer",
+         [&] {
+             std::string newer = valid;
+             newer[63] = 9;  // the header's user version, big-endian at 60
+             write_file(db, newer);
+         },
+         "has schema version 9, newer than this program knows"},
+        {"a link", [&] { std::filesystem::create_symlink(good, db); }, "is a symbolic link"},
+        {"a dangling link", [&] { std::filesystem::create_symlink(dir.file("nowhere.db"), db); },
+         "is a symbolic link"},
+    };
+    for (const auto& c : cases) {
+        std::filesystem::remove_all(root);
+        std::filesystem::create_directory(root);
+        c.make();
+        const std::string before = std::filesystem::is_symlink(db) ? "" : read_file(db);
+        for (const std::string& command :
+             std::vector<std::string>{"installed", "audit", install, "recover root"}) {
+            const ToolRun run = tsappIn(dir, command);
+            EXPECT_EQ(run.status, 1) << c.name << ": " << command;
+            EXPECT_NE(run.out.find(c.reason), std::string::npos) << c.name << ": " << run.out;
+            EXPECT_NE(run.out.find("; it was left as it is\n"), std::string::npos) << run.out;
+            if (!before.empty()) {
+                EXPECT_EQ(read_file(db), before) << c.name << ": " << command;
+            }
+        }
+        EXPECT_EQ(read_file(good), valid) << c.name;
+        EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere.db"))) << c.name;
+    }
 }
 
 }  // namespace

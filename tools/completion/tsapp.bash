@@ -34,8 +34,8 @@ _tsapp_read_command() {
             sub(/^ +/, ""); sub(/  .*/, "")
             n = split($1, names, ",")
             for (i = 1; i <= n; i++) opts = opts " " names[i]
-            # The kind of value: "FILE", "UINT", "SIZE", "UINT:SIZE".
-            if ($2 ~ /^[A-Z][A-Z:_]*$/ && $2 !~ /INT|NUM|FLOAT|SIZE/)
+            # The kind of value: "FILE", "UINT", "SIZE", "UINT:SIZE", "SECONDS".
+            if ($2 ~ /^[A-Z][A-Z:_]*$/ && $2 !~ /INT|NUM|FLOAT|SIZE|SECONDS/)
                 for (i = 1; i <= n; i++) valued = valued " " names[i]
             else if ($2 ~ /^[A-Z][A-Z:_]*$/)
                 for (i = 1; i <= n; i++) numeric = numeric " " names[i]

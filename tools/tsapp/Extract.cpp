@@ -20,6 +20,7 @@
 
 #include "Commands.hpp"
 #include "Progress.hpp"
+#include "StoreTool.hpp"
 #include "Text.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
@@ -155,7 +156,7 @@ void printNothingToRecover(const std::string& folder) {
 // An apps root settles what an interrupted install, upgrade, rollback or
 // remove left, from its records.
 int recoverStore(const std::string& folder) {
-    tsappinstall::store::AppStore apps(nativePath(folder));
+    tsappinstall::store::AppStore apps(nativePath(folder), RootOption{folder}.storeOptions());
     const auto done = apps.recover();
     for (const auto& line : done) std::cout << fl::i18n::shown(line) << "\n";
     if (done.empty()) printNothingToRecover(nativePath(folder).string());
@@ -163,7 +164,8 @@ int recoverStore(const std::string& folder) {
 }
 
 int runRecover(const std::string& folder, bool discardUnreadable) {
-    if (std::filesystem::exists(nativePath(folder) / "store.db")) return recoverStore(folder);
+    // Anything named store.db makes it a root, which refuses a database that is no file.
+    if (tsappinstall::store::AppStore::exists(nativePath(folder))) return recoverStore(folder);
     const std::string nativeFolder = nativePath(folder).string();
     const auto recovery =
         opc::extraction::recover(nativeFolder, opc::FileSystemOpsSelector(), discardUnreadable);

@@ -172,8 +172,8 @@ void printRemote(const installer::Remote& remote) {
 }
 
 int runList(const RecordSettings& s) {
-    if (!store::AppStore::exists(s.root.path())) return kGood;
-    const auto apps = openRoot(s.root);
+    const auto apps = openExisting(s.root, false);
+    if (!apps) return kGood;
     const installer::Installer installer(*apps);
     for (const auto& remote : installer.remotes()) {
         if (!s.json) {

@@ -83,8 +83,8 @@ void installArgument(store::AppStore& apps, const std::string& argument,
 
 std::vector<std::shared_ptr<const repository::Repository>> recordedIndexes(
     const std::string& root) {
-    if (!store::AppStore::exists(RootOption{root}.path())) return {};
-    const auto apps = openRoot(RootOption{root});
+    const auto apps = openExisting(RootOption{root}, false);
+    if (!apps) return {};
     installer::Installer installer(*apps);
     return onRepository(root, [&] { return installer.indexes(); });
 }
@@ -101,8 +101,8 @@ struct UpgradeSettings {
 };
 
 int runOutdated(const UpgradeSettings& s) {
-    if (!store::AppStore::exists(s.root.path())) return kGood;
-    const auto apps = openRoot(s.root);
+    const auto apps = openExisting(s.root, false);
+    if (!apps) return kGood;
     installer::Installer installer(*apps);
     const auto host = hostProfile(s.host, apps->root());
     for (const auto& o : onRepository("outdated", [&] { return installer.outdated({}, host); })) {

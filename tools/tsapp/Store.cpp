@@ -2,9 +2,14 @@
 // remove, rollback and audit, all on one apps root (--root, else
 // TSAPP_ROOT, else a folder of the user's under $XDG_DATA_HOME).
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
@@ -43,11 +48,51 @@ std::filesystem::path RootOption::path() const {
     return nativePath(root.empty() ? defaultRoot() : root);
 }
 
+store::AppStore::Options RootOption::storeOptions() const {
+    store::AppStore::Options options;
+    if (noWait)
+        options.lockWait = std::chrono::milliseconds(0);
+    else if (waitSeconds >= 0)
+        options.lockWait = std::chrono::seconds(waitSeconds);
+    options.lockWaiting = [root = path().string()](long pid) {
+        printError("waiting for " + shown(root) +
+                   (pid > 0 ? " (held by pid " + std::to_string(pid) + ")" : std::string()));
+    };
+    return options;
+}
+
 void addRoot(CLI::App* command, RootOption& option) {
     addNonEmpty(command, "--root", option.root,
                 "Apps root (default: $TSAPP_ROOT, else $XDG_DATA_HOME/tsapp/apps, else "
                 "~/.local/share/tsapp/apps)");
+    auto* wait = command->add_option("--wait", option.waitSeconds,
+                                     "Give up after SECONDS when another process holds the root "
+                                     "(default: wait as long as it takes)");
+    wait->type_name("SECONDS")->check(CLI::NonNegativeNumber);
+    command
+        ->add_flag("--no-wait", option.noWait, "Fail at once when another process holds the root")
+        ->excludes(wait);
 }
+
+namespace {
+
+// A root given as something else than a folder is a mistake to report,
+// never a root that holds nothing; so is a missing one where it must be.
+void checkRootFolder(const std::filesystem::path& root, bool mustExist) {
+    struct stat info {};
+    const int error =
+        ::stat(root.c_str(), &info) == 0 ? (S_ISDIR(info.st_mode) ? 0 : ENOTDIR) : errno;
+    if (error == 0 || (error == ENOENT && !mustExist)) return;
+    throw Failure(root.string(), std::string("not an apps root: ") + std::strerror(error));
+}
+
+// A reader may not change a root it may not write: it reads it read-only.
+bool writable(const std::filesystem::path& root) {
+    return ::faccessat(AT_FDCWD, root.c_str(), W_OK, AT_EACCESS) == 0 &&
+           ::faccessat(AT_FDCWD, (root / "store.db").c_str(), W_OK, AT_EACCESS) == 0;
+}
+
+}  // namespace
 
 void failOnStore(const std::string& subject, const store::StoreError& error) {
     const bool aboutRoot = error.kind() == tsappinstall::FaultKind::BadDatabase;
@@ -63,7 +108,20 @@ std::function<std::string()> rootSubject(const RootOption& option) {
 
 std::unique_ptr<store::AppStore> openRoot(const RootOption& option) {
     const auto path = option.path();
-    return onStore(path.string(), [&] { return std::make_unique<store::AppStore>(path); });
+    checkRootFolder(path, false);
+    auto options = option.storeOptions();
+    options.discardUnused = true;
+    return onStore(path.string(), [&] { return std::make_unique<store::AppStore>(path, options); });
+}
+
+std::unique_ptr<store::AppStore> openExisting(const RootOption& option, bool writes,
+                                              bool mustExist) {
+    const auto root = option.path();
+    checkRootFolder(root, mustExist);
+    if (!store::AppStore::exists(root)) return nullptr;
+    auto options = option.storeOptions();
+    options.readOnly = !writes && !writable(root);
+    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root, options); });
 }
 
 namespace {
@@ -213,8 +271,10 @@ namespace {
 int runInstall(const InstallSettings& s) {
     catchStopSignals();
     const auto root = s.root.path();
-    store::AppStore::Options storeOptions;
+    checkRootFolder(root, false);
+    store::AppStore::Options storeOptions = s.root.storeOptions();
     storeOptions.keepPrevious = s.keep;
+    storeOptions.discardUnused = true;
     auto apps = onStore(root.string(),
                         [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
     const store::HostProfile host = hostProfile(s.host, root);
@@ -237,21 +297,13 @@ struct ReadSettings {
     bool json = false;
 };
 
-// The store, or null when the root holds none: commands that only read or
-// take away leave such a root as it is rather than create it.
-std::unique_ptr<store::AppStore> openExisting(const RootOption& option) {
-    const auto root = option.path();
-    if (!store::AppStore::exists(root)) return nullptr;
-    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root); });
-}
-
 [[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root) {
     throw Failure(app, "nothing is installed in " + root.path().string(),
                   tsappinstall::FaultKind::NotInstalled);
 }
 
 int runInstalled(const ReadSettings& s) {
-    const auto apps = openExisting(s.root);
+    const auto apps = openExisting(s.root, false);
     if (!apps) return kGood;
     for (const auto& app : onStore(s.root.path().string(), [&] { return apps->list(); })) {
         if (s.json) {
@@ -296,7 +348,7 @@ void printVersion(const store::InstalledApp& app) {
 }
 
 int runShow(const ReadSettings& s) {
-    const auto apps = openExisting(s.root);
+    const auto apps = openExisting(s.root, false);
     const std::string& name = s.apps.front();
     if (!apps) nothingInstalled(name, s.root);
     const auto app = onStore(name, [&] { return apps->show(name); });
@@ -326,7 +378,8 @@ Json auditJson(const store::AuditReport& report) {
 }
 
 int runAudit(const ReadSettings& s) {
-    const auto apps = openExisting(s.root);
+    // Nothing to compare is no clean answer for a root that is not there.
+    const auto apps = openExisting(s.root, false, true);
     if (!apps && s.apps.empty()) return kGood;
     if (!apps) nothingInstalled(s.apps.front(), s.root);
     std::vector<store::AuditReport> reports;
@@ -370,7 +423,7 @@ struct RemoveSettings {
 };
 
 int runRemove(const RemoveSettings& s) {
-    const auto apps = openExisting(s.root);
+    const auto apps = openExisting(s.root, true);
     return runEach(s.apps, [&](const std::string& app) {
         if (!apps) nothingInstalled(app, s.root);
         const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
@@ -389,7 +442,7 @@ struct RollbackSettings : ReadSettings {
 };
 
 int runRollback(const RollbackSettings& s) {
-    const auto apps = openExisting(s.root);
+    const auto apps = openExisting(s.root, true);
     const std::string& name = s.apps.front();
     if (!apps) nothingInstalled(name, s.root);
     const auto result = onStore(name, [&] { return apps->rollback(name, s.options); });

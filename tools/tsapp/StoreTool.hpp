@@ -19,16 +19,31 @@ namespace store = tsappinstall::store;
 
 struct RootOption {
     std::string root;
+    long waitSeconds = -1;  // --wait; -1: as long as it takes
+    bool noWait = false;
     std::filesystem::path path() const;
+    // How the store waits for the root's lock, saying so once on stderr.
+    tsappinstall::store::AppStore::Options storeOptions() const;
 };
 
+// --root, --wait and --no-wait.
 void addRoot(CLI::App* command, RootOption& option);
 
 // The root as a command's subject: its --root, or "the apps root".
 std::function<std::string()> rootSubject(const RootOption& option);
 
-// The store in the root, created when missing.
+// The store in the root, created when missing; a root this command made is
+// taken away again when nothing was recorded in it (a first install that
+// failed). Throws a Failure for a root that is anything but a folder.
 std::unique_ptr<tsappinstall::store::AppStore> openRoot(const RootOption& option);
+
+// The store in the root, or null when the root holds none: commands that
+// only read or take away leave such a root as it is rather than create it.
+// A reader (`writes` false) that may not write the root reads it
+// read-only. A root that is not a folder is a Failure, and so is a missing
+// one when `mustExist`.
+std::unique_ptr<tsappinstall::store::AppStore> openExisting(const RootOption& option, bool writes,
+                                                            bool mustExist = false);
 
 // Every line of a store's refusal, the last one thrown as a Failure about
 // `subject` (about the root when the database is at fault).

@@ -16,10 +16,12 @@
 // thread at a time; several objects, threads or processes may work on one
 // root at once.
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -205,12 +207,33 @@ class TSAPP_API AppStore {
     struct Options {
         // Previous versions kept for rollback after an upgrade.
         unsigned keepPrevious = 1;
+        // Reads a root that this process may not write: nothing is made,
+        // migrated, settled or locked exclusively, and every change is
+        // refused (StoreFailed). What a crashed writer left unsettled is
+        // read past as it is: an install that never committed is not
+        // there, a removal cut short shows its app with the files it
+        // already lost. list, show, files, audit and auditAll work.
+        bool readOnly = false;
+        // How long an operation waits for the root's lock while another
+        // process holds it: none, as long as it takes; zero, not at all.
+        // Giving up throws StoreError (StoreFailed) naming the holder.
+        std::optional<std::chrono::milliseconds> lockWait{};
+        // Called once per wait as it starts, with the holder's process id
+        // (0 when it cannot be told), so that a caller can say why nothing
+        // happens.
+        std::function<void(long pid)> lockWaiting{};
+        // A root that this object made (its folder, or its database in a
+        // folder that was there) is taken away again as the object goes,
+        // when nothing was recorded in it and no other AppStore has it
+        // open: a first command that fails leaves no root behind.
+        bool discardUnused = false;
     };
 
     // Opens the root, creating it and its database when missing, running
-    // the schema's migrations. Throws StoreError: BadDatabase for a
-    // damaged database or one from a newer schema (never reset), Failed
-    // when the root cannot be made or written.
+    // the schema's migrations (unless Options::readOnly). Throws
+    // StoreError: BadDatabase for a damaged database, one from a newer
+    // schema or a store.db that is not a regular file (never reset),
+    // StoreFailed when the root cannot be made, read or written.
     explicit AppStore(const std::filesystem::path& root);
     AppStore(const std::filesystem::path& root, Options options);
     // On other file operations: the library's own fault-injection tests
@@ -221,9 +244,10 @@ class TSAPP_API AppStore {
     AppStore& operator=(const AppStore&) = delete;
 
     const std::filesystem::path& root() const;
-    // Whether `root` holds an apps database. Opening a root creates it;
-    // a reader can ask this first and leave a root that holds nothing (or
-    // a mistyped one) as it is.
+    // Whether `root` holds an apps database, or anything in its place (a
+    // link, which opening refuses). Opening a root creates it; a reader can
+    // ask this first and leave a root that holds nothing (or a mistyped
+    // one) as it is.
     static bool exists(const std::filesystem::path& root);
 
     // Installs, upgrades or replaces the app in `package` as the options
