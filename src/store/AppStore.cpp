@@ -1,6 +1,7 @@
 #include "tsappinstall/store/AppStore.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "Records.hpp"
 #include "RootState.hpp"
 #include "Schema.hpp"
+#include "SeamVfs.hpp"
 #include "StoreFiles.hpp"
 #include "Unpack.hpp"
 #include "inspect/OpenedCheck.hpp"
@@ -104,7 +106,11 @@ std::string leafOf(const std::string& relative) {
 
 struct AppStore::Impl {
     Impl(const std::filesystem::path& rootPath, Options opts, opc::FileSystemOpsSelector selected)
-        : root(rootPath), options(opts), selector(selected), ops(opc::detail::fileOpsOf(selector)) {
+        : root(rootPath),
+          options(opts),
+          selector(selected),
+          ops(opc::detail::fileOpsOf(selector)),
+          vfs(selected.ops() ? std::make_unique<SeamVfs>(ops) : nullptr) {
         std::error_code error;
         std::filesystem::create_directories(root, error);
         rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -130,7 +136,8 @@ struct AppStore::Impl {
         if (!AppStore::exists(root))
             making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         makeFolder(ops, rootFd.get(), "apps", shown("apps"));
-        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
+        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis,
+                                        vfs ? vfs->name() : nullptr);
         if (!making && !isCurrent(*db))
             making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string());
         migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
@@ -332,6 +339,37 @@ struct AppStore::Impl {
             settle();
         } catch (const std::exception& e) {
             leftOver.push_back(e.what());
+        }
+    }
+
+    // Downloads a crash, or a removal that failed, left in ROOT/.downloads.
+    // A download at work holds its file's lock until the package is
+    // installed and removed, so a file whose lock is free is no one's; one
+    // renamed or replaced while it was being locked is looked at no further.
+    void dropAbandonedDownloads(std::vector<std::string>& done) {
+        const std::string shownFolder = shown(".downloads");
+        const OpsFd folder(ops, ops.openat(rootFd.get(), ".downloads",
+                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder) {
+            if (errno == ENOENT) return;
+            failed(shownFolder + " cannot be opened", errno);
+        }
+        const auto entries = ops.listFolder(folder.get());
+        if (!entries) failed(shownFolder + " cannot be read", errno);
+        for (const auto& [name, isFolder] : *entries) {
+            if (isFolder) continue;
+            const OpsFd file(ops, ops.openat(folder.get(), name.c_str(),
+                                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+            struct stat held {
+            }, named{};
+            if (!file || ops.flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
+                ops.fstat(file.get(), &held) != 0 || !S_ISREG(held.st_mode) ||
+                ops.lstatat(folder.get(), name.c_str(), &named) != 0 ||
+                named.st_ino != held.st_ino || named.st_dev != held.st_dev)
+                continue;
+            if (ops.unlinkat(folder.get(), name.c_str(), 0) != 0)
+                failed(shownFolder + "/" + name + " cannot be removed", errno);
+            done.push_back("removed the abandoned download " + shownFolder + "/" + name);
         }
     }
 
@@ -750,6 +788,9 @@ struct AppStore::Impl {
     Options options;
     opc::FileSystemOpsSelector selector;
     const FileOps& ops;
+    // SQLite's I/O through `ops` when they are a seam's; declared before
+    // the database, whose connection must close before it goes.
+    std::unique_ptr<SeamVfs> vfs;
     OpsFd rootFd;
     std::unique_ptr<Database> db;
     std::unique_ptr<Records> records;
@@ -839,19 +880,26 @@ std::vector<std::string> AppStore::recover() {
     RootLock lock(impl_->ops, impl_->rootFd.get(), RootLock::Mode::Exclusive, impl_->root.string());
     std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
     for (auto& line : impl_->settle(true)) done.push_back(std::move(line));
+    impl_->dropAbandonedDownloads(done);
     return done;
 }
 
 std::filesystem::path AppStore::downloadFolder() const {
-    const std::filesystem::path folder = impl_->root / ".downloads";
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    const Impl& impl = *impl_;
+    const std::filesystem::path folder = impl.root / ".downloads";
+    if (impl.ops.mkdirat(impl.rootFd.get(), ".downloads", 0700) != 0 && errno != EEXIST)
         failed(folder.string() + " cannot be made", errno);
     // One that exists must be this user's folder, not a link elsewhere.
     struct stat info {};
-    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())
+    if (impl.ops.lstatat(impl.rootFd.get(), ".downloads", &info) != 0 || !S_ISDIR(info.st_mode) ||
+        info.st_uid != ::geteuid())
         refuse(FaultKind::StoreFailed,
                folder.string() + ": not a folder of this user's; remove it");
     return folder;
+}
+
+const opc::detail::FileOps& RootStateAccess::ops(const AppStore& apps) {
+    return apps.impl_->ops;
 }
 
 std::optional<std::string> RootStateAccess::read(const AppStore& apps, const std::string& scope,

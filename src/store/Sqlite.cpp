@@ -4,11 +4,10 @@
 
 namespace tsappinstall::store::detail {
 
-Database::Database(const std::string& file, int busyMillis) : file_(file) {
+Database::Database(const std::string& file, int busyMillis, const char* vfs) : file_(file) {
     sqlite3* db = nullptr;
-    const int code =
-        sqlite3_open_v2(file.c_str(), &db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int code = sqlite3_open_v2(
+        file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, vfs);
     db_.reset(db);
     if (code != SQLITE_OK) fail(code, "cannot be opened");
     sqlite3_extended_result_codes(db, 1);

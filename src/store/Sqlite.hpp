@@ -17,7 +17,8 @@ class Database {
   public:
     // Opens (creating) the database file, read-write, with extended
     // result codes; waits up to `busyMillis` for another connection's lock.
-    Database(const std::string& file, int busyMillis);
+    // `vfs` names a registered VFS to open it with; null: SQLite's default.
+    Database(const std::string& file, int busyMillis, const char* vfs = nullptr);
     sqlite3* get() const { return db_.get(); }
     void exec(const char* sql) const;
     Statement prepare(const char* sql) const;
