@@ -312,12 +312,16 @@ struct AppStore::Impl {
             relative.substr(slash + 1, 1) != "v")
             return;  // not a folder name of ours: never act on it
         const std::string guid = relative.substr(0, slash);
-        // Staging folders of an extraction that died beside it go too.
-        opc::extraction::recover(folderOf(relative), selector);
+        const std::string leaf = relative.substr(slash + 1);
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, guid);
+        // A link planted in the folder's place goes first: the extraction's
+        // recovery opens the folder by its path, and would follow it.
+        if (app) removeLink(ops, app.get(), leaf, shown("apps/" + relative));
+        // Staging folders of an extraction that died beside it go too.
+        opc::extraction::recover(folderOf(relative), selector);
         if (!app) return;
-        removeTree(ops, app.get(), relative.substr(slash + 1), shown("apps/" + relative));
+        removeTree(ops, app.get(), leaf, shown("apps/" + relative));
         app.reset();
         if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
     }

@@ -179,8 +179,8 @@ class StoreFaults : public ::testing::Test {
         }
         fs::copy(templates().file("repo-empty"), templates().file("repo-one"),
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-        AppStore one(templates().file("repo-one"));
-        installFromRepository(one, "1.0");
+        AppStore installed(templates().file("repo-one"));
+        installFromRepository(installed, "1.0");
     }
     static void TearDownTestSuite() {
         templatesDir.reset();
@@ -274,7 +274,9 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                     EXPECT_TRUE(state == op.before || state == op.after)
                         << op.name << " family " << family << " call " << n
                         << (persistent ? "+" : "") << ": " << state;
-                    if (op.fromRepository) EXPECT_EQ(downloadsAfterRecovery(work()).size(), 0u);
+                    if (op.fromRepository) {
+                        EXPECT_EQ(downloadsAfterRecovery(work()), std::vector<std::string>());
+                    }
                     if (ops.calls < n) break;  // every call of the family went through
                 }
             }
@@ -301,7 +303,9 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
                 const std::string state = settledState(work());
                 EXPECT_TRUE(state == op.before || state == op.after)
                     << op.name << " family " << family << " call " << n << ": " << state;
-                if (op.fromRepository) EXPECT_EQ(downloadsAfterRecovery(work()).size(), 0u);
+                if (op.fromRepository) {
+                    EXPECT_EQ(downloadsAfterRecovery(work()), std::vector<std::string>());
+                }
                 if (!killed) break;  // the family has no n-th call
             }
         }
@@ -383,7 +387,8 @@ TEST_F(StoreFaults, PlantedLinksOutOfTheRootAreNeverFollowed) {
     const TempDir outside;
     const std::string target = outside.file("target");
     const std::vector<std::pair<const char*, std::function<void(AppStore&)>>> runs = {
-        {"remove", [](AppStore& s) { s.remove(kGuid, true); }},
+        {"remove", [](AppStore& s) { s.remove(kGuid); }},
+        {"purge", [](AppStore& s) { s.remove(kGuid, true); }},
         {"audit", [](AppStore& s) { s.audit(kGuid); }},
         {"rollback", [](AppStore& s) { s.rollback(kGuid); }},
         {"recover", [](AppStore& s) { s.recover(); }},
