@@ -1,6 +1,7 @@
 // Install, upgrade, rollback, remove, recovery and installs from a
 // repository under every failing file-system call (each call of each
-// family, SQLite's own and the download's included, once and from there on)
+// family, SQLite's own and the download's included, once and from there on;
+// sampled where a family makes many)
 // and under kill -9, the recovery that follows a crash killed in turn too:
 // once the root is opened again it holds the old state or the new one,
 // files and records agree, every app audits clean and recovery leaves no
@@ -141,14 +142,19 @@ struct Operation {
     bool fromRepository = false;
 };
 
-// Whether the n-th call of a family that makes `count` is tried. An install
-// from a repository makes hundreds more (the index's check, the download,
-// SQLite's pages), and every one of them would take minutes: its first
-// eight, its last four and about twelve evenly between are tried.
+// Whether the n-th call of a family that makes `count` is tried. With
+// SQLite's reads, locks and page writes in the seam a family may make
+// hundreds of calls, and an install from a repository hundreds more (the
+// index's check, the download): up to 80 of a store operation's calls (24
+// of a repository install's) are all tried; beyond that the first third of
+// those, the last four and the rest evenly between, so that each loop
+// stays within a minute or two.
 bool tried(const Operation& op, long n, long count) {
-    if (!op.fromRepository || count <= 24) return true;
-    const long stride = (count - 12) / 12;
-    return n <= 8 || n > count - 4 || (n - 8) % stride == 0;
+    const long most = op.fromRepository ? 24 : 80;
+    if (count <= most) return true;
+    const long first = most / 3, last = 4;
+    const long stride = (count - first - last) / (most - first - last);
+    return n <= first || n > count - last || (n - first) % stride == 0;
 }
 
 class StoreFaults : public ::testing::Test {
