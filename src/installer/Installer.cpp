@@ -14,6 +14,7 @@
 #include "platform/base/Random.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "platform/base/WriteAll.hpp"
+#include "repository/Download.hpp"
 #include "store/RootState.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -254,20 +255,21 @@ auto aboutRemote(const Remote& remote, Run run) {
     }
 }
 
-// Removes a downloaded package whatever the install did.
+// Removes a downloaded package whatever the install did, through the
+// store's operations; the file's lock, held until then, tells recovery
+// that it is in use.
 class DownloadedFile {
   public:
-    explicit DownloadedFile(fs::path path) : path_(std::move(path)) {}
-    ~DownloadedFile() {
-        std::error_code ignored;
-        fs::remove(path_, ignored);
-    }
+    DownloadedFile(const opc::detail::FileOps& ops, repository::detail::Downloaded file)
+        : ops_(ops), file_(std::move(file)) {}
+    ~DownloadedFile() { ops_.unlinkat(AT_FDCWD, file_.path.c_str(), 0); }
     DownloadedFile(const DownloadedFile&) = delete;
     DownloadedFile& operator=(const DownloadedFile&) = delete;
-    const fs::path& path() const { return path_; }
+    const fs::path& path() const { return file_.path; }
 
   private:
-    fs::path path_;
+    const opc::detail::FileOps& ops_;
+    repository::detail::Downloaded file_;
 };
 
 }  // namespace
@@ -475,8 +477,11 @@ std::optional<Offer> Installer::find(const std::string& app, const store::HostPr
 store::InstallResult Installer::install(const Offer& offer, const store::HostProfile& host,
                                         store::InstallOptions options) {
     const fs::path folder = apps_.downloadFolder();
-    const DownloadedFile file(aboutRemote(
-        offer.remote, [&] { return offer.repository->download(*offer.entry, folder); }));
+    const auto& ops = RootStateAccess::ops(apps_);
+    const DownloadedFile file(ops, aboutRemote(offer.remote, [&] {
+                                  return repository::detail::DownloadAccess::download(
+                                      *offer.repository, *offer.entry, folder, ops);
+                              }));
     options.trustAnchors =
         offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
     options.origin = toJson(offer.remote).dump();

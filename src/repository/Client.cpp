@@ -9,11 +9,10 @@
 #include <cstring>
 #include <optional>
 
+#include "Download.hpp"
 #include "Transfer.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/Random.hpp"
-#include "platform/base/UniqueFd.hpp"
-#include "platform/base/WriteAll.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -25,6 +24,8 @@ namespace tsappinstall::repository {
 namespace {
 
 namespace fs = std::filesystem;
+using opc::detail::FileOps;
+using opc::detail::OpsFd;
 
 [[noreturn]] void fail(FaultKind kind, const std::string& what) {
     throw Error(kind, what);
@@ -132,21 +133,24 @@ std::string days(std::int64_t seconds) {
 // The partial file of one package in one folder, held by one download at a
 // time: another download of the same package into the same folder (two
 // installs at once) waits until this one renamed or removed it, then takes
-// the file then under that name, so that no two ever write one file.
+// the file then under that name, so that no two ever write one file. The
+// lock goes with the file when it is renamed, for as long as the holder
+// keeps it.
 class PartialFile {
   public:
-    explicit PartialFile(fs::path path) : path_(std::move(path)) {
+    PartialFile(const FileOps& ops, int folder, std::string name, fs::path shown)
+        : ops_(ops), folder_(folder), name_(std::move(name)), path_(std::move(shown)) {
         for (;;) {
-            opc::detail::UniqueFd fd(
-                ::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600));
+            OpsFd fd(ops_, ops_.openat(folder_, name_.c_str(),
+                                       O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW, 0600));
             if (!fd) failOn(FaultKind::CannotWrite, "cannot create", path_);
-            while (::flock(fd.get(), LOCK_EX) != 0)
+            while (ops_.flock(fd.get(), LOCK_EX) != 0)
                 if (errno != EINTR) failOn(FaultKind::CannotWrite, "cannot lock", path_);
             struct stat held {
             }, named{};
-            if (::fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode))
+            if (ops_.fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode))
                 fail(FaultKind::CannotWrite, path_.string() + " is not a regular file");
-            if (::lstat(path_.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
+            if (ops_.lstatat(folder_, name_.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
                 named.st_ino == held.st_ino) {
                 fd_ = std::move(fd);
                 return;
@@ -155,25 +159,39 @@ class PartialFile {
     }
     const fs::path& path() const { return path_; }
     int fd() const { return fd_.get(); }
+    const FileOps& ops() const { return ops_; }
     std::uint64_t size() const {
         struct stat info {};
-        return ::fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+        return ops_.fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
     }
     void truncate() const {
-        if (::ftruncate(fd_.get(), 0) != 0)
+        if (ops_.ftruncate(fd_.get(), 0) != 0)
             failOn(FaultKind::CannotWrite, "cannot truncate", path_);
     }
-    void remove() const { ::unlink(path_.c_str()); }
+    void write(const char* data, std::size_t size) const {
+        if (ops_.writeAll(fd_.get(), data, size) != 0)
+            failOn(FaultKind::CannotWrite, "cannot write", path_);
+    }
+    void remove() const { ops_.unlinkat(folder_, name_.c_str(), 0); }
+    // Renames it to `target` in its folder; the lock comes along.
+    OpsFd renameTo(const std::string& target) {
+        if (ops_.renameat(folder_, name_.c_str(), folder_, target.c_str()) != 0) {
+            const int error = errno;
+            remove();
+            errno = error;
+            failOn(FaultKind::CannotWrite, "cannot rename the download to",
+                   path_.parent_path() / target);
+        }
+        return std::move(fd_);
+    }
 
   private:
+    const FileOps& ops_;
+    int folder_;
+    std::string name_;
     fs::path path_;
-    opc::detail::UniqueFd fd_;
+    OpsFd fd_;
 };
-
-void writeAll(int fd, const char* data, std::size_t size) {
-    if (opc::detail::write_all(fd, data, size) != 0)
-        fail(FaultKind::CannotWrite, "cannot write the download");
-}
 
 // The SHA-256 of the partial file, kept up with the bytes as they are
 // written, so that the download is not read again to be checked.
@@ -185,9 +203,8 @@ class PartialHash {
         if (size < done_) restart();
         unsigned char buffer[1 << 16];
         while (done_ < size) {
-            const ssize_t got =
-                ::pread(partial.fd(), buffer, sizeof buffer, static_cast<off_t>(done_));
-            if (got < 0 && errno == EINTR) continue;
+            const long got = partial.ops().readAt(partial.fd(), buffer, sizeof buffer,
+                                                  static_cast<long long>(done_));
             if (got <= 0) fail(FaultKind::CannotRead, "cannot read " + partial.path().string());
             update(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(got));
         }
@@ -235,7 +252,7 @@ void attempt(const std::string& location, const PackageEntry& entry, const Parti
                    fail(FaultKind::SizeMismatch, entry.file + ": the source sent more than the " +
                                                      std::to_string(entry.size) +
                                                      " bytes the index lists");
-               writeAll(partial.fd(), data, size);
+               partial.write(data, size);
                hash.update(data, size);
                written += size;
            }});
@@ -305,22 +322,32 @@ std::string RepositoryIdentity::key() const {
 }
 
 fs::path Repository::download(const PackageEntry& entry, const fs::path& folder) const {
+    return detail::DownloadAccess::download(*this, entry, folder, opc::detail::posixFileOps()).path;
+}
+
+namespace detail {
+
+Downloaded DownloadAccess::download(const Repository& repository, const PackageEntry& entry,
+                                    const fs::path& folder, const FileOps& ops) {
     if (!isPlainFileName(entry.file))
         fail(FaultKind::BadIndex, "not a plain package name: " + entry.file);
-    const PartialFile partial(folder / (entry.file + ".part"));
+    const ClientOptions& options = repository.options_;
+    const OpsFd into(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!into) failOn(FaultKind::CannotWrite, "cannot open", folder);
+    PartialFile partial(ops, into.get(), entry.file + ".part", folder / (entry.file + ".part"));
     // The finished file is this download's alone: another download of the
     // same package may finish while the caller still reads this one.
-    const fs::path target = folder / (opc::detail::randomToken(4) + "-" + entry.file);
-    const Deadline deadline = downloadDeadline(entry, options_);
-    const TransferOptions transfer = transferOptions(options_, *connection_, deadline);
+    const std::string target = opc::detail::randomToken(4) + "-" + entry.file;
+    const Deadline deadline = downloadDeadline(entry, options);
+    const TransferOptions transfer = transferOptions(options, *repository.connection_, deadline);
     std::string lastFailure;
     PartialHash hash;
-    const int attempts = std::max(1, options_.attempts);
+    const int attempts = std::max(1, options.attempts);
     int made = 0;
     while (made < attempts) {
         ++made;
         try {
-            attempt(location_, entry, partial, hash, transfer, options_);
+            attempt(repository.location_, entry, partial, hash, transfer, options);
             lastFailure.clear();
             break;
         } catch (const Error& e) {
@@ -344,17 +371,15 @@ fs::path Repository::download(const PackageEntry& entry, const fs::path& folder)
         fail(FaultKind::DigestMismatch,
              entry.file + ": its SHA-256 is " + sha256 + ", the index lists " + entry.sha256);
     }
-    if (::rename(partial.path().c_str(), target.c_str()) != 0) {
-        partial.remove();
-        fail(FaultKind::CannotWrite, "cannot rename the download to " + target.string());
-    }
+    Downloaded done{folder / target, partial.renameTo(target)};
     try {
-        checkAgainstEntry(target, entry);
+        checkAgainstEntry(done.path, entry);
     } catch (...) {
-        ::unlink(target.c_str());
+        ops.unlinkat(into.get(), target.c_str(), 0);
         throw;
     }
-    return target;
+    return done;
 }
 
+}  // namespace detail
 }  // namespace tsappinstall::repository

@@ -18,6 +18,7 @@
 #include "Records.hpp"
 #include "RootState.hpp"
 #include "Schema.hpp"
+#include "SeamVfs.hpp"
 #include "StoreFiles.hpp"
 #include "Unpack.hpp"
 #include "inspect/OpenedCheck.hpp"
@@ -109,7 +110,8 @@ struct AppStore::Impl {
           options(std::move(opts)),
           selector(selected),
           ops(opc::detail::fileOpsOf(selector)),
-          lockWait{options.lockWait, options.lockWaiting} {
+          lockWait{options.lockWait, options.lockWaiting},
+          vfs(selected.ops() ? std::make_unique<SeamVfs>(ops) : nullptr) {
         if (options.readOnly) {
             openReadOnly();
             return;
@@ -206,13 +208,15 @@ struct AppStore::Impl {
     // as this object lives, so that no writer commits meanwhile (a writer
     // changes the file only under the lock, or as it checkpoints a -wal,
     // which would then be there).
+    const char* vfsName() const { return vfs ? vfs->name() : nullptr; }
+
     void openReadOnly() {
         rootFd = OpsFd(ops, ops.openat(AT_FDCWD, root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!rootFd) failed(root.string() + " cannot be opened", errno);
         holdOpen();
         refuseAnythingButAFile();
         const std::string file = shown("store.db");
-        db = std::make_unique<Database>(file, kBusyMillis, Database::Open::ReadOnly);
+        db = std::make_unique<Database>(file, kBusyMillis, Database::Open::ReadOnly, vfsName());
         try {
             checkReadable(*db);
         } catch (const StoreError&) {
@@ -221,7 +225,8 @@ struct AppStore::Impl {
             db.reset();
             readerLock.emplace(ops, rootFd.get(), RootLock::Mode::Shared, root.string(), lockWait);
             db = std::make_unique<Database>(
-                file, kBusyMillis, hasWal() ? Database::Open::ReadOnly : Database::Open::Immutable);
+                file, kBusyMillis, hasWal() ? Database::Open::ReadOnly : Database::Open::Immutable,
+                vfsName());
             checkReadable(*db);
         }
         records = std::make_unique<Records>(*db);
@@ -280,7 +285,8 @@ struct AppStore::Impl {
             making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string(), lockWait);
         refuseAnythingButAFile();
         makeFolder(ops, rootFd.get(), "apps", shown("apps"));
-        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis);
+        db = std::make_unique<Database>((root / "store.db").string(), kBusyMillis,
+                                        Database::Open::ReadWrite, vfsName());
         if (!making && !isCurrent(*db))
             making.emplace(ops, rootFd.get(), RootLock::Mode::Exclusive, root.string(), lockWait);
         migrate(*db, [this](const std::string& folder) { return storedSignature(folder); });
@@ -485,12 +491,16 @@ struct AppStore::Impl {
             relative.substr(slash + 1, 1) != "v")
             return;  // not a folder name of ours: never act on it
         const std::string guid = relative.substr(0, slash);
-        // Staging folders of an extraction that died beside it go too.
-        opc::extraction::recover(folderOf(relative), selector);
+        const std::string leaf = relative.substr(slash + 1);
         const OpsFd apps = appsFolder();
         OpsFd app = appFolderIfThere(apps, guid);
+        // A link planted in the folder's place goes first: the extraction's
+        // recovery opens the folder by its path, and would follow it.
+        if (app) removeLink(ops, app.get(), leaf, shown("apps/" + relative));
+        // Staging folders of an extraction that died beside it go too.
+        opc::extraction::recover(folderOf(relative), selector);
         if (!app) return;
-        removeTree(ops, app.get(), relative.substr(slash + 1), shown("apps/" + relative));
+        removeTree(ops, app.get(), leaf, shown("apps/" + relative));
         app.reset();
         if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
     }
@@ -513,6 +523,37 @@ struct AppStore::Impl {
             settle(false, kept);
         } catch (const std::exception& e) {
             leftOver.push_back(e.what());
+        }
+    }
+
+    // Downloads a crash, or a removal that failed, left in ROOT/.downloads.
+    // A download at work holds its file's lock until the package is
+    // installed and removed, so a file whose lock is free is no one's; one
+    // renamed or replaced while it was being locked is looked at no further.
+    void dropAbandonedDownloads(std::vector<std::string>& done) {
+        const std::string shownFolder = shown(".downloads");
+        const OpsFd folder(ops, ops.openat(rootFd.get(), ".downloads",
+                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder) {
+            if (errno == ENOENT) return;
+            failed(shownFolder + " cannot be opened", errno);
+        }
+        const auto entries = ops.listFolder(folder.get());
+        if (!entries) failed(shownFolder + " cannot be read", errno);
+        for (const auto& [name, isFolder] : *entries) {
+            if (isFolder) continue;
+            const OpsFd file(ops, ops.openat(folder.get(), name.c_str(),
+                                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+            struct stat held {
+            }, named{};
+            if (!file || ops.flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
+                ops.fstat(file.get(), &held) != 0 || !S_ISREG(held.st_mode) ||
+                ops.lstatat(folder.get(), name.c_str(), &named) != 0 ||
+                named.st_ino != held.st_ino || named.st_dev != held.st_dev)
+                continue;
+            if (ops.unlinkat(folder.get(), name.c_str(), 0) != 0)
+                failed(shownFolder + "/" + name + " cannot be removed", errno);
+            done.push_back("removed the abandoned download " + shownFolder + "/" + name);
         }
     }
 
@@ -1120,6 +1161,9 @@ struct AppStore::Impl {
     opc::FileSystemOpsSelector selector;
     const FileOps& ops;
     LockWait lockWait;
+    // SQLite's I/O through `ops` when they are a seam's; declared before
+    // the database, whose connection must close before it goes.
+    std::unique_ptr<SeamVfs> vfs;
     OpsFd rootFd;
     bool present = false;                            // the shared flock on rootFd is held
     bool madeDatabase = false;                       // this object made store.db
@@ -1250,22 +1294,28 @@ std::vector<std::string> AppStore::recover() {
     RootLock lock = impl_->lockRoot(RootLock::Mode::Exclusive);
     std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
     for (auto& line : impl_->settle(true)) done.push_back(std::move(line));
+    impl_->dropAbandonedDownloads(done);
     return done;
 }
 
 std::filesystem::path AppStore::downloadFolder() const {
-    const std::filesystem::path folder = impl_->root / ".downloads";
-    if (impl_->options.readOnly)
-        refuse(FaultKind::StoreFailed,
-               impl_->root.string() + " is open read-only: it is not changed");
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    const Impl& impl = *impl_;
+    const std::filesystem::path folder = impl.root / ".downloads";
+    if (impl.options.readOnly)
+        refuse(FaultKind::StoreFailed, impl.root.string() + " is open read-only: it is not changed");
+    if (impl.ops.mkdirat(impl.rootFd.get(), ".downloads", 0700) != 0 && errno != EEXIST)
         failed(folder.string() + " cannot be made", errno);
     // One that exists must be this user's folder, not a link elsewhere.
     struct stat info {};
-    if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())
+    if (impl.ops.lstatat(impl.rootFd.get(), ".downloads", &info) != 0 || !S_ISDIR(info.st_mode) ||
+        info.st_uid != ::geteuid())
         refuse(FaultKind::StoreFailed,
                folder.string() + ": not a folder of this user's; remove it");
     return folder;
+}
+
+const opc::detail::FileOps& RootStateAccess::ops(const AppStore& apps) {
+    return apps.impl_->ops;
 }
 
 std::optional<std::string> RootStateAccess::read(const AppStore& apps, const std::string& scope,

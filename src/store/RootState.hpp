@@ -11,6 +11,10 @@
 
 #include "tsappinstall/store/AppStore.hpp"
 
+namespace opc::detail {
+class FileOps;
+}
+
 namespace tsappinstall::store::detail {
 
 // The signer keys (SHA-256 of the public key, hex) that a recorded
@@ -33,6 +37,9 @@ struct RootStateAccess {
                        const Change& change);
     // Forgets the value, if there is one.
     static void erase(AppStore& apps, const std::string& scope, const std::string& key);
+    // The file operations the store runs on, for what the installer does
+    // in the root (its downloads).
+    static const opc::detail::FileOps& ops(const AppStore& apps);
 };
 
 }  // namespace tsappinstall::store::detail

@@ -22,14 +22,15 @@ std::string uriOf(const std::string& file) {
 
 }  // namespace
 
-Database::Database(const std::string& file, int busyMillis, Open open) : file_(file) {
+Database::Database(const std::string& file, int busyMillis, Open open, const char* vfs)
+    : file_(file) {
     sqlite3* db = nullptr;
     const int flags = open == Open::ReadWrite ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
                                               : SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
     const std::string name = open == Open::ReadWrite  ? file
                              : open == Open::ReadOnly ? uriOf(file)
                                                       : uriOf(file) + "?immutable=1";
-    const int code = sqlite3_open_v2(name.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int code = sqlite3_open_v2(name.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, vfs);
     db_.reset(db);
     if (code != SQLITE_OK) fail(code, "cannot be opened");
     sqlite3_extended_result_codes(db, 1);

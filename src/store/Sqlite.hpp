@@ -21,8 +21,10 @@ class Database {
     // and no -wal: only for a database no one can change meanwhile.
     enum class Open { ReadWrite, ReadOnly, Immutable };
     // Opens the database file with extended result codes; waits up to
-    // `busyMillis` for another connection's lock.
-    Database(const std::string& file, int busyMillis, Open open = Open::ReadWrite);
+    // `busyMillis` for another connection's lock. `vfs` names a registered
+    // VFS to open it with; null: SQLite's default.
+    Database(const std::string& file, int busyMillis, Open open = Open::ReadWrite,
+             const char* vfs = nullptr);
     sqlite3* get() const { return db_.get(); }
     void exec(const char* sql) const;
     Statement prepare(const char* sql) const;

@@ -1,23 +1,31 @@
-// Install, upgrade, rollback, remove and recovery under every failing
-// file-system call (each call of each family, once and from there on) and
-// under kill -9, the recovery that follows a crash killed in turn too: once
-// the root is opened again it holds the old state or the new one, files
-// and records agree and every app audits clean.
+// Install, upgrade, rollback, remove, recovery and installs from a
+// repository under every failing file-system call (each call of each
+// family, SQLite's own and the download's included, once and from there on;
+// sampled where a family makes many)
+// and under kill -9, the recovery that follows a crash killed in turn too:
+// once the root is opened again it holds the old state or the new one,
+// files and records agree, every app audits clean and recovery leaves no
+// download behind.
 
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 
 #include "platform/extract/FileOps.hpp"
+#include "repository/RepositoryTestSupport.hpp"
 #include "store/FileSeam.hpp"
 #include "store/StoreTestSupport.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 
 namespace {
 
@@ -25,6 +33,9 @@ namespace fs = std::filesystem;
 using namespace tsapp::test;
 using namespace tsappinstall::store;
 using opc::detail::FileCall;
+using tsappinstall::installer::Installer;
+
+const char* const kHello = "0123abcd-0000-4000-8000-00000000000a";
 
 // Fails the n-th call of one family, and with `persistent` every later one.
 struct FailingOps : opc::detail::FileOps {
@@ -102,13 +113,50 @@ detail::FileSeam seam(const opc::detail::FileOps& ops) {
     return {opc::FileSystemOpsSelector(&ops)};
 }
 
+// Installs `version` of the app the root's one recorded repository
+// offers, as a host's installer does: index, download, install.
+void installFromRepository(AppStore& apps, const std::string& version) {
+    Installer installer(apps);
+    const auto remote = installer.remotes().at(0);
+    const auto repository = installer.fetch(remote);
+    for (const auto& entry : repository->index().packages)
+        if (entry.guid == kHello && entry.version == version) {
+            installer.install({remote, repository, &entry}, fittingHost(), {});
+            return;
+        }
+    throw std::runtime_error("the repository offers no version " + version);
+}
+
+// What is left in the root's download folder once recovery ran.
+std::vector<std::string> downloadsAfterRecovery(const std::string& root) {
+    AppStore(root).recover();
+    const std::string folder = root + "/.downloads";
+    return fs::exists(folder) ? filesIn(folder) : std::vector<std::string>();
+}
+
 struct Operation {
     const char* name;
     const char* start;  // the template root it starts from
     std::function<void(AppStore&, const TempDir&)> run;
     std::string before, after;  // settledState() of either outcome
     std::string mine = {};      // a file the user changed (below the root), kept in both
+    bool fromRepository = false;
 };
+
+// Whether the n-th call of a family that makes `count` is tried. With
+// SQLite's reads, locks and page writes in the seam a family may make
+// hundreds of calls, and an install from a repository hundreds more (the
+// index's check, the download): up to 48 of a store operation's calls (24
+// of a repository install's) are all tried; beyond that the first third of
+// those, the last four and the rest evenly between, so that each loop
+// stays within a minute or two.
+bool tried(const Operation& op, long n, long count) {
+    const long most = op.fromRepository ? 24 : 48;
+    if (count <= most) return true;
+    const long first = most / 3, last = 4;
+    const long stride = (count - first - last) / (most - first - last);
+    return n <= first || n > count - last || (n - first) % stride == 0;
+}
 
 class StoreFaults : public ::testing::Test {
   protected:
@@ -141,8 +189,21 @@ class StoreFaults : public ::testing::Test {
             AppStore(templates().file("crashed"), {1}, seam(ops))
                 .install(package("1.3.0"), fittingHost());
         });
+        published = std::make_unique<Published>();
+        tsappinstall::repository::indexFolder(published->repo(), published->signing());
+        {
+            AppStore apps(templates().file("repo-empty"));
+            Installer(apps).add({"main", published->repo(), {published->dir.file("ca.pem")}, ""});
+        }
+        fs::copy(templates().file("repo-empty"), templates().file("repo-one"),
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        AppStore installed(templates().file("repo-one"));
+        installFromRepository(installed, "1.0");
     }
-    static void TearDownTestSuite() { templatesDir.reset(); }
+    static void TearDownTestSuite() {
+        templatesDir.reset();
+        published.reset();
+    }
     static const TempDir& templates() { return *templatesDir; }
     static std::string& changedFile() {
         static std::string path;
@@ -166,9 +227,22 @@ class StoreFaults : public ::testing::Test {
     }
     std::string work() const { return dir.file("root"); }
 
+    // The calls of each family `op` makes, from its start.
+    std::array<long, opc::detail::kFileCallFamilies> countCalls(const Operation& op) {
+        reset(op.start);
+        CountingOps ops;
+        try {
+            AppStore apps(work(), {1}, seam(ops));
+            op.run(apps, dir);
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << op.name << ": " << e.what();
+        }
+        return ops.counts;
+    }
+
     // Of the calls `run` makes on the work root (left as it leaves it)
-    // in the families that change what is on disk, each family's first
-    // two, middle and last two.
+    // in the families that change what is on disk, each family's first,
+    // middle and last.
     std::vector<std::pair<FileCall, long>> changingCalls(
         const std::function<void(AppStore&)>& run) {
         CountingOps ops;
@@ -180,7 +254,7 @@ class StoreFaults : public ::testing::Test {
         for (const FileCall family : {FileCall::Mkdir, FileCall::Rename, FileCall::Unlink,
                                       FileCall::Write, FileCall::Symlink}) {
             const long count = ops.counts[static_cast<std::size_t>(family)];
-            for (const long n : std::set<long>{1, 2, count / 2, count - 1, count})
+            for (const long n : std::set<long>{1, count / 2, count})
                 if (n >= 1 && n <= count) calls.emplace_back(family, n);
         }
         return calls;
@@ -201,17 +275,27 @@ class StoreFaults : public ::testing::Test {
          std::string(kGuid) + "=1.4.0", changedFile()},
         // An upgrade killed between its link's switch and its records' commit.
         {"recover", "crashed", [](AppStore& s, const TempDir&) { s.recover(); }, one, one},
+        {"repository install", "repo-empty",
+         [](AppStore& s, const TempDir&) { installFromRepository(s, "1.0"); }, "",
+         std::string(kHello) + "=1.0", "", true},
+        {"repository upgrade", "repo-one",
+         [](AppStore& s, const TempDir&) { installFromRepository(s, "1.10"); },
+         std::string(kHello) + "=1.0", std::string(kHello) + "=1.10", "", true},
     };
     static std::unique_ptr<TempDir> templatesDir;
+    static std::unique_ptr<Published> published;
     TempDir dir;
 };
 std::unique_ptr<TempDir> StoreFaults::templatesDir;
+std::unique_ptr<Published> StoreFaults::published;
 
 TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
     for (const Operation& op : operations) {
+        const auto counts = countCalls(op);
         for (int family = 0; family < opc::detail::kFileCallFamilies; ++family) {
             for (bool persistent : {false, true}) {
                 for (long n = 1; n < 400; ++n) {
+                    if (!tried(op, n, counts[static_cast<std::size_t>(family)])) continue;
                     SCOPED_TRACE(std::string(op.name) + " family " + std::to_string(family) +
                                  " call " + std::to_string(n) + (persistent ? " on" : ""));
                     reset(op.start);
@@ -223,6 +307,9 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
                     }
                     expectOutcome(op, " family " + std::to_string(family) + " call " +
                                           std::to_string(n) + (persistent ? "+" : ""));
+                    if (op.fromRepository) {
+                        EXPECT_EQ(downloadsAfterRecovery(work()), std::vector<std::string>());
+                    }
                     if (ops.calls < n) break;  // every call of the family went through
                 }
             }
@@ -236,8 +323,10 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
 // publishes it).
 TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
     for (const Operation& op : operations) {
+        const auto counts = countCalls(op);
         for (int family = 0; family < opc::detail::kFileCallFamilies; ++family) {
             for (long n = 1; n < 400; ++n) {
+                if (!tried(op, n, counts[static_cast<std::size_t>(family)])) continue;
                 reset(op.start);
                 const bool killed = killedWhile([&] {
                     DyingOps ops(static_cast<FileCall>(family), n);
@@ -246,6 +335,9 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
                 });
                 expectOutcome(op,
                               " family " + std::to_string(family) + " call " + std::to_string(n));
+                if (op.fromRepository) {
+                    EXPECT_EQ(downloadsAfterRecovery(work()), std::vector<std::string>());
+                }
                 if (!killed) break;  // the family has no n-th call
             }
         }
@@ -255,12 +347,14 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
 // Killed just after a call that changes what is on disk (where the next
 // step may be a commit, which makes no call), then killed again just after
 // such a call of the recovery that follows: the next recovery still
-// converges on the old state or the new. Each family's first two, middle
-// and last two calls are taken, where an operation's steps begin and end:
-// every pair of moments would take minutes.
+// converges on the old state or the new. Each family's first, middle and
+// last calls are taken, the operation's and the recovery's, where their
+// steps begin and end: every pair of moments would take minutes. An install from a repository ends
+// in the store's install, which the first two operations take here already.
 TEST_F(StoreFaults, KilledAgainWhileRecoveringStillConverges) {
     const auto recover = [&](AppStore& apps) { apps.recover(); };
     for (const Operation& op : operations) {
+        if (op.fromRepository) continue;
         const auto run = [&](AppStore& apps) { op.run(apps, dir); };
         reset(op.start);
         for (const auto& [family, n] : changingCalls(run)) {
@@ -311,6 +405,135 @@ TEST_F(StoreFaults, KillNineLeavesTheOldStateOrTheNew) {
             ::waitpid(child, &status, 0);
             expectOutcome(op, " at " + std::to_string(moment));
         }
+    }
+}
+
+// A `current`, a `current.new` or a version's folder planted as a link out
+// of the root is never followed: whatever remove, audit, rollback or
+// recovery make of it (and the recovery after them), a copy of the
+// version's files where it leads, which a follower would take for the
+// version's own, is left byte for byte.
+TEST_F(StoreFaults, PlantedLinksOutOfTheRootAreNeverFollowed) {
+    const TempDir outside;
+    const std::string target = outside.file("target");
+    const std::vector<std::pair<const char*, std::function<void(AppStore&)>>> runs = {
+        {"remove", [](AppStore& s) { s.remove(kGuid); }},
+        {"purge", [](AppStore& s) { s.remove(kGuid, true); }},
+        {"audit", [](AppStore& s) { s.audit(kGuid); }},
+        {"rollback", [](AppStore& s) { s.rollback(kGuid); }},
+        {"recover", [](AppStore& s) { s.recover(); }},
+    };
+    for (const std::string planted : {"current", "current.new", "current version", "previous"}) {
+        for (const auto& [name, run] : runs) {
+            SCOPED_TRACE(planted + " then " + name);
+            reset("two");
+            const std::string app = work() + "/apps/" + kGuid;
+            AppStore shown(work());
+            const auto versions = shown.show(kGuid);
+            const std::string current = versions.current.folder.string();
+            const std::string previous = versions.previous.at(0).folder.string();
+            fs::remove_all(target);
+            fs::copy(planted == "previous" ? previous : current, target,
+                     fs::copy_options::recursive);
+            const Tree before = snapshot_tree(outside.path());
+            const std::string at = planted == "current version" ? current
+                                   : planted == "previous"      ? previous
+                                                                : app + "/" + planted;
+            fs::remove_all(at);
+            fs::create_directory_symlink(target, at);
+            for (const auto& step : {run, runs.back().second}) {
+                try {
+                    AppStore apps(work());
+                    step(apps);
+                } catch (const std::exception&) {
+                }
+            }
+            EXPECT_EQ(snapshot_tree(outside.path()), before);
+            EXPECT_TRUE(fs::is_symlink(fs::symlink_status(at)) ||
+                        !fs::exists(fs::symlink_status(at)));
+        }
+    }
+}
+
+// Calls per "SYSCALL FILE" on the root's database files (store.db,
+// store.db-wal...), from the lines `strace -f -y` wrote:
+// "PID pwrite64(5</ROOT/store.db-wal>, ...".
+std::map<std::string, long> databaseCalls(const std::string& traced, const std::string& root) {
+    std::map<std::string, long> calls;
+    std::ifstream in(traced);
+    const std::string folder = root + "/";
+    for (std::string line; std::getline(in, line);) {
+        const auto open = line.find('(');
+        if (open == std::string::npos) continue;
+        const auto fd = line.find_first_not_of("0123456789", open + 1);
+        if (fd == std::string::npos || line[fd] != '<' ||
+            line.compare(fd + 1, folder.size(), folder) != 0)
+            continue;
+        const auto start = fd + 1 + folder.size();
+        const std::string file = line.substr(start, line.find('>', start) - start);
+        if (file.rfind("store.db", 0) != 0) continue;
+        const auto space = line.rfind(' ', open);
+        const auto from = space == std::string::npos ? 0 : space + 1;
+        ++calls[line.substr(from, open - from) + " " + file];
+    }
+    return calls;
+}
+
+// The seam sees SQLite's I/O as the kernel does: during a remove and a
+// rollback (which write nothing but the database), each of SQLite's writes
+// and truncations of the database and its WAL is one Write of the seam,
+// and each flush of either one Fsync. The operation runs in a child of its
+// own under strace, on a root this process made.
+TEST(StoreSeam, SeesEveryWriteAndFlushOfTheDatabase) {
+    if (const char* root = std::getenv("TSAPP_COUNTED_ROOT")) {
+        CountingOps ops;
+        {
+            AppStore apps(root, {1}, seam(ops));
+            if (std::string(std::getenv("TSAPP_COUNTED_RUN")) == "remove")
+                apps.remove(kGuid);
+            else
+                apps.rollback(kGuid);
+        }
+        std::ofstream(std::getenv("TSAPP_COUNTED_OUT"))
+            << ops.counts[static_cast<std::size_t>(FileCall::Write)] << " "
+            << ops.counts[static_cast<std::size_t>(FileCall::Fsync)];
+        std::_Exit(0);
+    }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's runtime makes file-system calls of its own";
+#endif
+    if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "strace is missing";
+    const TempDir dir;
+    for (const std::string run : {"remove", "rollback"}) {
+        SCOPED_TRACE(run);
+        const std::string root = fs::canonical(dir.path()).string() + "/" + run;
+        {
+            AppStore apps(root);
+            apps.install(packApp(dir, AppRecipe("1.2.0"), "a"), fittingHost());
+            apps.install(packApp(dir, AppRecipe("1.3.0"), "b"), fittingHost());
+        }
+        const std::string command =
+            "TSAPP_COUNTED_ROOT=" + root + " TSAPP_COUNTED_RUN=" + run +
+            " TSAPP_COUNTED_OUT=" + dir.file("seam") +
+            " strace -f -y -e trace=write,pwrite64,pwritev,ftruncate,fsync,fdatasync -o " +
+            dir.file("strace") + " /proc/" + std::to_string(::getpid()) +
+            "/exe --gtest_filter=StoreSeam.SeesEveryWriteAndFlushOfTheDatabase >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+        long writes = -1, flushes = -1;
+        std::ifstream(dir.file("seam")) >> writes >> flushes;
+        long kernelWrites = 0, kernelFlushes = 0;
+        for (const auto& [call, count] : databaseCalls(dir.file("strace"), root)) {
+            const std::string name = call.substr(0, call.find(' '));
+            const std::string file = call.substr(call.find(' ') + 1);
+            if (name == "fsync" || name == "fdatasync")
+                kernelFlushes += count;
+            else if (file == "store.db" || file == "store.db-wal")
+                kernelWrites += count;  // not the -shm index, grown by mapping it
+        }
+        EXPECT_GT(writes, 0);
+        EXPECT_GT(flushes, 0);
+        EXPECT_EQ(kernelWrites, writes);
+        EXPECT_EQ(kernelFlushes, flushes);
     }
 }
 

@@ -17,6 +17,10 @@
 
 namespace tsappinstall::repository {
 
+namespace detail {
+struct DownloadAccess;
+}
+
 class Connection;
 
 // Who publishes an index: the repository it names and the key that signed
@@ -100,6 +104,7 @@ class TSAPP_API Repository {
                                    const std::filesystem::path& folder) const;
 
   private:
+    friend struct detail::DownloadAccess;
     std::string location_;
     ClientOptions options_;
     std::unique_ptr<Connection> connection_;

@@ -206,6 +206,15 @@ long FileOps::readlinkat(int dir, const char* name, char* buffer, std::size_t si
     return made(FileCall::Readlink, static_cast<long>(::readlinkat(dir, name, buffer, size)));
 }
 
+void FileOps::madeElsewhere(FileCall call) const {
+    made(call, 0);
+}
+
+int FileOps::ftruncate(int fd, off_t size) const {
+    if (failed(FileCall::Write)) return -1;
+    return made(FileCall::Write, ::ftruncate(fd, size));
+}
+
 namespace {
 
 // removeTree() for `name` in `parent`, which is `path` below the tree's own

@@ -85,6 +85,14 @@ class FileOps {
     std::optional<std::vector<FolderEntry>> listFolder(int fd) const;
     int symlinkat(const char* target, int dir, const char* name) const;
     long readlinkat(int dir, const char* name, char* buffer, std::size_t size) const;
+    // ftruncate(), a Write: it changes the file's bytes as a write does.
+    int ftruncate(int fd, off_t size) const;
+
+    // For a call that other code makes on our behalf (SQLite's own file
+    // I/O): admit() before it, 0 to make it or the errno it fails with;
+    // madeElsewhere() after it, as every call here is reported.
+    int admit(FileCall call) const { return fault(call); }
+    void madeElsewhere(FileCall call) const;
 
   protected:
     // 0 lets the call through; anything else is the errno it fails with.
