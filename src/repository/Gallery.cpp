@@ -99,14 +99,15 @@ std::string siteName(const Index& index, const GallerySite& site) {
     return "Apps of the \xE2\x80\x9C" + index.repository + "\xE2\x80\x9D repository";
 }
 
+// The releases an app works with, in words: "releases 2025.1 to 2027.4".
 std::string releaseRange(const PackageEntry& e) {
     const std::string& from = e.minRelease;
     const std::string& to = e.maxRelease;
-    if (from.empty() && to.empty()) return "Works with any release";
-    if (to.empty()) return "Works with release " + from + " and later";
-    if (from.empty()) return "Works with releases up to " + to;
-    if (from == to) return "Works with release " + from;
-    return "Works with releases " + from + " to " + to;
+    if (from.empty() && to.empty()) return "any release";
+    if (to.empty()) return "release " + from + " and later";
+    if (from.empty()) return "releases up to " + to;
+    if (from == to) return "release " + from;
+    return "releases " + from + " to " + to;
 }
 
 std::string platformsOf(const PackageEntry& e) {
@@ -245,7 +246,7 @@ std::string card(const std::vector<const PackageEntry*>& versions) {
     out += "<p class=\"meta\">Version " + markup_escaped(e.version) + " by " +
            markup_escaped(e.authorName.empty() ? "an unnamed author" : e.authorName) + "</p>\n";
     out += "<p class=\"summary\">" + markup_escaped(e.summary) + "</p>\n";
-    out += "<p class=\"meta\">" + markup_escaped(releaseRange(e)) + ", on " +
+    out += "<p class=\"meta\">Works with " + markup_escaped(releaseRange(e)) + ", on " +
            markup_escaped(platformsOf(e)) + "</p>\n";
     out += signedMark(e);
     out += "<p class=\"meta\"><a href=\"" + markup_escaped(e.file) + "\" download>Download</a> (" +
@@ -350,7 +351,7 @@ std::string appPage(const std::vector<const PackageEntry*>& versions, const Inde
     out += installBox(index, site, &e);
     out += image(e.screenshot, "Screenshot of " + e.name, "../", "shot");
     out += paragraphs(e.description);
-    out += "<p class=\"meta\">" + markup_escaped(releaseRange(e)) + ", on " +
+    out += "<p class=\"meta\">Works with " + markup_escaped(releaseRange(e)) + ", on " +
            markup_escaped(platformsOf(e)) + ". App ID <code class=\"token\">" +
            markup_escaped(e.guid) + "</code></p>\n";
     out +=

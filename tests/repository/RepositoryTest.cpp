@@ -107,26 +107,22 @@ TEST(RepositoryGallery, FitsEveryWidthShowsHowToInstallAndEscapesEveryManifestTe
     indexFolder(repo, options);
     fs::create_directory(empty);
     indexFolder(empty, published.signing("empty"));
-    const std::string key =
+    const std::string signerKey =
         tsappinstall::integrity::readCertificate(published.dir.file("signer.pem")).keyFingerprint;
 
-    // A copy of the page beside it whose script reports, once loaded, what
+    // A copy of each page beside it whose script reports, once loaded, what
     // the visitor would see; on the front page it also filters by a name
-    // in another case than the card's, outside ASCII. It is shown in a
-    // frame of the width tested, since a headless window is never
-    // narrower than 500 px, and the frame's page then takes its place.
+    // in another case than the card's, outside ASCII. They are loaded in
+    // frames of the widths tested (a headless window is never narrower
+    // than 500 px), all at once, and each frame's page then takes the
+    // frame's place, to be read in the one page dumped.
     const std::string probe = R"(<script>addEventListener('load',function(){
 var q=document.getElementById('q');if(q){q.value='\u00e4RGER';q.dispatchEvent(new Event('input'));}
 var icon=0;document.querySelectorAll('img.icon').forEach(function(i){icon=Math.max(icon,i.getBoundingClientRect().width);});
 document.body.setAttribute('data-probe','fits='+(document.documentElement.scrollWidth<=innerWidth)+
 ' icon='+icon+' shown='+[].filter.call(document.querySelectorAll('.card'),function(c){
 return c.getClientRects().length>0;}).length);});</script>)";
-    const std::string frame = R"(<script>addEventListener('load',function(){
-var d=document.querySelector('iframe').contentDocument;
-document.replaceChild(document.importNode(d.documentElement,true),document.documentElement);});</script>)";
-    const std::string shots = std::string(TSAPP_BINARY_DIR) + "/gallery-screenshots";
-    fs::create_directories(shots);
-    std::map<std::string, std::string> doms;
+    std::string frames = "<!DOCTYPE html><body>";
     const struct {
         std::string page;  // below the temporary folder
         std::string shot;
@@ -135,36 +131,49 @@ document.replaceChild(document.importNode(d.documentElement,true),document.docum
                  {"repo/apps/0123abcd-0000-4000-8000-00000000000b.html", "hostile-app", " shown=0"},
                  {"repo/apps/0123abcd-0000-4000-8000-00000000000d.html", "long-app", " shown=0"},
                  {"empty/index.html", "empty", " shown=0"}};
-    for (const int width : {1280, 360}) {
-        for (const auto& c : pages) {
-            const std::string page = published.dir.file(c.page);
-            const std::string chromium =
-                "TZ=UTC timeout 120 chromium --headless --no-sandbox --disable-gpu "
-                "--hide-scrollbars --allow-file-access-from-files --window-size=";
-            write_file(page + ".probe.html",
-                       replaced(read_file(page), "</body>", probe + "</body>"));
-            write_file(page + ".frame.html", "<!DOCTYPE html><iframe src=\"" +
-                                                 fs::path(page).filename().string() +
-                                                 ".probe.html\" width=\"" + std::to_string(width) +
-                                                 "\" height=\"900\"></iframe>" + frame);
-            sh(chromium + "1300,900 --dump-dom file://" + page + ".frame.html >" + page + ".dom");
-            const std::string dom = read_file(page + ".dom");
-            EXPECT_NE(dom.find("data-probe=\"fits=true icon="), std::string::npos)
-                << c.page << " at " << width << " px";
+    const int widths[] = {1280, 360};
+    for (const auto& c : pages) {
+        const std::string page = published.dir.file(c.page);
+        write_file(page + ".probe.html", replaced(read_file(page), "</body>", probe + "</body>"));
+        for (const int width : widths)
+            frames += "<iframe data-key=\"" + c.page + " " + std::to_string(width) + "\" src=\"" +
+                      c.page + ".probe.html\" width=\"" + std::to_string(width) +
+                      "\" height=\"900\"></iframe>";
+    }
+    write_file(published.dir.file("frames.html"), frames + R"(<script>
+addEventListener('load',function(){document.querySelectorAll('iframe').forEach(function(f){
+var s=document.createElement('section');s.setAttribute('data-key',f.getAttribute('data-key'));
+s.appendChild(document.importNode(f.contentDocument.documentElement,true));f.replaceWith(s);});});
+</script>)");
+    const std::string chromium =
+        "TZ=UTC timeout 120 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
+        "--allow-file-access-from-files --window-size=";
+    sh(chromium + "1300,900 --dump-dom file://" + published.dir.file("frames.html") + " >" +
+       published.dir.file("frames.dom"));
+    const std::string all = read_file(published.dir.file("frames.dom"));
+    const std::string shots = std::string(TSAPP_BINARY_DIR) + "/gallery-screenshots";
+    fs::create_directories(shots);
+    std::map<std::string, std::string> doms;
+    for (const auto& c : pages) {
+        for (const int width : widths) {
+            const std::string key = c.page + " " + std::to_string(width);
+            const auto from = all.find("<section data-key=\"" + key + "\">");
+            ASSERT_NE(from, std::string::npos) << key;
+            const std::string dom =
+                all.substr(from, all.find("<section data-key=", from + 1) - from);
+            EXPECT_NE(dom.find("data-probe=\"fits=true icon="), std::string::npos) << key;
             const auto icon = dom.find(" icon=");
-            EXPECT_LE(icon == std::string::npos ? 999 : std::stoi(dom.substr(icon + 6)), 96)
-                << c.page;
-            EXPECT_NE(dom.find(c.shown + "\""), std::string::npos) << c.page;
-            EXPECT_NE(dom.find("<section class=\"install\""), std::string::npos) << c.page;
-            EXPECT_NE(dom.find("it should read SHA-256 <code class=\"token\">" + key),
+            EXPECT_LE(icon == std::string::npos ? 999 : std::stoi(dom.substr(icon + 6)), 96) << key;
+            EXPECT_NE(dom.find(c.shown + "\""), std::string::npos) << key;
+            EXPECT_NE(dom.find("<section class=\"install\""), std::string::npos) << key;
+            EXPECT_NE(dom.find("it should read SHA-256 <code class=\"token\">" + signerKey),
                       std::string::npos)
-                << c.page;
+                << key;
             doms[c.page] = dom;
-            sh(chromium + std::to_string(width) + ",900 --screenshot=" + page + ".png file://" +
-               page);
-            EXPECT_GT(fs::exists(page + ".png") ? fs::file_size(page + ".png") : 0, 1000u);
-            fs::copy_file(page + ".png",
-                          shots + "/" + c.shot + "-" + std::to_string(width) + ".png",
+            const std::string page = published.dir.file(c.page), shot = page + ".png";
+            sh(chromium + std::to_string(width) + ",900 --screenshot=" + shot + " file://" + page);
+            EXPECT_GT(fs::exists(shot) ? fs::file_size(shot) : 0, 1000u) << key;
+            fs::copy_file(shot, shots + "/" + c.shot + "-" + std::to_string(width) + ".png",
                           fs::copy_options::overwrite_existing);
         }
     }
