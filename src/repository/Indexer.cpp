@@ -223,6 +223,7 @@ std::optional<std::string> readOwnFile(const fs::path& path) {
 struct Cache {
     std::uint64_t version = 0;
     std::string repository;
+    std::string url, title;  // the gallery's
     std::vector<std::string> revokedKeys;
     std::map<std::string, Outcome> files;
 };
@@ -235,6 +236,8 @@ Cache loadCache(const fs::path& folder) {
         const Json root = Json::parse(*text);
         cache.version = root.at("version").get<std::uint64_t>();
         cache.repository = root.value("repository", "");
+        cache.url = root.value("url", "");
+        cache.title = root.value("title", "");
         cache.revokedKeys = root.value("revokedKeys", std::vector<std::string>());
         for (const auto& [file, item] : root.at("files").items()) {
             Outcome o;
@@ -262,10 +265,9 @@ void saveCache(const fs::path& folder, const Cache& cache) {
         if (!o.images.empty()) item["images"] = o.images;
         files[file] = std::move(item);
     }
-    const Json root = {{"version", cache.version},
-                       {"repository", cache.repository},
-                       {"revokedKeys", cache.revokedKeys},
-                       {"files", files}};
+    const Json root = {
+        {"version", cache.version}, {"repository", cache.repository},   {"url", cache.url},
+        {"title", cache.title},     {"revokedKeys", cache.revokedKeys}, {"files", files}};
     writeAtomically(folder / kCacheFile, root.dump(-1, ' ', false, Json::error_handler_t::replace),
                     true);
 }
@@ -307,6 +309,16 @@ std::vector<std::string> revokedKeys(const IndexOptions& options,
 bool isRevoked(const Index& index, const std::string& key) {
     return !key.empty() &&
            std::binary_search(index.revokedKeys.begin(), index.revokedKeys.end(), key);
+}
+
+// A text of the gallery as given, else as given before. It goes into
+// pages and a command line a visitor copies: one line.
+std::string galleryText(const std::string& given, const std::string& before, const char* what) {
+    for (const unsigned char c : given)
+        if (c < 0x20 || c == 0x7f)
+            fail(FaultKind::Other,
+                 std::string("the gallery's ") + what + " holds a control character");
+    return given.empty() ? before : given;
 }
 
 // The identifier given, else the one the folder's index had.
@@ -444,12 +456,12 @@ void writeIfChanged(const fs::path& path, const std::string& bytes) {
     writeAtomically(path, bytes);
 }
 
-void writeGallery(const fs::path& folder, const Index& index) {
+void writeGallery(const fs::path& folder, const Index& index, const GallerySite& site) {
     makeFolder(folder / kAppsFolder);
     std::set<std::string> pages, images;
     for (const auto& versions : appsOf(index)) {
         const std::string page = appPageName(versions.front()->guid);
-        writeIfChanged(folder / kAppsFolder / page, appPage(versions));
+        writeIfChanged(folder / kAppsFolder / page, appPage(versions, index, site));
         pages.insert(page);
     }
     for (const PackageEntry& e : index.packages)
@@ -457,7 +469,7 @@ void writeGallery(const fs::path& folder, const Index& index) {
             if (!image->empty()) images.insert(fs::path(*image).filename().string());
     pruneFolder(folder / kAppsFolder, pages);
     pruneFolder(folder / IMAGES_FOLDER, images);
-    writeAtomically(folder / "index.html", galleryPage(index));
+    writeAtomically(folder / "index.html", galleryPage(index, site));
 }
 
 // Every index.json a reader can find has its signature in place: the
@@ -507,6 +519,10 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     previousIndex(folder, cache, index);
     index.repository = repositoryId(options, index.repository);
     index.revokedKeys = revokedKeys(options, index.revokedKeys);
+    GallerySite site;
+    site.url = galleryText(options.url, cache.url, "URL");
+    site.title = galleryText(options.title, cache.title, "title");
+    if (signer) site.signerKey = signer->certificate().keyFingerprint;
     makeFolder(folder / IMAGES_FOLDER);
 
     std::vector<Outcome> outcomes(files.size());
@@ -522,6 +538,8 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     next.version = index.version;
     next.repository = index.repository;
     next.revokedKeys = index.revokedKeys;
+    next.url = site.url;
+    next.title = site.title;
     for (std::size_t i = 0; i < files.size(); ++i) {
         Outcome& o = outcomes[i];
         for (const std::string& image : o.images) result.leftOutImages.push_back({files[i], image});
@@ -549,7 +567,7 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     result.packages = index.packages.size();
 
     const std::string text = formatIndex(index);
-    writeGallery(folder, index);
+    writeGallery(folder, index, site);
     writeSignatures(folder, index.version, text, signer ? &*signer : nullptr);
     writeAtomically(folder / INDEX_FILE, text, true);
     keepSignatures(folder, index.version, signer.has_value());

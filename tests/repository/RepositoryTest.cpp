@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "repository/RepositoryTestSupport.hpp"
 #include "store/RootState.hpp"
 #include "tsappinstall/installer/Installer.hpp"
+#include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/repository/Client.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
 
@@ -73,6 +75,9 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     fs::create_directory(published.dir.file("new"));
     EXPECT_EQ(error_of<Error>([&] { indexFolder(published.dir.file("new"), unnamed); }),
               "a new repository needs an identifier (such as \"stable\") that its index names");
+    unnamed.title = "two\nlines";
+    EXPECT_EQ(error_of<Error>([&] { indexFolder(repo, unnamed); }),
+              "the gallery's title holds a control character");
     // What the indexer reads back of its own is read only as a regular
     // file: FIFOs planted in their place are replaced, never waited on.
     for (const char* planted : {"index.json", ".tsapp-index-cache.json", "index.html"})
@@ -81,36 +86,129 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     EXPECT_TRUE(fs::is_regular_file(published.dir.file("new/index.html")));
 }
 
-TEST(RepositoryGallery, RendersInABrowserWithEveryManifestTextEscaped) {
+// The gallery as visitors see it at a desktop's and a phone's width:
+// nothing wider than the window, icons kept small, the install box on
+// every page, every manifest text escaped. The screenshots are copied to
+// build/gallery-screenshots/ for people to look at.
+TEST(RepositoryGallery, FitsEveryWidthShowsHowToInstallAndEscapesEveryManifestText) {
     if (sh("command -v chromium") != 0) GTEST_SKIP() << "chromium is not installed";
     Published published;
-    indexFolder(published.repo(), published.signing());
-    const auto dom = [&](const std::string& page) {
-        const std::string out = published.dir.file("dom.html");
-        sh("timeout 120 chromium --headless --no-sandbox --disable-gpu --dump-dom file://" +
-           published.repo() + "/" + page + " >" + out);
-        return read_file(out);
-    };
-    const std::string gallery = dom("index.html");
+    const std::string repo = published.repo(), empty = published.dir.file("empty");
+    packApp(repo, "long.tsappinstall",
+            {{"guid", "0123abcd-0000-4000-8000-00000000000d"},
+             {"name", "\xC3\x84rger-mit-einem-sehr-langen-Namen-ohne-jede-Gelegenheit-zum-Umbruch"},
+             {"description", "First paragraph,\r\nits second line.\n\n\nSecond <paragraph>."}},
+            "",
+            "<svg xmlns='http://www.w3.org/2000/svg' width='512' height='512'>"
+            "<rect width='512' height='512' fill='#3060c0'/></svg>");
+    IndexOptions options = published.signing();
+    options.url = "https://apps.example.org/stable/";
+    options.now = 1767225600;  // 2026-01-01T00:00:00Z
+    indexFolder(repo, options);
+    fs::create_directory(empty);
+    indexFolder(empty, published.signing("empty"));
+    const std::string signerKey =
+        tsappinstall::integrity::readCertificate(published.dir.file("signer.pem")).keyFingerprint;
+
+    // A copy of each page beside it whose script reports, once loaded, what
+    // the visitor would see; on the front page it also filters by a name
+    // in another case than the card's, outside ASCII. They are loaded in
+    // frames of the widths tested (a headless window is never narrower
+    // than 500 px), all at once, and each frame's page then takes the
+    // frame's place, to be read in the one page dumped.
+    const std::string probe = R"(<script>addEventListener('load',function(){
+var q=document.getElementById('q');if(q){q.value='\u00e4RGER';q.dispatchEvent(new Event('input'));}
+var icon=0;document.querySelectorAll('img.icon').forEach(function(i){icon=Math.max(icon,i.getBoundingClientRect().width);});
+document.body.setAttribute('data-probe','fits='+(document.documentElement.scrollWidth<=innerWidth)+
+' icon='+icon+' shown='+[].filter.call(document.querySelectorAll('.card'),function(c){
+return c.getClientRects().length>0;}).length);});</script>)";
+    std::string frames = "<!DOCTYPE html><body>";
+    const struct {
+        std::string page;  // below the temporary folder
+        std::string shot;
+        std::string shown;  // cards left by the filter
+    } pages[] = {{"repo/index.html", "front", " shown=1"},
+                 {"repo/apps/0123abcd-0000-4000-8000-00000000000b.html", "hostile-app", " shown=0"},
+                 {"repo/apps/0123abcd-0000-4000-8000-00000000000d.html", "long-app", " shown=0"},
+                 {"empty/index.html", "empty", " shown=0"}};
+    const int widths[] = {1280, 360};
+    for (const auto& c : pages) {
+        const std::string page = published.dir.file(c.page);
+        write_file(page + ".probe.html", replaced(read_file(page), "</body>", probe + "</body>"));
+        for (const int width : widths)
+            frames += "<iframe data-key=\"" + c.page + " " + std::to_string(width) + "\" src=\"" +
+                      c.page + ".probe.html\" width=\"" + std::to_string(width) +
+                      "\" height=\"900\"></iframe>";
+    }
+    write_file(published.dir.file("frames.html"), frames + R"(<script>
+addEventListener('load',function(){document.querySelectorAll('iframe').forEach(function(f){
+var s=document.createElement('section');s.setAttribute('data-key',f.getAttribute('data-key'));
+s.appendChild(document.importNode(f.contentDocument.documentElement,true));f.replaceWith(s);});});
+</script>)");
+    const std::string chromium =
+        "TZ=UTC timeout 120 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
+        "--allow-file-access-from-files --window-size=";
+    sh(chromium + "1300,900 --dump-dom file://" + published.dir.file("frames.html") + " >" +
+       published.dir.file("frames.dom"));
+    const std::string all = read_file(published.dir.file("frames.dom"));
+    const std::string shots = std::string(TSAPP_BINARY_DIR) + "/gallery-screenshots";
+    fs::create_directories(shots);
+    std::map<std::string, std::string> doms;
+    for (const auto& c : pages) {
+        for (const int width : widths) {
+            const std::string key = c.page + " " + std::to_string(width);
+            const auto from = all.find("<section data-key=\"" + key + "\">");
+            ASSERT_NE(from, std::string::npos) << key;
+            const std::string dom =
+                all.substr(from, all.find("<section data-key=", from + 1) - from);
+            EXPECT_NE(dom.find("data-probe=\"fits=true icon="), std::string::npos) << key;
+            const auto icon = dom.find(" icon=");
+            EXPECT_LE(icon == std::string::npos ? 999 : std::stoi(dom.substr(icon + 6)), 96) << key;
+            EXPECT_NE(dom.find(c.shown + "\""), std::string::npos) << key;
+            EXPECT_NE(dom.find("<section class=\"install\""), std::string::npos) << key;
+            EXPECT_NE(dom.find("it should read SHA-256 <code class=\"token\">" + signerKey),
+                      std::string::npos)
+                << key;
+            doms[c.page] = dom;
+            const std::string page = published.dir.file(c.page), shot = page + ".png";
+            sh(chromium + std::to_string(width) + ",900 --screenshot=" + shot + " file://" + page);
+            EXPECT_GT(fs::exists(shot) ? fs::file_size(shot) : 0, 1000u) << key;
+            fs::copy_file(shot, shots + "/" + c.shot + "-" + std::to_string(width) + ".png",
+                          fs::copy_options::overwrite_existing);
+        }
+    }
+    const std::string& gallery = doms["repo/index.html"];
     std::size_t cards = 0;
     for (auto at = gallery.find("class=\"card\""); at != std::string::npos;
          at = gallery.find("class=\"card\"", at + 1))
         ++cards;
-    EXPECT_EQ(cards, 3u);
+    EXPECT_EQ(cards, 4u);
+    EXPECT_NE(gallery.find("<title>Apps of the \xE2\x80\x9Cstable\xE2\x80\x9D repository</title>"),
+              std::string::npos);
+    EXPECT_NE(gallery.find("tsapp repo add stable https://apps.example.org/stable/ <span"),
+              std::string::npos);
+    EXPECT_NE(gallery.find("<time datetime=\"2026-01-01T00:00:00Z\""), std::string::npos);
     EXPECT_NE(gallery.find("&lt;b&gt;Other&lt;/b&gt;</a>"), std::string::npos);
     EXPECT_NE(gallery.find("Version 1.10 by Sample Author"), std::string::npos);
+    EXPECT_NE(gallery.find("Works with releases 2025.1 to 2027.4, on linux-x86_64, "),
+              std::string::npos);
     EXPECT_NE(gallery.find("Signed by CN=Publisher"), std::string::npos);
     EXPECT_NE(gallery.find("href=\"hello-1.10.tsappinstall\""), std::string::npos);
-    const std::string app = dom("apps/0123abcd-0000-4000-8000-00000000000b.html");
-    EXPECT_NE(app.find("&lt;script&gt;document.title='owned'&lt;/script&gt;"), std::string::npos);
-    EXPECT_NE(app.find("<title>&lt;b&gt;Other&lt;/b&gt;</title>"), std::string::npos);
-
-    const std::string shot = std::string(TSAPP_BINARY_DIR) + "/gallery.png";
-    fs::remove(shot);
-    sh("timeout 120 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
-       "--window-size=420,900 --screenshot=" +
-       shot + " file://" + published.repo() + "/index.html");
-    EXPECT_GT(fs::exists(shot) ? fs::file_size(shot) : 0, 1000u);
+    // A hostile name never reaches the command to copy: the app's GUID does.
+    const std::string& other = doms["repo/apps/0123abcd-0000-4000-8000-00000000000b.html"];
+    EXPECT_NE(other.find("&lt;script&gt;document.title='owned'&lt;/script&gt;"), std::string::npos);
+    EXPECT_NE(other.find("<title>&lt;b&gt;Other&lt;/b&gt; \xE2\x80\x93 Apps of the "),
+              std::string::npos);
+    EXPECT_NE(other.find("tsapp install 0123abcd-0000-4000-8000-00000000000b</code>"),
+              std::string::npos);
+    EXPECT_NE(doms["repo/apps/0123abcd-0000-4000-8000-00000000000d.html"].find(
+                  "<p class=\"description\">First paragraph,<br>its second line.</p>\n"
+                  "<p class=\"description\">Second &lt;paragraph&gt;.</p>"),
+              std::string::npos);
+    const std::string& none = doms["empty/index.html"];
+    EXPECT_NE(none.find("No apps yet."), std::string::npos);
+    EXPECT_NE(none.find("tsapp repo add empty URL <span"), std::string::npos);
+    EXPECT_NE(none.find("For URL, take the address of this page"), std::string::npos);
 }
 
 TEST(RepositoryIndex, RefusesHostileIndexes) {

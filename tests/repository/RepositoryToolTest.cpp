@@ -26,17 +26,23 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     app_package(replaced(signed_manifest(fullRecord()), "version=\"1.0\"", "version=\"1.1\""))
         .write(xml11);
     const std::string notXml10 = "XML 1.1, not XML 1.0";
-    for (const std::string skip : {"", "--skip-bad "}) {
+    // The gallery's URL and title, given once, are kept.
+    for (const std::string skip :
+         {"--url https://apps.example.org/test/ --title 'Example & Co' ", "--skip-bad "}) {
         EXPECT_EQ(WEXITSTATUS(std::system((tool + "repo index --id test --valid-for 2d " + skip +
                                            published.repo() + " >" + out)
                                               .c_str())),
-                  skip.empty() ? 1 : 0);
+                  skip[2] == 'u' ? 1 : 0);
         EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
                   std::string::npos);
         EXPECT_NE(read_file(out).find("xml11.tsappinstall: left out: "), std::string::npos);
         EXPECT_NE(read_file(out).find(notXml10), std::string::npos);
     }
     EXPECT_NE(read_file(out).find("index version 2: 4 packages listed, 0 read, 2 bad\n"),
+              std::string::npos);
+    const std::string gallery = read_file(published.repo() + "/index.html");
+    EXPECT_NE(gallery.find("<title>Example &amp; Co</title>"), std::string::npos);
+    EXPECT_NE(gallery.find("tsapp repo add test https://apps.example.org/test/ <span"),
               std::string::npos);
     EXPECT_EQ(WEXITSTATUS(std::system((tool + "check " + xml11 + " >" + out).c_str())), 1);
     EXPECT_NE(read_file(out).find(notXml10), std::string::npos) << read_file(out);

@@ -43,6 +43,10 @@ _tsapp_read_command() {
         END { print opts; print valued numeric; print args; print numeric }'
 }
 
+# Options whose value is a word of the user's own (an identifier, a URL, a
+# title, a duration), where file names would only be in the way.
+_tsapp_word_options="--id --url --title --valid-for"
+
 declare -gA _tsapp_cache
 _tsapp_reply=""
 
@@ -147,6 +151,7 @@ _tsapp() {
     fi
     if [[ " $valued " == *" $prev "* ]]; then
         [[ " $numeric " == *" $prev "* ]] && return
+        [[ " $_tsapp_word_options " == *" $prev "* ]] && return
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         return

@@ -247,6 +247,12 @@ std::vector<Command> addRepo(CLI::App& app) {
     addNonEmpty(indexCli, "--id", index->options.repository,
                 "The repository's identifier, which its index names (such as stable): needed for "
                 "the first index, kept afterwards");
+    addNonEmpty(indexCli, "--url", index->options.url,
+                "The URL clients read the repository at, for the gallery's install commands "
+                "(kept afterwards)");
+    addNonEmpty(indexCli, "--title", index->options.title,
+                "The gallery's title, such as the publisher's name (default: after the "
+                "repository's identifier; kept afterwards)");
     addJobs(indexCli, index->options.jobs, "Packages read at once");
     indexCli->add_option("--valid-for", index->validFor,
                          "How long the index stays valid: 30d (default), 12h, 90m, 45s");

@@ -26,6 +26,12 @@ struct IndexOptions {
     // folder's index revoked before stay revoked. Packages they signed
     // are left out.
     std::vector<std::string> revoke;
+    // What the gallery tells its visitors: the URL clients read the
+    // repository at, for the commands it shows, and the publisher's title
+    // for its pages. Empty: the last ones given for the folder, kept in
+    // its cache; without a URL the pages say how to find it.
+    std::string url;
+    std::string title;
 };
 
 struct Problem {
