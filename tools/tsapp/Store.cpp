@@ -18,6 +18,7 @@
 #include "RepoClient.hpp"
 #include "StoreTool.hpp"
 #include "Text.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
@@ -70,6 +71,7 @@ namespace {
 
 Json versionJson(const store::InstalledVersion& v) {
     Json host = Json::parse(v.hostProfile, nullptr, false);
+    const auto origin = installer::originOf(v);
     return {
         {"guid", v.guid},
         {"name", v.name},
@@ -85,7 +87,9 @@ Json versionJson(const store::InstalledVersion& v) {
         {"installed", tsappinstall::formatUtc(v.installedAt)},
         {"host", host.is_discarded() ? Json(nullptr) : host},
         {"forced", v.forced},
-        {"forcedReasons", v.forcedReasons}};
+        {"forcedReasons", v.forcedReasons},
+        {"origin",
+         origin ? Json{{"name", origin->name}, {"location", origin->location}} : Json(nullptr)}};
 }
 
 Json appJson(const store::InstalledApp& app) {
@@ -143,7 +147,15 @@ void addHostOptions(CLI::App* command, HostOptions& options) {
     command->add_option("--platform", options.platform, "This host's platform (linux-x86_64, ...)");
     command
         ->add_option("--product", options.products, "An installed product, ID=VERSION (repeatable)")
-        ->allow_extra_args(false);
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                const auto equals = value.find('=');
+                return equals == std::string::npos || equals == 0
+                           ? "not of the form ID=VERSION: \"" + value + "\""
+                           : std::string();
+            },
+            "", ""));
 }
 
 namespace {
@@ -201,6 +213,7 @@ void installOne(store::AppStore& apps, const std::string& package, const std::st
 namespace {
 
 int runInstall(const InstallSettings& s) {
+    checkTrustFiles(s.options.trustAnchors);
     catchStopSignals();
     const auto root = s.root.path();
     store::AppStore::Options storeOptions;
@@ -267,17 +280,49 @@ std::string signerKeyLines(const store::InstalledVersion& v) {
     return lines;
 }
 
+// "release 2026.2, platform linux-x86_64, products a 1.0, b 2": the
+// recorded host profile in words; "any" for what it left open.
+std::string hostText(const std::string& profile) {
+    const Json host = Json::parse(profile, nullptr, false);
+    if (!host.is_object()) return shown(profile);
+    const auto field = [&](const char* key) {
+        const Json value = host.value(key, Json());
+        return value.is_string() && !value.get<std::string>().empty()
+                   ? shown(value.get<std::string>())
+                   : std::string("any");
+    };
+    std::string products;
+    for (const auto& [id, version] : host.value("products", Json::object()).items())
+        products += (products.empty() ? " " : ", ") + shown(id) + " " +
+                    (version.is_string() ? shown(version.get<std::string>()) : "?");
+    return "release " + field("release") + ", platform " + field("platform") + ", products" +
+           (products.empty() ? std::string(" none") : products);
+}
+
+// Where the version came from: its repository, or the file given.
+std::string originText(const store::InstalledVersion& v) {
+    if (const auto remote = installer::originOf(v))
+        return "the repository " + shown(remote->name.empty() ? remote->location : remote->name) +
+               (remote->name.empty() ? "" : " (" + shown(remote->location) + ")");
+    return "a package file";
+}
+
 void printVersion(const store::InstalledApp& app) {
     const auto& v = app.current;
+    // A download is removed once installed: its name is kept on record,
+    // but not shown as a file to go and look at.
+    std::error_code error;
+    const bool packageThere = std::filesystem::exists(v.package, error);
     std::cout << "name: " << shown(v.name) << "\nGUID: " << shown(v.guid)
               << "\nversion: " << shown(v.version) << "\nfolder: " << shown(v.folder.string())
-              << "\nlink: " << shown(app.link.string()) << "\npackage: " << shown(v.package)
+              << "\nlink: " << shown(app.link.string()) << "\nfrom: " << originText(v)
+              << "\npackage: " << shown(v.package) << (packageThere ? "" : " (no longer there)")
               << "\npackage SHA-256: " << v.packageSha256 << "\nsigner: "
               << (v.signerFingerprint.empty()
                       ? "none verified"
                       : shown(v.signerSubject) + " (SHA-256 " + v.signerFingerprint + ")")
               << signerKeyLines(v) << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
-              << "\nhost: " << shown(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
+              << "\nhost: " << hostText(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
               << "\n";
     for (const auto& reason : v.forcedReasons) std::cout << "  " << shown(reason) << "\n";
     for (const auto& previous : app.previous)
