@@ -190,7 +190,15 @@ struct AppStore::Impl {
             return guid;
         }
         const auto guids = records->guidsNamed(app);
-        if (guids.empty()) refuse(FaultKind::NotInstalled, "no installed app is called " + app);
+        if (guids.empty()) {
+            std::vector<std::string> names;
+            for (const auto& [row, current] : records->allVersions())
+                if (current) names.push_back(row.version.name);
+            const auto near = fl::i18n::nearest(app, names);
+            refuse(FaultKind::NotInstalled,
+                   "no installed app is called " + app +
+                       (near.empty() ? "" : "; did you mean \"" + near.front() + "\"?"));
+        }
         if (guids.size() > 1) {
             std::string list;
             for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;

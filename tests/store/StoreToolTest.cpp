@@ -74,14 +74,18 @@ TEST(StoreTool, FailuresAndJson) {
         std::string out;  // the whole of it, or its first line for JSON
     } cases[] = {
         {"remove nosuch", 1, "tsapp: nosuch: no installed app is called nosuch\n"},
+        {"show 'hello tesal'", 1,
+         "tsapp: hello tesal: no installed app is called hello tesal; did you mean \"Hello "
+         "Tessal\"?\n"},
         {"show --json 'Hello Tessal' | head -c 68", 0,
          "{\"guid\":\"" + std::string(kGuid) + "\",\"name\":\"Hello Tessal\""},
         {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
         {"rollback 'Hello Tessal'", 1,
          "tsapp: Hello Tessal: " + std::string(kGuid) +
              " has no previous version to roll back to\n"},
-        {"install --product core hello.tsappinstall", 1,
-         "tsapp: --product: core: not of the form ID=VERSION\n"},
+        {"install --product core hello.tsappinstall", 2,
+         "tsapp: install: --product: not of the form ID=VERSION: \"core\" (see 'tsapp install "
+         "--help')\n"},
         {"audit --json | sed 's/.*findings//'", 0,
          "\":[{\"kind\":\"modified\",\"path\":\"icon.png\",\"detail\":\"size 7, recorded "
          "248\"}]}\n"},
