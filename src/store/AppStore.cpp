@@ -823,6 +823,38 @@ std::vector<InstalledFile> AppStore::files(const std::string& app) const {
     return impl_->records->files(*impl_->records->currentId(impl_->resolve(app)));
 }
 
+std::optional<FileOwner> AppStore::owner(const std::filesystem::path& path) const {
+    namespace fs = std::filesystem;
+    const fs::path wanted = fs::absolute(path).lexically_normal();
+    std::error_code error;
+    // The root as given and as it really is: either may be how the path
+    // was written.
+    std::vector<fs::path> roots = {fs::absolute(impl_->root).lexically_normal() / "apps"};
+    const fs::path real = fs::canonical(impl_->root, error);
+    if (!error) roots.push_back(real / "apps");
+    Transaction snapshot(*impl_->db, "BEGIN");
+    for (const fs::path& apps : roots) {
+        const fs::path below = wanted.lexically_relative(apps);
+        auto part = below.begin();
+        if (below.empty() || *part == ".." || std::distance(below.begin(), below.end()) < 3)
+            continue;
+        const std::string guid = (part++)->string(), leaf = (part++)->string();
+        fs::path rest;
+        for (; part != below.end(); ++part) rest /= *part;
+        std::optional<std::int64_t> id;
+        if (leaf == "current")
+            id = impl_->records->currentId(guid);
+        else
+            id = impl_->records->versionIdOf(guid + "/" + leaf);
+        if (!id) continue;
+        for (InstalledFile& file : impl_->records->files(*id))
+            if (file.path == rest.generic_string())
+                return FileOwner{impl_->publicVersion(*impl_->records->version(*id)),
+                                 std::move(file)};
+    }
+    return std::nullopt;
+}
+
 RemoveResult AppStore::remove(const std::string& app, bool purge) {
     return impl_->remove(app, purge);
 }

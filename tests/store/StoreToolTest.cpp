@@ -80,6 +80,13 @@ TEST(StoreTool, FailuresAndJson) {
         {"show --json 'Hello Tessal' | head -c 68", 0,
          "{\"guid\":\"" + std::string(kGuid) + "\",\"name\":\"Hello Tessal\""},
         {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
+        {"files --json 'Hello Tessal' | grep '\"icon.png\"' | sed 's/,.sha256.*//'", 0,
+         "{\"path\":\"" + root + "/apps/" + kGuid +
+             "/current/icon.png\",\"file\":\"icon.png\",\"size\":248,\"mode\":\"0644\"\n"},
+        {"owner root/apps/" + std::string(kGuid) + "/current/icon.png", 0,
+         "root/apps/" + std::string(kGuid) + "/current/icon.png: Hello Tessal 1.2.0 (" + kGuid +
+             ")\n"},
+        {"owner hello.tsappinstall", 1, "tsapp: hello.tsappinstall: no installed app owns it\n"},
         {"rollback 'Hello Tessal'", 1,
          "tsapp: Hello Tessal: " + std::string(kGuid) +
              " has no previous version to roll back to\n"},

@@ -67,6 +67,17 @@ std::unique_ptr<store::AppStore> openRoot(const RootOption& option) {
     return onStore(path.string(), [&] { return std::make_unique<store::AppStore>(path); });
 }
 
+std::unique_ptr<store::AppStore> openExisting(const RootOption& option) {
+    const auto root = option.path();
+    if (!store::AppStore::exists(root)) return nullptr;
+    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root); });
+}
+
+void nothingInstalled(const std::string& app, const RootOption& root) {
+    throw Failure(app, "nothing is installed in " + root.path().string(),
+                  tsappinstall::FaultKind::NotInstalled);
+}
+
 namespace {
 
 Json versionJson(const store::InstalledVersion& v) {
@@ -240,18 +251,6 @@ struct ReadSettings {
     bool json = false;
 };
 
-// The store, or null when the root holds none: commands that only read or
-// take away leave such a root as it is rather than create it.
-std::unique_ptr<store::AppStore> openExisting(const RootOption& option) {
-    const auto root = option.path();
-    if (!store::AppStore::exists(root)) return nullptr;
-    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root); });
-}
-
-[[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root) {
-    throw Failure(app, "nothing is installed in " + root.path().string(),
-                  tsappinstall::FaultKind::NotInstalled);
-}
 
 int runInstalled(const ReadSettings& s) {
     const auto apps = openExisting(s.root);

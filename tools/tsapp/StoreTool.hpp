@@ -30,6 +30,12 @@ std::function<std::string()> rootSubject(const RootOption& option);
 // The store in the root, created when missing.
 std::unique_ptr<tsappinstall::store::AppStore> openRoot(const RootOption& option);
 
+// The store, or null when the root holds none: commands that only read or
+// take away leave such a root as it is rather than create it.
+std::unique_ptr<tsappinstall::store::AppStore> openExisting(const RootOption& option);
+// A command about `app` on a root that holds no store.
+[[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root);
+
 // Every line of a store's refusal, the last one thrown as a Failure about
 // `subject` (about the root when the database is at fault).
 [[noreturn]] void failOnStore(const std::string& subject,

@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,12 @@ struct InstalledVersion {
     std::string origin;                      // InstallOptions::origin as installed
 };
 
+// The installed version a file belongs to, and its record.
+struct FileOwner {
+    InstalledVersion version;
+    InstalledFile file;
+};
+
 struct InstalledApp {
     InstalledVersion current;
     std::vector<InstalledVersion> previous;  // kept for rollback, newest first
@@ -200,6 +207,12 @@ class TSAPP_API AppStore {
     InstalledApp show(const std::string& app) const;
     // Files of the current version as recorded, by path.
     std::vector<InstalledFile> files(const std::string& app) const;
+    // The installed version (current or kept for rollback) that records
+    // the file at `path`: one below ROOT/apps/GUID/current or a version's
+    // folder, as written (relative to the working folder) or through the
+    // root's real path. Links below the root are not followed: a file is
+    // owned by the path the store wrote it at. nullopt when none records it.
+    std::optional<FileOwner> owner(const std::filesystem::path& path) const;
 
     // Deletes the recorded files that are unchanged and the folders left
     // empty; changed and added files are kept (and listed) unless `purge`.

@@ -1,0 +1,99 @@
+// tsapp files: what an installed app's files are; tsapp owner: which
+// installed app a file belongs to.
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "Commands.hpp"
+#include "StoreTool.hpp"
+#include "Text.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
+
+namespace tsapp::tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using fl::i18n::shown;
+
+std::string octal(unsigned mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+struct FilesSettings {
+    RootOption root;
+    std::string app;
+    std::vector<std::string> paths;
+    bool json = false;
+};
+
+// Each file of the current version by the path it is reached at, through
+// the app's `current` link, as a program of the app names it.
+int runFiles(const FilesSettings& s) {
+    const auto apps = openExisting(s.root);
+    if (!apps) nothingInstalled(s.app, s.root);
+    const auto app = onStore(s.app, [&] { return apps->show(s.app); });
+    const auto files = onStore(s.app, [&] { return apps->files(app.current.guid); });
+    std::vector<std::vector<std::string>> rows = {{"MODE", "SIZE", "SHA-256", "PATH"}};
+    for (const auto& file : files) {
+        const std::string path = (app.link / file.path).string();
+        if (s.json) {
+            const Json line = {{"path", path},
+                               {"file", file.path},
+                               {"size", file.size},
+                               {"mode", octal(file.mode)},
+                               {"sha256", file.sha256}};
+            std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+            continue;
+        }
+        rows.push_back({octal(file.mode), std::to_string(file.size), file.sha256, shown(path)});
+    }
+    if (!s.json) printColumns(rows);
+    return kGood;
+}
+
+int runOwner(const FilesSettings& s) {
+    const auto apps = openExisting(s.root);
+    return runEach(s.paths, [&](const std::string& path) {
+        const auto owner = apps ? onStore(path, [&] { return apps->owner(nativePath(path)); })
+                                : std::nullopt;
+        if (!owner)
+            throw Failure(path, "no installed app owns it", tsappinstall::FaultKind::NotInstalled);
+        const auto& v = owner->version;
+        if (s.json) {
+            const Json line = {{"path", path},     {"guid", v.guid},
+                               {"name", v.name},  {"version", v.version},
+                               {"file", owner->file.path}};
+            std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+            return;
+        }
+        std::cout << shown(path) << ": " << shown(v.name) << " " << shown(v.version) << " ("
+                  << v.guid << ")\n";
+    });
+}
+
+}  // namespace
+
+std::vector<Command> addFiles(CLI::App& app) {
+    auto listed = std::make_shared<FilesSettings>();
+    CLI::App* files = app.add_subcommand(
+        "files", "List an installed app's files as recorded: mode, size, SHA-256 and path.");
+    addRequired(files, "APP", listed->app, "Installed app: GUID or name");
+    files->add_flag("--json", listed->json, "One JSON object per line and file");
+    addRoot(files, listed->root);
+
+    auto owned = std::make_shared<FilesSettings>();
+    CLI::App* owner = app.add_subcommand(
+        "owner", "Name the installed app each file belongs to; exit 1 for one no app owns.");
+    addRequired(owner, "PATH", owned->paths, "Files below the apps root");
+    owner->add_flag("--json", owned->json, "One JSON object per line and file");
+    addRoot(owner, owned->root);
+
+    return {{files, [listed] { return runFiles(*listed); }, [listed] { return listed->app; }},
+            {owner, [owned] { return runOwner(*owned); }, rootSubject(owned->root)}};
+}
+
+}  // namespace tsapp::tool
