@@ -615,18 +615,18 @@ std::vector<Remote> Installer::whereToLook(const store::InstalledVersion& versio
 
 std::vector<Outdated> Installer::outdated(const std::vector<std::string>& apps,
                                           const store::HostProfile& host) {
-    std::vector<store::InstalledVersion> installed;
-    if (apps.empty())
-        for (const auto& app : apps_.list()) installed.push_back(app.current);
-    for (const auto& app : apps) installed.push_back(apps_.show(app).current);
+    std::vector<store::InstalledApp> installed;
+    if (apps.empty()) installed = apps_.list();
+    for (const auto& app : apps) installed.push_back(apps_.show(app));
     const auto recorded = remotes();
     std::vector<Outdated> found;
-    for (const auto& version : installed) {
+    for (const auto& app : installed) {
+        const auto& version = app.current;
         const auto where = whereToLook(version, recorded);
         if (where.empty()) continue;
         const auto offer = find(version.guid, host, where);
         if (offer && store::compareVersions(offer->entry->version, version.version) > 0)
-            found.push_back({version, *offer});
+            found.push_back({version, *offer, app.held});
     }
     return found;
 }

@@ -178,7 +178,12 @@ struct AppStore::Impl {
                 app.previous.push_back(publicVersion(row));
         }
         app.link = root / "apps" / guid / "current";
+        app.held = isHeld(guid);
         return app;
+    }
+
+    bool isHeld(const std::string& guid) const {
+        return records->state(HELD_SCOPE, guid).has_value();
     }
 
     // GUID (any case) or the name of exactly one installed app.
@@ -396,6 +401,10 @@ struct AppStore::Impl {
         if (existing) {
             result.kind = kindOf(version.version, existing->version.version, installOptions);
             result.replacedVersion = existing->version.version;
+            if (isHeld(version.guid) && !installOptions.ignoreHold)
+                refuse(FaultKind::Refused, version.name + " is held at version " +
+                                               existing->version.version +
+                                               "; --ignore-hold replaces it");
         }
 
         const std::string relative = version.guid + "/" + folderNameFor(version.version);
@@ -799,8 +808,10 @@ std::vector<InstalledApp> AppStore::list() const {
             apps.back().link = impl_->root / "apps" / row.version.guid / "current";
         }
         InstalledApp& app = apps[found->second];
-        if (current)
+        if (current) {
             app.current = impl_->publicVersion(row);
+            app.held = impl_->isHeld(row.version.guid);
+        }
         else
             app.previous.push_back(impl_->publicVersion(row));
     }
@@ -857,6 +868,16 @@ std::optional<FileOwner> AppStore::owner(const std::filesystem::path& path) cons
 
 RemoveResult AppStore::remove(const std::string& app, bool purge) {
     return impl_->remove(app, purge);
+}
+
+bool AppStore::hold(const std::string& app, bool held) {
+    Impl& impl = *impl_;
+    RootLock lock(impl.ops, impl.rootFd.get(), RootLock::Mode::Exclusive, impl.root.string());
+    const std::string guid = impl.resolve(app);
+    const bool was = impl.isHeld(guid);
+    if (held && !was) impl.records->setState(HELD_SCOPE, guid, "held");
+    if (!held && was) impl.records->dropState(HELD_SCOPE, guid);
+    return was;
 }
 
 InstalledVersion AppStore::rollback(const std::string& app) {

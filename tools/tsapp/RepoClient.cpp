@@ -171,23 +171,28 @@ int runOutdated(const UpgradeSettings& s) {
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
         return byName(a.installed.name, b.installed.name);
     });
-    std::vector<std::vector<std::string>> rows = {{"NAME", "INSTALLED", "AVAILABLE", "REPOSITORY"}};
+    std::vector<std::vector<std::string>> rows = {
+        {"NAME", "INSTALLED", "AVAILABLE", "REPOSITORY", ""}};
+    bool upgradable = false;
     for (const auto& o : found) {
+        upgradable = upgradable || !o.held;
         if (s.json) {
             const Json line = {{"guid", o.installed.guid},
                                {"name", o.installed.name},
                                {"installed", o.installed.version},
                                {"available", o.offer.entry->version},
-                               {"repository", o.offer.remote.key()}};
+                               {"repository", o.offer.remote.key()},
+                               {"held", o.held}};
             std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
         using fl::i18n::shown;
         rows.push_back({shown(o.installed.name), shown(o.installed.version),
-                        shown(o.offer.entry->version), shown(o.offer.remote.key())});
+                        shown(o.offer.entry->version), shown(o.offer.remote.key()),
+                        o.held ? "held" : ""});
     }
     if (!s.json && !found.empty()) printColumns(rows);
-    return found.empty() ? kGood : kUpgradable;
+    return upgradable ? kUpgradable : kGood;
 }
 
 int runUpgrade(const UpgradeSettings& s) {
@@ -207,6 +212,11 @@ int runUpgrade(const UpgradeSettings& s) {
     const auto outdated = onRepository("upgrade", [&] { return installer.outdated(s.apps, host); });
     if (outdated.empty()) std::cout << "every app is up to date\n";
     return runEach(outdated, [&](const installer::Outdated& o) {
+        if (o.held && s.all && !s.options.ignoreHold) {
+            printError(o.installed.name + ": held at version " + o.installed.version + "; " +
+                       o.offer.entry->version + " is not installed (tsapp unhold lets it go)");
+            return;
+        }
         installOffer(installer, o.offer, host, s.options);
     });
 }
@@ -235,6 +245,7 @@ std::vector<Command> addUpgrade(CLI::App& app) {
                       "Upgrade even when another key signed the installed version and the package "
                       "carries no key rotation proof from it");
     addUnpackOptions(upgrade, up->options);
+    upgrade->add_flag("--ignore-hold", up->options.ignoreHold, "Upgrade held apps too");
     return {{outdated, [old] { return runOutdated(*old); }, rootSubject(old->root)},
             {upgrade, [up] { return runUpgrade(*up); }, rootSubject(up->root)}};
 }

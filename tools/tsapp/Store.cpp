@@ -2,8 +2,10 @@
 // remove, rollback and audit, all on one apps root (--root, else
 // TSAPP_ROOT, else a folder of the user's under $XDG_DATA_HOME).
 
+#include <fnmatch.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -96,6 +98,7 @@ Json versionJson(const store::InstalledVersion& v) {
                                                       {"keyFingerprint", v.signerKeyFingerprint},
                                                       {"rotatedFrom", v.rotatedFrom}}},
         {"installed", tsappinstall::formatUtc(v.installedAt)},
+        {"size", v.size},
         {"host", host.is_discarded() ? Json(nullptr) : host},
         {"forced", v.forced},
         {"forcedReasons", v.forcedReasons},
@@ -252,17 +255,61 @@ struct ReadSettings {
 };
 
 
-int runInstalled(const ReadSettings& s) {
+struct InstalledSettings : ReadSettings {
+    std::string pattern;
+    std::string sort = "name";
+};
+
+// A name the pattern picks: a glob (*, ?, [...]) on the whole name, or,
+// without one, any name that holds it; case ignored either way.
+bool picked(const std::string& pattern, const std::string& name) {
+    if (pattern.empty()) return true;
+    const std::string p = fl::i18n::folded(pattern), n = fl::i18n::folded(name);
+    if (p.find_first_of("*?[") == std::string::npos) return n.find(p) != std::string::npos;
+    return ::fnmatch(p.c_str(), n.c_str(), 0) == 0;
+}
+
+// "2026-11-26 14:05" in the local time zone.
+std::string localMinute(std::int64_t seconds) {
+    const auto t = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    char text[32] = "";
+    if (::localtime_r(&t, &local) != nullptr)
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
+
+int runInstalled(const InstalledSettings& s) {
     const auto apps = openExisting(s.root);
     if (!apps) return kGood;
-    for (const auto& app : onStore(s.root.path().string(), [&] { return apps->list(); })) {
+    auto all = onStore(s.root.path().string(), [&] { return apps->list(); });
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [&](const auto& app) { return !picked(s.pattern, app.current.name); }),
+              all.end());
+    // By name (as list() gives them, but case ignored), newest or largest
+    // first when asked; ties keep the order by name.
+    std::stable_sort(all.begin(), all.end(), [](const auto& a, const auto& b) {
+        return byName(a.current.name, b.current.name);
+    });
+    if (s.sort != "name")
+        std::stable_sort(all.begin(), all.end(), [&](const auto& a, const auto& b) {
+            return s.sort == "date" ? a.current.installedAt > b.current.installedAt
+                                    : a.current.size > b.current.size;
+        });
+    std::vector<std::vector<std::string>> rows = {
+        {"NAME", "VERSION", "INSTALLED", "SIZE", "GUID", ""}};
+    for (const auto& app : all) {
         if (s.json) {
             std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
-        std::cout << shown(app.current.guid) << "  " << shown(app.current.version) << "  "
-                  << shown(app.current.name) << (app.current.forced ? "  (forced)" : "") << "\n";
+        const auto& v = app.current;
+        std::string notes = v.forced ? "forced" : "";
+        if (app.held) notes += notes.empty() ? "held" : ", held";
+        rows.push_back({shown(v.name), shown(v.version), localMinute(v.installedAt),
+                        sizeText(v.size), v.guid, notes});
     }
+    if (!s.json && !all.empty()) printColumns(rows);
     return kGood;
 }
 
@@ -291,7 +338,8 @@ std::string hostText(const std::string& profile) {
                    : std::string("any");
     };
     std::string products;
-    for (const auto& [id, version] : host.value("products", Json::object()).items())
+    const Json listed = host.value("products", Json::object());
+    for (const auto& [id, version] : listed.items())
         products += (products.empty() ? " " : ", ") + shown(id) + " " +
                     (version.is_string() ? shown(version.get<std::string>()) : "?");
     return "release " + field("release") + ", platform " + field("platform") + ", products" +
@@ -449,13 +497,21 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_flag("--allow-signer-change", in->options.allowSignerChange,
                       "Upgrade even when another key signed the installed version and the package "
                       "carries no key rotation proof from it");
+    install->add_flag("--ignore-hold", in->options.ignoreHold,
+                      "Replace the version of an app that tsapp hold keeps");
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     addUnpackOptions(install, in->options);
     addRepositoryOptions(install, in->repository);
 
-    auto listed = std::make_shared<ReadSettings>();
-    CLI::App* installed = app.add_subcommand("installed", "List the installed apps.");
+    auto listed = std::make_shared<InstalledSettings>();
+    CLI::App* installed = app.add_subcommand(
+        "installed", "List the installed apps: name, version, when installed, size, GUID.");
     installed->alias("list-installed");
+    installed->add_option("PATTERN", listed->pattern,
+                          "Only the apps whose name matches: a glob (*, ?, [...]) on the whole "
+                          "name, else any name that holds it; case ignored");
+    installed->add_option("--sort", listed->sort, "name (default), date (newest first) or size")
+        ->check(CLI::IsMember({"name", "date", "size"}));
     addRoot(installed, listed->root);
     installed->add_flag("--json", listed->json, "One JSON object per line and app");
 

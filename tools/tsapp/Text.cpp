@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <cstdio>
 #include <iostream>
+#include <iterator>
 
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
@@ -50,8 +52,20 @@ void printColumns(const std::vector<std::vector<std::string>>& rows) {
             line += row[i];
             if (i + 1 < row.size()) line += std::string(widths[i] - widthOf(row[i]) + 2, ' ');
         }
+        line.erase(line.find_last_not_of(' ') + 1);  // an empty last cell leaves no blanks
         std::cout << line << '\n';
     }
+}
+
+std::string sizeText(std::uint64_t bytes) {
+    static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+    double size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (size /= 1024; size >= 1024 && unit + 1 < std::size(kUnits); size /= 1024) ++unit;
+    char text[32];
+    std::snprintf(text, sizeof text, size < 10 ? "%.1f %s" : "%.0f %s", size, kUnits[unit]);
+    return text;
 }
 
 bool byName(const std::string& a, const std::string& b) {

@@ -25,6 +25,9 @@ std::string counted(std::uint64_t count, const std::string& noun);
 // not padded; the first row is the header.
 void printColumns(const std::vector<std::vector<std::string>>& rows);
 
+// "84 B", "2.5 KiB", "1.3 MiB": a size for people, in binary units.
+std::string sizeText(std::uint64_t bytes);
+
 // Whether `a` sorts before `b` as people read names: case ignored
 // (fl::i18n::folded()), then as bytes, so that the order is total.
 bool byName(const std::string& a, const std::string& b);

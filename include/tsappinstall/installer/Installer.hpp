@@ -64,6 +64,7 @@ struct Offer {
 struct Outdated {
     store::InstalledVersion installed;
     Offer offer;
+    bool held = false;  // the app is held at its version (AppStore::hold())
 };
 
 struct InstallerOptions {
@@ -168,7 +169,9 @@ class TSAPP_API Installer {
 
     // The installed apps named (GUIDs or names; empty: every one) that have
     // a newer version that fits `host`, looked for in the repository each
-    // came from while it is recorded, else in every recorded one.
+    // came from while it is recorded, else in every recorded one. A held
+    // app is among them (installed.held, as InstalledApp::held) for the
+    // caller to pass by.
     std::vector<Outdated> outdated(const std::vector<std::string>& apps,
                                    const store::HostProfile& host);
 

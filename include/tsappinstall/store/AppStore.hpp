@@ -68,6 +68,7 @@ struct InstallOptions {
     // package carries no proof that it handed over (see AppStore::install).
     bool allowSignerChange = false;
     bool sync = false;  // flush every file to disk before the records commit
+    bool ignoreHold = false;  // replace a held app's version all the same
     // Parts unpacked at once, each on a thread; 0: one per core.
     unsigned threads = 1;
     std::function<bool()> cancelled;
@@ -109,6 +110,7 @@ struct InstalledVersion {
     // replaced first); empty when none was needed.
     std::vector<std::string> rotatedFrom;
     std::int64_t installedAt = 0;  // seconds since the epoch, UTC
+    std::uint64_t size = 0;        // bytes of its recorded files
     std::string hostProfile;       // the profile checked against, as toJson() writes it
     bool forced = false;
     std::vector<std::string> forcedReasons;  // the incompatibilities --force overrode
@@ -125,6 +127,7 @@ struct InstalledApp {
     InstalledVersion current;
     std::vector<InstalledVersion> previous;  // kept for rollback, newest first
     std::filesystem::path link;              // ROOT/apps/GUID/current
+    bool held = false;                       // see AppStore::hold()
 };
 
 struct InstallResult {
@@ -213,6 +216,13 @@ class TSAPP_API AppStore {
     // root's real path. Links below the root are not followed: a file is
     // owned by the path the store wrote it at. nullopt when none records it.
     std::optional<FileOwner> owner(const std::filesystem::path& path) const;
+
+    // Holds the app at its version, or lets it go: install() refuses to
+    // replace a held app's version (Refused) unless ignoreHold, and the
+    // installer's outdated() marks it so that an upgrade of every app
+    // passes it by. Removing and rolling back are not held. Returns
+    // whether it was held before.
+    bool hold(const std::string& app, bool held = true);
 
     // Deletes the recorded files that are unchanged and the folders left
     // empty; changed and added files are kept (and listed) unless `purge`.

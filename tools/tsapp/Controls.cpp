@@ -1,5 +1,7 @@
-// tsapp files: what an installed app's files are; tsapp owner: which
-// installed app a file belongs to.
+// The controls an administrator reaches for beside install and remove:
+// tsapp files (what an installed app's files are), tsapp owner (which
+// installed app a file belongs to), tsapp hold and unhold (keep an app at
+// its version).
 
 #include <cstdio>
 #include <iostream>
@@ -75,6 +77,25 @@ int runOwner(const FilesSettings& s) {
     });
 }
 
+struct HoldSettings {
+    RootOption root;
+    std::vector<std::string> apps;
+};
+
+int runHold(const HoldSettings& s, bool held) {
+    const auto apps = openExisting(s.root);
+    return runEach(s.apps, [&](const std::string& name) {
+        if (!apps) nothingInstalled(name, s.root);
+        const bool was = onStore(name, [&] { return apps->hold(name, held); });
+        const auto app = onStore(name, [&] { return apps->show(name); });
+        const std::string what = shown(app.current.name) + " " + shown(app.current.version);
+        if (held)
+            std::cout << (was ? what + " was held already" : "held " + what) << "\n";
+        else
+            std::cout << (was ? "let go of " + what : what + " was not held") << "\n";
+    });
+}
+
 }  // namespace
 
 std::vector<Command> addFiles(CLI::App& app) {
@@ -92,7 +113,20 @@ std::vector<Command> addFiles(CLI::App& app) {
     owner->add_flag("--json", owned->json, "One JSON object per line and file");
     addRoot(owner, owned->root);
 
+    auto holding = std::make_shared<HoldSettings>();
+    CLI::App* hold = app.add_subcommand(
+        "hold", "Keep installed apps at their version: upgrade --all passes them by, and "
+                "upgrade and install refuse to replace them unless --ignore-hold.");
+    addRequired(hold, "APP", holding->apps, "Installed app: GUID or name");
+    addRoot(hold, holding->root);
+    auto letting = std::make_shared<HoldSettings>();
+    CLI::App* unhold = app.add_subcommand("unhold", "Let held apps be upgraded again.");
+    addRequired(unhold, "APP", letting->apps, "Installed app: GUID or name");
+    addRoot(unhold, letting->root);
+
     return {{files, [listed] { return runFiles(*listed); }, [listed] { return listed->app; }},
+            {hold, [holding] { return runHold(*holding, true); }, rootSubject(holding->root)},
+            {unhold, [letting] { return runHold(*letting, false); }, rootSubject(letting->root)},
             {owner, [owned] { return runOwner(*owned); }, rootSubject(owned->root)}};
 }
 
