@@ -18,6 +18,7 @@
 #include "store/RootState.hpp"
 #include "tsappinstall/Guid.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsappinstall::installer {
 namespace {
@@ -333,6 +334,18 @@ void Installer::remove(const std::string& name) {
         remotes.erase(found);
     });
     removeCopies(apps_.root(), *removed);
+    // Forgotten completely: a repository added again under this name, or
+    // one its publisher rebuilt, starts from what it then shows. Another
+    // name recorded for the same repository keeps the mark.
+    RootStateAccess::erase(apps_, kSeenByNameScope, removed->name);
+    if (removed->signerKey.empty()) return;
+    const std::string identity =
+        RepositoryIdentity{removed->repository, removed->signerKey, removed->location}.key();
+    for (const Remote& other : remotes())
+        if (!other.signerKey.empty() &&
+            RepositoryIdentity{other.repository, other.signerKey, other.location}.key() == identity)
+            return;
+    RootStateAccess::erase(apps_, kSeenScope, identity);
 }
 
 std::shared_ptr<const Repository> Installer::move(const std::string& name,
@@ -426,24 +439,55 @@ void Installer::recordRevocations(const Remote& remote, const repository::Index&
     }
 }
 
+// The indexes of `where` that can be read. With someone to tell, one that
+// cannot is told once (when another could be read: else its failure is
+// thrown) and left out.
+Installer::Reached Installer::reachable(const std::vector<Remote>& where) {
+    Reached out;
+    std::vector<Remote> failing;
+    for (const Remote& remote : where) {
+        auto& failed = unreached_[remote.key()];
+        try {
+            if (failed) std::rethrow_exception(failed);
+            out.emplace_back(remote, fetch(remote));
+        } catch (const store::StoreError&) {
+            throw;  // the root's own trouble, not the repository's
+        } catch (const Error&) {
+            if (!options_.unreachable) throw;
+            if (!failed) failed = std::current_exception();
+            failing.push_back(remote);
+        }
+    }
+    if (out.empty() && !failing.empty()) std::rethrow_exception(unreached_[failing[0].key()]);
+    for (const Remote& remote : failing) {
+        if (!told_.insert(remote.key()).second) continue;
+        try {
+            std::rethrow_exception(unreached_[remote.key()]);
+        } catch (const Error& e) {
+            options_.unreachable(remote, e);
+        }
+    }
+    return out;
+}
+
 std::vector<std::shared_ptr<const Repository>> Installer::indexes() {
     std::vector<std::shared_ptr<const Repository>> all;
-    for (const Remote& remote : remotes()) all.push_back(fetch(remote));
+    for (auto& [remote, repository] : reachable(remotes())) all.push_back(repository);
     return all;
 }
 
 // The GUID `app` stands for: itself, an installed app's of that name, or
 // the one app of that name that the repositories offer.
-std::string Installer::guidOf(const std::string& app, const std::vector<Remote>& where) {
-    if (isGuid(app)) return app;
+std::string Installer::guidOf(const std::string& app, const Reached& where) {
+    if (isGuid(app)) return opc::detail::ascii_lower(app);
     try {
         return apps_.show(app).current.guid;
     } catch (const store::StoreError& e) {
         if (e.kind() != FaultKind::NotInstalled) throw;
     }
     std::map<std::string, std::set<std::string>> offered;  // GUID -> repositories
-    for (const Remote& remote : where)
-        for (const auto& entry : fetch(remote)->index().packages)
+    for (const auto& [remote, repository] : where)
+        for (const auto& entry : repository->index().packages)
             if (entry.name == app)
                 offered[opc::detail::ascii_lower(entry.guid)].insert(remote.key());
     if (offered.size() > 1) {
@@ -460,18 +504,91 @@ std::string Installer::guidOf(const std::string& app, const std::vector<Remote>&
     return offered.empty() ? app : offered.begin()->first;
 }
 
+namespace {
+
+// Every version of the app `guid` stands for (its GUID, or a name none
+// resolved), in each repository reached.
+template <class Each>
+void eachListed(const std::vector<std::pair<Remote, std::shared_ptr<const Repository>>>& where,
+                const std::string& guid, Each each) {
+    for (const auto& [remote, repository] : where)
+        for (const auto& entry : repository->index().packages)
+            if (opc::detail::ascii_lower(entry.guid) == guid || entry.name == guid)
+                each(remote, repository, entry);
+}
+
+}  // namespace
+
 std::optional<Offer> Installer::find(const std::string& app, const store::HostProfile& host,
                                      const std::vector<Remote>& where) {
-    const std::vector<Remote> looked = where.empty() ? remotes() : where;
-    const std::string guid = guidOf(app, looked);
+    return find(app, host, where, {});
+}
+
+std::optional<Offer> Installer::find(const std::string& app, const store::HostProfile& host,
+                                     const std::vector<Remote>& where, const FindOptions& options) {
+    const Reached reached = reachable(where.empty() ? remotes() : where);
+    const std::string guid = guidOf(app, reached);
     std::optional<Offer> best;
-    for (const Remote& remote : looked) {
-        auto repository = fetch(remote);
-        const auto* entry = repository::pickNewest(repository->index(), guid, host);
-        if (entry && (!best || store::compareVersions(entry->version, best->entry->version) > 0))
-            best = Offer{remote, repository, entry};
-    }
+    bool bestFits = false;
+    eachListed(reached, guid, [&](const Remote& remote, const auto& repository, const auto& entry) {
+        if (!options.version.empty() && store::compareVersions(entry.version, options.version))
+            return;
+        const bool fits = repository::isCompatible(entry, host);
+        if (!fits && !options.anyHost) return;
+        if (best &&
+            (bestFits > fits || (bestFits == fits &&
+                                 store::compareVersions(entry.version, best->entry->version) <= 0)))
+            return;
+        best = Offer{remote, repository, &entry};
+        bestFits = fits;
+    });
     return best;
+}
+
+std::string Installer::whyNotFound(const std::string& app, const store::HostProfile& host,
+                                   const std::vector<Remote>& where, const FindOptions& options) {
+    const Reached reached = reachable(where.empty() ? remotes() : where);
+    const std::string guid = guidOf(app, reached);
+    std::vector<const repository::PackageEntry*> listed;
+    eachListed(reached, guid,
+               [&](const Remote&, const auto&, const auto& entry) { listed.push_back(&entry); });
+    std::sort(listed.begin(), listed.end(), [](const auto* a, const auto* b) {
+        return store::compareVersions(a->version, b->version) > 0;
+    });
+    if (listed.empty()) {
+        std::vector<std::string> names;
+        for (const auto& [remote, repository] : reached)
+            for (const auto& entry : repository->index().packages) names.push_back(entry.name);
+        for (const auto& installed : apps_.list()) names.push_back(installed.current.name);
+        const auto near = fl::i18n::nearest(app, names);
+        std::string meant;
+        for (std::size_t i = 0; i < near.size() && i < 3; ++i)
+            meant += (i ? " or \"" : "; did you mean \"") + near[i] + "\"";
+        return (isGuid(app) ? "no repository lists an app with the GUID " + guid
+                            : "no repository lists an app called \"" + app + "\"") +
+               meant + (meant.empty() ? "" : "?");
+    }
+    if (!options.version.empty()) {
+        std::string versions;
+        for (std::size_t i = 0; i < listed.size() && i < 5; ++i)
+            versions += (i ? ", " : "") + listed[i]->version;
+        if (std::none_of(listed.begin(), listed.end(), [&](const auto* entry) {
+                return store::compareVersions(entry->version, options.version) == 0;
+            }))
+            return "no repository lists version " + options.version + " of it (it lists " +
+                   versions + (listed.size() > 5 ? ", ..." : "") + ")";
+        listed.erase(std::remove_if(listed.begin(), listed.end(),
+                                    [&](const auto* entry) {
+                                        return store::compareVersions(entry->version,
+                                                                      options.version) != 0;
+                                    }),
+                     listed.end());
+    }
+    std::string reasons;
+    for (const auto& reason : repository::incompatibilities(*listed.front(), host))
+        reasons += (reasons.empty() ? "" : "; ") + reason;
+    return "no version of it fits this host (the newest, " + listed.front()->version + ": " +
+           reasons + "); --force installs it anyway";
 }
 
 store::InstallResult Installer::install(const Offer& offer, const store::HostProfile& host,
@@ -503,18 +620,18 @@ std::vector<Remote> Installer::whereToLook(const store::InstalledVersion& versio
 
 std::vector<Outdated> Installer::outdated(const std::vector<std::string>& apps,
                                           const store::HostProfile& host) {
-    std::vector<store::InstalledVersion> installed;
-    if (apps.empty())
-        for (const auto& app : apps_.list()) installed.push_back(app.current);
-    for (const auto& app : apps) installed.push_back(apps_.show(app).current);
+    std::vector<store::InstalledApp> installed;
+    if (apps.empty()) installed = apps_.list();
+    for (const auto& app : apps) installed.push_back(apps_.show(app));
     const auto recorded = remotes();
     std::vector<Outdated> found;
-    for (const auto& version : installed) {
+    for (const auto& app : installed) {
+        const auto& version = app.current;
         const auto where = whereToLook(version, recorded);
         if (where.empty()) continue;
         const auto offer = find(version.guid, host, where);
         if (offer && store::compareVersions(offer->entry->version, version.version) > 0)
-            found.push_back({version, *offer});
+            found.push_back({version, *offer, app.held});
     }
     return found;
 }

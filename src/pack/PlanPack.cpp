@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -323,6 +324,15 @@ std::vector<std::string> appFiles(const fs::path& root, const fs::path& shownRoo
     return files;
 }
 
+// Empty, or spaces alone (ASCII, no-break and ideographic ones), which a
+// list would show as nothing.
+bool isBlank(std::string text) {
+    for (const char* space : {"\xC2\xA0", "\xE3\x80\x80", " "})
+        for (auto at = text.find(space); at != std::string::npos; at = text.find(space))
+            text.erase(at, std::strlen(space));
+    return text.empty();
+}
+
 void fillManifest(const json& d, Checker& check, AppManifest& m) {
     using Text = std::u16string AppManifest::*;
     static const std::pair<const char*, Text> kTexts[] = {
@@ -338,8 +348,8 @@ void fillManifest(const json& d, Checker& check, AppManifest& m) {
         m.*field = check.text(d, key, key,
                               field == &AppManifest::description || field == &AppManifest::summary);
     for (const char* key : {"name", "version"})
-        if (d.contains(key) && d[key].is_string() && d[key].get<std::string>().empty())
-            check.problem(key, "must not be empty");
+        if (d.contains(key) && d[key].is_string() && isBlank(d[key].get<std::string>()))
+            check.problem(key, "must not be empty or blank");
     if (d.contains("author") && check.object(d["author"], "author", kAuthorKeys, 3)) {
         m.authorName = check.text(d["author"], "name", "author.name");
         m.authorContact = check.text(d["author"], "contact", "author.contact");

@@ -98,9 +98,20 @@ SignedIndex fetchIndex(const std::string& location, const ClientOptions& options
         out.check = integrity::checkSignature(signature, text, options.trustAnchors);
         const auto& fault = out.check.fault;
         if (fault && fault->kind == FaultKind::SignatureMismatch && round == 0) continue;
-        if (fault)
-            throw Error(Fault{fault->kind, INDEX_SIGNATURE_FILE, fault->detail},
-                        "the index's signature: " + fault->detail);
+        if (fault) {
+            // Whoever signed it is named, so that a reader can tell a
+            // missing anchor from a stranger's index.
+            const std::string by =
+                out.check.signer.empty()
+                    ? std::string()
+                    : " (signed by " + out.check.signer +
+                          (out.check.certificate.keyFingerprint.empty()
+                               ? std::string()
+                               : ", key SHA-256 " + out.check.certificate.keyFingerprint) +
+                          ")";
+            throw Error(Fault{fault->kind, INDEX_SIGNATURE_FILE, fault->detail + by},
+                        "the index's signature: " + fault->detail + by);
+        }
         return out;
     }
 }
@@ -120,10 +131,23 @@ void checkIdentity(const RepositoryIdentity& found, const ClientOptions& options
                  ", not by the key SHA-256 " + options.signerKey);
 }
 
-std::string days(std::int64_t seconds) {
-    const std::int64_t d = seconds / 86400;
-    return d >= 1 ? std::to_string(d) + (d == 1 ? " day" : " days")
-                  : std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
+// "1 hour 30 minutes", "3 days 2 hours", "45 seconds": the two largest
+// units that are not zero.
+std::string howLong(std::int64_t seconds) {
+    static const std::pair<std::int64_t, const char*> units[] = {
+        {86400, "day"}, {3600, "hour"}, {60, "minute"}, {1, "second"}};
+    std::string text;
+    int said = 0;
+    for (const auto& [size, name] : units) {
+        const std::int64_t count = seconds / size;
+        if (said == 2 || (count == 0 && (said > 0 || size > 1))) {
+            if (said > 0) break;
+            continue;
+        }
+        seconds %= size;
+        text += (said++ ? " " : "") + std::to_string(count) + " " + name + (count == 1 ? "" : "s");
+    }
+    return text;
 }
 
 [[noreturn]] void failOn(FaultKind kind, const std::string& what, const fs::path& path) {
@@ -298,7 +322,7 @@ Repository::Repository(std::string location, ClientOptions options)
     const std::int64_t now = nowSeconds(options_);
     if (now > index_.expires)
         fail(FaultKind::ExpiredIndex, "the index expired at " + formatUtc(index_.expires) + ", " +
-                                          days(now - index_.expires) + " ago");
+                                          howLong(now - index_.expires) + " ago");
     checkIdentity(identity_, options_);
     seen_ = std::max(options_.highestSeen,
                      options_.highestSeenOf ? options_.highestSeenOf(identity_) : 0);

@@ -181,8 +181,7 @@ AppManifest manifestOf(const PackageEntry& entry) {
 }
 
 bool containsFolded(const std::string& haystack, const std::string& needle) {
-    return opc::detail::ascii_lower(haystack).find(opc::detail::ascii_lower(needle)) !=
-           std::string::npos;
+    return fl::i18n::folded(haystack).find(fl::i18n::folded(needle)) != std::string::npos;
 }
 
 }  // namespace
@@ -264,7 +263,11 @@ Index parseIndex(const std::string& textIn) {
 }
 
 bool isCompatible(const PackageEntry& entry, const HostProfile& host) {
-    return compat::incompatibilities(manifestOf(entry), host).empty();
+    return incompatibilities(entry, host).empty();
+}
+
+std::vector<std::string> incompatibilities(const PackageEntry& entry, const HostProfile& host) {
+    return compat::incompatibilities(manifestOf(entry), host);
 }
 
 std::vector<const PackageEntry*> search(const Index& index, const std::string& text) {

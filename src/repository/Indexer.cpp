@@ -531,6 +531,7 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     IndexOutcome result;
     result.read = readAll(folder, files, cache, jobs, outcomes);
 
+    result.firstIndex = index.version == 0;
     ++index.version;
     index.generated = options.now >= 0 ? options.now : nowSeconds();
     index.expires = index.generated + options.validFor;

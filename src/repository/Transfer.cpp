@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -225,6 +226,15 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
 
 // A folder, or the path a file: URL names.
 std::string localPath(const std::string& location) {
+    // "htp://host/x" is a misspelt URL, not a folder of that name: a
+    // scheme is letters, digits, "+", "-" and "." before "://".
+    const auto colon = location.find("://");
+    if (colon != std::string::npos && colon > 0 &&
+        location.find_first_not_of(
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.") == colon &&
+        !startsWith(opc::detail::ascii_lower(location), "file:"))
+        fail(FaultKind::CannotRead, "the URL scheme " + location.substr(0, colon + 1) +
+                                        " is not one of http:, https: and file:");
     if (!startsWith(location, "file:")) return location;
     std::string path = location.substr(5);
     if (startsWith(path, "//")) {
@@ -247,7 +257,8 @@ void fetchLocal(const std::string& location, const std::string& name, std::uint6
     // read only when it is a regular file.
     const opc::detail::UniqueFd fd(
         ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) fail(FaultKind::CannotRead, name + ": cannot open " + path);
+    if (!fd)
+        fail(FaultKind::CannotRead, name + ": cannot open " + path + ": " + std::strerror(errno));
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
         fail(FaultKind::CannotRead, name + ": not a regular file");

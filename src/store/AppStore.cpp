@@ -334,7 +334,12 @@ struct AppStore::Impl {
                 app.previous.push_back(publicVersion(row));
         }
         app.link = root / "apps" / guid / "current";
+        app.held = isHeld(guid);
         return app;
+    }
+
+    bool isHeld(const std::string& guid) const {
+        return records->state(HELD_SCOPE, guid).has_value();
     }
 
     // GUID (any case) or the name of exactly one installed app.
@@ -346,7 +351,15 @@ struct AppStore::Impl {
             return guid;
         }
         const auto guids = records->guidsNamed(app);
-        if (guids.empty()) refuse(FaultKind::NotInstalled, "no installed app is called " + app);
+        if (guids.empty()) {
+            std::vector<std::string> names;
+            for (const auto& [row, current] : records->allVersions())
+                if (current) names.push_back(row.version.name);
+            const auto near = fl::i18n::nearest(app, names);
+            refuse(FaultKind::NotInstalled,
+                   "no installed app is called " + app +
+                       (near.empty() ? "" : "; did you mean \"" + near.front() + "\"?"));
+        }
         if (guids.size() > 1) {
             std::string list;
             for (const auto& guid : guids) list += (list.empty() ? "" : ", ") + guid;
@@ -610,6 +623,10 @@ struct AppStore::Impl {
         if (existing) {
             result.kind = kindOf(version.version, existing->version.version, installOptions);
             result.replacedVersion = existing->version.version;
+            if (isHeld(version.guid) && !installOptions.ignoreHold)
+                refuse(FaultKind::Refused, version.name + " is held at version " +
+                                               existing->version.version +
+                                               "; --ignore-hold replaces it");
         }
 
         const std::string relative = version.guid + "/" + folderNameFor(version.version);
@@ -1209,8 +1226,10 @@ std::vector<InstalledApp> AppStore::list() const {
             apps.back().link = impl_->root / "apps" / row.version.guid / "current";
         }
         InstalledApp& app = apps[found->second];
-        if (current)
+        if (current) {
             app.current = impl_->publicVersion(row);
+            app.held = impl_->isHeld(row.version.guid);
+        }
         else
             app.previous.push_back(impl_->publicVersion(row));
     }
@@ -1233,12 +1252,54 @@ std::vector<InstalledFile> AppStore::files(const std::string& app) const {
     return impl_->records->files(*impl_->records->currentId(impl_->resolve(app)));
 }
 
+std::optional<FileOwner> AppStore::owner(const std::filesystem::path& path) const {
+    namespace fs = std::filesystem;
+    const fs::path wanted = fs::absolute(path).lexically_normal();
+    std::error_code error;
+    // The root as given and as it really is: either may be how the path
+    // was written.
+    std::vector<fs::path> roots = {fs::absolute(impl_->root).lexically_normal() / "apps"};
+    const fs::path real = fs::canonical(impl_->root, error);
+    if (!error) roots.push_back(real / "apps");
+    Transaction snapshot(*impl_->db, "BEGIN");
+    for (const fs::path& apps : roots) {
+        const fs::path below = wanted.lexically_relative(apps);
+        auto part = below.begin();
+        if (below.empty() || *part == ".." || std::distance(below.begin(), below.end()) < 3)
+            continue;
+        const std::string guid = (part++)->string(), leaf = (part++)->string();
+        fs::path rest;
+        for (; part != below.end(); ++part) rest /= *part;
+        std::optional<std::int64_t> id;
+        if (leaf == "current")
+            id = impl_->records->currentId(guid);
+        else
+            id = impl_->records->versionIdOf(guid + "/" + leaf);
+        if (!id) continue;
+        for (InstalledFile& file : impl_->records->files(*id))
+            if (file.path == rest.generic_string())
+                return FileOwner{impl_->publicVersion(*impl_->records->version(*id)),
+                                 std::move(file)};
+    }
+    return std::nullopt;
+}
+
 RemoveResult AppStore::remove(const std::string& app, bool purge) {
     return impl_->remove(app, purge);
 }
 
 RollbackResult AppStore::rollback(const std::string& app, const RollbackOptions& options) {
     return impl_->rollback(app, options);
+}
+
+bool AppStore::hold(const std::string& app, bool held) {
+    Impl& impl = *impl_;
+    RootLock lock = impl.lockRoot(RootLock::Mode::Exclusive);
+    const std::string guid = impl.resolve(app);
+    const bool was = impl.isHeld(guid);
+    if (held && !was) impl.records->setState(HELD_SCOPE, guid, "held");
+    if (!held && was) impl.records->dropState(HELD_SCOPE, guid);
+    return was;
 }
 
 InstalledVersion AppStore::rollback(const std::string& app) {

@@ -8,7 +8,7 @@ namespace {
 const std::string kColumns =
     "SELECT id, guid, name, version, folder, package, package_sha256, signer_subject, "
     "signer_fingerprint, installed_at, host_profile, forced, forced_reasons, origin, signer_key, "
-    "rotated_from";
+    "rotated_from, (SELECT COALESCE(SUM(size), 0) FROM files WHERE version_id = versions.id)";
 const std::string kVersionColumns = kColumns + " FROM versions ";
 
 // A JSON list of strings as the records keep it; anything else is none.
@@ -45,6 +45,7 @@ VersionRow versionRow(const Statement& s) {
     v.origin = s.text(13);
     v.signerKeyFingerprint = s.text(14);
     v.rotatedFrom = textList(s.text(15));
+    v.size = static_cast<std::uint64_t>(s.integer(16));
     return row;
 }
 
@@ -100,7 +101,7 @@ std::vector<std::pair<VersionRow, bool>> Records::allVersions() const {
                                  "FROM versions WHERE retired = 0 ORDER BY guid, id DESC")
                          .c_str());
     std::vector<std::pair<VersionRow, bool>> rows;
-    while (s.step()) rows.emplace_back(versionRow(s), s.integer(16) != 0);
+    while (s.step()) rows.emplace_back(versionRow(s), s.integer(17) != 0);
     return rows;
 }
 

@@ -23,6 +23,9 @@ namespace tsappinstall::store::detail {
 // signed. A revocation once recorded stays.
 inline constexpr const char* REVOKED_KEYS_SCOPE = "revoked-keys";
 
+// The GUIDs of the apps AppStore::hold() holds at their version.
+inline constexpr const char* HELD_SCOPE = "held";
+
 struct RootStateAccess {
     static std::optional<std::string> read(const AppStore& apps, const std::string& scope,
                                            const std::string& key);

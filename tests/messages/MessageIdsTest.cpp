@@ -73,3 +73,15 @@ TEST(Utf, ShownEscapesControlsAndStrayBytesOnly) {
     EXPECT_EQ(fl::i18n::shown("a\nb\tc\rd"), "a\\nb\\tc\\rd");
     EXPECT_EQ(fl::i18n::shown("\x1B[2J\x7F\xC2\x85\xFF"), "\\x1b[2J\\x7f\\xc2\\x85\\xff");
 }
+
+// Matching what a person typed: case folded beyond ASCII whatever the
+// process's locale, stray bytes kept; "did you mean" picks the closest
+// names only, case ignored, and nothing when none is close.
+TEST(Utf, FoldsCaseAndFindsTheNamesMeant) {
+    EXPECT_EQ(fl::i18n::folded("\xC3\x84rger \xCE\xA3 ABC \xFF"), "\xC3\xA4rger \xCF\x83 abc \xFF");
+    const std::vector<std::string> names = {"Hello Tessal", "Ärger", "Editor", "Edit0r"};
+    EXPECT_EQ(fl::i18n::nearest("hello tesal", names), std::vector<std::string>{"Hello Tessal"});
+    EXPECT_EQ(fl::i18n::nearest("ärger", names), std::vector<std::string>{"Ärger"});
+    EXPECT_EQ(fl::i18n::nearest("editr", names), (std::vector<std::string>{"Editor", "Edit0r"}));
+    EXPECT_TRUE(fl::i18n::nearest("calculator", names).empty());
+}

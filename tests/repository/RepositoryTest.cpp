@@ -534,6 +534,32 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     EXPECT_EQ(refusal([&] { later.remove("main"); }), "unknown-repository main");
     // Its repository forgotten and none other recorded, nothing is looked in.
     EXPECT_TRUE(Installer(apps).outdated({}, host).empty());
+    // Forgotten with its name, highest version included: the publisher's
+    // repository rebuilt at index version 1 is added afresh.
+    const std::string rebuilt = published.dir.file("rebuilt");
+    fs::copy(moved, rebuilt, fs::copy_options::recursive);
+    for (const char* file : {"index.json", "index.json.p7s"})
+        fs::copy(published.dir.file(std::string("old-") + file), rebuilt + "/" + file,
+                 fs::copy_options::overwrite_existing);
+    EXPECT_EQ(Installer(apps).add({"main", rebuilt, main.trust, ""})->index().version, 1u);
+
+    // Of several repositories, one that cannot be read is told once and
+    // left out, and the others answer; alone, it fails.
+    std::vector<std::string> told;
+    InstallerOptions reporting;
+    reporting.unreachable = [&](const Remote& remote, const Error& e) {
+        told.push_back(remote.key() + ": " + e.what());
+    };
+    Installer looking(apps, reporting);
+    const Remote gone{"", published.dir.file("gone"), main.trust, ""};
+    const std::vector<Remote> some = {gone, {"", rebuilt, main.trust, ""}};
+    EXPECT_EQ(looking.find(guid, host, some)->entry->version, "1.0");
+    EXPECT_EQ(looking.whyNotFound("helo tesal", host, some),
+              "no repository lists an app called \"helo tesal\"; did you mean \"Hello Tessal\"?");
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told.front().rfind(gone.location + ": index.json: cannot open ", 0), 0u)
+        << told.front();
+    EXPECT_EQ(refusal([&] { looking.find(guid, host, {gone}); }), "cannot-read " + gone.location);
 }
 
 // The publisher's stable and testing repositories, signed with one key:

@@ -98,10 +98,37 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         {"repo add other " + http.url("http", "ok") + rogue, 1,
          "tsapp: other: the index's signature: the signer is not trusted"},
         {"repo remove other", 1, "tsapp: other: no repository of that name\n"},
-        {"repo move other /elsewhere", 1, "tsapp: other: no repository of that name\n"},
-        {"install Nothing", 1,
-         "tsapp: Nothing: no repository offers a version of it that fits this host\n"},
+        {"repo set-url other /elsewhere", 1, "tsapp: other: no repository of that name\n"},
+        {"install Nothing", 1, "tsapp: Nothing: no repository lists an app called \"Nothing\"\n"},
+        {"install 'hello tesal'", 1,
+         "tsapp: hello tesal: no repository lists an app called \"hello tesal\"; did you mean "
+         "\"Hello Tessal\"?\n"},
+        {"install 'Hello Tessal@9'", 1,
+         "tsapp: Hello Tessal@9: no repository lists version 9 of it (it lists 1.0)\n"},
+        {"install 'Hello Tessal' --host-release 2020.1", 1,
+         "tsapp: Hello Tessal: no version of it fits this host (the newest, 1.0: "},
+        {"install typo.tsappinstall", 1,
+         "tsapp: typo.tsappinstall: not an app package: cannot be read: cannot open "},
+        {"install hello.tsappinstall --trust /dev/null", 2, "tsapp: /dev/null: "},
+        {"search hello --trust /dev/null", 2, "tsapp: /dev/null: "},
+        {"search hello --repo " + repo, 2,
+         "tsapp: " + repo + ": give --trust FILE, the publisher's CA certificate"},
+        {"search hello --unsigned --repo htp://example.org/apps", 1,
+         "tsapp: htp://example.org/apps: index.json: the URL scheme htp: is not one of http:, "
+         "https: and file:\n"},
+        {"repo add 'a\tb' " + repo + rogue, 2,
+         "tsapp: repo add: NAME: a repository name may not hold control characters (such as a "
+         "tab) (see 'tsapp repo add --help')\n"},
+        {"repo add '' " + repo + rogue, 2,
+         "tsapp: repo add: NAME: must not be empty (see 'tsapp repo add --help')\n"},
+        {"repo index --valid-for 0s " + repo, 2,
+         "tsapp: repo index: --valid-for: not a time to stay valid: \"0s\" (a number above 0 "
+         "followed by d, h, m or s, such as 30d) (see 'tsapp repo index --help')\n"},
         {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
+        {"upgrade --all hello", 2, "tsapp: upgrade: give --all or name the apps, not both\n"},
+        {"audit ''", 2, "tsapp: audit: APP: must not be empty (see 'tsapp audit --help')\n"},
+        {"recover --root " + repo + "/none", 1,
+         "tsapp: " + repo + "/none: No such file or directory\n"},
     };
     for (const auto& r : refusals) {
         const auto [status, text] = runTool(r.arguments + root, out);
@@ -119,10 +146,16 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     packApp(repo, "hello-1.10.tsappinstall", {{"version", "1.10"}, {"guid", guid}},
             published.dir.file("signer"));
     indexFolder(repo, published.signing());
-    EXPECT_EQ(runTool("outdated --json" + root, out).second,
-              "{\"guid\":\"" + guid +
-                  "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
-                  "\"repository\":\"main\"}\n");
+    EXPECT_EQ(
+        runTool("outdated --json" + root, out),
+        std::make_pair(
+            100,
+            std::string("{\"guid\":\"" + guid +
+                        "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
+                        "\"repository\":\"main\"}\n")));
+    EXPECT_EQ(runTool("outdated" + root, out).second,
+              "NAME          INSTALLED  AVAILABLE  REPOSITORY\nHello Tessal  1.0        1.10       "
+              "main\n");
     EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
     EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
 

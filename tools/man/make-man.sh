@@ -47,6 +47,6 @@ trap 'rm -rf "$work"' EXIT
     done
 } >"$work/commands.h2m"
 
-help2man --no-info --no-discard-stderr --name="inspect, check, unpack and build app packages" \
+help2man --no-info --no-discard-stderr --name="inspect, build, sign, install and publish app packages" \
     --include="$here/tsapp.h2m" --include="$work/commands.h2m" --output="$work/tsapp.1" "$tool"
 gzip -9n <"$work/tsapp.1" >"$out"

@@ -9,10 +9,12 @@
 // lets an error line carry the cause by kind.
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -163,7 +165,19 @@ int recoverStore(const std::string& folder) {
     return kGood;
 }
 
-int runRecover(const std::string& folder, bool discardUnreadable) {
+// A folder to recover must be there: a mistyped one has nothing to
+// recover, and saying so would pass a typo as good.
+void requireFolder(const std::string& folder) {
+    struct stat info {};
+    if (::stat(nativePath(folder).c_str(), &info) != 0) throw Failure(folder, std::strerror(errno));
+    if (!S_ISDIR(info.st_mode)) throw Failure(folder, "not a folder");
+}
+
+int runRecover(const std::string& given, const RootOption& root, bool discardUnreadable) {
+    if (!given.empty() && !root.root.empty())
+        throw UsageError("--root", "give DIR or --root, not both");
+    const std::string folder = given.empty() ? root.path().string() : given;
+    requireFolder(folder);
     // Anything named store.db makes it a root, which refuses a database that is no file.
     if (tsappinstall::store::AppStore::exists(nativePath(folder))) return recoverStore(folder);
     const std::string nativeFolder = nativePath(folder).string();
@@ -221,6 +235,7 @@ std::vector<Command> addExtract(CLI::App& app) {
 
     struct RecoverOptions {
         std::string folder;
+        RootOption root;
         bool discard = false;
     };
     auto r = std::make_shared<RecoverOptions>();
@@ -228,14 +243,17 @@ std::vector<Command> addExtract(CLI::App& app) {
         app.add_subcommand("recover",
                            "Complete an extraction into DIR that a crash interrupted, remove "
                            "leftovers; in an apps root, settle an interrupted install or remove.");
-    addRequired(recover, "DIR", r->folder, "Destination folder of the interrupted extraction");
+    addNonEmpty(recover, "DIR", r->folder,
+                "Destination folder of the interrupted extraction, or an apps root (default: the "
+                "apps root, as --root)");
+    addRoot(recover, r->root);
     recover->add_flag("--discard", r->discard,
                       "Remove staging folders of ours whose journal cannot be read");
 
-    return {
-        {extract, [e] { return runExtract(e->package, e->folder, e->settings); },
-         [e] { return shownPackage(e->package); }},
-        {recover, [r] { return runRecover(r->folder, r->discard); }, [r] { return r->folder; }}};
+    return {{extract, [e] { return runExtract(e->package, e->folder, e->settings); },
+             [e] { return shownPackage(e->package); }},
+            {recover, [r] { return runRecover(r->folder, r->root, r->discard); },
+             [r] { return r->folder.empty() ? rootSubject(r->root)() : r->folder; }}};
 }
 
 }  // namespace tsapp::tool

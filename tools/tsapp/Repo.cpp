@@ -1,6 +1,7 @@
 // tsapp repo index: publish a folder of packages as a repository.
 // tsapp search: find apps in a repository's signed index.
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -23,17 +24,30 @@ using Json = nlohmann::ordered_json;
 using fl::i18n::shown;
 namespace integrity = tsappinstall::integrity;
 
-// "30d", "12h", "90m", "45s": how long a published index stays valid.
-std::int64_t parseDuration(const std::string& text) {
+// "30d", "12h", "90m", "45s": how long a published index stays valid; 0
+// when the text is none of those, or a time already over.
+std::int64_t durationOf(const std::string& text) {
     static const std::map<char, std::int64_t> units = {
         {'d', 86400}, {'h', 3600}, {'m', 60}, {'s', 1}};
     const auto unit = text.empty() ? units.end() : units.find(text.back());
     const std::string digits = text.substr(0, text.size() - 1);
     if (unit == units.end() || digits.empty() || digits.size() > 9 ||
         digits.find_first_not_of("0123456789") != std::string::npos)
-        throw CLI::ValidationError("--valid-for",
-                                   "a number followed by d, h, m or s, such as 30d: " + text);
+        return 0;
     return std::stoll(digits) * unit->second;
+}
+
+// Checked as the command line is read, so that a bad one is a usage error.
+const CLI::Validator& durationValue() {
+    static const CLI::Validator validator(
+        [](std::string& value) {
+            return durationOf(value) > 0
+                       ? std::string()
+                       : "not a time to stay valid: \"" + value +
+                             "\" (a number above 0 followed by d, h, m or s, such as 30d)";
+        },
+        "", "duration");
+    return validator;
 }
 
 struct IndexCommand {
@@ -52,17 +66,23 @@ std::string revokedKeyOf(const std::string& given) {
 }
 
 int runIndex(IndexCommand& o) {
-    o.options.validFor = parseDuration(o.validFor);
+    o.options.validFor = durationOf(o.validFor);
     for (const std::string& given : o.revoke) o.options.revoke.push_back(revokedKeyOf(given));
     const auto folder = nativePath(o.folder);
     const repository::IndexOutcome outcome = repository::indexFolder(folder, o.options);
-    for (const auto& bad : outcome.badPackages)
-        std::cout << shown(bad.file) << ": left out: " << shown(bad.what) << '\n';
+    // What was left out is a complaint, said where complaints go; stdout
+    // keeps the one line a script reads.
+    for (const auto& bad : outcome.badPackages) printError(bad.file + ": left out: " + bad.what);
     for (const auto& image : outcome.leftOutImages)
-        std::cout << shown(image.file) << ": image left out: " << shown(image.what) << '\n';
-    std::cout << "index version " << outcome.version << ": " << outcome.packages
-              << " packages listed, " << outcome.read << " read, " << outcome.badPackages.size()
-              << " bad\n";
+        printError(image.file + ": image left out: " + image.what);
+    if (outcome.firstIndex)
+        printError(folder.string() +
+                   ": warning: no earlier index here, so this is version 1: "
+                   "readers that read a later index of this repository refuse "
+                   "it; to rebuild a repository, copy its last index.json into "
+                   "the folder first");
+    std::cout << "index version " << outcome.version << ": " << counted(outcome.packages, "package")
+              << " listed, " << outcome.read << " read, " << outcome.badPackages.size() << " bad\n";
     return outcome.badPackages.empty() || o.skipBad ? kGood : kBad;
 }
 
@@ -76,6 +96,11 @@ struct SearchCommand {
 
 // One line (or JSON object) per app: the newest version that matched.
 int runSearch(const SearchCommand& o) {
+    checkTrustFiles(o.options.trustAnchors);
+    if (!o.location.empty() && o.options.trustAnchors.empty() && !o.options.allowUnsigned)
+        throw UsageError(o.location,
+                         "give --trust FILE, the publisher's CA certificate that the index's "
+                         "signer leads to (or --unsigned to read it unchecked)");
     std::vector<std::shared_ptr<const repository::Repository>> repos;
     if (o.location.empty())
         repos = recordedIndexes(o.root);
@@ -122,6 +147,8 @@ struct RecordSettings {
 };
 
 int runAdd(const RecordSettings& s) {
+    checkTrustFiles(s.remote.trust);
+    checkTrustFiles(s.remote.packageTrust);
     const auto apps = openRoot(s.root);
     installer::Installer installer(*apps);
     const auto repo = onRepository(s.remote.name, [&] { return installer.add(s.remote); });
@@ -130,7 +157,7 @@ int runAdd(const RecordSettings& s) {
               << (named.empty() ? std::string(", an unnamed repository")
                                 : ", repository " + shown(named))
               << ", index version " << repo->index().version << ", "
-              << repo->index().packages.size() << " packages\n";
+              << counted(repo->index().packages.size(), "package") << "\n";
     return kGood;
 }
 
@@ -175,7 +202,10 @@ int runList(const RecordSettings& s) {
     const auto apps = openExisting(s.root, false);
     if (!apps) return kGood;
     const installer::Installer installer(*apps);
-    for (const auto& remote : installer.remotes()) {
+    auto remotes = installer.remotes();
+    std::sort(remotes.begin(), remotes.end(),
+              [](const auto& a, const auto& b) { return byName(a.name, b.name); });
+    for (const auto& remote : remotes) {
         if (!s.json) {
             printRemote(remote);
             continue;
@@ -222,6 +252,23 @@ int runMove(const RecordSettings& s) {
     return kGood;
 }
 
+// A name people type and read back in lists: printable, no spaces at its
+// ends, no control characters.
+const CLI::Validator& repositoryName() {
+    static const CLI::Validator validator(
+        [](std::string& value) -> std::string {
+            if (value.empty()) return {};  // nonEmpty() says so
+            for (unsigned char c : value)
+                if (c < 0x20 || c == 0x7F)
+                    return "a repository name may not hold control characters (such as a tab)";
+            if (value.front() == ' ' || value.back() == ' ')
+                return "a repository name may not begin or end with a space";
+            return {};
+        },
+        "", "");
+    return validator;
+}
+
 void addClientOptions(CLI::App* command, repository::ClientOptions& options) {
     addNonEmpty(command, "--trust", options.trustAnchors,
                 "PEM file of a CA the index's signer must lead to (repeatable)");
@@ -254,8 +301,10 @@ std::vector<Command> addRepo(CLI::App& app) {
                 "The gallery's title, such as the publisher's name (default: after the "
                 "repository's identifier; kept afterwards)");
     addJobs(indexCli, index->options.jobs, "Packages read at once");
-    indexCli->add_option("--valid-for", index->validFor,
-                         "How long the index stays valid: 30d (default), 12h, 90m, 45s");
+    indexCli
+        ->add_option("--valid-for", index->validFor,
+                     "How long the index stays valid: 30d (default), 12h, 90m, 45s")
+        ->check(durationValue());
     indexCli->add_flag("--skip-bad", index->skipBad, "Exit 0 although bad packages were left out");
     addNonEmpty(indexCli, "--sign", index->options.signingKey,
                 "Sign the index with this PEM private key");
@@ -285,7 +334,7 @@ std::vector<Command> addRepo(CLI::App& app) {
     auto added = std::make_shared<RecordSettings>();
     CLI::App* add = repo->add_subcommand(
         "add", "Record a repository in the apps root, once its index is read and trusted.");
-    addRequired(add, "NAME", added->remote.name, "Name to refer to it by");
+    addRequired(add, "NAME", added->remote.name, "Name to refer to it by")->check(repositoryName());
     addRequired(add, "LOCATION", added->remote.location,
                 "A folder, a file: URL or an http(s): URL");
     add->add_option("--trust", added->remote.trust,
@@ -315,7 +364,10 @@ std::vector<Command> addRepo(CLI::App& app) {
 
     auto moved = std::make_shared<RecordSettings>();
     CLI::App* move = repo->add_subcommand(
-        "move", "Follow a recorded repository to a new location, once its index there is trusted.");
+        "set-url",
+        "Follow a recorded repository to a new location, once its index there is trusted; it "
+        "keeps its name, pins and the highest index version seen.");
+    move->alias("move");
     move->add_option("NAME", moved->remote.name, "Its name")->required()->check(nonEmpty());
     move->add_option("LOCATION", moved->remote.location, "A folder, a file: URL or an http(s): URL")
         ->required()

@@ -3,9 +3,11 @@
 // TSAPP_ROOT, else a folder of the user's under $XDG_DATA_HOME).
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -23,6 +25,7 @@
 #include "RepoClient.hpp"
 #include "StoreTool.hpp"
 #include "Text.hpp"
+#include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 #include "tsappinstall/store/AppStore.hpp"
 #include "tsappinstall/timeconv/UtcText.hpp"
@@ -124,10 +127,16 @@ std::unique_ptr<store::AppStore> openExisting(const RootOption& option, bool wri
     return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root, options); });
 }
 
+void nothingInstalled(const std::string& app, const RootOption& root) {
+    throw Failure(app, "nothing is installed in " + root.path().string(),
+                  tsappinstall::FaultKind::NotInstalled);
+}
+
 namespace {
 
 Json versionJson(const store::InstalledVersion& v) {
     Json host = Json::parse(v.hostProfile, nullptr, false);
+    const auto origin = installer::originOf(v);
     return {
         {"guid", v.guid},
         {"name", v.name},
@@ -141,9 +150,12 @@ Json versionJson(const store::InstalledVersion& v) {
                                                       {"keyFingerprint", v.signerKeyFingerprint},
                                                       {"rotatedFrom", v.rotatedFrom}}},
         {"installed", tsappinstall::formatUtc(v.installedAt)},
+        {"size", v.size},
         {"host", host.is_discarded() ? Json(nullptr) : host},
         {"forced", v.forced},
-        {"forcedReasons", v.forcedReasons}};
+        {"forcedReasons", v.forcedReasons},
+        {"origin",
+         origin ? Json{{"name", origin->name}, {"location", origin->location}} : Json(nullptr)}};
 }
 
 Json appJson(const store::InstalledApp& app) {
@@ -204,7 +216,15 @@ void addHostOptions(CLI::App* command, HostOptions& options) {
     command->add_option("--platform", options.platform, "This host's platform (linux-x86_64, ...)");
     command
         ->add_option("--product", options.products, "An installed product, ID=VERSION (repeatable)")
-        ->allow_extra_args(false);
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                const auto equals = value.find('=');
+                return equals == std::string::npos || equals == 0
+                           ? "not of the form ID=VERSION: \"" + value + "\""
+                           : std::string();
+            },
+            "", ""));
 }
 
 namespace {
@@ -269,6 +289,7 @@ void installOne(store::AppStore& apps, const std::string& package, const std::st
 namespace {
 
 int runInstall(const InstallSettings& s) {
+    checkTrustFiles(s.options.trustAnchors);
     catchStopSignals();
     const auto root = s.root.path();
     checkRootFolder(root, false);
@@ -297,22 +318,62 @@ struct ReadSettings {
     bool json = false;
 };
 
-[[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root) {
-    throw Failure(app, "nothing is installed in " + root.path().string(),
-                  tsappinstall::FaultKind::NotInstalled);
+
+struct InstalledSettings : ReadSettings {
+    std::string pattern;
+    std::string sort = "name";
+};
+
+// A name the pattern picks: a glob (*, ?, [...]) on the whole name, or,
+// without one, any name that holds it; case ignored either way.
+bool picked(const std::string& pattern, const std::string& name) {
+    if (pattern.empty()) return true;
+    const std::string p = fl::i18n::folded(pattern), n = fl::i18n::folded(name);
+    if (p.find_first_of("*?[") == std::string::npos) return n.find(p) != std::string::npos;
+    return ::fnmatch(p.c_str(), n.c_str(), 0) == 0;
 }
 
-int runInstalled(const ReadSettings& s) {
+// "2026-11-26 14:05" in the local time zone.
+std::string localMinute(std::int64_t seconds) {
+    const auto t = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    char text[32] = "";
+    if (::localtime_r(&t, &local) != nullptr)
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
+
+int runInstalled(const InstalledSettings& s) {
     const auto apps = openExisting(s.root, false);
     if (!apps) return kGood;
-    for (const auto& app : onStore(s.root.path().string(), [&] { return apps->list(); })) {
+    auto all = onStore(s.root.path().string(), [&] { return apps->list(); });
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [&](const auto& app) { return !picked(s.pattern, app.current.name); }),
+              all.end());
+    // By name (as list() gives them, but case ignored), newest or largest
+    // first when asked; ties keep the order by name.
+    std::stable_sort(all.begin(), all.end(), [](const auto& a, const auto& b) {
+        return byName(a.current.name, b.current.name);
+    });
+    if (s.sort != "name")
+        std::stable_sort(all.begin(), all.end(), [&](const auto& a, const auto& b) {
+            return s.sort == "date" ? a.current.installedAt > b.current.installedAt
+                                    : a.current.size > b.current.size;
+        });
+    std::vector<std::vector<std::string>> rows = {
+        {"NAME", "VERSION", "INSTALLED", "SIZE", "GUID", ""}};
+    for (const auto& app : all) {
         if (s.json) {
             std::cout << appJson(app).dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
-        std::cout << shown(app.current.guid) << "  " << shown(app.current.version) << "  "
-                  << shown(app.current.name) << (app.current.forced ? "  (forced)" : "") << "\n";
+        const auto& v = app.current;
+        std::string notes = v.forced ? "forced" : "";
+        if (app.held) notes += notes.empty() ? "held" : ", held";
+        rows.push_back({shown(v.name), shown(v.version), localMinute(v.installedAt),
+                        sizeText(v.size), v.guid, notes});
     }
+    if (!s.json && !all.empty()) printColumns(rows);
     return kGood;
 }
 
@@ -329,17 +390,50 @@ std::string signerKeyLines(const store::InstalledVersion& v) {
     return lines;
 }
 
+// "release 2026.2, platform linux-x86_64, products a 1.0, b 2": the
+// recorded host profile in words; "any" for what it left open.
+std::string hostText(const std::string& profile) {
+    const Json host = Json::parse(profile, nullptr, false);
+    if (!host.is_object()) return shown(profile);
+    const auto field = [&](const char* key) {
+        const Json value = host.value(key, Json());
+        return value.is_string() && !value.get<std::string>().empty()
+                   ? shown(value.get<std::string>())
+                   : std::string("any");
+    };
+    std::string products;
+    const Json listed = host.value("products", Json::object());
+    for (const auto& [id, version] : listed.items())
+        products += (products.empty() ? " " : ", ") + shown(id) + " " +
+                    (version.is_string() ? shown(version.get<std::string>()) : "?");
+    return "release " + field("release") + ", platform " + field("platform") + ", products" +
+           (products.empty() ? std::string(" none") : products);
+}
+
+// Where the version came from: its repository, or the file given.
+std::string originText(const store::InstalledVersion& v) {
+    if (const auto remote = installer::originOf(v))
+        return "the repository " + shown(remote->name.empty() ? remote->location : remote->name) +
+               (remote->name.empty() ? "" : " (" + shown(remote->location) + ")");
+    return "a package file";
+}
+
 void printVersion(const store::InstalledApp& app) {
     const auto& v = app.current;
+    // A download is removed once installed: its name is kept on record,
+    // but not shown as a file to go and look at.
+    std::error_code error;
+    const bool packageThere = std::filesystem::exists(v.package, error);
     std::cout << "name: " << shown(v.name) << "\nGUID: " << shown(v.guid)
               << "\nversion: " << shown(v.version) << "\nfolder: " << shown(v.folder.string())
-              << "\nlink: " << shown(app.link.string()) << "\npackage: " << shown(v.package)
+              << "\nlink: " << shown(app.link.string()) << "\nfrom: " << originText(v)
+              << "\npackage: " << shown(v.package) << (packageThere ? "" : " (no longer there)")
               << "\npackage SHA-256: " << v.packageSha256 << "\nsigner: "
               << (v.signerFingerprint.empty()
                       ? "none verified"
                       : shown(v.signerSubject) + " (SHA-256 " + v.signerFingerprint + ")")
               << signerKeyLines(v) << "\ninstalled: " << tsappinstall::formatUtc(v.installedAt)
-              << "\nhost: " << shown(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
+              << "\nhost: " << hostText(v.hostProfile) << "\nforced: " << (v.forced ? "yes" : "no")
               << "\n";
     for (const auto& reason : v.forcedReasons) std::cout << "  " << shown(reason) << "\n";
     for (const auto& previous : app.previous)
@@ -488,13 +582,21 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_flag("--allow-signer-change", in->options.allowSignerChange,
                       "Upgrade even when another key signed the installed version and the package "
                       "carries no key rotation proof from it");
+    install->add_flag("--ignore-hold", in->options.ignoreHold,
+                      "Replace the version of an app that tsapp hold keeps");
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     addUnpackOptions(install, in->options);
     addRepositoryOptions(install, in->repository);
 
-    auto listed = std::make_shared<ReadSettings>();
-    CLI::App* installed = app.add_subcommand("installed", "List the installed apps.");
+    auto listed = std::make_shared<InstalledSettings>();
+    CLI::App* installed = app.add_subcommand(
+        "installed", "List the installed apps: name, version, when installed, size, GUID.");
     installed->alias("list-installed");
+    installed->add_option("PATTERN", listed->pattern,
+                          "Only the apps whose name matches: a glob (*, ?, [...]) on the whole "
+                          "name, else any name that holds it; case ignored");
+    installed->add_option("--sort", listed->sort, "name (default), date (newest first) or size")
+        ->check(CLI::IsMember({"name", "date", "size"}));
     addRoot(installed, listed->root);
     installed->add_flag("--json", listed->json, "One JSON object per line and app");
 

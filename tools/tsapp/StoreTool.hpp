@@ -44,6 +44,8 @@ std::unique_ptr<tsappinstall::store::AppStore> openRoot(const RootOption& option
 // one when `mustExist`.
 std::unique_ptr<tsappinstall::store::AppStore> openExisting(const RootOption& option, bool writes,
                                                             bool mustExist = false);
+// A command about `app` on a root that holds no store.
+[[noreturn]] void nothingInstalled(const std::string& app, const RootOption& root);
 
 // Every line of a store's refusal, the last one thrown as a Failure about
 // `subject` (about the root when the database is at fault).

@@ -4,29 +4,14 @@
 #include <cctype>
 #include <filesystem>
 #include <limits>
-#include <numeric>
 
 #include "Commands.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
 #include "tsappinstall/manifest/PackageLayout.hpp"
+#include "tsappinstall/platform/i18n/MessageCatalog.hpp"
 
 namespace tsapp::tool {
 namespace {
-
-// Edits (insert, delete, replace, swap two neighbours) from `a` to `b`.
-std::size_t editDistance(const std::string& a, const std::string& b) {
-    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
-    for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
-    std::iota(d[0].begin(), d[0].end(), std::size_t{0});
-    for (std::size_t i = 1; i <= a.size(); ++i)
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
-                                d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
-            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
-                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
-        }
-    return d[a.size()][b.size()];
-}
 
 // The bytes a unit letter stands for, 0 for none.
 std::uint64_t unitBytes(const std::string& unit) {
@@ -67,23 +52,32 @@ const CLI::Validator& sizeValue() {
 }
 
 std::string unknownCommand(const CLI::App& app, const std::string& name) {
-    std::string nearest;
-    std::size_t best = std::max<std::size_t>(2, name.size() / 3) + 1;
+    std::vector<std::string> names;
     for (const CLI::App* sub : app.get_subcommands({})) {
-        std::vector<std::string> names = sub->get_aliases();
+        for (const std::string& alias : sub->get_aliases()) names.push_back(alias);
         names.push_back(sub->get_name());
-        for (const std::string& candidate : names) {
-            const std::size_t distance = editDistance(name, candidate);
-            if (distance < best) best = distance, nearest = candidate;
-        }
     }
+    const auto near = fl::i18n::nearest(name, names);
     return "unknown command \"" + name + "\"" +
-           (nearest.empty() ? "" : "; did you mean \"" + nearest + "\"?");
+           (near.empty() ? "" : "; did you mean \"" + near.front() + "\"?");
 }
 
 std::string usageText(const std::string& complaint, const CLI::App* command) {
     if (command == nullptr) return complaint + " (see 'tsapp --help')";
-    const std::string name = command->get_name();
+    // The innermost command the line reached ("repo add"), whose help
+    // answers the complaint.
+    for (bool deeper = true; deeper;) {
+        deeper = false;
+        for (const CLI::App* sub : command->get_subcommands({}))
+            if (sub->parsed()) {
+                command = sub;
+                deeper = true;
+                break;
+            }
+    }
+    std::string name = command->get_name();
+    for (const CLI::App* up = command->get_parent(); up && up->get_parent(); up = up->get_parent())
+        name = up->get_name() + " " + name;
     return name + ": " + complaint + " (see 'tsapp " + name + " --help')";
 }
 

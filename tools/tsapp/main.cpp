@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
 
     std::vector<Command> commands;
     for (auto add : {addInfo, addCheck, addList, addSinglePart, addExtract, addPack, addVerify,
-                     addStore, addRepo, addUpgrade}) {
+                     addStore, addFiles, addRepo, addUpgrade}) {
         for (Command& command : add(app)) commands.push_back(std::move(command));
     }
 

@@ -15,10 +15,12 @@
 // refusals pass on as StoreErrors.
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,7 @@ struct Offer {
 struct Outdated {
     store::InstalledVersion installed;
     Offer offer;
+    bool held = false;  // the app is held at its version (AppStore::hold())
 };
 
 struct InstallerOptions {
@@ -76,6 +79,19 @@ struct InstallerOptions {
     std::int64_t now = -1;  // seconds since the epoch, for index expiry; -1: the clock's
     // Called as a package's bytes arrive: done, and the indexed size.
     std::function<void(std::uint64_t, std::uint64_t)> progress;
+    // Told of a repository whose index cannot be read or is refused while
+    // several are looked in (to find, search or upgrade): it is left out
+    // and the others are used; its failure is thrown only when none is
+    // left. Without it, the first failure is thrown.
+    std::function<void(const Remote&, const Error&)> unreachable;
+};
+
+// What find() takes beyond the app.
+struct FindOptions {
+    std::string version;  // this version (compareVersions() equal) only; empty: the newest
+    // A version that does not fit the host will do, as a forced install
+    // takes it; one that fits still goes first.
+    bool anyHost = false;
 };
 
 class TSAPP_API Installer {
@@ -102,7 +118,9 @@ class TSAPP_API Installer {
     // folder: the files given are not read again. Refuses a name that is empty or recorded
     // already (RepositoryExists) and a trust file without a certificate.
     std::shared_ptr<const repository::Repository> add(Remote remote);
-    // Forgets a recorded repository and its copies of the trust anchors
+    // Forgets a recorded repository, its copies of the trust anchors and
+    // the highest index version seen of it (unless another name recorded
+    // is the same repository), so that the name can be used again
     // (UnknownRepository when there is none).
     void remove(const std::string& name);
     // Records that the repository `name` now lives at `location`, once the
@@ -130,6 +148,15 @@ class TSAPP_API Installer {
     // AmbiguousName lists the GUIDs and where each is offered.
     std::optional<Offer> find(const std::string& app, const store::HostProfile& host,
                               const std::vector<Remote>& where = {});
+    std::optional<Offer> find(const std::string& app, const store::HostProfile& host,
+                              const std::vector<Remote>& where, const FindOptions& options);
+    // Why find() with the same arguments finds nothing, as one sentence:
+    // no repository lists the app (naming the apps the repositories list
+    // and the root holds that it may have meant, by fl::i18n::nearest()),
+    // none lists that version (naming those listed), or none fits the host
+    // (with the newest version's reasons).
+    std::string whyNotFound(const std::string& app, const store::HostProfile& host,
+                            const std::vector<Remote>& where = {}, const FindOptions& options = {});
 
     // Downloads the offer into the store's download folder and installs it
     // with `options`, recording the repository with the version. A package
@@ -142,7 +169,9 @@ class TSAPP_API Installer {
 
     // The installed apps named (GUIDs or names; empty: every one) that have
     // a newer version that fits `host`, looked for in the repository each
-    // came from while it is recorded, else in every recorded one.
+    // came from while it is recorded, else in every recorded one. A held
+    // app is among them (installed.held, as InstalledApp::held) for the
+    // caller to pass by.
     std::vector<Outdated> outdated(const std::vector<std::string>& apps,
                                    const store::HostProfile& host);
 
@@ -150,13 +179,17 @@ class TSAPP_API Installer {
     std::shared_ptr<const repository::Repository> open(const Remote& remote);
     void pin(const Remote& remote, const repository::RepositoryIdentity& identity);
     void recordRevocations(const Remote& remote, const repository::Index& index);
-    std::string guidOf(const std::string& app, const std::vector<Remote>& where);
+    using Reached = std::vector<std::pair<Remote, std::shared_ptr<const repository::Repository>>>;
+    Reached reachable(const std::vector<Remote>& where);
+    std::string guidOf(const std::string& app, const Reached& where);
     std::vector<Remote> whereToLook(const store::InstalledVersion& version,
                                     const std::vector<Remote>& recorded) const;
 
     store::AppStore& apps_;
     InstallerOptions options_;
     std::map<std::string, std::shared_ptr<const repository::Repository>> fetched_;  // by key()
+    std::map<std::string, std::exception_ptr> unreached_;                           // by key()
+    std::set<std::string> told_;  // the keys of those told to options_.unreachable
 };
 
 // The origin that Installer::install records, read back: the repository a

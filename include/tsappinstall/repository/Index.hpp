@@ -106,9 +106,12 @@ using compat::HostProfile;
 // Whether `entry` runs on `host`: compat::incompatibilities() finds no
 // reason against the manifest the entry describes.
 TSAPP_API bool isCompatible(const PackageEntry& entry, const HostProfile& host);
+// Why `entry` does not run on `host`, one reason a line; none when it does.
+TSAPP_API std::vector<std::string> incompatibilities(const PackageEntry& entry,
+                                                     const HostProfile& host);
 
 // The entries whose name, summary or author's name contains `text`,
-// ignoring ASCII case; every entry for an empty text.
+// ignoring case (fl::i18n::folded()); every entry for an empty text.
 TSAPP_API std::vector<const PackageEntry*> search(const Index& index, const std::string& text);
 
 // The highest version of the app named `nameOrGuid` (its GUID in any case,

@@ -73,6 +73,7 @@ struct InstallOptions {
     // Delete the files changed or added in the versions an upgrade retires
     // (beyond AppStore::Options::keepPrevious) rather than keep them.
     bool purge = false;
+    bool ignoreHold = false;  // replace a held app's version all the same
     // Parts unpacked at once, each on a thread; 0: one per core.
     unsigned threads = 1;
     std::function<bool()> cancelled;
@@ -114,16 +115,24 @@ struct InstalledVersion {
     // replaced first); empty when none was needed.
     std::vector<std::string> rotatedFrom;
     std::int64_t installedAt = 0;  // seconds since the epoch, UTC
+    std::uint64_t size = 0;        // bytes of its recorded files
     std::string hostProfile;       // the profile checked against, as toJson() writes it
     bool forced = false;
     std::vector<std::string> forcedReasons;  // the incompatibilities --force overrode
     std::string origin;                      // InstallOptions::origin as installed
 };
 
+// The installed version a file belongs to, and its record.
+struct FileOwner {
+    InstalledVersion version;
+    InstalledFile file;
+};
+
 struct InstalledApp {
     InstalledVersion current;
     std::vector<InstalledVersion> previous;  // kept for rollback, newest first
     std::filesystem::path link;              // ROOT/apps/GUID/current
+    bool held = false;                       // see AppStore::hold()
 };
 
 // A file changed or added since its version was installed, kept where it
@@ -269,6 +278,19 @@ class TSAPP_API AppStore {
     InstalledApp show(const std::string& app) const;
     // Files of the current version as recorded, by path.
     std::vector<InstalledFile> files(const std::string& app) const;
+    // The installed version (current or kept for rollback) that records
+    // the file at `path`: one below ROOT/apps/GUID/current or a version's
+    // folder, as written (relative to the working folder) or through the
+    // root's real path. Links below the root are not followed: a file is
+    // owned by the path the store wrote it at. nullopt when none records it.
+    std::optional<FileOwner> owner(const std::filesystem::path& path) const;
+
+    // Holds the app at its version, or lets it go: install() refuses to
+    // replace a held app's version (Refused) unless ignoreHold, and the
+    // installer's outdated() marks it so that an upgrade of every app
+    // passes it by. Removing and rolling back are not held. Returns
+    // whether it was held before.
+    bool hold(const std::string& app, bool held = true);
 
     // Deletes the recorded files that are unchanged, of every version of
     // the app, and the folders left empty; changed and added files are

@@ -1,3 +1,5 @@
+#include <locale.h>
+#include <wctype.h>
 #include <boost/locale/encoding_utf.hpp>
 #include <boost/locale/utf.hpp>
 
@@ -61,6 +63,41 @@ std::string shown(const std::string& bytes) {
         } else {
             out.append(start, at);
         }
+    }
+    return out;
+}
+
+namespace {
+
+// The C library's Unicode case table, whatever locale the process runs
+// in: the "C.UTF-8" locale has it, the "C" locale only ASCII's.
+locale_t unicodeCase() {
+    static const locale_t locale = [] {
+        locale_t made = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+        return made != static_cast<locale_t>(nullptr) ? made
+                                                      : ::newlocale(LC_CTYPE_MASK, "C", nullptr);
+    }();
+    return locale;
+}
+
+}  // namespace
+
+std::string folded(const std::string& text) {
+    namespace utf = boost::locale::utf;
+    const locale_t locale = unicodeCase();
+    std::string out;
+    out.reserve(text.size());
+    for (auto at = text.begin(); at != text.end();) {
+        const auto start = at;
+        const utf::code_point c = utf::utf_traits<char>::decode(at, text.end());
+        if (c == utf::illegal || c == utf::incomplete) {
+            at = start + 1;
+            out.append(start, at);
+            continue;
+        }
+        const auto lower =
+            static_cast<utf::code_point>(::towlower_l(static_cast<wint_t>(c), locale));
+        utf::utf_traits<char>::encode(lower, std::back_inserter(out));
     }
     return out;
 }

@@ -72,4 +72,18 @@ TSAPP_API std::u16string to_ustring(const char* text);
 // "caf\xe9.tsappinstall" for a name in Latin-1.
 TSAPP_API std::string shown(const std::string& bytes);
 
+// UTF-8 text in lower case, letter by letter, by Unicode's simple case
+// mapping ("Ärger" -> "ärger"), whatever locale the process runs in:
+// for matching what a person typed without regard to case. Bytes that
+// are not valid UTF-8 stay as they are.
+TSAPP_API std::string folded(const std::string& text);
+
+// The candidates a person most likely meant by `typed`, for a "did you
+// mean" line: those fewest edits away (an insert, a delete, a replace or a
+// swap of two neighbours, letter by letter, case ignored), when that is at
+// most a third of its length (at least 2), in the order given, each once;
+// none when none is that close.
+TSAPP_API std::vector<std::string> nearest(const std::string& typed,
+                                           const std::vector<std::string>& candidates);
+
 }  // namespace fl::i18n
