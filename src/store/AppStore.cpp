@@ -912,20 +912,20 @@ struct AppStore::Impl {
 
     // The kept files of `guid` that are still there, not followed through links.
     std::vector<KeptFile> presentKept(const std::string& guid) const {
-        std::vector<KeptFile> present;
+        std::vector<KeptFile> stillThere;
         const auto rows = records->kept(guid);
-        if (rows.empty()) return present;
+        if (rows.empty()) return stillThere;
         const OpsFd apps = appsFolder();
         const OpsFd app = appFolderIfThere(apps, guid);
-        if (!app) return present;
+        if (!app) return stillThere;
         OpenParent parent;
         for (const KeptRow& row : rows) {
             const std::string path = leafOf(row.folder) + "/" + row.path;
             if (findFile(ops, app.get(), path, false, shown("apps/" + guid), &parent).state !=
                 FoundFile::State::Missing)
-                present.push_back(publicKept(row));
+                stillThere.push_back(publicKept(row));
         }
-        return present;
+        return stillThere;
     }
 
     // Deletes the files kept of `guid` first and drops their records after,
@@ -1271,10 +1271,9 @@ std::optional<FileOwner> AppStore::owner(const std::filesystem::path& path) cons
         fs::path rest;
         for (; part != below.end(); ++part) rest /= *part;
         std::optional<std::int64_t> id;
-        if (leaf == "current")
-            id = impl_->records->currentId(guid);
-        else
-            id = impl_->records->versionIdOf(guid + "/" + leaf);
+        if (leaf == "current") id = impl_->records->currentId(guid);
+        for (const VersionRow& row : impl_->records->versionsOf(guid))  // never a retired one
+            if (row.folder == guid + "/" + leaf) id = row.id;
         if (!id) continue;
         for (InstalledFile& file : impl_->records->files(*id))
             if (file.path == rest.generic_string())

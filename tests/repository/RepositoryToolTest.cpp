@@ -30,7 +30,7 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     for (const std::string skip :
          {"--url https://apps.example.org/test/ --title 'Example & Co' ", "--skip-bad "}) {
         EXPECT_EQ(WEXITSTATUS(std::system((tool + "repo index --id test --valid-for 2d " + skip +
-                                           published.repo() + " >" + out)
+                                           published.repo() + " >" + out + " 2>&1")
                                               .c_str())),
                   skip[2] == 'u' ? 1 : 0);
         EXPECT_NE(read_file(out).find("bad.tsappinstall: left out: not an app package"),
@@ -71,7 +71,9 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     packApp(repo, "hello-1.0.tsappinstall", {{"version", "1.0"}, {"guid", guid}});
     indexFolder(repo, published.signing());
     const Server http(repo, published.dir.file("http.port"));
-    const auto installed = [&] { return runTool("installed" + root, out).second; };
+    const auto installed = [&] {
+        return runTool("installed" + root + " | sed 1d | tr -s ' ' | cut -d' ' -f1-3", out).second;
+    };
 
     // The root keeps its own copy of the anchors given.
     const std::string given = published.dir.file("given.pem");
@@ -114,8 +116,8 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         {"search hello --repo " + repo, 2,
          "tsapp: " + repo + ": give --trust FILE, the publisher's CA certificate"},
         {"search hello --unsigned --repo htp://example.org/apps", 1,
-         "tsapp: htp://example.org/apps: index.json: the URL scheme htp: is not one of http:, "
-         "https: and file:\n"},
+         "tsapp: htp://example.org/apps: the URL scheme htp: is not one of http:, https: and "
+         "file:\n"},
         {"repo add 'a\tb' " + repo + rogue, 2,
          "tsapp: repo add: NAME: a repository name may not hold control characters (such as a "
          "tab) (see 'tsapp repo add --help')\n"},
@@ -127,8 +129,7 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         {"upgrade", 2, "tsapp: upgrade: name the apps, or give --all\n"},
         {"upgrade --all hello", 2, "tsapp: upgrade: give --all or name the apps, not both\n"},
         {"audit ''", 2, "tsapp: audit: APP: must not be empty (see 'tsapp audit --help')\n"},
-        {"recover --root " + repo + "/none", 1,
-         "tsapp: " + repo + "/none: No such file or directory\n"},
+        {"recover " + repo, 2, "tsapp: --root: give DIR or --root, not both\n"},
     };
     for (const auto& r : refusals) {
         const auto [status, text] = runTool(r.arguments + root, out);
@@ -152,12 +153,12 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
             100,
             std::string("{\"guid\":\"" + guid +
                         "\",\"name\":\"Hello Tessal\",\"installed\":\"1.0\",\"available\":\"1.10\","
-                        "\"repository\":\"main\"}\n")));
+                        "\"repository\":\"main\",\"held\":false}\n")));
     EXPECT_EQ(runTool("outdated" + root, out).second,
               "NAME          INSTALLED  AVAILABLE  REPOSITORY\nHello Tessal  1.0        1.10       "
               "main\n");
     EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
-    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+    EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
 
     // An older index, then a package whose bytes are not the indexed ones:
     // one line each, nothing installed, nothing left in the downloads.
@@ -185,7 +186,7 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     EXPECT_EQ(status, 1);
     EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
     EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
-    EXPECT_EQ(installed(), guid + "  1.10  Hello Tessal\n");
+    EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
     EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
 }
 
@@ -256,7 +257,7 @@ TEST(RepositoryTool, PrintsNoRawControlFromAPackageAnIndexOrTheDatabase) {
                  {"installed" + root, 0},
                  {"show " + guid + root, 0},
                  {"audit" + root, 1},
-                 {"outdated" + root, 0},
+                 {"outdated" + root, 100},
                  {"remove " + guid + root, 0}};
     for (const auto& step : steps) {
         if (step.args == "installed" + root) {

@@ -471,7 +471,17 @@ Json auditJson(const store::AuditReport& report) {
             {"findings", findings}};
 }
 
+// An empty APP among several is a slip of the command line: a vector
+// argument's values are not checked one by one as they are parsed.
+void refuseEmptyApps(const std::vector<std::string>& apps, const char* command) {
+    for (const auto& app : apps)
+        if (app.empty())
+            throw UsageError(command, std::string("APP: must not be empty (see 'tsapp ") +
+                                          command + " --help')");
+}
+
 int runAudit(const ReadSettings& s) {
+    refuseEmptyApps(s.apps, "audit");
     // Nothing to compare is no clean answer for a root that is not there.
     const auto apps = openExisting(s.root, false, true);
     if (!apps && s.apps.empty()) return kGood;
@@ -517,6 +527,7 @@ struct RemoveSettings {
 };
 
 int runRemove(const RemoveSettings& s) {
+    refuseEmptyApps(s.apps, "remove");
     const auto apps = openExisting(s.root, true);
     return runEach(s.apps, [&](const std::string& app) {
         if (!apps) nothingInstalled(app, s.root);
