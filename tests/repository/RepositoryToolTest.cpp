@@ -157,6 +157,20 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     EXPECT_EQ(runTool("outdated" + root, out).second,
               "NAME          INSTALLED  AVAILABLE  REPOSITORY\nHello Tessal  1.0        1.10       "
               "main\n");
+    // Held, it is listed as such and passed by, unless told.
+    EXPECT_EQ(runTool("hold 'Hello Tessal'" + root, out),
+              std::make_pair(0, std::string("held Hello Tessal 1.0\n")));
+    EXPECT_EQ(runTool("outdated" + root, out),
+              std::make_pair(0, std::string("NAME          INSTALLED  AVAILABLE  REPOSITORY\n"
+                                            "Hello Tessal  1.0        1.10       main        held\n")));
+    EXPECT_EQ(runTool("upgrade --all" + root, out),
+              std::make_pair(0, std::string("tsapp: Hello Tessal: held at version 1.0; 1.10 is not "
+                                            "installed (tsapp unhold lets it go)\n")));
+    EXPECT_EQ(runTool("upgrade 'Hello Tessal'" + root, out),
+              std::make_pair(1, std::string("tsapp: Hello Tessal 1.10: Hello Tessal is held at "
+                                            "version 1.0; --ignore-hold replaces it\n")));
+    EXPECT_EQ(runTool("unhold 'Hello Tessal'" + root, out),
+              std::make_pair(0, std::string("let go of Hello Tessal 1.0\n")));
     EXPECT_EQ(runTool("upgrade --all" + root, out).first, 0) << read_file(out);
     EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
 
