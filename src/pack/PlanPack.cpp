@@ -271,7 +271,9 @@ std::vector<std::pair<std::string, Kind>> walk(const fs::path& root, const Ignor
          ++it) {
         const fs::file_status status = it->symlink_status();
         const bool folder = fs::is_directory(status);
-        const std::string name = fs::relative(it->path(), root).generic_string();
+        // Lexically: relative() would follow a link to where it points,
+        // and the file to name is the link itself.
+        const std::string name = it->path().lexically_relative(root).generic_string();
         if (rules.ignores(name, folder)) {
             if (folder) it.disable_recursion_pending();
             continue;
@@ -480,7 +482,7 @@ std::vector<std::string> planPack(const PackRequest& request, PackPlan& plan) {
     Checker check;
     json d;
     std::ifstream in(request.source / "tsapp.json");
-    if (!in) return {"tsapp.json: cannot be read"};
+    if (!in) return {std::string("tsapp.json: cannot be read: ") + std::strerror(errno)};
     try {
         d = parseRejectingDuplicates(in, check);
     } catch (const json::parse_error& e) {

@@ -261,6 +261,8 @@ class StoreFaults : public ::testing::Test {
     }
 
     const std::string one = std::string(kGuid) + "=1.2.0", two = std::string(kGuid) + "=1.3.0";
+    void killBeforeEachCall(std::size_t part);
+
     const std::vector<Operation> operations = {
         {"install", "empty",
          [](AppStore& s, const TempDir&) { s.install(package("1.2.0"), fittingHost()); }, "", one},
@@ -320,9 +322,11 @@ TEST_F(StoreFaults, EveryFailingCallLeavesTheOldStateOrTheNew) {
 // Killed before each call of each family in turn, so that every step of
 // an operation is a moment of the crash, including the steps between two
 // calls that make no call of their own (a link made before the rename that
-// publishes it).
-TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
-    for (const Operation& op : operations) {
+// publishes it). The operations are taken in three parts, each a test of
+// its own, so that each stays well within a test's time under sanitizers.
+void StoreFaults::killBeforeEachCall(std::size_t part) {
+    for (std::size_t index = part; index < operations.size(); index += 3) {
+        const Operation& op = operations[index];
         const auto counts = countCalls(op);
         for (int family = 0; family < opc::detail::kFileCallFamilies; ++family) {
             for (long n = 1; n < 400; ++n) {
@@ -342,6 +346,16 @@ TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
             }
         }
     }
+}
+
+TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNew) {
+    killBeforeEachCall(0);
+}
+TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNewToo) {
+    killBeforeEachCall(1);
+}
+TEST_F(StoreFaults, KilledBeforeAnyCallLeavesTheOldStateOrTheNewAsWell) {
+    killBeforeEachCall(2);
 }
 
 // Killed just after a call that changes what is on disk (where the next

@@ -477,6 +477,12 @@ TEST_F(TsappTool, PackRefusesEveryBadSourceBeforeWriting) {
         {[](const std::string&) {}, "SOURCE_DATE_EPOCH=4354819200", "",
          "tsapp: SOURCE_DATE_EPOCH: 4354819200 is after 2107-12-31, the latest time a ZIP file "
          "holds\n"},
+        {[](const std::string& src) { fs::create_symlink("../icon.png", src + "/files/i.png"); },
+         "", "", at + "files: i.png is a symbolic link\n"},
+        {[](const std::string& src) { fs::remove_all(src); }, "", "",
+         "tsapp: src: No such file or directory\n"},
+        {[](const std::string&) {}, "", "nowhere/out.tsappinstall",
+         "tsapp: nowhere/out.tsappinstall: No such file or directory\n"},
         {[](const std::string&) {}, "", "src/files/next.tsappinstall",
          "tsapp: src/files/next.tsappinstall: lies inside the app files folder, so the next pack "
          "would pack it\n"},

@@ -9,9 +9,12 @@
 // `tsapp check` runs, and only renamed into place when it passes, so pack
 // never leaves a package its own check rejects.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -160,6 +163,18 @@ int runPack(const PackOptions& o) {
     const std::string extension = std::string(".") + Corvane::addons::apps::APP_FILE_EXTENSION;
     if (!o.request.output.empty() && fs::path(o.request.output).extension() != extension)
         throw Failure(o.request.output, "the package's name must end in " + extension);
+    // A source or an output folder that is not there is said as such, not
+    // as a file in it that cannot be read or made.
+    const auto requireFolder = [](const fs::path& folder, const std::string& about) {
+        struct stat info {};
+        if (::stat(folder.c_str(), &info) != 0) throw Failure(about, std::strerror(errno));
+        if (!S_ISDIR(info.st_mode)) throw Failure(about, "not a folder");
+    };
+    requireFolder(o.request.source, o.request.source.string());
+    if (!o.request.output.empty()) {
+        const fs::path parent = fs::path(o.request.output).parent_path();
+        requireFolder(parent.empty() ? fs::path(".") : parent, o.request.output);
+    }
     PackPlan plan;
     const std::vector<std::string> problems = tsappinstall::pack::planPack(o.request, plan);
     const std::string source = o.request.source.string();
