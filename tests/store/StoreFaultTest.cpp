@@ -8,6 +8,7 @@
 // download behind.
 
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,6 +135,26 @@ std::vector<std::string> downloadsAfterRecovery(const std::string& root) {
     return fs::exists(folder) ? filesIn(folder) : std::vector<std::string>();
 }
 
+// The changes on record in the root's database, read without writing a
+// byte there (a template is read too); 0 without a database.
+long historyRows(const std::string& root) {
+    const std::string file = root + "/store.db";
+    if (!fs::exists(file)) return 0;
+    sqlite3* db = nullptr;
+    long rows = -1;
+    if (sqlite3_open_v2(("file:" + file + "?immutable=1").c_str(), &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) == SQLITE_OK)
+        sqlite3_exec(
+            db, "SELECT COUNT(*) FROM history",
+            [](void* out, int, char** values, char**) {
+                *static_cast<long*>(out) = std::atol(values[0]);
+                return 0;
+            },
+            &rows, nullptr);
+    sqlite3_close(db);
+    return rows;
+}
+
 struct Operation {
     const char* name;
     const char* start;  // the template root it starts from
@@ -209,10 +230,15 @@ class StoreFaults : public ::testing::Test {
         static std::string path;
         return path;
     }
-    // The state is the old or the new one, and the user's file is there.
+    // The state is the old or the new one, with the change on record
+    // exactly when it is the new one, and the user's file is there.
     void expectOutcome(const Operation& op, const std::string& at) {
         const std::string state = settledState(work());
         EXPECT_TRUE(state == op.before || state == op.after) << op.name << at << ": " << state;
+        // A change is on record exactly when it committed.
+        const bool changed = state == op.after && op.before != op.after;
+        EXPECT_EQ(historyRows(work()), historyRows(templates().file(op.start)) + changed)
+            << op.name << at;
         if (!op.mine.empty()) {
             EXPECT_EQ(read_file(work() + "/" + op.mine), "mine") << op.name << at;
         }
