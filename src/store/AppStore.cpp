@@ -1,6 +1,7 @@
 #include "tsappinstall/store/AppStore.hpp"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -338,6 +339,39 @@ struct AppStore::Impl {
         return app;
     }
 
+    // A change to `version`'s app, by this process's user, now; the
+    // caller fills in what else it knows and writes it in the change's
+    // own transaction.
+    static HistoryEntry change(const char* action, const InstalledVersion& version) {
+        HistoryEntry entry;
+        entry.at = static_cast<std::int64_t>(std::time(nullptr));
+        entry.action = action;
+        const uid_t uid = ::getuid();
+        entry.uid = static_cast<long>(uid);
+        // getpwuid_r: another thread's lookup must not overwrite the name.
+        std::vector<char> buffer(16384);
+        passwd pw{};
+        passwd* found = nullptr;
+        if (::getpwuid_r(uid, &pw, buffer.data(), buffer.size(), &found) == 0 && found)
+            entry.user = found->pw_name;
+        entry.guid = version.guid;
+        entry.name = version.name;
+        entry.packageSha256 = version.packageSha256;
+        entry.signer = signerOf(version);
+        entry.origin = version.origin;
+        return entry;
+    }
+
+    static std::string signerOf(const InstalledVersion& version) {
+        return version.signerKeyFingerprint.empty() ? version.signerFingerprint
+                                                    : version.signerKeyFingerprint;
+    }
+
+    // A version no signer was verified for has none to change.
+    static bool replacesSigner(const InstalledVersion& was, const std::string& signer) {
+        return !signerOf(was).empty() && signerOf(was) != signer;
+    }
+
     bool isHeld(const std::string& guid) const {
         return records->state(HELD_SCOPE, guid).has_value();
     }
@@ -446,12 +480,25 @@ struct AppStore::Impl {
         if (rows.empty()) return;
         Transaction transaction(*db);
         for (const PendingRow& row : rows) {
+            if (row.action == PendingAction::Remove) recordRemoval(row);
             if (row.action == PendingAction::Remove) records->dropApp(row.guid);
             if (row.action == PendingAction::Purge) records->dropRetired(row.folder);
             records->dropPending(row.id);
         }
         for (const KeptRow& row : kept) records->addKept(row);
         transaction.commit();
+    }
+
+    // Written as the removal's records go, whoever finishes it, so that
+    // the removal is on record exactly when it is done.
+    void recordRemoval(const PendingRow& row) {
+        const auto id = records->currentId(row.guid);
+        const auto current = id ? records->version(*id) : std::nullopt;
+        InstalledVersion removed = current ? current->version : InstalledVersion{};
+        removed.guid = row.guid;
+        HistoryEntry entry = change(row.purge ? "purge" : "remove", removed);
+        entry.oldVersion = removed.version;
+        records->addHistory(entry);
     }
 
     // A retired version's folder goes: whole when purging, or when its
@@ -650,7 +697,15 @@ struct AppStore::Impl {
                     "its signer's key (SHA-256 " + version.signerKeyFingerprint + ") " + *revoked);
             if (existing) checkSigner(existing->version, version, relative, installOptions);
             version.installedAt = static_cast<std::int64_t>(std::time(nullptr));
-            commitInstall(version, relative, unpacked.files, pendingId, installOptions.purge);
+            static const char* const actions[] = {"install", "upgrade", "reinstall", "downgrade"};
+            HistoryEntry entry = change(actions[static_cast<int>(result.kind)], version);
+            entry.at = version.installedAt;
+            entry.oldVersion = result.replacedVersion;
+            entry.newVersion = version.version;
+            entry.forced = version.forced;
+            entry.signerChanged = existing && replacesSigner(existing->version, entry.signer);
+            commitInstall(version, relative, unpacked.files, pendingId, installOptions.purge,
+                          entry);
         } catch (...) {
             settleAfterFailure();
             throw;
@@ -731,9 +786,10 @@ struct AppStore::Impl {
     // The version replaced is the first kept, whatever its age: after a
     // forced rollback a newer one may stand before it.
     void commitInstall(const InstalledVersion& version, const std::string& relative,
-                       const std::vector<InstalledFile>& files, std::int64_t pendingId,
-                       bool purge) {
+                       const std::vector<InstalledFile>& files, std::int64_t pendingId, bool purge,
+                       const HistoryEntry& entry) {
         Transaction transaction(*db);
+        records->addHistory(entry);
         const auto replaced = records->currentId(version.guid);
         const std::int64_t id = records->addVersion(version, relative, files);
         records->setCurrent(version.guid, id);
@@ -781,7 +837,7 @@ struct AppStore::Impl {
         removeAppFiles(row, kept);
         forget({row}, kept);
         for (const KeptRow& k : kept) result.kept.push_back(publicKept(k));
-        if (purge) result.purged = purgeKept(guid);
+        if (purge) result.purged = purgeKept(guid, false);
         return result;
     }
 
@@ -931,7 +987,9 @@ struct AppStore::Impl {
     // Deletes the files kept of `guid` first and drops their records after,
     // so that a crash between leaves records of files already gone, which
     // the next purge passes over.
-    std::vector<KeptFile> purgeKept(const std::string& guid) {
+    // `record`: a change of its own, not the end of a purging remove
+    // (which is on record already).
+    std::vector<KeptFile> purgeKept(const std::string& guid, bool record = true) {
         const auto rows = records->kept(guid);
         std::vector<KeptFile> purged;
         if (rows.empty()) return purged;
@@ -958,6 +1016,14 @@ struct AppStore::Impl {
             if (!records->currentId(guid)) removeEmptyFolder(ops, apps.get(), guid, shown("apps"));
         }
         Transaction transaction(*db);
+        if (record) {
+            const auto id = records->currentId(guid);
+            const auto current = id ? records->version(*id) : std::nullopt;
+            const InstalledVersion version = current ? current->version : keptVersion(guid);
+            HistoryEntry entry = change("purge", version);
+            entry.oldVersion = version.version;
+            records->addHistory(entry);
+        }
         for (const KeptRow& row : rows) records->dropKept(row.folder, row.path);
         transaction.commit();
         return purged;
@@ -986,6 +1052,12 @@ struct AppStore::Impl {
             records->addPending(PendingAction::Rollback, guid, current->folder, false);
         try {
             Transaction transaction(*db);
+            HistoryEntry entry = change("rollback", previous->version);
+            entry.oldVersion = current->version.version;
+            entry.newVersion = previous->version.version;
+            entry.forced = previous->version.forced;
+            entry.signerChanged = replacesSigner(current->version, entry.signer);
+            records->addHistory(entry);
             records->dropPending(pendingId);
             records->setCurrent(guid, previous->id);
             if (!rollbackOptions.force) {
@@ -1229,8 +1301,7 @@ std::vector<InstalledApp> AppStore::list() const {
         if (current) {
             app.current = impl_->publicVersion(row);
             app.held = impl_->isHeld(row.version.guid);
-        }
-        else
+        } else
             app.previous.push_back(impl_->publicVersion(row));
     }
     apps.erase(std::remove_if(apps.begin(), apps.end(),
@@ -1296,8 +1367,18 @@ bool AppStore::hold(const std::string& app, bool held) {
     RootLock lock = impl.lockRoot(RootLock::Mode::Exclusive);
     const std::string guid = impl.resolve(app);
     const bool was = impl.isHeld(guid);
-    if (held && !was) impl.records->setState(HELD_SCOPE, guid, "held");
-    if (!held && was) impl.records->dropState(HELD_SCOPE, guid);
+    if (held == was) return was;
+    const VersionRow current = *impl.records->version(*impl.records->currentId(guid));
+    HistoryEntry entry = Impl::change(held ? "hold" : "unhold", current.version);
+    entry.oldVersion = entry.newVersion = current.version.version;
+    entry.forced = current.version.forced;
+    Transaction transaction(*impl.db);
+    impl.records->addHistory(entry);
+    if (held)
+        impl.records->setState(HELD_SCOPE, guid, "held");
+    else
+        impl.records->dropState(HELD_SCOPE, guid);
+    transaction.commit();
     return was;
 }
 
@@ -1350,6 +1431,33 @@ std::vector<AuditReport> AppStore::auditAll() const {
     });
 }
 
+std::vector<HistoryEntry> AppStore::history(const std::string& app) const {
+    const Impl& impl = *impl_;
+    Transaction snapshot(*impl.db, "BEGIN");
+    if (app.empty()) return impl.records->history({});
+    std::string guid;
+    if (isGuid(app)) {
+        guid = opc::detail::ascii_lower(app);
+    } else if (const auto installed = impl.resolveInstalled(app)) {
+        guid = *installed;
+    } else {
+        const auto guids = impl.records->historyGuidsNamed(app);
+        if (guids.size() > 1) {
+            std::string list;
+            for (const auto& g : guids) list += (list.empty() ? "" : ", ") + g;
+            refuse(FaultKind::AmbiguousName, app + " was last the name of " +
+                                                 std::to_string(guids.size()) + " apps (" + list +
+                                                 "); give a GUID");
+        }
+        if (guids.empty()) impl.resolve(app);  // refuses as for an installed app
+        guid = guids.front();
+    }
+    auto entries = impl.records->history(guid);
+    if (entries.empty() && !impl.records->currentId(guid))
+        refuse(FaultKind::NotInstalled, "no app " + guid + " is installed or on record");
+    return entries;
+}
+
 std::vector<std::string> AppStore::recover() {
     RootLock lock = impl_->lockRoot(RootLock::Mode::Exclusive);
     std::vector<std::string> done = std::exchange(impl_->settledOnOpen, {});
@@ -1362,7 +1470,8 @@ std::filesystem::path AppStore::downloadFolder() const {
     const Impl& impl = *impl_;
     const std::filesystem::path folder = impl.root / ".downloads";
     if (impl.options.readOnly)
-        refuse(FaultKind::StoreFailed, impl.root.string() + " is open read-only: it is not changed");
+        refuse(FaultKind::StoreFailed,
+               impl.root.string() + " is open read-only: it is not changed");
     if (impl.ops.mkdirat(impl.rootFd.get(), ".downloads", 0700) != 0 && errno != EEXIST)
         failed(folder.string() + " cannot be made", errno);
     // One that exists must be this user's folder, not a link elsewhere.

@@ -254,6 +254,41 @@ void Records::dropKept(const std::string& folder, const std::string& path) {
         .run();
 }
 
+std::vector<HistoryEntry> Records::history(const std::string& guid) const {
+    Statement s(db_,
+                "SELECT id, at, action, uid, user, guid, name, old_version, new_version, "
+                "package_sha256, signer, origin, forced, signer_changed FROM history "
+                "WHERE ?1 = '' OR guid = ?1 ORDER BY id");
+    s.bind(1, guid);
+    std::vector<HistoryEntry> rows;
+    while (s.step())
+        rows.push_back({s.integer(0), s.integer(1), s.text(2), static_cast<long>(s.integer(3)),
+                        s.text(4), s.text(5), s.text(6), s.text(7), s.text(8), s.text(9),
+                        s.text(10), s.text(11), s.integer(12) != 0, s.integer(13) != 0});
+    return rows;
+}
+
+std::vector<std::string> Records::historyGuidsNamed(const std::string& name) const {
+    Statement s(db_,
+                "SELECT guid FROM history AS h WHERE name = ? AND id = "
+                "(SELECT MAX(id) FROM history WHERE guid = h.guid) ORDER BY guid");
+    s.bind(1, name);
+    std::vector<std::string> guids;
+    while (s.step()) guids.push_back(s.text(0));
+    return guids;
+}
+
+void Records::addHistory(const HistoryEntry& e) {
+    Statement s(db_,
+                "INSERT INTO history(at, action, uid, user, guid, name, old_version, "
+                "new_version, package_sha256, signer, origin, forced, signer_changed) "
+                "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    s.bind(1, e.at).bind(2, e.action).bind(3, static_cast<std::int64_t>(e.uid)).bind(4, e.user);
+    s.bind(5, e.guid).bind(6, e.name).bind(7, e.oldVersion).bind(8, e.newVersion);
+    s.bind(9, e.packageSha256).bind(10, e.signer).bind(11, e.origin);
+    s.bind(12, std::int64_t{e.forced}).bind(13, std::int64_t{e.signerChanged}).run();
+}
+
 std::optional<std::string> Records::state(const std::string& scope, const std::string& key) const {
     Statement s(db_, "SELECT value FROM state WHERE scope = ? AND key = ?");
     s.bind(1, scope).bind(2, key);

@@ -96,6 +96,12 @@ class Records {
     void addKept(const KeptRow& row);
     void dropKept(const std::string& folder, const std::string& path);
 
+    // Recorded changes, oldest first: of one app, or with an empty GUID of all.
+    std::vector<HistoryEntry> history(const std::string& guid) const;
+    // GUIDs whose last recorded change names the app so.
+    std::vector<std::string> historyGuidsNamed(const std::string& name) const;
+    void addHistory(const HistoryEntry& entry);
+
     std::optional<std::string> state(const std::string& scope, const std::string& key) const;
     void setState(const std::string& scope, const std::string& key, const std::string& value);
     void dropState(const std::string& scope, const std::string& key);

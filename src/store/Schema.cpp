@@ -118,6 +118,28 @@ ALTER TABLE versions ADD COLUMN retired INTEGER NOT NULL DEFAULT 0;
 UPDATE pending SET purge = 1 WHERE action = 'purge';
 )sql",
      nullptr},
+    // Every change from here on, each in its own transaction. What came
+    // before was never recorded and is not made up.
+    {R"sql(
+CREATE TABLE history(
+  id INTEGER PRIMARY KEY,
+  at INTEGER NOT NULL,
+  action TEXT NOT NULL,
+  uid INTEGER NOT NULL,
+  user TEXT NOT NULL,
+  guid TEXT NOT NULL,
+  name TEXT NOT NULL,
+  old_version TEXT NOT NULL,
+  new_version TEXT NOT NULL,
+  package_sha256 TEXT NOT NULL,
+  signer TEXT NOT NULL,
+  origin TEXT NOT NULL,
+  forced INTEGER NOT NULL,
+  signer_changed INTEGER NOT NULL
+);
+CREATE INDEX history_by_guid ON history(guid);
+)sql",
+     nullptr},
 };
 
 constexpr int kKnown = static_cast<int>(std::size(migrations));

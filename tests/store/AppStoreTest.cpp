@@ -191,6 +191,38 @@ TEST_F(Store, InstallUpgradeRollbackAuditRemove) {
     EXPECT_FALSE(fs::exists(root() + "/apps/" + kGuid + "/current"));
 }
 
+// Every change is on record, by whom and between which versions, and
+// stays there once the app is gone, found by the name it had last.
+TEST_F(Store, RecordsEveryChangeAndKeepsItAfterRemove) {
+    AppStore apps(root());
+    InstallOptions from;
+    from.origin = "main";
+    apps.install(v("1.2.0"), fittingHost(), from);
+    apps.install(v("1.3.0"), fittingHost());
+    const std::string first = apps.show(kGuid).previous.at(0).packageSha256;
+    apps.rollback(kGuid);
+    EXPECT_FALSE(apps.hold("Hello Tessal"));
+    EXPECT_TRUE(apps.hold(kGuid));  // no change, nothing on record
+    apps.hold(kGuid, false);
+    write_file(apps.show(kGuid).current.folder.string() + "/files/notes.txt", "mine");
+    apps.remove(kGuid);
+    apps.purge("Hello Tessal");
+    std::string text;
+    for (const auto& e : apps.history("Hello Tessal")) {
+        text += e.action + " " + e.oldVersion + ">" + e.newVersion + " " + e.origin + "\n";
+        EXPECT_EQ(e.uid, static_cast<long>(::getuid()));
+        EXPECT_EQ(e.guid + e.name, kGuid + std::string("Hello Tessal"));
+    }
+    EXPECT_EQ(text,
+              "install >1.2.0 main\nupgrade 1.2.0>1.3.0 \nrollback 1.3.0>1.2.0 main\n"
+              "hold 1.2.0>1.2.0 main\nunhold 1.2.0>1.2.0 main\nremove 1.2.0> main\n"
+              "purge 1.2.0> \n");
+    const auto all = apps.history();
+    ASSERT_EQ(all.size(), 7u);
+    EXPECT_EQ(all[2].packageSha256, first);
+    EXPECT_EQ(refusal([&] { apps.history("Nobody"); }), "no installed app is called Nobody\n");
+}
+
 // Rollback checks the version it returns to before it touches anything;
 // forced, it returns to it as it is and keeps the version it leaves. Not
 // forced, it keeps what the user changed in the version it leaves.
@@ -529,14 +561,14 @@ TEST_F(Store, MigratesOlderRecords) {
     }
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(dir.file("root/store.db").c_str(), &db), SQLITE_OK);
-    const std::string older = std::string("ALTER TABLE versions DROP COLUMN origin; ") +
-                              "ALTER TABLE versions DROP COLUMN signer_key; " +
-                              "ALTER TABLE versions DROP COLUMN rotated_from; " +
-                              "ALTER TABLE versions DROP COLUMN retired; DROP TABLE kept; " +
-                              "INSERT INTO pending(action, guid, folder, purge) VALUES('purge', '" +
-                              kGuid + "', '" + kGuid + "/v1.0-old', 0); " +
-                              "INSERT INTO state VALUES('app-repository', '" + kGuid +
-                              "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
+    const std::string older =
+        std::string("ALTER TABLE versions DROP COLUMN origin; ") +
+        "ALTER TABLE versions DROP COLUMN signer_key; " +
+        "ALTER TABLE versions DROP COLUMN rotated_from; " +
+        "ALTER TABLE versions DROP COLUMN retired; DROP TABLE kept; " + "DROP TABLE history; " +
+        "INSERT INTO pending(action, guid, folder, purge) VALUES('purge', '" + kGuid + "', '" +
+        kGuid + "/v1.0-old', 0); " + "INSERT INTO state VALUES('app-repository', '" + kGuid +
+        "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
     ASSERT_EQ(sqlite3_exec(db, older.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
     // An old version marked for deletion then had lost its records: it
@@ -552,6 +584,7 @@ TEST_F(Store, MigratesOlderRecords) {
     EXPECT_EQ(app.current.signerKeyFingerprint, keyOf("A"));
     EXPECT_EQ(app.previous.at(0).signerKeyFingerprint, "");
     EXPECT_EQ(app.previous.at(0).signerFingerprint, fingerprintOf("A"));
+    EXPECT_TRUE(apps.history().empty());  // what came before is not made up
 }
 
 TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
@@ -564,7 +597,7 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     EXPECT_EQ(
         refusal([&] { AppStore apps(root()); }),
         "the database " + dir.file("root/store.db") +
-            " has schema version 7, newer than this program knows (4); it was left as it is\n");
+            " has schema version 7, newer than this program knows (5); it was left as it is\n");
     EXPECT_EQ(read_file(dir.file("root/store.db")), newer);
 
     fs::remove(dir.file("root/store.db-wal"));

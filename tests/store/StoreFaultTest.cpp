@@ -8,6 +8,7 @@
 // download behind.
 
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,6 +135,25 @@ std::vector<std::string> downloadsAfterRecovery(const std::string& root) {
     return fs::exists(folder) ? filesIn(folder) : std::vector<std::string>();
 }
 
+// The changes on record in the root's database (its write-ahead log
+// included); 0 without a database.
+long historyRows(const std::string& root) {
+    const std::string file = root + "/store.db";
+    if (!fs::exists(file)) return 0;
+    sqlite3* db = nullptr;
+    long rows = -1;
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK)
+        sqlite3_exec(
+            db, "SELECT COUNT(*) FROM history",
+            [](void* out, int, char** values, char**) {
+                *static_cast<long*>(out) = std::atol(values[0]);
+                return 0;
+            },
+            &rows, nullptr);
+    sqlite3_close(db);
+    return rows;
+}
+
 struct Operation {
     const char* name;
     const char* start;  // the template root it starts from
@@ -217,13 +237,29 @@ class StoreFaults : public ::testing::Test {
         static std::string path;
         return path;
     }
-    // The state is the old or the new one, and the user's file is there.
+    // The state is the old or the new one, with the change on record
+    // exactly when it is the new one, and the user's file is there.
     void expectOutcome(const Operation& op, const std::string& at) {
         const std::string state = settledState(work());
         EXPECT_TRUE(state == op.before || state == op.after) << op.name << at << ": " << state;
+        // A change is on record exactly when it committed.
+        const bool changed = state == op.after && op.before != op.after;
+        EXPECT_EQ(historyRows(work()), startRows(op.start) + changed) << op.name << at;
         if (!op.mine.empty()) {
             EXPECT_EQ(read_file(work() + "/" + op.mine), "mine") << op.name << at;
         }
+    }
+    // A template's rows, read from a copy: a reader may leave files
+    // beside a database, which the template must not gain.
+    long startRows(const std::string& start) {
+        static std::map<std::string, long> rows;
+        if (const auto found = rows.find(start); found != rows.end()) return found->second;
+        const std::string copy = dir.file("count");
+        fs::copy(templates().file(start), copy,
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        const long count = historyRows(copy);
+        fs::remove_all(copy);
+        return rows[start] = count;
     }
     static std::string package(const std::string& version) {
         return packApp(templates(), AppRecipe(version), "hello-" + version);

@@ -42,7 +42,7 @@ std::vector<Command> addVerify(CLI::App& app);
 std::vector<Command> addStore(CLI::App& app);  // install, installed, show, remove, rollback, audit
 std::vector<Command> addRepo(CLI::App& app);   // repo index, add, list, remove; search
 std::vector<Command> addUpgrade(CLI::App& app);  // outdated, upgrade
-std::vector<Command> addFiles(CLI::App& app);    // files, owner, hold, unhold
+std::vector<Command> addFiles(CLI::App& app);    // files, owner, hold, unhold, history
 
 // For paths: an empty one would otherwise mean the current folder.
 inline const CLI::Validator& nonEmpty() {

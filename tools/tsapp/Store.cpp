@@ -318,7 +318,6 @@ struct ReadSettings {
     bool json = false;
 };
 
-
 struct InstalledSettings : ReadSettings {
     std::string pattern;
     std::string sort = "name";
@@ -331,16 +330,6 @@ bool picked(const std::string& pattern, const std::string& name) {
     const std::string p = fl::i18n::folded(pattern), n = fl::i18n::folded(name);
     if (p.find_first_of("*?[") == std::string::npos) return n.find(p) != std::string::npos;
     return ::fnmatch(p.c_str(), n.c_str(), 0) == 0;
-}
-
-// "2026-11-26 14:05" in the local time zone.
-std::string localMinute(std::int64_t seconds) {
-    const auto t = static_cast<std::time_t>(seconds);
-    std::tm local{};
-    char text[32] = "";
-    if (::localtime_r(&t, &local) != nullptr)
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
-    return text;
 }
 
 int runInstalled(const InstalledSettings& s) {
@@ -476,8 +465,8 @@ Json auditJson(const store::AuditReport& report) {
 void refuseEmptyApps(const std::vector<std::string>& apps, const char* command) {
     for (const auto& app : apps)
         if (app.empty())
-            throw UsageError(command, std::string("APP: must not be empty (see 'tsapp ") +
-                                          command + " --help')");
+            throw UsageError(command, std::string("APP: must not be empty (see 'tsapp ") + command +
+                                          " --help')");
 }
 
 int runAudit(const ReadSettings& s) {

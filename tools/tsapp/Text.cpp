@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cstdio>
+#include <ctime>
 #include <iostream>
 #include <iterator>
 
@@ -76,6 +77,16 @@ bool byName(const std::string& a, const std::string& b) {
 std::string isoLocalTime(const boost::posix_time::ptime& time) {
     if (time.is_special()) return {};
     return boost::posix_time::to_iso_extended_string(time);
+}
+
+// "2026-11-26 14:05" in the local time zone.
+std::string localMinute(std::int64_t seconds) {
+    const auto t = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    char text[32] = "";
+    if (::localtime_r(&t, &local) != nullptr)
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
 }
 
 }  // namespace tsapp::tool

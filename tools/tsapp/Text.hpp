@@ -32,6 +32,9 @@ std::string sizeText(std::uint64_t bytes);
 // (fl::i18n::folded()), then as bytes, so that the order is total.
 bool byName(const std::string& a, const std::string& b);
 
+// "2026-11-26 14:05" in the local time zone.
+std::string localMinute(std::int64_t seconds);
+
 // "2026-11-23T14:05:09" for a local time; empty for not-a-date-time.
 std::string isoLocalTime(const boost::posix_time::ptime& time);
 

@@ -158,6 +158,33 @@ struct InstallResult {
     std::vector<KeptFile> kept;
 };
 
+// One change to the root's apps, recorded in the transaction that made
+// it: a change that never committed has no entry, one that did always has
+// one. Entries outlive the app (remove and purge keep them).
+struct HistoryEntry {
+    std::int64_t id = 0;  // rising: the order the changes committed in
+    std::int64_t at = 0;  // seconds since the epoch, UTC
+    // "install" (a new app), "upgrade", "reinstall", "downgrade",
+    // "rollback", "remove", "purge" (a purging remove, or a purge of kept
+    // files), "hold", "unhold".
+    std::string action;
+    long uid = -1;     // the real user who made it
+    std::string user;  // that user's name as the password database gave it; empty when none
+    std::string guid;
+    std::string name;
+    std::string oldVersion;  // the version replaced, rolled back from or removed; empty for none
+    std::string newVersion;  // the version made current; empty for remove and purge
+    // Of the version the change made current (for remove and purge, the
+    // one removed): its package's SHA-256, its signer's key fingerprint
+    // (the certificate's when the key is not on record; empty when no
+    // signer was verified), and InstallOptions::origin.
+    std::string packageSha256;
+    std::string signer;
+    std::string origin;
+    bool forced = false;         // installed despite not fitting the host (--force)
+    bool signerChanged = false;  // the new version's signer is not the replaced one's
+};
+
 struct AuditFinding {
     // Link: the app's `current` link (path "current") is missing, no link,
     // or names another folder than the recorded current version's.
@@ -325,6 +352,11 @@ class TSAPP_API AppStore {
     // Every installed app, and every app that is not but has kept files
     // still there, by name then GUID.
     std::vector<AuditReport> auditAll() const;
+
+    // The changes recorded, oldest first: of every app, or of `app` (a
+    // GUID in any case, the name of an installed app, or the name a
+    // removed app had last). NotInstalled when nothing names it.
+    std::vector<HistoryEntry> history(const std::string& app = {}) const;
 
     // Settles what an interrupted operation left; one line per repair.
     std::vector<std::string> recover();
