@@ -234,6 +234,20 @@ struct AppStore::Impl {
         holdOpen();
         refuseAnythingButAFile();
         const std::string file = shown("store.db");
+        // Even where it could, a reader makes no -wal and -shm: a read-only
+        // connection leaves them behind, and a dry run must leave the root
+        // byte for byte as it found it.
+        if (!hasWal()) {
+            readerLock.emplace(ops, rootFd.get(), RootLock::Mode::Shared, root.string(), lockWait);
+            if (!hasWal()) {
+                db = std::make_unique<Database>(file, kBusyMillis, Database::Open::Immutable,
+                                                vfsName());
+                checkReadable(*db);
+                records = std::make_unique<Records>(*db);
+                return;
+            }
+            readerLock.reset();
+        }
         db = std::make_unique<Database>(file, kBusyMillis, Database::Open::ReadOnly, vfsName());
         try {
             checkReadable(*db);

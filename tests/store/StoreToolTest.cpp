@@ -282,16 +282,21 @@ TEST(StoreTool, DryRunPlansWhatTheRunDoes) {
         EXPECT_EQ(std::regex_replace(masked(dry.out, dir.path()), bytes, "disk: $1 N bytes"),
                   step.plan)
             << step.args;
-        const ToolRun json = tsappIn(dir, step.args + " --dry-run --json 2>/dev/null");
+        const ToolRun json = tsappIn(dir, step.args + " --dry-run --json");
         EXPECT_EQ(snapshot_tree(dir.file("root")), before) << step.args;
-        const ToolRun run = tsappIn(dir, step.args + " --json 2>/dev/null");
+        const ToolRun run = tsappIn(dir, step.args + " --json");
         EXPECT_EQ(run.status, step.status) << step.args << "\n" << run.out;
         if (step.status != 0) {
-            EXPECT_EQ(run.out, json.out) << step.args;  // the same refusal, as JSON
+            EXPECT_EQ(run.out, json.out) << step.args;  // the same refusal
             continue;
         }
-        const auto planned = nlohmann::json::parse(json.out);
-        const auto done = nlohmann::json::parse(run.out);
+        // Warnings share the output; the object is the line that starts with "{".
+        const auto object = [](const std::string& out) {
+            const auto start = out.rfind('{', 0) == 0 ? 0 : out.find("\n{") + 1;
+            return nlohmann::json::parse(out.substr(start, out.find('\n', start) - start));
+        };
+        const auto planned = object(json.out);
+        const auto done = object(run.out);
         EXPECT_EQ(planned["dryRun"], true);
         EXPECT_EQ(done["dryRun"], false);
         for (const char* key : {"action", "guid", "name", "from", "to", "kept"})
