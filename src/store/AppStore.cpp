@@ -1130,6 +1130,9 @@ struct AppStore::Impl {
         plan.name = package.name;
         plan.toVersion = package.version;
         plan.download = known ? package.size : 0;
+        if (known)
+            plan.undecided.push_back(
+                "the disk space the new version's files take, not counted in the plan");
         InstalledVersion fresh;
         fresh.guid = plan.guid;
         fresh.signerSubject = package.signerSubject;
