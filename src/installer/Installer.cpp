@@ -606,6 +606,26 @@ store::InstallResult Installer::install(const Offer& offer, const store::HostPro
     return apps_.install(file.path(), host, options);
 }
 
+store::Plan Installer::plan(const Offer& offer, const store::HostProfile& host,
+                            const store::InstallOptions& options) const {
+    const repository::PackageEntry& entry = *offer.entry;
+    store::PackageFacts facts;
+    facts.guid = entry.guid;
+    facts.name = entry.name;
+    facts.version = entry.version;
+    facts.incompatibilities = repository::incompatibilities(entry, host);
+    // install() verifies a package listed as signed against the package
+    // anchors, so its signer is the one the signed index names.
+    facts.signerSubject = entry.signer;
+    facts.signerFingerprint = entry.signerFingerprint;
+    facts.signerKeyFingerprint = entry.signerKey;
+    facts.size = entry.size;
+    store::InstallOptions planned = options;
+    planned.trustAnchors =
+        entry.signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
+    return apps_.planInstall(facts, planned);
+}
+
 std::vector<Remote> Installer::whereToLook(const store::InstalledVersion& version,
                                            const std::vector<Remote>& recorded) const {
     const auto origin = originOf(version);

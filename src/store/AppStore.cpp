@@ -57,6 +57,24 @@ const char* token(AuditFinding::Kind kind) {
     return "modified";
 }
 
+const char* token(Plan::Action action) {
+    switch (action) {
+        case Plan::Action::New:
+            return "new";
+        case Plan::Action::Upgrade:
+            return "upgrade";
+        case Plan::Action::Reinstall:
+            return "reinstall";
+        case Plan::Action::Downgrade:
+            return "downgrade";
+        case Plan::Action::Remove:
+            return "remove";
+        case Plan::Action::Rollback:
+            return "rollback";
+    }
+    return "new";
+}
+
 namespace {
 
 using namespace detail;
@@ -217,6 +235,20 @@ struct AppStore::Impl {
         holdOpen();
         refuseAnythingButAFile();
         const std::string file = shown("store.db");
+        // Even where it could, a reader makes no -wal and -shm: a read-only
+        // connection leaves them behind, and a dry run must leave the root
+        // byte for byte as it found it.
+        if (!hasWal()) {
+            readerLock.emplace(ops, rootFd.get(), RootLock::Mode::Shared, root.string(), lockWait);
+            if (!hasWal()) {
+                db = std::make_unique<Database>(file, kBusyMillis, Database::Open::Immutable,
+                                                vfsName());
+                checkReadable(*db);
+                records = std::make_unique<Records>(*db);
+                return;
+            }
+            readerLock.reset();
+        }
         db = std::make_unique<Database>(file, kBusyMillis, Database::Open::ReadOnly, vfsName());
         try {
             checkReadable(*db);
@@ -1121,6 +1153,203 @@ struct AppStore::Impl {
         return "was revoked by the repository " + *by;
     }
 
+    // --- plans --------------------------------------------------------------
+    // Each runs the checks of its operation in the same order, so that a
+    // plan refuses what the operation would refuse, with the same words.
+
+    Plan planInstall(const std::filesystem::path& package, const HostProfile& host,
+                     const InstallOptions& installOptions) const {
+        AppManifestSerializer serializer;
+        std::optional<opc::model::OpenedPackage> opened;
+        const inspect::Report report =
+            inspect::detail::checkPackage(package, serializer, false, 1, opened, nullptr);
+        if (!report.good() || !report.manifest) {
+            std::vector<std::string> lines;
+            for (const Fault& fault : report.faults) lines.push_back(fault.detail);
+            throw StoreError(
+                report.faults.empty() ? FaultKind::BadManifest : report.faults.front().kind, lines);
+        }
+        const AppManifest& manifest = *report.manifest;
+        PackageFacts facts;
+        facts.guid = manifest.GUID;
+        facts.name = fl::i18n::to_string(manifest.name);
+        facts.version = fl::i18n::to_string(manifest.version);
+        facts.incompatibilities = incompatibilities(manifest, host);
+        std::uint64_t unpacked = 0;
+        for (const auto& name : opened->package().getPartNames())
+            unpacked += opened->package().getPart(name).getEntry().size;
+        opened->close();
+        Plan plan = planInstall(facts, installOptions, false);
+        plan.diskChange += static_cast<std::int64_t>(unpacked);
+        return plan;
+    }
+
+    // `known`: whether the facts name the package's signer (an index does).
+    Plan planInstall(const PackageFacts& package, const InstallOptions& installOptions,
+                     bool known) const {
+        if (!isGuid(package.guid))
+            refuse(FaultKind::BadManifest,
+                   "the GUID " + package.guid + " is not of the form 8-4-4-4-12 hex digits");
+        if (!package.incompatibilities.empty() && !installOptions.force) {
+            std::vector<std::string> lines;
+            for (const auto& reason : package.incompatibilities)
+                lines.push_back("does not fit this host: " + reason);
+            lines.push_back("not installed; --force installs it anyway");
+            throw StoreError(FaultKind::NotCompatible, lines);
+        }
+        Plan plan;
+        plan.guid = opc::detail::ascii_lower(package.guid);
+        plan.name = package.name;
+        plan.toVersion = package.version;
+        plan.download = known ? package.size : 0;
+        if (known)
+            plan.undecided.push_back(
+                "the disk space the new version's files take, not counted in the plan");
+        InstalledVersion fresh;
+        fresh.guid = plan.guid;
+        fresh.signerSubject = package.signerSubject;
+        fresh.signerFingerprint = package.signerFingerprint;
+        fresh.signerKeyFingerprint = package.signerKeyFingerprint;
+        // Without trust anchors no signer is verified, whatever the package holds.
+        const bool signerKnown = known || installOptions.trustAnchors.empty();
+        if (signerKnown) plan.toSigner = fresh.signerSubject;
+        if (known) {
+            if (const auto revoked = revocationOf(fresh))
+                refuse(FaultKind::RevokedSigner,
+                       "its signer's key (SHA-256 " + fresh.signerKeyFingerprint + ") " + *revoked);
+        } else if (!installOptions.trustAnchors.empty()) {
+            plan.undecided.push_back("the package's signature against the trust anchors");
+        }
+        const auto currentId = records->currentId(plan.guid);
+        if (!currentId) {
+            if (signerKnown) plan.signerChanges = false;
+            return plan;
+        }
+        std::vector<VersionRow> older = records->versionsOf(plan.guid);
+        std::stable_partition(older.begin(), older.end(),
+                              [&](const VersionRow& row) { return row.id == *currentId; });
+        const InstalledVersion& was = older.front().version;
+        plan.fromVersion = was.version;
+        plan.fromSigner = was.signerSubject;
+        plan.action = planned(kindOf(package.version, was.version, installOptions));
+        if (isHeld(plan.guid) && !installOptions.ignoreHold)
+            refuse(FaultKind::Refused, plan.name + " is held at version " + was.version +
+                                           "; --ignore-hold replaces it");
+        if (signerKnown) {
+            plan.signerChanges = sameKey(was, fresh) ? std::optional<bool>(false) : true;
+            if (*plan.signerChanges && !was.signerFingerprint.empty() &&
+                !installOptions.allowSignerChange) {
+                if (fresh.signerFingerprint.empty())
+                    checkSigner(was, fresh, "", installOptions);  // refuses as install does
+                // Rotation proofs travel in the package.
+                plan.signerChanges.reset();
+                plan.undecided.push_back("whether the package's key rotation proofs lead from " +
+                                         was.signerSubject + "'s key to its signer's");
+            }
+        } else if (!was.signerFingerprint.empty() && !installOptions.allowSignerChange) {
+            plan.undecided.push_back("whether the package is signed by " + was.signerSubject +
+                                     "'s key, or by one it handed over to");
+        }
+        unsigned keptNumber = 0;
+        for (const VersionRow& row : older) {
+            if (keptNumber++ < options.keepPrevious) continue;
+            plan.diskChange -= static_cast<std::int64_t>(row.version.size);
+            if (!installOptions.purge) changedFiles(row, plan.kept);
+        }
+        return plan;
+    }
+
+    static Plan::Action planned(InstallResult::Kind kind) {
+        switch (kind) {
+            case InstallResult::Kind::Upgrade:
+                return Plan::Action::Upgrade;
+            case InstallResult::Kind::Reinstall:
+                return Plan::Action::Reinstall;
+            case InstallResult::Kind::Downgrade:
+                return Plan::Action::Downgrade;
+            case InstallResult::Kind::New:
+                break;
+        }
+        return Plan::Action::New;
+    }
+
+    static bool sameKey(const InstalledVersion& a, const InstalledVersion& b) {
+        if (a.signerFingerprint.empty() || b.signerFingerprint.empty())
+            return a.signerFingerprint.empty() && b.signerFingerprint.empty();
+        return a.signerFingerprint == b.signerFingerprint ||
+               (!a.signerKeyFingerprint.empty() &&
+                a.signerKeyFingerprint == b.signerKeyFingerprint);
+    }
+
+    // What removing the version's folder would keep: its files changed or
+    // added, as removeRecordedFiles() tells them from the records.
+    void changedFiles(const VersionRow& row, std::vector<KeptFile>& kept) const {
+        std::set<std::string> paths;
+        for (const AuditFinding& f : folderFindings(row))
+            if (f.kind == AuditFinding::Kind::Modified || f.kind == AuditFinding::Kind::Mode ||
+                f.kind == AuditFinding::Kind::Extra)
+                paths.insert(f.path);
+        for (const std::string& path : paths)
+            kept.push_back({row.version.guid, row.version.name, row.version.version,
+                            folderOf(row.folder), path});
+    }
+
+    Plan planRemove(const std::string& app, bool purge) const {
+        Plan plan;
+        plan.action = Plan::Action::Remove;
+        const std::optional<std::string> installed = resolveInstalled(app);
+        if (!installed) {
+            const std::string guid = resolveKept(app);
+            if (!purge)
+                refuse(FaultKind::NotInstalled,
+                       app + " is not installed; files kept from it remain (--purge removes them)");
+            const InstalledVersion last = keptVersion(guid);
+            plan.guid = guid;
+            plan.name = last.name;
+            return plan;
+        }
+        const VersionRow current = *records->version(*records->currentId(*installed));
+        plan.guid = current.version.guid;
+        plan.name = current.version.name;
+        plan.fromVersion = current.version.version;
+        plan.fromSigner = current.version.signerSubject;
+        plan.signerChanges = false;  // no version signed by anyone else comes in
+        for (const VersionRow& row : records->versionsOf(*installed)) {
+            plan.diskChange -= static_cast<std::int64_t>(row.version.size);
+            if (!purge) changedFiles(row, plan.kept);
+        }
+        return plan;
+    }
+
+    Plan planRollback(const std::string& app, const RollbackOptions& rollbackOptions) const {
+        const std::string guid = resolve(app);
+        const auto currentId = *records->currentId(guid);
+        std::optional<VersionRow> current, previous;
+        for (const VersionRow& row : records->versionsOf(guid)) {
+            if (row.id == currentId)
+                current = row;
+            else if (!previous)
+                previous = row;
+        }
+        if (!previous)
+            refuse(FaultKind::NoPrevious, guid + " has no previous version to roll back to");
+        checkReturnTo(*previous, rollbackOptions.force);
+        Plan plan;
+        plan.action = Plan::Action::Rollback;
+        plan.guid = guid;
+        plan.name = previous->version.name;
+        plan.fromVersion = current->version.version;
+        plan.toVersion = previous->version.version;
+        plan.fromSigner = current->version.signerSubject;
+        plan.toSigner = previous->version.signerSubject;
+        plan.signerChanges = !sameKey(current->version, previous->version);
+        if (!rollbackOptions.force) {
+            plan.diskChange = -static_cast<std::int64_t>(current->version.size);
+            changedFiles(*current, plan.kept);
+        }
+        return plan;
+    }
+
     // --- audit --------------------------------------------------------------
 
     AuditReport audit(const std::string& guid) const {
@@ -1352,6 +1581,23 @@ std::optional<FileOwner> AppStore::owner(const std::filesystem::path& path) cons
                                  std::move(file)};
     }
     return std::nullopt;
+}
+
+Plan AppStore::planInstall(const std::filesystem::path& package, const HostProfile& host,
+                           const InstallOptions& options) const {
+    return impl_->auditing([&] { return impl_->planInstall(package, host, options); });
+}
+
+Plan AppStore::planInstall(const PackageFacts& package, const InstallOptions& options) const {
+    return impl_->auditing([&] { return impl_->planInstall(package, options, true); });
+}
+
+Plan AppStore::planRemove(const std::string& app, bool purge) const {
+    return impl_->auditing([&] { return impl_->planRemove(app, purge); });
+}
+
+Plan AppStore::planRollback(const std::string& app, const RollbackOptions& options) const {
+    return impl_->auditing([&] { return impl_->planRollback(app, options); });
 }
 
 RemoveResult AppStore::remove(const std::string& app, bool purge) {

@@ -234,6 +234,78 @@ TEST(StoreTool, KeepsTheUsersFiles) {
     EXPECT_TRUE(std::filesystem::is_empty(dir.file("root/apps")));
 }
 
+// Each --dry-run prints the plan and leaves every byte of the root as it
+// was; the real run then does what the plan said (versions, kept files) or
+// refuses as the plan refused.
+TEST(StoreTool, DryRunPlansWhatTheRunDoes) {
+    TempDir dir;
+    for (const std::string version : {"1.2.0", "1.3.0", "1.4.0"})
+        packApp(dir, AppRecipe(version), version);
+    const std::string core = " --product tessal.core=2026.1 ";
+    ASSERT_EQ(tsappIn(dir, "install" + core + "1.2.0.tsappinstall").status, 0);
+    const std::string guid = kGuid;
+    const std::string app = "$PWD/root/apps/" + guid;
+    const std::string keeps = "/files/notes.txt (changed or added since the install)\n";
+    const struct {
+        std::string args;
+        int status;
+        std::string plan;  // the dry run's text, disk bytes as "N"; files the user adds are kept
+    } steps[] = {
+        {"install --keep 0" + core + "1.3.0.tsappinstall", 0,
+         "would upgrade Hello Tessal 1.2.0 -> 1.3.0 (" + guid +
+             ")\n  signer: no verified signer (unchanged)\n  disk: uses N bytes\n  keeps " + app +
+             "/v1.2.0-…" + keeps},
+        {"install" + core + "1.2.0.tsappinstall", 1,
+         "tsapp: 1.2.0.tsappinstall: version 1.2.0 is older than the installed 1.3.0; "
+         "--allow-downgrade installs it\n"},
+        {"install" + core + "1.4.0.tsappinstall", 0,
+         "would upgrade Hello Tessal 1.3.0 -> 1.4.0 (" + guid +
+             ")\n  signer: no verified signer (unchanged)\n  disk: uses N bytes\n"},
+        {"rollback 'Hello Tessal'", 0,
+         "would roll back Hello Tessal 1.4.0 -> 1.3.0 (" + guid +
+             ")\n  signer: no verified signer (unchanged)\n  disk: frees N bytes\n  keeps " + app +
+             "/v1.4.0-…" + keeps},
+        {"remove " + guid, 0,
+         "would remove Hello Tessal 1.3.0 (" + guid + ")\n  disk: frees N bytes\n  keeps " + app +
+             "/v1.3.0-…" + keeps},
+        {"rollback 'Hello Tessal'", 1,
+         "tsapp: Hello Tessal: no installed app is called Hello "
+         "Tessal\n"},
+    };
+    const std::regex bytes("disk: (uses|frees) [0-9]+ bytes");
+    for (const auto& step : steps) {
+        if (step.plan.find("keeps") != std::string::npos)
+            write_file(dir.file("root/apps/") + guid + "/current/files/notes.txt", "mine");
+        const Tree before = snapshot_tree(dir.file("root"));
+        const ToolRun dry = tsappIn(dir, step.args + " --dry-run");
+        EXPECT_EQ(dry.status, step.status) << step.args << "\n" << dry.out;
+        EXPECT_EQ(std::regex_replace(masked(dry.out, dir.path()), bytes, "disk: $1 N bytes"),
+                  step.plan)
+            << step.args;
+        const ToolRun json = tsappIn(dir, step.args + " --dry-run --json");
+        EXPECT_EQ(snapshot_tree(dir.file("root")), before) << step.args;
+        const ToolRun run = tsappIn(dir, step.args + " --json");
+        EXPECT_EQ(run.status, step.status) << step.args << "\n" << run.out;
+        if (step.status != 0) {
+            EXPECT_EQ(run.out, json.out) << step.args;  // the same refusal
+            continue;
+        }
+        // Warnings share the output; the object is the line that starts with "{".
+        const auto object = [](const std::string& out) {
+            const auto start = out.rfind('{', 0) == 0 ? 0 : out.find("\n{") + 1;
+            return nlohmann::json::parse(out.substr(start, out.find('\n', start) - start));
+        };
+        const auto planned = object(json.out);
+        const auto done = object(run.out);
+        EXPECT_EQ(planned["dryRun"], true);
+        EXPECT_EQ(done["dryRun"], false);
+        for (const char* key : {"action", "guid", "name", "from", "to", "kept"})
+            EXPECT_EQ(planned[key], done[key]) << step.args << " " << key;
+        EXPECT_EQ(planned["signer"]["changes"], false) << step.args;
+        EXPECT_EQ(planned["kept"].size(), step.plan.find("keeps") == std::string::npos ? 0u : 1u);
+    }
+}
+
 // A root that holds nothing is read as empty and never made: a mistyped
 // --root must leave no folder behind, and neither may a first command that
 // fails before it records anything. Audit has no clean answer for a root

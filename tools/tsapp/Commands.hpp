@@ -174,6 +174,8 @@ void reportFailure(const Failure& failure);
 
 // Whether the command running was given --json (set before it runs).
 extern bool jsonFailures;
+// Whether it was given --dry-run: it prints what it would do and changes nothing.
+extern bool dryRun;
 
 // "tsapp: FILE: warning: <text>" for each of a package's warnings.
 void printWarnings(const std::string& file, const std::vector<std::string>& warnings);

@@ -42,6 +42,7 @@ void printError(const std::string& what) {
 }
 
 bool jsonFailures = false;
+bool dryRun = false;
 
 void reportFailure(const Failure& failure) {
     printError(failure.file() + ": " + failure.what());

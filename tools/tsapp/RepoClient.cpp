@@ -42,6 +42,10 @@ installer::InstallerOptions installerOptions() {
 void installOffer(installer::Installer& installer, const installer::Offer& offer,
                   const store::HostProfile& host, const store::InstallOptions& options) {
     const std::string subject = offer.entry->name + " " + offer.entry->version;
+    if (dryRun) {
+        printPlan(onRepository(subject, [&] { return installer.plan(offer, host, options); }));
+        return;
+    }
     installWith(subject, options, [&](const store::InstallOptions& with) {
         struct Showing {
             Showing() { downloading.emplace(); }
@@ -177,12 +181,10 @@ int runOutdated(const UpgradeSettings& s) {
     for (const auto& o : found) {
         upgradable = upgradable || !o.held;
         if (s.json) {
-            const Json line = {{"guid", o.installed.guid},
-                               {"name", o.installed.name},
-                               {"installed", o.installed.version},
-                               {"available", o.offer.entry->version},
-                               {"repository", o.offer.remote.key()},
-                               {"held", o.held}};
+            const Json line = {
+                {"guid", o.installed.guid},           {"name", o.installed.name},
+                {"installed", o.installed.version},   {"available", o.offer.entry->version},
+                {"repository", o.offer.remote.key()}, {"held", o.held}};
             std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
             continue;
         }
@@ -200,7 +202,7 @@ int runUpgrade(const UpgradeSettings& s) {
         throw UsageError("upgrade", "give --all or name the apps, not both");
     if (!s.all && s.apps.empty()) throw UsageError("upgrade", "name the apps, or give --all");
     catchStopSignals();
-    const auto apps = openRoot(s.root);
+    const auto apps = dryRun ? openForPlan(s.root) : openRoot(s.root);
     const auto host = hostProfile(s.host, apps->root());
     for (const auto& app : s.apps) onStore(app, [&] { return apps->show(app); });
     installer::Installer installer(*apps, reportingInstallerOptions());
@@ -210,7 +212,7 @@ int runUpgrade(const UpgradeSettings& s) {
                       "one with tsapp repo add",
                       tsappinstall::FaultKind::NotOffered);
     const auto outdated = onRepository("upgrade", [&] { return installer.outdated(s.apps, host); });
-    if (outdated.empty()) std::cout << "every app is up to date\n";
+    if (outdated.empty() && !jsonFailures) std::cout << "every app is up to date\n";
     return runEach(outdated, [&](const installer::Outdated& o) {
         if (o.held && s.all && !s.options.ignoreHold) {
             printError(o.installed.name + ": held at version " + o.installed.version + "; " +
@@ -238,8 +240,8 @@ std::vector<Command> addUpgrade(CLI::App& app) {
         "upgrade", "Install the newer versions outdated lists, as install would.");
     addNonEmpty(upgrade, "APP", up->apps, "Installed app: GUID or name");
     upgrade->add_flag("--all", up->all, "Every installed app");
-    upgrade->add_flag("--json", up->json, "Failures also as JSON objects on stdout, one per line");
     addRoot(upgrade, up->root);
+    addPlanFlags(upgrade);
     addHostOptions(upgrade, up->host);
     upgrade->add_flag("--allow-signer-change", up->options.allowSignerChange,
                       "Upgrade even when another key signed the installed version and the package "

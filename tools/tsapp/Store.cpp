@@ -15,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -127,6 +128,18 @@ std::unique_ptr<store::AppStore> openExisting(const RootOption& option, bool wri
     return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root, options); });
 }
 
+std::unique_ptr<store::AppStore> openForPlan(const RootOption& option, unsigned keep) {
+    const auto root = option.path();
+    checkRootFolder(root, false);
+    auto options = option.storeOptions();
+    options.keepPrevious = keep;
+    if (store::AppStore::exists(root))
+        options.readOnly = true;
+    else
+        options.discardUnused = true;
+    return onStore(root.string(), [&] { return std::make_unique<store::AppStore>(root, options); });
+}
+
 void nothingInstalled(const std::string& app, const RootOption& root) {
     throw Failure(app, "nothing is installed in " + root.path().string(),
                   tsappinstall::FaultKind::NotInstalled);
@@ -229,6 +242,48 @@ void addHostOptions(CLI::App* command, HostOptions& options) {
 
 namespace {
 
+Json orNull(const std::string& text) {
+    return text.empty() ? Json(nullptr) : Json(text);
+}
+
+Json keptJson(const std::vector<store::KeptFile>& kept) {
+    Json paths = Json::array();
+    for (const auto& file : kept) paths.push_back((file.folder / file.path).string());
+    return paths;
+}
+
+void printJson(const Json& line) {
+    std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+// What was done, in the shape a plan takes (without what only a plan tells).
+void printDone(store::Plan::Action action, const std::string& from,
+               const store::InstalledVersion& v, const std::filesystem::path& folder,
+               const std::vector<store::KeptFile>& kept) {
+    printJson({{"action", store::token(action)},
+               {"dryRun", false},
+               {"guid", v.guid},
+               {"name", v.name},
+               {"from", orNull(from)},
+               {"to", action == store::Plan::Action::Remove ? Json(nullptr) : Json(v.version)},
+               {"folder", orNull(folder.string())},
+               {"kept", keptJson(kept)}});
+}
+
+store::Plan::Action actionOf(store::InstallResult::Kind kind) {
+    switch (kind) {
+        case store::InstallResult::Kind::Upgrade:
+            return store::Plan::Action::Upgrade;
+        case store::InstallResult::Kind::Reinstall:
+            return store::Plan::Action::Reinstall;
+        case store::InstallResult::Kind::Downgrade:
+            return store::Plan::Action::Downgrade;
+        case store::InstallResult::Kind::New:
+            break;
+    }
+    return store::Plan::Action::New;
+}
+
 const char* verbOf(store::InstallResult::Kind kind) {
     switch (kind) {
         case store::InstallResult::Kind::New:
@@ -249,7 +304,57 @@ void warnKept(const std::vector<store::KeptFile>& kept) {
                    ": changed or added since the install (--purge removes it)");
 }
 
+std::string signedBy(const std::string& subject) {
+    return subject.empty() ? std::string("no verified signer") : shown(subject);
+}
+
 }  // namespace
+
+void printPlan(const store::Plan& plan) {
+    if (jsonFailures) {
+        printJson({{"action", store::token(plan.action)},
+                   {"dryRun", true},
+                   {"guid", plan.guid},
+                   {"name", plan.name},
+                   {"from", orNull(plan.fromVersion)},
+                   {"to", orNull(plan.toVersion)},
+                   {"signer",
+                    {{"from", orNull(plan.fromSigner)},
+                     {"to", orNull(plan.toSigner)},
+                     {"changes", plan.signerChanges ? Json(*plan.signerChanges) : Json(nullptr)}}},
+                   {"download", plan.download},
+                   {"disk", plan.diskChange},
+                   {"kept", keptJson(plan.kept)},
+                   {"undecided", plan.undecided}});
+        return;
+    }
+    using Action = store::Plan::Action;
+    static const std::map<Action, const char*> verbs = {
+        {Action::New, "install"},         {Action::Upgrade, "upgrade"},
+        {Action::Reinstall, "reinstall"}, {Action::Downgrade, "downgrade"},
+        {Action::Remove, "remove"},       {Action::Rollback, "roll back"}};
+    std::cout << "would " << verbs.at(plan.action) << " " << shown(plan.name) << " "
+              << (plan.fromVersion.empty() ? "" : shown(plan.fromVersion))
+              << (!plan.fromVersion.empty() && !plan.toVersion.empty() ? " -> " : "")
+              << shown(plan.toVersion) << " (" << shown(plan.guid) << ")\n";
+    if (plan.action != Action::Remove) {
+        std::cout << "  signer: ";
+        if (!plan.signerChanges)
+            std::cout << signedBy(plan.fromSigner) << " -> known once the package is read\n";
+        else if (*plan.signerChanges)
+            std::cout << signedBy(plan.fromSigner) << " -> " << signedBy(plan.toSigner)
+                      << " (changes)\n";
+        else
+            std::cout << signedBy(plan.toSigner) << " (unchanged)\n";
+    }
+    if (plan.download > 0) std::cout << "  download: " << plan.download << " bytes\n";
+    std::cout << "  disk: " << (plan.diskChange < 0 ? "frees " : "uses ")
+              << (plan.diskChange < 0 ? -plan.diskChange : plan.diskChange) << " bytes\n";
+    for (const auto& file : plan.kept)
+        std::cout << "  keeps " << shown((file.folder / file.path).string())
+                  << " (changed or added since the install)\n";
+    for (const auto& check : plan.undecided) std::cout << "  checked as it runs: " << check << "\n";
+}
 
 void installWith(const std::string& subject, store::InstallOptions options,
                  const std::function<store::InstallResult(const store::InstallOptions&)>& run) {
@@ -269,10 +374,13 @@ void installWith(const std::string& subject, store::InstallOptions options,
         result = run(options);
     }
     const auto& v = result.installed;
-    std::cout << verbOf(result.kind) << " " << shown(v.name) << " "
-              << (result.replacedVersion.empty() ? "" : shown(result.replacedVersion) + " -> ")
-              << shown(v.version) << " (" << shown(v.guid) << ") in " << shown(v.folder.string())
-              << "\n";
+    if (jsonFailures)
+        printDone(actionOf(result.kind), result.replacedVersion, v, v.folder, result.kept);
+    else
+        std::cout << verbOf(result.kind) << " " << shown(v.name) << " "
+                  << (result.replacedVersion.empty() ? "" : shown(result.replacedVersion) + " -> ")
+                  << shown(v.version) << " (" << shown(v.guid) << ") in "
+                  << shown(v.folder.string()) << "\n";
     for (const auto& reason : v.forcedReasons)
         printError("warning: " + subject + ": forced: " + reason);
     for (const auto& left : result.leftOver) printError("warning: " + left);
@@ -281,6 +389,11 @@ void installWith(const std::string& subject, store::InstallOptions options,
 
 void installOne(store::AppStore& apps, const std::string& package, const std::string& subject,
                 const store::HostProfile& host, const store::InstallOptions& options) {
+    if (dryRun) {
+        printPlan(
+            onStore(subject, [&] { return apps.planInstall(nativePath(package), host, options); }));
+        return;
+    }
     installWith(subject, options, [&](const store::InstallOptions& with) {
         return onStore(subject, [&] { return apps.install(nativePath(package), host, with); });
     });
@@ -296,8 +409,9 @@ int runInstall(const InstallSettings& s) {
     store::AppStore::Options storeOptions = s.root.storeOptions();
     storeOptions.keepPrevious = s.keep;
     storeOptions.discardUnused = true;
-    auto apps = onStore(root.string(),
-                        [&] { return std::make_unique<store::AppStore>(root, storeOptions); });
+    auto apps = dryRun ? openForPlan(s.root, s.keep) : onStore(root.string(), [&] {
+        return std::make_unique<store::AppStore>(root, storeOptions);
+    });
     const store::HostProfile host = hostProfile(s.host, root);
     return runEach(s.packages, [&](const std::string& package) {
         try {
@@ -517,11 +631,20 @@ struct RemoveSettings {
 
 int runRemove(const RemoveSettings& s) {
     refuseEmptyApps(s.apps, "remove");
-    const auto apps = openExisting(s.root, true);
+    const auto apps = dryRun
+                          ? (store::AppStore::exists(s.root.path()) ? openForPlan(s.root) : nullptr)
+                          : openExisting(s.root, true);
     return runEach(s.apps, [&](const std::string& app) {
         if (!apps) nothingInstalled(app, s.root);
+        if (dryRun) {
+            printPlan(onStore(app, [&] { return apps->planRemove(app, s.purge); }));
+            return;
+        }
         const auto result = onStore(app, [&] { return apps->remove(app, s.purge); });
-        if (result.removedApp)
+        if (jsonFailures)
+            printDone(store::Plan::Action::Remove, result.removed.version, result.removed, {},
+                      result.kept);
+        else if (result.removedApp)
             std::cout << "removed " << shownVersion(result.removed) << "\n";
         else
             std::cout << "purged " << result.purged.size()
@@ -536,16 +659,38 @@ struct RollbackSettings : ReadSettings {
 };
 
 int runRollback(const RollbackSettings& s) {
-    const auto apps = openExisting(s.root, true);
+    const auto apps = dryRun
+                          ? (store::AppStore::exists(s.root.path()) ? openForPlan(s.root) : nullptr)
+                          : openExisting(s.root, true);
     const std::string& name = s.apps.front();
     if (!apps) nothingInstalled(name, s.root);
+    if (dryRun) {
+        printPlan(onStore(name, [&] { return apps->planRollback(name, s.options); }));
+        return kGood;
+    }
+    const std::string from = onStore(name, [&] { return apps->show(name).current.version; });
     const auto result = onStore(name, [&] { return apps->rollback(name, s.options); });
     const auto& now = result.current;
+    if (jsonFailures) {
+        printDone(store::Plan::Action::Rollback, from, now, now.folder, result.kept);
+        return kGood;
+    }
     std::cout << "rolled " << shown(now.name) << " back to " << shown(now.version) << " ("
               << shown(now.guid) << ") in " << shown(now.folder.string()) << "\n";
     warnKept(result.kept);
     return kGood;
 }
+
+}  // namespace
+
+void addPlanFlags(CLI::App* command) {
+    command->add_flag("--dry-run",
+                      "Print what would be done (versions, signer, bytes, files "
+                      "kept) and change nothing");
+    command->add_flag("--json", "One JSON object per line and app acted on");
+}
+
+namespace {
 
 CLI::App* appCommand(CLI::App& app, const char* name, const char* description, ReadSettings& s,
                      const char* argument, bool many) {
@@ -587,6 +732,7 @@ std::vector<Command> addStore(CLI::App& app) {
     install->add_option("--keep", in->keep, "Previous versions kept for rollback (default 1)");
     addUnpackOptions(install, in->options);
     addRepositoryOptions(install, in->repository);
+    addPlanFlags(install);
 
     auto listed = std::make_shared<InstalledSettings>();
     CLI::App* installed = app.add_subcommand(
@@ -613,6 +759,7 @@ std::vector<Command> addStore(CLI::App& app) {
     remove->add_flag("--purge", removed->purge,
                      "Remove changed and added files too, and those kept before (also of an "
                      "app removed already)");
+    addPlanFlags(remove);
 
     auto rolled = std::make_shared<RollbackSettings>();
     CLI::App* rollback =
@@ -621,6 +768,7 @@ std::vector<Command> addStore(CLI::App& app) {
     rollback->add_flag("--force", rolled->options.force,
                        "Roll back to a previous version whose files are not as installed, and "
                        "keep the version left");
+    addPlanFlags(rollback);
 
     auto audited = std::make_shared<ReadSettings>();
     CLI::App* audit =

@@ -114,6 +114,18 @@ void installWith(const std::string& subject, tsappinstall::store::InstallOptions
                  const std::function<tsappinstall::store::InstallResult(
                      const tsappinstall::store::InstallOptions&)>& run);
 
+// The store in the root for a command given --dry-run: read-only when the
+// root holds one; else an empty one that is taken away again, so that the
+// root is left as it was either way.
+std::unique_ptr<tsappinstall::store::AppStore> openForPlan(const RootOption& option,
+                                                           unsigned keep = 1);
+
+// --dry-run and --json of a command that installs, removes or rolls back.
+void addPlanFlags(CLI::App* command);
+
+// What an operation would do: lines of text, or one JSON object with --json.
+void printPlan(const tsappinstall::store::Plan& plan);
+
 // Installs the package file `package`, called `subject` in messages.
 void installOne(tsappinstall::store::AppStore& apps, const std::string& package,
                 const std::string& subject, const tsappinstall::store::HostProfile& host,

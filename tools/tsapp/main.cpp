@@ -38,6 +38,8 @@ int runNamed(const std::vector<Command>& commands) {
     for (const Command& command : commands) {
         if (!command.cli->parsed()) continue;
         jsonFailures = wantsJson(*command.cli);
+        const CLI::Option* dry = command.cli->get_option_no_throw("--dry-run");
+        dryRun = dry != nullptr && dry->count() > 0;
         // Failures name the file they are about; anything the command does
         // not attribute itself is about its subject.
         const std::string subject = command.subject();

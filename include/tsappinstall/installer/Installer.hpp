@@ -167,6 +167,12 @@ class TSAPP_API Installer {
     store::InstallResult install(const Offer& offer, const store::HostProfile& host,
                                  store::InstallOptions options);
 
+    // What install() with the same arguments would do, from what the index
+    // says of the package: nothing is downloaded. What only the package
+    // itself can tell (the key rotation proofs it carries) is undecided.
+    store::Plan plan(const Offer& offer, const store::HostProfile& host,
+                     const store::InstallOptions& options) const;
+
     // The installed apps named (GUIDs or names; empty: every one) that have
     // a newer version that fits `host`, looked for in the repository each
     // came from while it is recorded, else in every recorded one. A held

@@ -238,6 +238,49 @@ struct RollbackResult {
     std::vector<KeptFile> kept;
 };
 
+// What an install, upgrade, remove or rollback would do to one app, found
+// by the checks the operation itself makes, with the root left as it is:
+// the real run then does the same or refuses for one of `undecided`.
+struct Plan {
+    enum class Action { New, Upgrade, Reinstall, Downgrade, Remove, Rollback };
+    Action action = Action::New;
+    std::string guid;
+    std::string name;
+    std::string fromVersion;  // the current version; empty for a new app
+    std::string toVersion;    // the version made current; empty for a removal
+    std::string fromSigner;   // the current version's verified signer; empty: none
+    std::string toSigner;     // the new version's, when it is known before unpacking
+    // Whether the key that signs the app changes; nullopt when only
+    // verifying the package's signature, as it is unpacked, can tell.
+    std::optional<bool> signerChanges;
+    std::uint64_t download = 0;  // bytes to fetch first (a repository's package)
+    // Bytes of the recorded files that the operation adds (positive) or
+    // frees (negative): the new version as its parts are sized in the
+    // package, versions retired or removed by their recorded sizes.
+    std::int64_t diskChange = 0;
+    // What the versions removed or retired hold that the user changed or
+    // added, as audit() finds it: kept where it is.
+    std::vector<KeptFile> kept;
+    // The checks that cannot be made before the package is read whole.
+    std::vector<std::string> undecided;
+};
+
+// "new", "upgrade", "reinstall", "downgrade", "remove", "rollback".
+TSAPP_API const char* token(Plan::Action action);
+
+// What is known of a package before it is fetched: what a repository's
+// index says of it.
+struct PackageFacts {
+    std::string guid;
+    std::string name;
+    std::string version;
+    std::vector<std::string> incompatibilities;  // with the host it would go on
+    std::string signerSubject;                   // empty: listed as unsigned
+    std::string signerFingerprint;
+    std::string signerKeyFingerprint;
+    std::uint64_t size = 0;  // of the package file
+};
+
 class TSAPP_API AppStore {
   public:
     struct Options {
@@ -298,6 +341,17 @@ class TSAPP_API AppStore {
     // otherwise it is Refused unless allowSignerChange.
     InstallResult install(const std::filesystem::path& package, const HostProfile& host,
                           const InstallOptions& options = {});
+
+    // What install(), remove() and rollback() with the same arguments would
+    // do, refusing as they would refuse; nothing is written (a read-only
+    // store plans as well). The package is read and checked whole, but not
+    // unpacked: its signer is not known yet.
+    Plan planInstall(const std::filesystem::path& package, const HostProfile& host,
+                     const InstallOptions& options = {}) const;
+    // The same for a package known by what is said of it (not read at all).
+    Plan planInstall(const PackageFacts& package, const InstallOptions& options = {}) const;
+    Plan planRemove(const std::string& app, bool purge = false) const;
+    Plan planRollback(const std::string& app, const RollbackOptions& options = {}) const;
 
     // Every installed app, by name then GUID.
     std::vector<InstalledApp> list() const;
