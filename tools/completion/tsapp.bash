@@ -4,7 +4,7 @@
 # and `tsapp CMD --help` the first time a shell needs them, so a new command
 # or option completes without a change here. The list below is used only
 # when the help text cannot be read (tsapp missing or not runnable).
-_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack rotate verify install installed list-installed show files owner history remove rollback audit repo search outdated upgrade help"
+_tsapp_fallback_commands="info check list ls icon screenshot part extract recover pack rotate verify install installed list-installed show files owner history hold unhold remove rollback audit repo search outdated upgrade help"
 
 # The command names: the first word of each line of the section whose
 # heading ends in "commands:" ("name, alias" counts as two names); with a
