@@ -209,6 +209,8 @@ class StoreFaults : public ::testing::Test {
                             .string() +
                         "/files/README.txt";
         write_file(templates().file("changed/" + changedFile()), "mine");
+        // Made here, not first by an operation a test kills halfway.
+        package("1.4.0");
         fs::create_directories(templates().file("empty"));
         fs::copy(templates().file("one"), templates().file("crashed"),
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
