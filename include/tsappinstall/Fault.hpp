@@ -73,6 +73,7 @@ enum class FaultKind : int {
     NotOffered,         // no repository offers a version of the app that fits
     WrongRepository,    // the index names another repository, or another key signed it
     RevokedSigner,      // a recorded repository revoked the key that signed the package
+    NotReusable,  // a part left out of a partial package cannot be taken from the installed version
 
     // The seal's former name; it was never an author's signature.
     BadSignature = BadSeal,

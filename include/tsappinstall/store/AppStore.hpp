@@ -22,6 +22,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -87,6 +88,13 @@ struct InstallOptions {
     // keeps it and the file is not read again to hash it. The caller
     // answers for the file not changing until install() returns.
     std::string packageSha256;
+    // The entries (ZIP entry names, "files/a.js") that the package file
+    // leaves out: a partial copy of a package fetched in ranges, holding
+    // only what differs from the installed version. Each must be a file
+    // the current version holds with the digest the package's signed list
+    // gives, and is taken from it; otherwise install() throws a StoreError
+    // of kind NotReusable and changes nothing.
+    std::set<std::string> absentParts;
 };
 
 struct InstalledFile {

@@ -110,6 +110,8 @@ KindTexts textsOf(FaultKind kind) {
             return {"wrong-repository", "another repository"};
         case FaultKind::RevokedSigner:
             return {"revoked-signer", "signer's key revoked"};
+        case FaultKind::NotReusable:
+            return {"not-reusable", "installed file not reusable"};
     }
     return {"unknown", "failed"};  // a value outside the enum
 }
