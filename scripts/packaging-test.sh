@@ -105,7 +105,7 @@ bash tests/consumer/make-keys.sh "$scratch" >"$log" 2>&1 ||
 mkdir "$scratch/consumer-work"
 [ "$("$scratch/consumer" "$PWD/sample/app" "$scratch/consumer-work" "$scratch/signer.key" \
     "$scratch/signer.pem" "$scratch/ca.pem" 2>"$log")" = "Hello Tessal 1.2.0
-published index 1 with 1 package(s)
+published an index of 1 package(s)
 installed Hello Tessal 1.2.0 from main" ] ||
     fail "a program built against libtsappinstall-dev cannot pack, publish, install and list"
 

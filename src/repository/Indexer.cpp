@@ -532,8 +532,12 @@ IndexOutcome indexFolder(const fs::path& folder, const IndexOptions& options) {
     result.read = readAll(folder, files, cache, jobs, outcomes);
 
     result.firstIndex = index.version == 0;
-    ++index.version;
     index.generated = options.now >= 0 ? options.now : nowSeconds();
+    // Numbered by the clock, so that a repository rebuilt in a fresh folder
+    // (or from a stale copy) still moves past every index its readers saw;
+    // one more than the last when publications come faster than seconds.
+    index.version = std::max<std::uint64_t>(
+        index.version + 1, static_cast<std::uint64_t>(std::max<std::int64_t>(index.generated, 0)));
     index.expires = index.generated + options.validFor;
     Cache next;
     next.version = index.version;

@@ -683,7 +683,8 @@ struct AppStore::Impl {
         version.guid = opc::detail::ascii_lower(manifest.GUID);
         version.name = fl::i18n::to_string(manifest.name);
         version.version = fl::i18n::to_string(manifest.version);
-        version.package = package.string();
+        version.package =
+            installOptions.packageName.empty() ? package.string() : installOptions.packageName;
         version.origin = installOptions.origin;
         version.hostProfile = toJson(host);
         version.forcedReasons = incompatibilities(manifest, host);

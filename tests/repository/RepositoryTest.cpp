@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <thread>
@@ -29,8 +30,11 @@ namespace fs = std::filesystem;
 TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndRereadsOnlyChangedFiles) {
     Published published;
     const std::string repo = published.repo();
+    const auto before = static_cast<std::uint64_t>(std::time(nullptr));
     const IndexOutcome first = indexFolder(repo, published.signing());
-    EXPECT_EQ(first.version, 1u);
+    // Numbered by the clock, then one up each run however fast they come.
+    EXPECT_GE(first.version, before);
+    EXPECT_LE(first.version, static_cast<std::uint64_t>(std::time(nullptr)));
     EXPECT_EQ(first.read, 5u);
     ASSERT_EQ(first.badPackages.size(), 1u);
     EXPECT_EQ(first.badPackages[0].file, "bad.tsappinstall");
@@ -55,7 +59,7 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     fs::last_write_time(repo + "/other.tsappinstall", fs::file_time_type::clock::now());
     const IndexOutcome touched = indexFolder(repo, published.signing());
     EXPECT_EQ(touched.read, 0u);
-    EXPECT_EQ(touched.version, 3u);
+    EXPECT_GE(touched.version, first.version + 2);
     fs::copy_file(repo + "/hello-1.0.tsappinstall", repo + "/other.tsappinstall",
                   fs::copy_options::overwrite_existing);
     const IndexOutcome changed = indexFolder(repo, published.signing());
@@ -66,11 +70,13 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     // of this index and the one before it stay.
     for (const std::string& name : filesIn(repo))
         EXPECT_EQ(name.find(".tmp."), std::string::npos) << name;
-    EXPECT_EQ(filesIn(repo + "/signatures"), (std::vector<std::string>{"3.p7s", "4.p7s"}));
+    EXPECT_EQ(filesIn(repo + "/signatures"),
+              (std::vector<std::string>{std::to_string(changed.version - 1) + ".p7s",
+                                        std::to_string(changed.version) + ".p7s"}));
     EXPECT_EQ(parseIndex(read_file(repo + "/index.json")).repository, "stable");
     // The identifier is kept; a folder that never had one needs one.
     tsappinstall::repository::IndexOptions unnamed = published.signing("");
-    EXPECT_EQ(indexFolder(repo, unnamed).version, 5u);
+    EXPECT_GT(indexFolder(repo, unnamed).version, changed.version);
     EXPECT_EQ(parseIndex(read_file(repo + "/index.json")).repository, "stable");
     fs::create_directory(published.dir.file("new"));
     EXPECT_EQ(error_of<Error>([&] { indexFolder(published.dir.file("new"), unnamed); }),
@@ -82,7 +88,8 @@ TEST(RepositoryIndexerConcurrency, ListsGoodPackagesStoresEachImageOnceAndReread
     // file: FIFOs planted in their place are replaced, never waited on.
     for (const char* planted : {"index.json", ".tsapp-index-cache.json", "index.html"})
         ASSERT_EQ(::mkfifo((published.dir.file("new") + "/" + planted).c_str(), 0600), 0);
-    EXPECT_EQ(indexFolder(published.dir.file("new"), published.signing("fresh")).version, 1u);
+    EXPECT_GE(indexFolder(published.dir.file("new"), published.signing("fresh")).version,
+              first.version);
     EXPECT_TRUE(fs::is_regular_file(published.dir.file("new/index.html")));
 }
 
@@ -314,8 +321,10 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
          FaultKind::ExpiredIndex,
          "the index expired at " + tsappinstall::formatUtc(index.expires) + ", 1 second ago"},
         {"rollback", http.url("http", "ok"),
-         [](ClientOptions& o, PackageEntry&) { o.highestSeen = 2; }, FaultKind::IndexRollback,
-         "the index is version 1, older than version 2 seen before"},
+         [&](ClientOptions& o, PackageEntry&) { o.highestSeen = index.version + 1; },
+         FaultKind::IndexRollback,
+         "the index is version " + std::to_string(index.version) + ", older than version " +
+             std::to_string(index.version + 1) + " seen before"},
         {"other host", http.url("http", "redirect"), nullptr, FaultKind::DownloadFailed,
          "index.json: redirected to another host (http://localhost:"},
         {"unknown CA", https.url("https", "ok"), nullptr, FaultKind::DownloadFailed,
@@ -413,27 +422,28 @@ TEST(RepositoryClient, ReadsTheIndexAndItsSignatureAsOnePairWhileTheyArePublishe
     const struct {
         std::string moment;
         std::function<void()> make;
-        std::uint64_t version;
+        int read;  // the first index or the second
     } moments[] = {
         {"the signatures in place, the index not yet",
-         [&] { write_file(repo + "/index.json", first); }, 1},
+         [&] { write_file(repo + "/index.json", first); }, 0},
         {"the index in place, the older signature beside it",
          [&] {
              write_file(repo + "/index.json", second);
              write_file(repo + "/index.json.p7s", firstSignature);
          },
-         2},
+         1},
         {"an older publisher's pair",
          [&] {
              fs::remove_all(repo + "/signatures");
              write_file(repo + "/index.json", first);
          },
-         1},
+         0},
     };
     for (const auto& m : moments) {
         SCOPED_TRACE(m.moment);
         m.make();
-        EXPECT_EQ(Repository(repo, options).index().version, m.version);
+        EXPECT_EQ(Repository(repo, options).index().version,
+                  parseIndex(m.read == 0 ? first : second).version);
     }
 }
 
@@ -516,7 +526,7 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     const auto outdated = later.outdated({}, host);
     ASSERT_EQ(outdated.size(), 1u);
     EXPECT_EQ(outdated.front().offer.entry->version, "1.10");
-    EXPECT_EQ(later.highestSeen(later.remotes().front()), 2u);
+    EXPECT_EQ(later.highestSeen(later.remotes().front()), versionOf(repo));
     // Moved elsewhere: followed only to an index as new as the one seen.
     const std::string moved = published.dir.file("moved");
     fs::copy(repo, moved, fs::copy_options::recursive);
@@ -529,19 +539,31 @@ TEST(RepositoryInstaller, KeepsItsRecordsInTheRootAndNamesTheRepositoryOfEachRef
     Installer(apps).move("main", moved);
     EXPECT_EQ(later.remotes().front().location, moved);
     EXPECT_EQ(Installer(apps).outdated({}, host).front().offer.remote.location, moved);
+    // Rebuilt in a fresh folder an hour on, with no earlier index there, it
+    // still moves past every index seen: its version is its time.
+    const std::string fresh = published.dir.file("fresh");
+    fs::create_directory(fresh);
+    for (const std::string& file : filesIn(repo))
+        if (file.find(".tsappinstall") != std::string::npos)
+            fs::copy(repo + "/" + file, fresh + "/" + file);
+    auto anHourOn = published.signing();
+    anHourOn.now = static_cast<std::int64_t>(std::time(nullptr)) + 3600;
+    indexFolder(fresh, anHourOn);
+    EXPECT_GT(Installer(apps).move("main", fresh)->index().version, versionOf(moved));
     later.remove("main");
     EXPECT_TRUE(later.remotes().empty());
     EXPECT_EQ(refusal([&] { later.remove("main"); }), "unknown-repository main");
     // Its repository forgotten and none other recorded, nothing is looked in.
     EXPECT_TRUE(Installer(apps).outdated({}, host).empty());
     // Forgotten with its name, highest version included: the publisher's
-    // repository rebuilt at index version 1 is added afresh.
+    // repository rebuilt at an older index version is added afresh.
     const std::string rebuilt = published.dir.file("rebuilt");
     fs::copy(moved, rebuilt, fs::copy_options::recursive);
     for (const char* file : {"index.json", "index.json.p7s"})
         fs::copy(published.dir.file(std::string("old-") + file), rebuilt + "/" + file,
                  fs::copy_options::overwrite_existing);
-    EXPECT_EQ(Installer(apps).add({"main", rebuilt, main.trust, ""})->index().version, 1u);
+    EXPECT_EQ(Installer(apps).add({"main", rebuilt, main.trust, ""})->index().version,
+              versionOf(rebuilt));
 
     // Of several repositories, one that cannot be read is told once and
     // left out, and the others answer; alone, it fails.
@@ -582,7 +604,10 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
     indexFolder(stable, published.signing("stable"));
     packApp(testing, "impostor.tsappinstall",
             {{"version", "9.0"}, {"guid", "0123abcd-0000-4000-8000-00000000000f"}});
-    indexFolder(testing, published.signing("testing"));
+    auto early = published.signing("testing");  // numbered below stable's versions
+    early.now = 1000;
+    early.validFor = std::int64_t{100} * 365 * 86400;
+    indexFolder(testing, early);
     const tsappinstall::store::HostProfile host{
         "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
     tsappinstall::store::AppStore apps(published.dir.file("root"));
@@ -594,7 +619,7 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
     EXPECT_EQ(main.repository, "stable");
     EXPECT_EQ(main.signerKey.size(), 64u);
     EXPECT_EQ(main.trust.front().rfind(published.dir.file("root/trust/main-"), 0), 0u);
-    EXPECT_EQ(Installer(apps).highestSeen(main), 2u);
+    EXPECT_EQ(Installer(apps).highestSeen(main), versionOf(stable));
 
     const auto refusal = [](auto call) {
         try {
@@ -606,7 +631,9 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
         return std::string("none");
     };
     const std::string old = published.dir.file("old"),
-                      rollback = ": the index is version 1, older than version 2 seen before";
+                      rollback = ": the index is version " + std::to_string(versionOf(old)) +
+                                 ", older than version " + std::to_string(versionOf(stable)) +
+                                 " seen before";
     const Remote byLocation{"", "file://" + old, {ca}, ""};
     EXPECT_EQ(refusal([&] { Installer(apps).fetch(byLocation); }),
               "index-rollback file://" + old + rollback);
@@ -617,8 +644,8 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
     EXPECT_EQ(refusal([&] { Installer(apps).move("main", testing); }),
               "wrong-repository main: the index is of the repository \"testing\", not of "
               "\"stable\"");
-    // The testing repository is another: its version 1 is no rollback.
-    EXPECT_EQ(Installer(apps).fetch({"", testing, {ca}, ""})->index().version, 1u);
+    // The testing repository is another: its lower version is no rollback.
+    EXPECT_EQ(Installer(apps).fetch({"", testing, {ca}, ""})->index().version, versionOf(testing));
 
     const std::vector<Remote> both = {main, {"", testing, {ca}, ""}};
     EXPECT_EQ(refusal([&] { Installer(apps).find("Hello Tessal", host, both); }),
@@ -650,14 +677,14 @@ TEST(RepositoryInstaller, HoldsEachRepositoryToItsIdentityWhereverItIsRead) {
                R"([{"name":"main","location":")" + location + R"(","trust":[")" + ca + "\"]}]");
     };
     recordMain(old);
-    record("repository-highest-index", "main", "2");
+    record("repository-highest-index", "main", std::to_string(versionOf(stable)));
     EXPECT_EQ(refusal([&] { Installer(older).indexes(); }), "index-rollback main" + rollback);
     recordMain(stable);
     Installer(older).indexes();
     const Remote pinned = Installer(older).remotes().front();
     EXPECT_EQ(pinned.repository + " " + pinned.signerKey, main.repository + " " + main.signerKey);
     EXPECT_EQ(pinned.trust.front().rfind(published.dir.file("older/trust/main-"), 0), 0u);
-    EXPECT_EQ(Installer(older).highestSeen(pinned), 2u);
+    EXPECT_EQ(Installer(older).highestSeen(pinned), versionOf(stable));
     EXPECT_FALSE(RootStateAccess::read(older, "repository-highest-index", "main"));
 }
 

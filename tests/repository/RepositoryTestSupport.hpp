@@ -17,6 +17,7 @@
 
 #include "support/PackSupport.hpp"
 #include "support/TestSupport.hpp"
+#include "tsappinstall/repository/Index.hpp"
 #include "tsappinstall/repository/Indexer.hpp"
 
 namespace tsapp::test {
@@ -144,5 +145,10 @@ class Server {
     std::string port_;
     std::string portFile_;
 };
+
+// The version of the index published in `folder`.
+inline std::uint64_t versionOf(const std::string& folder) {
+    return tsappinstall::repository::parseIndex(read_file(folder + "/index.json")).version;
+}
 
 }  // namespace tsapp::test

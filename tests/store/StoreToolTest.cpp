@@ -109,6 +109,10 @@ TEST(StoreTool, FailuresAndJson) {
         {"audit", 1,
          "Hello Tessal 1.2.0 (" + std::string(kGuid) +
              "): 1 difference\n  modified icon.png (size 7, recorded 248)\n"},
+        // The record names standard input, not the temporary copy made of it.
+        {"install --reinstall --product tessal.core=2026.1 - < hello.tsappinstall >/dev/null && "
+         "TSAPP_ROOT=root '" TSAPP_TOOL "' show 'Hello Tessal' | grep '^package:'",
+         0, "package: stdin\n"},
     };
     for (const auto& c : cases) {
         const ToolRun run = tsappIn(dir, c.args);

@@ -100,13 +100,16 @@ _tsapp_complete_argument() {
             ;;
         APP*)
             # The GUIDs of the apps installed in the root given on the line
-            # (or the default root).
-            local root=() j
+            # (or the default root); remove (--purge), audit and history
+            # also take apps removed since, whose kept files or history
+            # stay on record.
+            local root=() j listing=installed
             for ((j = 1; j < COMP_CWORD; j++)); do
                 [[ ${COMP_WORDS[j]} == --root ]] && root=(--root "${COMP_WORDS[j + 1]}")
             done
-            mapfile -t COMPREPLY < <(compgen -W "$("$tool" installed "${root[@]}" 2>/dev/null |
-                awk '{print $1}')" -- "$cur")
+            [[ $command == @(remove|audit|history) ]] && listing=history
+            mapfile -t COMPREPLY < <(compgen -W "$("$tool" "$listing" --json "${root[@]}" 2>/dev/null |
+                grep -o '"guid": *"[0-9a-fA-F-]*"' | sed 's/.*"\([0-9a-fA-F-]*\)"$/\1/' | sort -u)" -- "$cur")
             ;;
     esac
 }

@@ -86,6 +86,8 @@ inline constexpr std::uint64_t kMaxStdinBytes = std::uint64_t{4} << 30;
 // input's bytes in a private temporary folder, removed afterwards; a
 // failure about that copy is about "stdin".
 int withPackage(const std::string& package, const std::function<int(const std::string&)>& run);
+// Whether `file` is the copy of standard input that withPackage() made.
+bool isStdinCopy(const std::string& file);
 
 // "-" is standard input in messages.
 inline std::string shownPackage(const std::string& package) {

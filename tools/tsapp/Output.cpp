@@ -60,8 +60,12 @@ namespace {
 std::string stdinCopy;
 }  // namespace
 
+bool isStdinCopy(const std::string& file) {
+    return !stdinCopy.empty() && file == stdinCopy;
+}
+
 void printWarnings(const std::string& file, const std::vector<std::string>& warnings) {
-    const std::string shown = !stdinCopy.empty() && file == stdinCopy ? "stdin" : file;
+    const std::string shown = isStdinCopy(file) ? "stdin" : file;
     for (const std::string& warning : warnings) printError(shown + ": warning: " + warning);
 }
 

@@ -75,12 +75,6 @@ int runIndex(IndexCommand& o) {
     for (const auto& bad : outcome.badPackages) printError(bad.file + ": left out: " + bad.what);
     for (const auto& image : outcome.leftOutImages)
         printError(image.file + ": image left out: " + image.what);
-    if (outcome.firstIndex)
-        printError(folder.string() +
-                   ": warning: no earlier index here, so this is version 1: "
-                   "readers that read a later index of this repository refuse "
-                   "it; to rebuild a repository, copy its last index.json into "
-                   "the folder first");
     std::cout << "index version " << outcome.version << ": " << counted(outcome.packages, "package")
               << " listed, " << outcome.read << " read, " << outcome.badPackages.size() << " bad\n";
     return outcome.badPackages.empty() || o.skipBad ? kGood : kBad;

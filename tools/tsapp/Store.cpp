@@ -394,7 +394,8 @@ void installOne(store::AppStore& apps, const std::string& package, const std::st
             onStore(subject, [&] { return apps.planInstall(nativePath(package), host, options); }));
         return;
     }
-    installWith(subject, options, [&](const store::InstallOptions& with) {
+    installWith(subject, options, [&](store::InstallOptions with) {
+        if (isStdinCopy(package)) with.packageName = "stdin";
         return onStore(subject, [&] { return apps.install(nativePath(package), host, with); });
     });
 }
@@ -526,7 +527,7 @@ void printVersion(const store::InstalledApp& app) {
     // A download is removed once installed: its name is kept on record,
     // but not shown as a file to go and look at.
     std::error_code error;
-    const bool packageThere = std::filesystem::exists(v.package, error);
+    const bool packageThere = v.package == "stdin" || std::filesystem::exists(v.package, error);
     std::cout << "name: " << shown(v.name) << "\nGUID: " << shown(v.guid)
               << "\nversion: " << shown(v.version) << "\nfolder: " << shown(v.folder.string())
               << "\nlink: " << shown(app.link.string()) << "\nfrom: " << originText(v)

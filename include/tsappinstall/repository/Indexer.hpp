@@ -45,10 +45,10 @@ struct IndexOutcome {
     std::size_t read = 0;                // read afresh, not taken from the cache
     std::vector<Problem> badPackages;    // left out of the index
     std::vector<Problem> leftOutImages;  // the package stays, without the image
-    // No earlier index (nor cache) was in the folder, so the count began
-    // again at 1: right for a new repository, wrong for one rebuilt, whose
-    // readers refuse any version below the highest they read. Copying its
-    // last index.json into the folder first carries the count on.
+    // No earlier index (nor cache) was in the folder. The index is numbered
+    // by its generation time all the same (or one more than the last one,
+    // when that is higher), so a repository rebuilt in a fresh folder is not
+    // refused as a rollback by readers of its former indexes.
     bool firstIndex = false;
 };
 

@@ -83,6 +83,9 @@ struct InstallOptions {
     // installer writes the repository); recorded with the version in the
     // install's own transaction. Empty for a package file installed as it is.
     std::string origin;
+    // How the record names the package file ("stdin" for one read from
+    // standard input into a temporary copy); empty: its path as given.
+    std::string packageName;
     // The package file's SHA-256 (hex) when the caller knows it from the
     // bytes it wrote (a download checked against its index): the record
     // keeps it and the file is not read again to hash it. The caller
