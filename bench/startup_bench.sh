@@ -3,8 +3,10 @@
 # `tsapp --version`, `tsapp info` of the sample app's package (4 KB), and
 # `unzip -l` of the same package as the peer. With perf, the mean of
 # `perf stat -r N` (N = 10 times runs); without it, the mean wall time of
-# as many runs in a loop. Then how many shared libraries the tool loads,
-# and the dynamic loader's share of the start (LD_DEBUG=statistics).
+# as many runs in a loop; with valgrind, the instructions each executes.
+# Then how many shared libraries the tool loads, the dynamic loader's
+# share of the start (LD_DEBUG=statistics), and the instructions of a
+# program that does nothing but load the same libraries.
 #
 #   bench/startup_bench.sh [build-dir] [runs]
 set -euo pipefail
@@ -62,12 +64,46 @@ libraries=$(ldd "$tsapp" | grep -c '=>')
 loader=$(LD_DEBUG=statistics "$tsapp" --version 2>&1 >/dev/null |
   awk '/total startup time in dynamic loader/ {t = $(NF - 1)} /time needed for relocation/ {r = $(NF - 2)}
        /number of relocations:/ {n = $NF} END {printf "%d cycles, %s of them relocating (%d symbol relocations)", t, r, n}')
+# On a shared machine, instructions are the figure that does not move:
+# callgrind counts them, the dynamic loader's included.
+declare -A instr
+for name in version info unzip; do instr[$name]=-; done
+if command -v valgrind >/dev/null; then
+  instructions() {
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$@" 2>&1 >/dev/null |
+      awk '/Collected/ {printf "%.1fM", $4 / 1e6}'
+  }
+  instr[version]=$(instructions "$tsapp" --version)
+  instr[info]=$(instructions "$tsapp" info "$pkg")
+  instr[unzip]=$(instructions unzip -l "$pkg")
+fi
+# The floor the libraries set: a program that does nothing, linked to the
+# libraries the tool and its library name, in their order, with and without
+# libcurl (which alone brings libssl; its other dependencies come with
+# Xerces-C's own libcurl-gnutls too), counted the same way.
+declare -A floor
+if command -v valgrind >/dev/null && command -v c++ >/dev/null; then
+  lib=$(ldd "$tsapp" | awk '$1 ~ /^libtsappinstall/ {print $3}')
+  needed=$( (readelf -d "$tsapp"; readelf -d "$lib") | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+    grep -v -e '^libtsappinstall' -e '^ld-linux' | awk '!seen[$0]++')
+  echo 'int main() { return 0; }' >"$work/empty.cpp"
+  for variant in all without-curl; do
+    list=$needed
+    [[ $variant == without-curl ]] && list=$(grep -v '^libcurl\.' <<<"$needed")
+    c++ -O2 "$work/empty.cpp" -o "$work/empty-$variant" -Wl,--no-as-needed $(sed 's/^/-l:/' <<<"$list")
+    floor[$variant]="$(instructions "$work/empty-$variant"), $(ldd "$work/empty-$variant" | grep -c '=>') libraries"
+  done
+fi
 vs() { awk -v a="$1" -v b="$2" 'BEGIN {if (a == "-") print "-"; else printf "%.1fx", a / b}'; }
-printf '%-28s %9s %12s %8s %12s %8s\n' run "mean ms" "vs unzip -l" "CPU ms" "vs unzip -l" goal
-printf '%-28s %9s %12s %8s %12s %8s\n' \
+printf '%-26s %8s %12s %7s %12s %13s %8s\n' run "mean ms" "vs unzip -l" "CPU ms" "vs unzip -l" \
+  instructions goal
+printf '%-26s %8s %12s %7s %12s %13s %8s\n' \
   "tsapp --version" "${best[version]}" "$(vs "${best[version]}" "${best[unzip]}")" \
-  "${cpu[version]}" "$(vs "${cpu[version]}" "${cpu[unzip]}")" "<= 3 ms" \
+  "${cpu[version]}" "$(vs "${cpu[version]}" "${cpu[unzip]}")" "${instr[version]}" "<= 3 ms" \
   "tsapp info (4 KB package)" "${best[info]}" "$(vs "${best[info]}" "${best[unzip]}")" \
-  "${cpu[info]}" "$(vs "${cpu[info]}" "${cpu[unzip]}")" "<= 5 ms" \
-  "unzip -l (the same)" "${best[unzip]}" "1.0x" "${cpu[unzip]}" "1.0x" ""
+  "${cpu[info]}" "$(vs "${cpu[info]}" "${cpu[unzip]}")" "${instr[info]}" "<= 5 ms" \
+  "unzip -l (the same)" "${best[unzip]}" "1.0x" "${cpu[unzip]}" "1.0x" "${instr[unzip]}" ""
 echo "shared libraries loaded: $libraries; dynamic loader: $loader"
+if [[ -n ${floor[all]:-} ]]; then
+  echo "a program doing nothing, linked as the tool is: ${floor[all]}; without libcurl: ${floor[without-curl]}"
+fi
