@@ -46,7 +46,7 @@ fi
 # lower mean of each: a neighbour's burst lands on one round, rarely both.
 "$tsapp" --version >/dev/null && "$tsapp" info "$pkg" >/dev/null && unzip -l "$pkg" >/dev/null
 declare -A best cpu
-for round in 1 2; do
+for _ in 1 2; do
   for name in version info unzip; do
     case $name in
       version) read -r ms cms < <(mean_ms "$tsapp" --version) ;;
@@ -90,7 +90,8 @@ if command -v valgrind >/dev/null && command -v c++ >/dev/null; then
   for variant in all without-curl; do
     list=$needed
     [[ $variant == without-curl ]] && list=$(grep -v '^libcurl\.' <<<"$needed")
-    c++ -O2 "$work/empty.cpp" -o "$work/empty-$variant" -Wl,--no-as-needed $(sed 's/^/-l:/' <<<"$list")
+    mapfile -t links < <(sed 's/^/-l:/' <<<"$list")
+    c++ -O2 "$work/empty.cpp" -o "$work/empty-$variant" -Wl,--no-as-needed "${links[@]}"
     floor[$variant]="$(instructions "$work/empty-$variant"), $(ldd "$work/empty-$variant" | grep -c '=>') libraries"
   done
 fi
