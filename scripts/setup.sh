@@ -13,7 +13,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev libsqlite3-dev
   libcurl4-openssl-dev chromium
   python3 locales tzdata
-  libarchive-tools time strace
+  libarchive-tools time strace nginx-light
   dpkg-dev file lintian help2man man-db
 )
 
