@@ -713,8 +713,14 @@ struct AppStore::Impl {
             records->addPending(PendingAction::Install, version.guid, relative, false);
         Unpacked unpacked;
         try {
-            makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
-            unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector);
+            const OpsFd apps = appsFolder();
+            makeFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
+            std::optional<Replaced> replaced;
+            if (existing)
+                replaced = Replaced{apps.get(), existing->folder, shown("apps/" + existing->folder),
+                                    existing->version.version, records->files(existing->id)};
+            unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector,
+                              replaced ? &*replaced : nullptr);
             checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
             opened->close();
             version.packageSha256 = packageSha
@@ -743,6 +749,8 @@ struct AppStore::Impl {
             throw;
         }
         result.installed = publicVersion({0, version, relative});
+        result.takenFiles = unpacked.takenFiles;
+        result.takenBytes = unpacked.takenBytes;
         result.leftOver = std::move(unpacked.leftAside);
         std::vector<KeptRow> kept;
         settleAfterSuccess(result.leftOver, &kept);

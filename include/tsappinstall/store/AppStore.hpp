@@ -159,7 +159,11 @@ struct InstallResult {
     enum class Kind { New, Upgrade, Reinstall, Downgrade };
     Kind kind = Kind::New;
     InstalledVersion installed;
-    std::string replacedVersion;        // empty for a new app
+    std::string replacedVersion;  // empty for a new app
+    // The files the new version holds unchanged, taken from the replaced
+    // version's folder instead of unpacked, and their bytes.
+    std::uint64_t takenFiles = 0;
+    std::uint64_t takenBytes = 0;
     std::vector<std::string> leftOver;  // what could not be cleaned up afterwards
     // What the versions this install retired held that the user changed or
     // added (none with InstallOptions::purge).
