@@ -92,7 +92,7 @@ TEST(StoreTool, FailuresAndJson) {
         {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
         {"files --json 'Hello Tessal' | grep '\"icon.png\"' | sed 's/,.sha256.*//'", 0,
          "{\"path\":\"" + root + "/apps/" + kGuid +
-             "/current/icon.png\",\"file\":\"icon.png\",\"size\":248,\"mode\":\"0644\"\n"},
+             "/current/icon.png\",\"file\":\"icon.png\",\"size\":248,\"mode\":\"0444\"\n"},
         {"owner root/apps/" + std::string(kGuid) + "/current/icon.png", 0,
          "root/apps/" + std::string(kGuid) + "/current/icon.png: Hello Tessal 1.2.0 (" + kGuid +
              ")\n"},
