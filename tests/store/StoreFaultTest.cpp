@@ -208,7 +208,7 @@ class StoreFaults : public ::testing::Test {
                             .folder.filename()
                             .string() +
                         "/files/README.txt";
-        write_file(templates().file("changed/" + changedFile()), "mine");
+        writeInstalled(templates().file("changed/" + changedFile()), "mine");
         // Made here, not first by an operation a test kills halfway.
         package("1.4.0");
         zeroed(package("1.3.0"), "files/main.js", templates().file("partial.tsappinstall"));

@@ -72,6 +72,16 @@ inline std::string zeroed(const std::string& package, const std::string& name,
     return out;
 }
 
+// A user's change to the content of an installed file, which is
+// read-only: made writable for the write, then read-only again.
+inline void writeInstalled(const std::string& path, const std::string& bytes) {
+    namespace fs = std::filesystem;
+    const fs::perms was = fs::status(path).permissions();
+    fs::permissions(path, fs::perms::owner_write, fs::perm_options::add);
+    write_file(path, bytes);
+    fs::permissions(path, was);
+}
+
 inline tsappinstall::store::HostProfile fittingHost() {
     return {"2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
 }

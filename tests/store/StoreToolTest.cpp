@@ -76,7 +76,7 @@ TEST(StoreTool, FailuresAndJson) {
     TempDir dir;
     const std::string package = packApp(dir, AppRecipe("1.2.0"), "hello");
     ASSERT_EQ(tsappIn(dir, "install --product tessal.core=2026.1 hello.tsappinstall").status, 0);
-    write_file(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
+    writeInstalled(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
     const std::string root = dir.file("root");
     const struct {
         std::string args;
@@ -200,12 +200,12 @@ TEST(StoreTool, KeepsTheUsersFiles) {
          "installed Hello Tessal 1.2.0 (" + std::string(kGuid) + ") in " + app + "/v1.2.0-…\n"},
         {"install --keep 0 --product tessal.core=2026.1 1.3.0.tsappinstall", 0,
          "upgraded Hello Tessal 1.2.0 -> 1.3.0 (" + std::string(kGuid) + ") in " + app +
-             "/v1.3.0-…\ntsapp: warning: kept " + app +
+             "/v1.3.0-…\n  6 files unchanged, taken from 1.2.0\ntsapp: warning: kept " + app +
              "/v1.2.0-…/files/notes.txt: changed or added since the install (--purge removes "
              "it)\n"},
         {"install --product tessal.core=2026.1 1.4.0.tsappinstall", 0,
          "upgraded Hello Tessal 1.3.0 -> 1.4.0 (" + std::string(kGuid) + ") in " + app +
-             "/v1.4.0-…\n"},
+             "/v1.4.0-…\n  6 files unchanged, taken from 1.3.0\n"},
         {"rollback 'Hello Tessal'", 1,
          was + "missing icon.png\ntsapp: Hello Tessal: not rolled back; --force rolls back to "
                "it as it is\n"},
