@@ -1,6 +1,7 @@
 #include "BackgroundDigestCheck.hpp"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace tsappinstall::integrity::detail {
 
@@ -34,6 +35,11 @@ void BackgroundDigestCheck::update(const unsigned char* data, std::size_t size) 
 void BackgroundDigestCheck::end() {
     if (!skipping_) filling_.events.push_back({Event::End, {}, 0, 0});
     skipping_ = false;
+}
+
+void BackgroundDigestCheck::taken(const opc::model::PartName& part, const std::string& sha256) {
+    if (std::find(skipped_.begin(), skipped_.end(), part) != skipped_.end()) return;
+    check_.taken(part.ascii(), sha256, SIZE_MAX - 1);
 }
 
 void BackgroundDigestCheck::beforeCommit() {

@@ -38,6 +38,8 @@ class BackgroundDigestCheck final : public opc::extraction::PartObserver {
     void begin(const opc::model::PartName& part) override;
     void update(const unsigned char* data, std::size_t size) override;
     void end() override;
+    // Checked at once, on the calling thread: nothing is left to hash.
+    void taken(const opc::model::PartName& part, const std::string& sha256) override;
     // Waits for the hashing thread; throws DigestFaults.
     void beforeCommit() override;
 

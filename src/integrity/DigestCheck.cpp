@@ -125,6 +125,13 @@ void DigestCheck::abandon(const std::string& why) {
     current_.reset();
 }
 
+void DigestCheck::taken(const std::string& item, const std::string& sha256, std::size_t order) {
+    const std::string* expected = state_->claim(item, order);
+    if (expected != nullptr && *expected != sha256)
+        state_->fault(order, FaultKind::DigestMismatch, item,
+                      "SHA-256 is " + sha256 + ", the list says " + *expected);
+}
+
 const std::vector<Fault>& DigestCheck::finish() {
     State& s = *state_;
     const std::size_t last = SIZE_MAX;

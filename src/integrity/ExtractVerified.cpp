@@ -38,6 +38,10 @@ class SpreadDigestCheck final : public opc::extraction::PartObserver {
         if (item_) item_->end();
         item_.reset();
     }
+    void taken(const PartName& part, const std::string& sha256) override {
+        if (std::find(skipped_.begin(), skipped_.end(), part) != skipped_.end()) return;
+        check_.taken(part.ascii(), sha256, orders_.at(part.ascii()));
+    }
     void beforeCommit() override {
         const std::vector<Fault>& faults = check_.finish();
         if (!faults.empty()) throw detail::DigestFaults{faults};

@@ -714,8 +714,14 @@ struct AppStore::Impl {
             records->addPending(PendingAction::Install, version.guid, relative, false);
         Unpacked unpacked;
         try {
-            makeFolder(ops, appsFolder().get(), version.guid, shown("apps/" + version.guid));
-            unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector);
+            const OpsFd apps = appsFolder();
+            makeFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
+            std::optional<Replaced> replaced;
+            if (existing)
+                replaced = Replaced{apps.get(), existing->folder, shown("apps/" + existing->folder),
+                                    existing->version.version, records->files(existing->id)};
+            unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector,
+                              replaced ? &*replaced : nullptr);
             checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
             opened->close();
             version.packageSha256 = packageSha
@@ -744,6 +750,8 @@ struct AppStore::Impl {
             throw;
         }
         result.installed = publicVersion({0, version, relative});
+        result.takenFiles = unpacked.takenFiles;
+        result.takenBytes = unpacked.takenBytes;
         result.leftOver = std::move(unpacked.leftAside);
         std::vector<KeptRow> kept;
         settleAfterSuccess(result.leftOver, &kept);
@@ -1363,6 +1371,8 @@ struct AppStore::Impl {
                                        "its signer's key (SHA-256 " +
                                            row.version.signerKeyFingerprint + ") " + *revoked});
         for (AuditFinding& f : folderFindings(row)) report.findings.push_back(std::move(f));
+        for (const VersionRow& previous : records->versionsOf(guid))
+            if (previous.id != row.id) sharedFindings(previous, report.findings);
         std::stable_sort(
             report.findings.begin(), report.findings.end(),
             [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
@@ -1408,6 +1418,31 @@ struct AppStore::Impl {
             findings.begin(), findings.end(),
             [](const AuditFinding& a, const AuditFinding& b) { return a.path < b.path; });
         return findings;
+    }
+
+    // A version kept for rollback shares, as a link, each file an upgrade
+    // took from it: a write into one changes the other. Its shared files
+    // (those with more than one name) are audited with the current
+    // version, each finding naming it.
+    void sharedFindings(const VersionRow& row, std::vector<AuditFinding>& findings) const {
+        const std::string shownFolder = shown("apps/" + row.folder);
+        const OpsFd apps = appsFolder();
+        const OpsFd folder(ops, ops.openBeneath(apps.get(), row.folder.c_str(),
+                                                O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!folder) return;  // a rollback to it says so
+        OpenParent parent;
+        for (const InstalledFile& file : records->files(row.id)) {
+            const FoundFile found =
+                findFile(ops, folder.get(), file.path, false, shownFolder, &parent);
+            if (found.state != FoundFile::State::Regular || found.links < 2) continue;
+            std::vector<AuditFinding> own;
+            auditFile(folder.get(), file, shownFolder, own);
+            for (AuditFinding& f : own) {
+                f.detail = "in version " + row.version.version +
+                           ", kept for rollback, which shares the file: " + f.detail;
+                findings.push_back(std::move(f));
+            }
+        }
     }
 
     // What runs is what `current` names, so the audited folder must be the

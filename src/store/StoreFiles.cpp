@@ -219,6 +219,7 @@ FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool
     }
     found.size = static_cast<std::uint64_t>(info.st_size);
     found.mode = info.st_mode & 07777;
+    found.links = static_cast<std::uint64_t>(info.st_nlink);
     if (S_ISLNK(info.st_mode)) return found.state = FoundFile::State::Link, found;
     if (!S_ISREG(info.st_mode)) return found.state = FoundFile::State::Other, found;
     found.state = FoundFile::State::Regular;

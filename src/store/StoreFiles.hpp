@@ -77,7 +77,8 @@ struct FoundFile {
     enum class State { Regular, Missing, Link, Other } state = State::Missing;
     std::uint64_t size = 0;
     unsigned mode = 0;
-    std::string sha256;  // when asked for and a regular file
+    std::uint64_t links = 0;  // names the file has: more than one when versions share it
+    std::string sha256;       // when asked for and a regular file
 };
 // The folder of the file last found, kept open for the next lookup: a
 // caller going through files sorted by path opens each folder once.

@@ -1,17 +1,26 @@
 #include "Unpack.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <unordered_map>
 
 #include "StoreFiles.hpp"
+#include "integrity/FileSha256.hpp"
+#include "integrity/PackageIntegrity.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"
+#include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace tsappinstall::store::detail {
 namespace {
@@ -33,6 +42,9 @@ class HashingObserver final : public opc::extraction::PartObserver {
     void begin(const PartName& part) override { current_ = part.ascii(); }
     void update(const unsigned char* data, std::size_t size) override { sha_.update(data, size); }
     void end() override { hashes_[current_] = sha_.finishHex(); }
+    void taken(const PartName& part, const std::string& sha256) override {
+        hashes_[part.ascii()] = sha256;
+    }
     void beforeCommit() override {}
     const std::map<std::string, std::string>& hashes() const { return hashes_; }
 
@@ -123,12 +135,134 @@ class LandedFiles {
     std::vector<std::pair<PartName, InstalledFile>> files_;
 };
 
+std::string octal(unsigned mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+// Offers the extraction the replaced version's files for the parts the
+// package holds unchanged, from every thread of the extraction at once.
+// The digest list it goes by is the package's, pinned, so the very text
+// the unpacking verifies; each file offered was read here and found to
+// have the digest that list gives its part, and the unpacking checks it
+// against the verified list once more (PartObserver::taken).
+class TakeFromReplaced {
+  public:
+    TakeFromReplaced(const Replaced& replaced, const KnownDigests& listed, const FileOps& ops)
+        : replaced_(replaced), listed_(listed), ops_(ops) {
+        for (const InstalledFile& file : replaced.files) records_.emplace(file.path, &file);
+    }
+
+    // The parts the package file leaves out, by ZIP entry name: each must
+    // be taken, so each is looked at now (all but its bytes, read as it is
+    // taken), and every one that cannot be taken is named at once.
+    void expectAbsent(opc::model::Package& package, const std::set<std::string>& entries) {
+        std::vector<std::string> lines;
+        for (const std::string& entry : entries) {
+            std::string why;
+            try {
+                const PartName part = PartName::fromZipItemName(entry);
+                if (!package.containsPart(part)) {
+                    why = "the package has no such part";
+                } else {
+                    const std::string path =
+                        opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
+                    why = problem(part, path, nullptr);
+                    absent_.insert(part.ascii());
+                }
+            } catch (const opc::Exception& e) {
+                why = std::string("it names no part: ") + e.what();
+            }
+            if (!why.empty()) lines.push_back(line(entry, why));
+        }
+        if (!lines.empty()) throw StoreError(FaultKind::NotReusable, lines);
+    }
+
+    opc::extraction::ReusedFile offer(const PartName& part, const std::string& path) {
+        OpsFd file;
+        std::string sha256;
+        const std::string why = problem(part, path, &file, &sha256);
+        if (why.empty()) {
+            ++files_;
+            bytes_ += records_.at(path)->size;
+            return {file.release(), sha256};
+        }
+        if (absent_.count(part.ascii()))
+            throw StoreError(FaultKind::NotReusable, {line(part.ascii().substr(1), why)});
+        return {};
+    }
+
+    std::uint64_t files() const { return files_; }
+    std::uint64_t bytes() const { return bytes_; }
+
+  private:
+    std::string line(const std::string& entry, const std::string& why) const {
+        return "cannot take " + entry + " from the installed version " + replaced_.version + ": " +
+               why;
+    }
+
+    // Why the replaced version's file at `path` is not the part's; empty
+    // when it is. With `file`, the file is read and hashed, and left open
+    // in it.
+    std::string problem(const PartName& part, const std::string& path, OpsFd* file,
+                        std::string* sha256 = nullptr) const {
+        const auto record = records_.find(path);
+        if (record == records_.end()) return "it holds no file " + path;
+        const InstalledFile& recorded = *record->second;
+        const std::string* listed = listed_.find(part, path);
+        if (!listed) return "the package's digest list does not list it";
+        if (*listed != recorded.sha256)
+            return "the package's digest for it differs from its record";
+        const std::string shown = replaced_.shownFolder + "/" + path;
+        OpsFd own;
+        OpsFd& opened = file ? *file : own;
+        opened =
+            OpsFd(ops_, ops_.openBeneath(replaced_.apps, (replaced_.folder + "/" + path).c_str(),
+                                         O_RDONLY | O_NONBLOCK));
+        if (!opened) {
+            if (errno == ENOENT || errno == ENOTDIR) return shown + " is missing";
+            if (errno == ELOOP || errno == EXDEV)
+                return shown + " is reached through a symbolic link";
+            return shown + " cannot be opened: " + std::strerror(errno);
+        }
+        struct stat info {};
+        if (ops_.fstat(opened.get(), &info) != 0)
+            return shown + " cannot be examined: " + std::strerror(errno);
+        if (!S_ISREG(info.st_mode)) return shown + " is not a regular file";
+        if (static_cast<std::uint64_t>(info.st_size) != recorded.size)
+            return shown + " changed (size " + std::to_string(info.st_size) + ", recorded " +
+                   std::to_string(recorded.size) + ")";
+        if ((info.st_mode & 07777) != recorded.mode)
+            return shown + " changed (mode " + octal(info.st_mode & 07777) + ", recorded " +
+                   octal(recorded.mode) + ")";
+        if (!file) return {};
+        const integrity::FileSha256 read = integrity::sha256OfFile(ops_, opened.get());
+        if (read.error) return shown + " cannot be read: " + std::strerror(read.error);
+        if (read.hex != recorded.sha256 || read.size != recorded.size)
+            return shown + " changed (its content differs from its record)";
+        if (sha256) *sha256 = read.hex;
+        return {};
+    }
+
+    const Replaced& replaced_;
+    const KnownDigests& listed_;
+    const FileOps& ops_;
+    std::unordered_map<std::string, const InstalledFile*> records_;
+    std::set<std::string> absent_;  // part names
+    std::atomic<std::uint64_t> files_{0}, bytes_{0};
+};
+
 opc::extraction::Options extractionOptions(const InstallOptions& options, LandedFiles& landed) {
     opc::extraction::Options extraction;
     extraction.sync = options.sync;
     extraction.cancelled = options.cancelled;
     extraction.threads = options.threads;
     extraction.progress = options.progress;
+    // Installed files are read-only: an app's files are what was verified,
+    // and a version may share a file with the one before it (a link),
+    // which a write through either name would change in both.
+    extraction.fileMode = 0444;
     extraction.landed = [&landed](const PartName& part, const std::string& path, std::uint64_t size,
                                   unsigned mode) { landed.add(part, path, size, mode); };
     return extraction;
@@ -137,26 +271,55 @@ opc::extraction::Options extractionOptions(const InstallOptions& options, Landed
 }  // namespace
 
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
-                const InstallOptions& options, const opc::FileSystemOpsSelector& selector) {
+                const InstallOptions& options, const opc::FileSystemOpsSelector& selector,
+                const Replaced* replaced) {
     // Without trust anchors a signature is not checked, as the package
     // check does not check it either.
     const bool trusting = !options.trustAnchors.empty();
+    const FileOps& ops = opc::detail::fileOpsOf(selector);
     HashingObserver hashing;
     LandedFiles landed;
     opc::extraction::Options extraction = extractionOptions(options, landed);
     extraction.observer = &hashing;
     extraction.ops = selector;
+    // A version's files are taken only by what the package's digest list
+    // says of them: a package without one unpacks whole.
+    std::optional<integrity::DigestListPart> list;
+    if (replaced && integrity::listsDigests(package)) {
+        std::vector<Fault> ignored;  // the unpacking reports them
+        list = integrity::readDigestList(package, ignored);
+    }
+    std::optional<KnownDigests> listed;
+    std::optional<TakeFromReplaced> take;
+    if (list && list->list) {
+        listed.emplace(&*list->list, nullptr);
+        take.emplace(*replaced, *listed, ops);
+        take->expectAbsent(package, options.absentParts);
+        extraction.reuse = [&take](const PartName& part, const std::string& path) {
+            return take->offer(part, path);
+        };
+    } else if (!options.absentParts.empty()) {
+        throw StoreError(FaultKind::NotReusable,
+                         {replaced ? "the package leaves parts out but has no digest list to "
+                                     "take them from the installed version " +
+                                         replaced->version + " by"
+                                   : "the package leaves parts out, and no version is installed "
+                                     "to take them from"});
+    }
     integrity::VerifiedExtraction result = integrity::unpack(
         package, folder,
         trusting ? integrity::DigestPolicy::Required : integrity::DigestPolicy::WhenPresent,
         {options.trustAnchors, trusting, trusting}, std::move(extraction),
         opc::qvservices::ReplaceMode::FailIfExists);
     if (!result.report.ok()) badPackage(result.report.faults);
-    const FileOps& ops = opc::detail::fileOpsOf(selector);
     Unpacked unpacked;
     const KnownDigests digests(result.digests ? &*result.digests : nullptr, &hashing.hashes());
     unpacked.files = landed.records(digests, folder, ops);
     unpacked.leftAside = std::move(result.leftAside);
+    if (take) {
+        unpacked.takenFiles = take->files();
+        unpacked.takenBytes = take->bytes();
+    }
     if (trusting && result.report.isSigned) {
         unpacked.signerSubject = result.report.signer;
         unpacked.signerFingerprint = result.report.certificate.fingerprint;

@@ -171,14 +171,14 @@ TEST_F(Store, InstallUpgradeRollbackAuditRemove) {
               std::string(kGuid) + " has no previous version to roll back to\n");
 
     const std::string folder = apps.show(kGuid).current.folder;
-    write_file(folder + "/files/README.txt", "edited");
+    writeInstalled(folder + "/files/README.txt", "edited");
     ::chmod((folder + "/icon.png").c_str(), 0600);
     fs::remove(folder + "/screenshot.png");
     write_file(folder + "/files/notes.txt", "mine");
     EXPECT_EQ(findings(apps.audit(kGuid)),
               "modified files/README.txt (size 6, recorded 14)\n"
               "extra files/notes.txt ()\n"
-              "mode icon.png (0600, recorded 0644)\n"
+              "mode icon.png (0600, recorded 0444)\n"
               "missing screenshot.png ()\n");
 
     std::string kept;
@@ -189,6 +189,151 @@ TEST_F(Store, InstallUpgradeRollbackAuditRemove) {
     apps.install(v("1.2.0"), fittingHost());
     apps.remove(kGuid, true);
     EXPECT_FALSE(fs::exists(root() + "/apps/" + kGuid + "/current"));
+}
+
+// The files an upgrade finds unchanged are taken from the version it
+// replaces: the new version is what a fresh install of it is, byte for
+// byte, mode for mode and record for record (read-only files), and each
+// taken file is one file with the old one unless the file system clones.
+// A write into such a file shows in both versions, and the one kept for
+// rollback is then not returned to.
+TEST_F(Store, UpgradesTakeUnchangedFilesFromTheVersionTheyReplace) {
+    AppStore fresh(dir.file("fresh"));
+    fresh.install(v("1.3.0"), fittingHost());
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const fs::path was = apps.show(kGuid).current.folder;
+    const auto old = apps.files(kGuid);
+    const auto upgraded = apps.install(v("1.3.0"), fittingHost());
+    const fs::path now = apps.show(kGuid).current.folder;
+    EXPECT_EQ(snapshot_tree(now), snapshot_tree(fresh.show(kGuid).current.folder));
+    const auto text = [](const std::vector<InstalledFile>& files) {
+        std::string all;
+        for (const auto& f : files)
+            all += f.path + " " + std::to_string(f.size) + " " + std::to_string(f.mode) + " " +
+                   f.sha256 + "\n";
+        return all;
+    };
+    EXPECT_EQ(text(apps.files(kGuid)), text(fresh.files(kGuid)));
+    std::uint64_t same = 0, bytes = 0, shared = 0;
+    for (const auto& file : apps.files(kGuid)) {
+        EXPECT_EQ(file.mode & 0222, 0u) << file.path;
+        for (const auto& before : old)
+            if (before.path == file.path && before.sha256 == file.sha256) {
+                ++same;
+                bytes += file.size;
+                struct stat a {
+                }, b{};
+                ::stat((was / file.path).c_str(), &a);
+                ::stat((now / file.path).c_str(), &b);
+                shared += a.st_ino == b.st_ino;
+            }
+    }
+    EXPECT_GE(same, 5u);
+    EXPECT_EQ(upgraded.takenFiles, same);
+    EXPECT_EQ(upgraded.takenBytes, bytes);
+    if (shared == 0) return;  // cloned: each version has a file of its own
+    EXPECT_EQ(shared, same);
+
+    const fs::path main = now / "files/main.js";
+    const std::string recorded = std::to_string(fs::file_size(main));
+    fs::permissions(main, fs::perms::owner_write, fs::perm_options::add);
+    write_file(main.string(), "mine\n");
+    const std::string in = "in version 1.2.0, kept for rollback, which shares the file: ";
+    EXPECT_EQ(findings(apps.audit(kGuid)),
+              "modified files/main.js (size 5, recorded " + recorded +
+                  ")\nmode files/main.js (0644, recorded 0444)\nmodified files/main.js (" + in +
+                  "size 5, recorded " + recorded + ")\nmode files/main.js (" + in +
+                  "0644, recorded 0444)\n");
+    EXPECT_EQ(refusal([&] {
+                  apps.rollback(kGuid);
+              }).rfind("version 1.2.0 is not as installed: modified files/main.js (size 5", 0),
+              0u);
+    // Retiring 1.2.0 removes its names for the files it shares, not the
+    // files 1.3.0 holds; the one the user changed is kept in both.
+    apps.install(v("1.4.0"), fittingHost());
+    EXPECT_FALSE(fs::exists(was / "icon.png"));
+    EXPECT_EQ(read_file((now / "icon.png").string()),
+              read_file((fresh.show(kGuid).current.folder / "icon.png").string()));
+    EXPECT_EQ(read_file((was / "files/main.js").string()), "mine\n");
+    EXPECT_EQ(read_file(main.string()), "mine\n");
+}
+
+// A package that leaves entries out (holes, here zeros) installs only by
+// taking each from the installed version, never reading it; when one
+// cannot be taken, nothing changes and the refusal says which and why.
+// Unchanged parts are taken whether left out or not, and a part that
+// cannot be taken is unpacked, its bytes checked as ever.
+TEST_F(Store, PartialPackagesTakeWhatTheyLeaveOutOrChangeNothing) {
+    const std::string partial =
+        zeroed(v("1.3.0"), "files/main.js", dir.file("partial.tsappinstall"));
+    InstallOptions leftOut;
+    leftOut.absentParts = {"files/main.js"};
+    EXPECT_EQ(refusal([&] { AppStore(dir.file("new")).install(partial, fittingHost(), leftOut); }),
+              "the package leaves parts out, and no version is installed to take them from\n");
+    AppStore apps(root());
+    apps.install(v("1.2.0"), fittingHost());
+    const fs::path main = apps.show(kGuid).current.folder / "files/main.js";
+    const std::string original = read_file(main.string());
+    const std::string cannot =
+        "cannot take files/main.js from the installed version 1.2.0: " + main.string() + " ";
+    const struct {
+        std::set<std::string> absent;
+        std::string content;  // main.js as the user left it; empty: removed
+        std::string refusal;
+    } cases[] = {
+        // Not left out but changed, main.js is unpacked: the zeros fail.
+        {{}, std::string(original.size(), 'x'), ""},
+        {{"files/README.txt", "files/main.js", "none.txt"},
+         original,
+         "cannot take files/README.txt from the installed version 1.2.0: the package's digest "
+         "for it differs from its record\ncannot take none.txt from the installed version 1.2.0: "
+         "the package has no such part\n"},
+        {{"files/main.js"},
+         std::string(original.size(), 'x'),
+         cannot + "changed (its content differs from its record)\n"},
+        {{"files/main.js"},
+         "mine",
+         cannot + "changed (size 4, recorded " + std::to_string(original.size()) + ")\n"},
+        {{"files/main.js"}, "", cannot + "is missing\n"},
+    };
+    const auto history = apps.history().size();
+    for (const auto& c : cases) {
+        fs::remove(main);
+        if (!c.content.empty()) {
+            write_file(main.string(), c.content);
+            fs::permissions(main, fs::perms(0444));
+        }
+        const Tree before = snapshot_tree(root() + "/apps");
+        InstallOptions options;
+        options.absentParts = c.absent;
+        try {
+            apps.install(partial, fittingHost(), options);
+            ADD_FAILURE() << "installed";
+        } catch (const std::exception& e) {
+            const auto* refused = dynamic_cast<const StoreError*>(&e);
+            std::string lines;
+            for (const auto& line : refused ? refused->lines() : std::vector<std::string>())
+                lines += line + "\n";
+            if (!c.refusal.empty()) {
+                EXPECT_EQ(refused ? refused->kind() : tsappinstall::FaultKind::Other,
+                          tsappinstall::FaultKind::NotReusable);
+                EXPECT_EQ(lines, c.refusal);
+            }
+        }
+        EXPECT_EQ(snapshot_tree(root() + "/apps"), before);
+        EXPECT_EQ(apps.history().size(), history);
+    }
+    fs::remove(main);
+    write_file(main.string(), original);
+    fs::permissions(main, fs::perms(0444));
+    const auto upgraded = apps.install(partial, fittingHost(), leftOut);
+    EXPECT_GE(upgraded.takenFiles, 5u);
+    AppStore fresh(dir.file("fresh"));
+    fresh.install(v("1.3.0"), fittingHost());
+    EXPECT_EQ(snapshot_tree(apps.show(kGuid).current.folder),
+              snapshot_tree(fresh.show(kGuid).current.folder));
+    EXPECT_EQ(settledState(root()), std::string(kGuid) + "=1.3.0");
 }
 
 // Every change is on record, by whom and between which versions, and
@@ -231,7 +376,11 @@ TEST_F(Store, RollsBackOnlyToAVersionAsInstalledUnlessForced) {
     apps.install(v("1.2.0"), fittingHost());
     apps.install(v("1.3.0"), fittingHost());
     const fs::path to = apps.show(kGuid).previous.at(0).folder;
-    write_file((to / "files/README.txt").string(), "edited");
+    writeInstalled((to / "files/README.txt").string(), "edited");
+    // 1.3.0 took icon.png from 1.2.0: a copy of its own changes 1.2.0 alone.
+    fs::copy_file(to / "icon.png", dir.file("icon.png"));
+    fs::remove(to / "icon.png");
+    fs::copy_file(dir.file("icon.png"), to / "icon.png");
     ::chmod((to / "icon.png").c_str(), 0600);
     write_file((to / "files/notes.txt").string(), "mine");
     fs::remove(to / "files/lib/util.js");
@@ -240,7 +389,7 @@ TEST_F(Store, RollsBackOnlyToAVersionAsInstalledUnlessForced) {
     EXPECT_EQ(refusal([&] { apps.rollback(kGuid); }),
               was + "modified files/README.txt (size 6, recorded 14)\n" + was +
                   "missing files/lib/util.js\n" + was + "extra files/notes.txt\n" + was +
-                  "mode icon.png (0600, recorded 0644)\n" +
+                  "mode icon.png (0600, recorded 0444)\n" +
                   "not rolled back; --force rolls back to it as it is\n");
     EXPECT_EQ(snapshot_tree(root() + "/apps"), before);
     // Nothing to return to: refused even when forced.
@@ -301,7 +450,7 @@ TEST_F(Store, KeepsTheUsersFilesUntilPurged) {
 
     // Purging, the version retired goes whole.
     const fs::path second = apps.show(kGuid).previous.at(0).folder;
-    write_file((second / "files/README.txt").string(), "edited");
+    writeInstalled((second / "files/README.txt").string(), "edited");
     InstallOptions purging;
     purging.purge = true;
     EXPECT_TRUE(apps.install(v("1.5.0"), fittingHost(), purging).kept.empty());
@@ -310,7 +459,7 @@ TEST_F(Store, KeepsTheUsersFilesUntilPurged) {
     // Remove keeps the previous version's changes too; a kept file the
     // user deleted since is passed over.
     write_file((apps.show(kGuid).previous.at(0).folder / "files/extra.txt").string(), "x");
-    write_file((apps.show(kGuid).current.folder / "files/README.txt").string(), "edited");
+    writeInstalled((apps.show(kGuid).current.folder / "files/README.txt").string(), "edited");
     fs::remove(first / "files/notes.txt");
     EXPECT_EQ(apps.remove("Hello Tessal").kept.size(), 2u);
     EXPECT_EQ(refusal([&] { apps.remove("Hello Tessal"); }),

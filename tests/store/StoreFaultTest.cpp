@@ -208,9 +208,10 @@ class StoreFaults : public ::testing::Test {
                             .folder.filename()
                             .string() +
                         "/files/README.txt";
-        write_file(templates().file("changed/" + changedFile()), "mine");
+        writeInstalled(templates().file("changed/" + changedFile()), "mine");
         // Made here, not first by an operation a test kills halfway.
         package("1.4.0");
+        zeroed(package("1.3.0"), "files/main.js", templates().file("partial.tsappinstall"));
         fs::create_directories(templates().file("empty"));
         fs::copy(templates().file("one"), templates().file("crashed"),
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -298,7 +299,7 @@ class StoreFaults : public ::testing::Test {
         }
         std::vector<std::pair<FileCall, long>> calls;
         for (const FileCall family : {FileCall::Mkdir, FileCall::Rename, FileCall::Unlink,
-                                      FileCall::Write, FileCall::Symlink}) {
+                                      FileCall::Write, FileCall::Symlink, FileCall::Link}) {
             const long count = ops.counts[static_cast<std::size_t>(family)];
             for (const long n : std::set<long>{1, count / 2, count})
                 if (n >= 1 && n <= count) calls.emplace_back(family, n);
@@ -315,6 +316,14 @@ class StoreFaults : public ::testing::Test {
          [](AppStore& s, const TempDir&) { s.install(package("1.2.0"), fittingHost()); }, "", one},
         {"upgrade", "one",
          [](AppStore& s, const TempDir&) { s.install(package("1.3.0"), fittingHost()); }, one, two},
+        // Most files taken from 1.2.0, one of them left out of the package.
+        {"upgrade from a partial package", "one",
+         [](AppStore& s, const TempDir&) {
+             InstallOptions partial;
+             partial.absentParts = {"files/main.js", "icon.png"};
+             s.install(templates().file("partial.tsappinstall"), fittingHost(), partial);
+         },
+         one, two},
         {"remove", "two", [](AppStore& s, const TempDir&) { s.remove(kGuid); }, two, ""},
         {"rollback", "two", [](AppStore& s, const TempDir&) { s.rollback(kGuid); }, two, one},
         {"rollback --force", "two", [](AppStore& s, const TempDir&) { s.rollback(kGuid, {true}); },

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -44,6 +46,40 @@ inline std::string packApp(const TempDir& dir, const AppRecipe& recipe, const st
     write_file(src + "/files/README.txt", "version " + recipe.version + "\n");
     packFolder(src, out, recipe.guid, recipe.signer, recipe.keyRotations);
     return out;
+}
+
+// A copy of `package` whose entry `name` holds zeros, as a package fetched
+// in ranges holds nothing where nothing was fetched.
+inline std::string zeroed(const std::string& package, const std::string& name,
+                          const std::string& out) {
+    std::string bytes = read_file(package);
+    const auto le = [&](std::size_t at, int n) {
+        std::uint64_t value = 0;
+        for (int i = n - 1; i >= 0; --i)
+            value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+        return static_cast<std::size_t>(value);
+    };
+    const std::string central("PK\x01\x02", 4);
+    for (std::size_t at = bytes.find(central); at != std::string::npos;
+         at = bytes.find(central, at + 4)) {
+        if (bytes.compare(at + 46, le(at + 28, 2), name) != 0 || le(at + 28, 2) != name.size())
+            continue;
+        const std::size_t local = le(at + 42, 4);
+        const std::size_t data = local + 30 + le(local + 26, 2) + le(local + 28, 2);
+        std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(data), le(at + 20, 4), '\0');
+    }
+    write_file(out, bytes);
+    return out;
+}
+
+// A user's change to the content of an installed file, which is
+// read-only: made writable for the write, then read-only again.
+inline void writeInstalled(const std::string& path, const std::string& bytes) {
+    namespace fs = std::filesystem;
+    const fs::perms was = fs::status(path).permissions();
+    fs::permissions(path, fs::perms::owner_write, fs::perm_options::add);
+    write_file(path, bytes);
+    fs::permissions(path, was);
 }
 
 inline tsappinstall::store::HostProfile fittingHost() {

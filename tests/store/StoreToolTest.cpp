@@ -76,7 +76,7 @@ TEST(StoreTool, FailuresAndJson) {
     TempDir dir;
     const std::string package = packApp(dir, AppRecipe("1.2.0"), "hello");
     ASSERT_EQ(tsappIn(dir, "install --product tessal.core=2026.1 hello.tsappinstall").status, 0);
-    write_file(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
+    writeInstalled(dir.file("root/apps/") + kGuid + "/current/icon.png", "changed");
     const std::string root = dir.file("root");
     const struct {
         std::string args;
@@ -92,7 +92,7 @@ TEST(StoreTool, FailuresAndJson) {
         {"rollback hello", 1, "tsapp: hello: no installed app is called hello\n"},
         {"files --json 'Hello Tessal' | grep '\"icon.png\"' | sed 's/,.sha256.*//'", 0,
          "{\"path\":\"" + root + "/apps/" + kGuid +
-             "/current/icon.png\",\"file\":\"icon.png\",\"size\":248,\"mode\":\"0644\"\n"},
+             "/current/icon.png\",\"file\":\"icon.png\",\"size\":248,\"mode\":\"0444\"\n"},
         {"owner root/apps/" + std::string(kGuid) + "/current/icon.png", 0,
          "root/apps/" + std::string(kGuid) + "/current/icon.png: Hello Tessal 1.2.0 (" + kGuid +
              ")\n"},
@@ -204,12 +204,12 @@ TEST(StoreTool, KeepsTheUsersFiles) {
          "installed Hello Tessal 1.2.0 (" + std::string(kGuid) + ") in " + app + "/v1.2.0-…\n"},
         {"install --keep 0 --product tessal.core=2026.1 1.3.0.tsappinstall", 0,
          "upgraded Hello Tessal 1.2.0 -> 1.3.0 (" + std::string(kGuid) + ") in " + app +
-             "/v1.3.0-…\ntsapp: warning: kept " + app +
+             "/v1.3.0-…\n  6 files unchanged, taken from 1.2.0\ntsapp: warning: kept " + app +
              "/v1.2.0-…/files/notes.txt: changed or added since the install (--purge removes "
              "it)\n"},
         {"install --product tessal.core=2026.1 1.4.0.tsappinstall", 0,
          "upgraded Hello Tessal 1.3.0 -> 1.4.0 (" + std::string(kGuid) + ") in " + app +
-             "/v1.4.0-…\n"},
+             "/v1.4.0-…\n  6 files unchanged, taken from 1.3.0\n"},
         {"rollback 'Hello Tessal'", 1,
          was + "missing icon.png\ntsapp: Hello Tessal: not rolled back; --force rolls back to "
                "it as it is\n"},

@@ -381,6 +381,10 @@ void installWith(const std::string& subject, store::InstallOptions options,
                   << (result.replacedVersion.empty() ? "" : shown(result.replacedVersion) + " -> ")
                   << shown(v.version) << " (" << shown(v.guid) << ") in "
                   << shown(v.folder.string()) << "\n";
+    if (!jsonFailures && result.takenFiles > 0)
+        std::cout << "  " << result.takenFiles
+                  << (result.takenFiles == 1 ? " file unchanged" : " files unchanged")
+                  << ", taken from " << shown(result.replacedVersion) << "\n";
     for (const auto& reason : v.forcedReasons)
         printError("warning: " + subject + ": forced: " + reason);
     for (const auto& left : result.leftOver) printError("warning: " + left);

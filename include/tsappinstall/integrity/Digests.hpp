@@ -114,6 +114,10 @@ class TSAPP_API DigestCheck {
     void update(const void* data, std::size_t size);
     void end();
     void abandon(const std::string& why);
+    // An item whose bytes were not fed but found, by whoever had them, to
+    // have the SHA-256 `sha256` (hex): checked as if fed. Safe from any
+    // thread; `order` as for Item.
+    void taken(const std::string& item, const std::string& sha256, std::size_t order);
     // The faults in the order of the items they concern, those of listed
     // items never fed last.
     const std::vector<Fault>& finish();

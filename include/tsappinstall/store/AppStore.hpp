@@ -96,7 +96,11 @@ struct InstallOptions {
     // only what differs from the installed version. Each must be a file
     // the current version holds with the digest the package's signed list
     // gives, and is taken from it; otherwise install() throws a StoreError
-    // of kind NotReusable and changes nothing.
+    // of kind NotReusable and changes nothing. The entries the package is
+    // opened and checked by (its local headers and central directory, the
+    // content types, relationships, manifest, digest list and signature)
+    // must be there. Give packageSha256 with them: the partial file's own
+    // digest is not the package's.
     std::set<std::string> absentParts;
 };
 
@@ -162,7 +166,11 @@ struct InstallResult {
     enum class Kind { New, Upgrade, Reinstall, Downgrade };
     Kind kind = Kind::New;
     InstalledVersion installed;
-    std::string replacedVersion;        // empty for a new app
+    std::string replacedVersion;  // empty for a new app
+    // The files the new version holds unchanged, taken from the replaced
+    // version's folder instead of unpacked, and their bytes.
+    std::uint64_t takenFiles = 0;
+    std::uint64_t takenBytes = 0;
     std::vector<std::string> leftOver;  // what could not be cleaned up afterwards
     // What the versions this install retired held that the user changed or
     // added (none with InstallOptions::purge).

@@ -107,6 +107,7 @@ class ExtractionSink : public model::ItemSink {
           ops_(ops),
           observer_(observer),
           landed_(options.landed),
+          reuse_(options.reuse),
           progress_(progress) {}
 
     bool begin(const std::string& item, model::Part* part, std::size_t) override {
@@ -114,6 +115,7 @@ class ExtractionSink : public model::ItemSink {
         if (planned == plan_.end()) return false;
         path_ = &planned->second;
         part_ = part;
+        if (reuse_ && take()) return false;
         file_ = staging_.beginFile(*path_);
         if (observer_) observer_->begin(part->getPartName());
         return true;
@@ -144,11 +146,29 @@ class ExtractionSink : public model::ItemSink {
     void fail(const Exception& error) override { throw error; }
 
   private:
+    // The part's file from the one the caller offers, if it offers one:
+    // its bytes are then not read from the package.
+    bool take() {
+        const opc::model::PartName& name = part_->getPartName();
+        extraction::ReusedFile offered = reuse_(name, detail::joinSegments(*path_));
+        if (offered.fd < 0) return false;
+        const detail::OpsFd source(ops_, offered.fd);
+        struct stat info {};
+        staging_.stageFrom(*path_, source.get(), info);
+        if (landed_)
+            landed_(name, detail::joinSegments(*path_), static_cast<std::uint64_t>(info.st_size),
+                    info.st_mode & 07777);
+        if (observer_) observer_->taken(name, offered.sha256);
+        progress_.add(static_cast<std::uint64_t>(info.st_size), 1);
+        return true;
+    }
+
     const Plan& plan_;
     detail::StagedExtraction& staging_;
     const detail::FileOps& ops_;
     extraction::PartObserver* observer_;
     const decltype(extraction::Options::landed)& landed_;
+    const decltype(extraction::Options::reuse)& reuse_;
     ProgressCount& progress_;
     const detail::FileSegments* path_ = nullptr;
     model::Part* part_ = nullptr;
@@ -203,7 +223,7 @@ Outcome Extractor::extractAll(const std::filesystem::path& folder, RestoreMode r
                                      replace == ReplaceMode::Replace
                                          ? detail::StagedExtraction::Existing::Replace
                                          : detail::StagedExtraction::Existing::Refuse,
-                                     options_.sync, *ops_);
+                                     options_.sync, *ops_, options_.fileMode);
     ProgressCount progress(options_.progress, bytesTotal, plan.size());
     PartObserver* observer = options_.observer;
     // More threads than parts would have nothing to do.

@@ -4,7 +4,10 @@
 #include <fcntl.h>
 #include <stdio.h>  // renameat2
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <linux/fs.h>  // FICLONE
 
 #include <linux/openat2.h>
 #include <sys/syscall.h>
@@ -213,6 +216,17 @@ void FileOps::madeElsewhere(FileCall call) const {
 int FileOps::ftruncate(int fd, off_t size) const {
     if (failed(FileCall::Write)) return -1;
     return made(FileCall::Write, ::ftruncate(fd, size));
+}
+
+int FileOps::cloneFile(int dest, int source) const {
+    if (failed(FileCall::Clone)) return -1;
+    return made(FileCall::Clone, ::ioctl(dest, FICLONE, source));
+}
+
+int FileOps::linkFile(int source, int dir, const char* name) const {
+    if (failed(FileCall::Link)) return -1;
+    const std::string named = "/proc/self/fd/" + std::to_string(source);
+    return made(FileCall::Link, ::linkat(AT_FDCWD, named.c_str(), dir, name, AT_SYMLINK_FOLLOW));
 }
 
 namespace {

@@ -38,9 +38,11 @@ enum class FileCall {
     List,
     Read,
     Symlink,
-    Readlink
+    Readlink,
+    Clone,
+    Link
 };
-inline constexpr int kFileCallFamilies = 13;
+inline constexpr int kFileCallFamilies = 15;
 
 // One entry of a folder listing: its name, and whether it is a folder
 // (not a link to one).
@@ -87,6 +89,13 @@ class FileOps {
     long readlinkat(int dir, const char* name, char* buffer, std::size_t size) const;
     // ftruncate(), a Write: it changes the file's bytes as a write does.
     int ftruncate(int fd, off_t size) const;
+    // ioctl(FICLONE): `dest` gets the bytes of `source` as blocks both
+    // share until either is written, where the file system can.
+    int cloneFile(int dest, int source) const;
+    // linkat() of the open file `source` as `name` in `dir`. Linking a
+    // descriptor itself (AT_EMPTY_PATH) takes a privilege; its name in
+    // /proc/self/fd does not.
+    int linkFile(int source, int dir, const char* name) const;
 
     // For a call that other code makes on our behalf (SQLite's own file
     // I/O): admit() before it, 0 to make it or the errno it fails with;

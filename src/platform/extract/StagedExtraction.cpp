@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "platform/base/Ascii.hpp"
 #include "platform/extract/Recovery.hpp"
@@ -38,8 +39,12 @@ std::string quoted(const FileSegments& path) {
 }  // namespace
 
 StagedExtraction::StagedExtraction(const std::filesystem::path& destination, Existing existing,
-                                   bool sync, const FileOps& ops)
-    : ops_(ops), destination_(splitDestination(destination)), existing_(existing), sync_(sync) {
+                                   bool sync, const FileOps& ops, mode_t fileMode)
+    : ops_(ops),
+      destination_(splitDestination(destination)),
+      existing_(existing),
+      sync_(sync),
+      fileMode_(fileMode) {
     try {
         openDestination();
         createStaging();
@@ -171,19 +176,80 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
 }
 
 OpsFd StagedExtraction::beginFile(const FileSegments& path) {
-    if (path.empty()) fail("a part has no file name", Reason::BadPath);
     std::lock_guard<std::mutex> lock(stagingMutex_);
+    return createFile(path, nullptr, nullptr);
+}
+
+// Under stagingMutex_: the folder a file is staged in, and its name there,
+// are valid only while the lock is held.
+OpsFd StagedExtraction::createFile(const FileSegments& path, int* dirFdOut, std::string* nameOut) {
+    if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
     StagedFile file{path, checkTarget(path)};
     // A new destination is staged as the tree it becomes; files for an
     // existing one wait flat in the staging folder inside it.
     const int dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
     const std::string name = fresh() ? path.back() : stagedName(staged_.size());
-    OpsFd out(ops_,
-              ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666));
+    OpsFd out(ops_, ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
+                                fileMode_));
     if (!out) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
+    if (dirFdOut) *dirFdOut = dirFd;
+    if (nameOut) *nameOut = name;
     return out;
+}
+
+StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, int source,
+                                                     struct stat& info) {
+    OpsFd out;
+    Shared how = Shared::Cloned;
+    {
+        std::lock_guard<std::mutex> lock(stagingMutex_);
+        int dirFd = -1;
+        std::string name;
+        out = createFile(path, &dirFd, &name);
+        // A clone is a file of its own: nothing the source goes through
+        // later reaches it. Where there is none, a link shares the very
+        // file, and only one already as a new file would be (its mode is
+        // what the records of a fresh unpacking would say).
+        if (ops_.cloneFile(out.get(), source) != 0) {
+            how = Shared::Copied;
+            struct stat created {
+            }, from{};
+            if (ops_.fstat(out.get(), &created) != 0 || ops_.fstat(source, &from) != 0)
+                failErrno("cannot examine the file " + quoted(path));
+            if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
+                (from.st_mode & 07777) == (created.st_mode & 07777) &&
+                ops_.unlinkat(dirFd, name.c_str(), 0) == 0) {
+                out.reset();
+                if (ops_.linkFile(source, dirFd, name.c_str()) == 0) {
+                    info = from;
+                    return Shared::Linked;
+                }
+                // Whatever failed the link, the copy goes into a file of
+                // our own again.
+                out = OpsFd(ops_, ops_.openat(dirFd, name.c_str(),
+                                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
+                if (!out) failErrno("cannot create a file in the destination");
+            }
+        }
+    }
+    if (how == Shared::Copied) copy(source, out.get(), path);
+    if (ops_.fstat(out.get(), &info) != 0) failErrno("cannot examine the file " + quoted(path));
+    endFile(std::move(out), path);
+    return how;
+}
+
+void StagedExtraction::copy(int from, int to, const FileSegments& path) const {
+    std::vector<unsigned char> buffer(256u << 10);
+    for (long long at = 0;;) {
+        const long got = ops_.readAt(from, buffer.data(), buffer.size(), at);
+        if (got < 0) failErrno("cannot read the file to copy to " + quoted(path));
+        if (got == 0) return;
+        if (ops_.writeAll(to, buffer.data(), static_cast<std::size_t>(got)) != 0)
+            failErrno("cannot write the file " + quoted(path));
+        at += got;
+    }
 }
 
 void StagedExtraction::endFile(OpsFd file, const FileSegments& path) const {

@@ -20,6 +20,8 @@
 // mode 0666 less the umask, whatever the archive says, and a file is never
 // written over a folder. Every file-system call goes through `ops`.
 
+#include <sys/stat.h>
+
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -44,8 +46,9 @@ class StagedExtraction {
     // folders, and makes the staging folder. Throws opc::Exception when
     // that fails. With `sync`, every file and folder is flushed to disk
     // before the new files count as installed.
+    // New files get `fileMode` less the umask.
     StagedExtraction(const std::filesystem::path& destination, Existing existing, bool sync = false,
-                     const FileOps& ops = posixFileOps());
+                     const FileOps& ops = posixFileOps(), mode_t fileMode = 0666);
     ~StagedExtraction();
     StagedExtraction(const StagedExtraction&) = delete;
     StagedExtraction& operator=(const StagedExtraction&) = delete;
@@ -63,6 +66,15 @@ class StagedExtraction {
     OpsFd beginFile(const FileSegments& path);
     void endFile(OpsFd file, const FileSegments& path) const;
 
+    // How stageFrom() made a file.
+    enum class Shared { Cloned, Linked, Copied };
+    // Stages for `path` a file with the bytes of the open regular file
+    // `source`: a clone of it where the file system can, else `source`
+    // itself under a second name (when it is on the same file system and
+    // has the mode a new file here gets), else a copy. `info` receives the
+    // staged file's status.
+    Shared stageFrom(const FileSegments& path, int source, struct stat& info);
+
     // Moves every staged file into place. After it returns the extraction
     // is final. When it throws, everything is already undone, or the text
     // names each file that could not be put back.
@@ -79,6 +91,8 @@ class StagedExtraction {
     };
 
     bool fresh() const { return !dest_; }
+    OpsFd createFile(const FileSegments& path, int* dirFd, std::string* name);
+    void copy(int from, int to, const FileSegments& path) const;
     void openDestination();
     void createStaging();
     void repairLeftovers();
@@ -98,6 +112,7 @@ class StagedExtraction {
     const Destination destination_;
     Existing existing_;
     bool sync_;
+    mode_t fileMode_;
     std::vector<std::string> createdRoots_;     // absolute, outermost first
     std::vector<FileSegments> createdFolders_;  // in a new destination's staging tree
     std::set<FileSegments> missingFolders_;     // not in the destination when staged

@@ -40,6 +40,14 @@ class TSAPP_API PartObserver {
     virtual void begin(const opc::model::PartName& part) = 0;
     virtual void update(const unsigned char* data, std::size_t size) = 0;
     virtual void end() = 0;
+    // A part whose file was taken from elsewhere (Options::reuse): its
+    // bytes never come by, only the SHA-256 (hex) the caller found them to
+    // have. With several threads, told to the observer of the thread that
+    // took it.
+    virtual void taken(const opc::model::PartName& part, const std::string& sha256) {
+        (void)part;
+        (void)sha256;
+    }
     // Once every part is written and before any becomes visible in the
     // destination: throwing here rolls the extraction back.
     virtual void beforeCommit() = 0;
@@ -48,6 +56,14 @@ class TSAPP_API PartObserver {
     // end) while the others see theirs; only this one gets beforeCommit().
     // Null, the default, keeps the extraction on one thread.
     virtual std::unique_ptr<PartObserver> forThread() { return nullptr; }
+};
+
+// A file that holds the bytes a part decodes to, offered in its place.
+struct ReusedFile {
+    // Open for reading; the extraction closes it. -1: none, the part is
+    // unpacked from the package.
+    int fd = -1;
+    std::string sha256;  // of its bytes as the caller read them, hex
 };
 
 struct Options {
@@ -84,6 +100,19 @@ struct Options {
     // large one (so that it moves while one big file is written), never by
     // two threads at once; with several threads not always by the calling one.
     qvservices::FileSystemManager::Progress progress;
+    // The permission bits new files are created with, less the umask.
+    unsigned fileMode = 0666;
+    // Asked, from the thread that would write it, for each part before any
+    // of its bytes are read: a file offered here becomes the part's file
+    // and the part is not read from the package at all (a part the package
+    // file leaves out is never touched). The file is cloned where the file
+    // system shares blocks (FICLONE), else linked when it is on the same
+    // file system and already has the mode a new file would get, else
+    // copied, in the same staging and commit as every other file; `landed`
+    // reports it as any other. The caller answers for its bytes being the
+    // part's: it vouches for them by their SHA-256, which the observer is
+    // given (PartObserver::taken).
+    std::function<ReusedFile(const opc::model::PartName& part, const std::string& path)> reuse;
     // The file operations to use. Unpacking with a policy builds its
     // extractor from this, so that the library's fault-injection tests
     // fail the very path every caller takes.
