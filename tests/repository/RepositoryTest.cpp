@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "repository/RepositoryTestSupport.hpp"
-#include "repository/Transfer.hpp"
 #include "store/RootState.hpp"
 #include "tsappinstall/installer/Installer.hpp"
 #include "tsappinstall/integrity/Signature.hpp"
@@ -788,26 +787,19 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
     }
     EXPECT_TRUE(notes.empty());
 
-    // The dry run's figure is what the upgrade then fetches.
+    // The dry run fetches the tail alone and tells what the upgrade will.
     tsappinstall::store::AppStore apps(root);
     const auto planning = installer(apps);
     const Offer offer = *planning->find(guid, host, {from("ok")});
     const auto plan = planning->plan(offer, host, {});
-    const auto planned = http.sent(file);
     EXPECT_LT(plan.download, size / 50);
     EXPECT_GT(plan.diskChange, 0);
     EXPECT_LT(static_cast<std::uint64_t>(plan.diskChange), big.size());
-    const std::size_t connections = http.connections();
-    planning->install(offer, host, {});
-    EXPECT_EQ(http.sent(file).first - planned.first, plan.download);
-    EXPECT_EQ(http.connections(), connections);
-    EXPECT_TRUE(notes.empty()) << notes.front();
-    EXPECT_TRUE(filesIn(root + "/.downloads").empty());
 
     // Forced whole, the plan says the package's size; an index that does
     // not pin the list, or a server that ignores ranges, makes it whole too.
     EXPECT_EQ(installer(apps, true)->plan(offer, host, {}).download, size);
-    repository::PackageEntry unpinned = *offer.entry;
+    PackageEntry unpinned = *offer.entry;
     unpinned.digestList.clear();
     EXPECT_EQ(planning->plan({offer.remote, offer.repository, &unpinned}, host, {}).download, size);
     install(whole, "norange");
@@ -816,6 +808,29 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
                              " whole: the index does not pin the package's digest list",
                          "downloading " + file +
                              " whole: the server does not serve ranges (it sent the whole file)"}));
+    notes.clear();
+
+    // A directory that lies about where it is is refused from the tail
+    // alone.
+    const std::string good = read_file(repo + "/" + file);
+    std::string bytes = good;
+    bytes[bytes.rfind(std::string("PK\x05\x06", 4)) + 19] = '\x7f';
+    write_file(repo + "/" + file, bytes);
+    const auto lied = http.sent(file);
+    const std::string refusal = error_of<Error>([&] { planning->plan(offer, host, {}); });
+    EXPECT_NE(refusal.find("not a usable ZIP file"), std::string::npos) << refusal;
+    EXPECT_EQ(http.sent(file).second, lied.second + 1);
+    write_file(repo + "/" + file, good);
+
+    // The upgrade fetches what its dry run said, over one connection, and
+    // ends as a whole download would.
+    const auto sent = http.sent(file);
+    const std::size_t connections = http.connections();
+    planning->install(offer, host, {});
+    EXPECT_EQ(http.sent(file).first - sent.first, plan.download);
+    EXPECT_EQ(http.connections(), connections);
+    EXPECT_TRUE(notes.empty()) << notes.front();
+    EXPECT_TRUE(filesIn(root + "/.downloads").empty());
     const auto filesOf = [&](const std::string& at) {
         std::vector<std::string> files;
         for (const auto& f : tsappinstall::store::AppStore(at).files(guid))
@@ -825,20 +840,6 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
     };
     EXPECT_EQ(filesOf(root), filesOf(whole));
     EXPECT_EQ(apps.show(guid).current.version, "2.0");
-
-    // A directory that lies about where it is is refused from the tail
-    // alone.
-    std::string bytes = read_file(repo + "/" + file);
-    const std::size_t end = bytes.rfind(std::string("PK\x05\x06", 4));
-    bytes[end + 19] = '\x7f';
-    write_file(repo + "/" + file, bytes);
-    const auto lied = http.sent(file);
-    tsappinstall::store::InstallOptions again;
-    again.reinstall = true;
-    const std::string refusal = error_of<Error>([&] { install(root, "ok", again); });
-    EXPECT_NE(refusal.find("not a usable ZIP file"), std::string::npos) << refusal;
-    EXPECT_EQ(http.sent(file).second, lied.second + 1);
-    EXPECT_TRUE(filesIn(root + "/.downloads").empty());
 }
 
 }  // namespace
