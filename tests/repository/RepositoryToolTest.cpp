@@ -160,9 +160,10 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     // Held, it is listed as such and passed by, unless told.
     EXPECT_EQ(runTool("hold 'Hello Tessal'" + root, out),
               std::make_pair(0, std::string("held Hello Tessal 1.0\n")));
-    EXPECT_EQ(runTool("outdated" + root, out),
-              std::make_pair(0, std::string("NAME          INSTALLED  AVAILABLE  REPOSITORY\n"
-                                            "Hello Tessal  1.0        1.10       main        held\n")));
+    EXPECT_EQ(
+        runTool("outdated" + root, out),
+        std::make_pair(0, std::string("NAME          INSTALLED  AVAILABLE  REPOSITORY\n"
+                                      "Hello Tessal  1.0        1.10       main        held\n")));
     EXPECT_EQ(runTool("upgrade --all" + root, out),
               std::make_pair(0, std::string("tsapp: Hello Tessal: held at version 1.0; 1.10 is not "
                                             "installed (tsapp unhold lets it go)\n")));
@@ -196,12 +197,17 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
     bytes[bytes.size() / 2] ^= 1;
     write_file(repo + "/hello-1.11.tsappinstall", bytes);
-    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
-    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
-    EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
-    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+    // Whole, the package fails its SHA-256; in ranges, the item the byte
+    // lies in fails the digest list.
+    for (const auto& [options, refusal] :
+         {std::pair<std::string, std::string>{" --full", "its SHA-256 is"}, {"", "the item \""}}) {
+        const auto [status, text] = runTool("upgrade Hello\\ Tessal" + options + root, out);
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(text.rfind("tsapp: main: hello-1.11.tsappinstall: " + refusal, 0), 0u) << text;
+        EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
+        EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
+        EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+    }
 }
 
 // Where `text` holds a raw control character (C0 but the line feed, DEL,
