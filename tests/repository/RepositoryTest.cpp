@@ -239,6 +239,10 @@ TEST(RepositoryIndex, RefusesHostileIndexes) {
         {index("") + std::string(MAX_INDEX_BYTES, ' '), "the index is larger than 67108864 bytes"},
         {replaced(index(""), "\"schema\":1", "\"schema\":1,\"repository\":\"../x\""),
          "the repository's identifier \"../x\" is not"},
+        {index(entry + R"(,"digests":{"item":"_digests/sha256sums","sha256":"A"}})"),
+         "the digest list of a.tsappinstall is not pinned by an item and 64 hex digits"},
+        {index(entry + R"(,"digests":{"sha256":")" + std::string(64, 'a') + "\"}}"),
+         "the digest list of a.tsappinstall is not pinned"},
     };
     for (const auto& c : cases) {
         try {
