@@ -844,6 +844,20 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
     };
     EXPECT_EQ(filesOf(root), filesOf(whole));
     EXPECT_EQ(apps.show(guid).current.version, "2.0");
+
+    // An installed file changed since it was recorded cannot stand in for
+    // its item: the package comes whole, and a line says why.
+    const std::string changed = root + "/apps/" + guid + "/current/files/z.bin";
+    fs::permissions(changed, fs::perms::owner_write, fs::perm_options::add);
+    write_file(changed, "changed");
+    tsappinstall::store::InstallOptions again;
+    again.reinstall = true;
+    planning->install(offer, host, again);
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_EQ(
+        notes[0].rfind("downloading " + file + " whole: the installed files cannot be reused (", 0),
+        0u)
+        << notes[0];
 }
 
 }  // namespace
