@@ -256,6 +256,12 @@ auto aboutRemote(const Remote& remote, Run run) {
     }
 }
 
+// The anchors a package of the offer must lead to: none for one the index
+// lists as unsigned, which the signed index vouches for.
+std::vector<std::string> anchorsOf(const Offer& offer) {
+    return offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
+}
+
 // Removes a downloaded package whatever the install did, through the
 // store's operations; the file's lock, held until then, tells recovery
 // that it is in use.
@@ -591,18 +597,74 @@ std::string Installer::whyNotFound(const std::string& app, const store::HostProf
            reasons + "); --force installs it anyway";
 }
 
+struct Installer::Ranged {
+    repository::detail::RangedPlan plan;
+};
+
+// The plan of a ranged download of the offer, or none with the reason told.
+std::unique_ptr<Installer::Ranged> Installer::rangedPlan(const Offer& offer) const {
+    if (options_.full) return nullptr;
+    const auto tell = [&](const std::string& why) {
+        if (options_.note) options_.note("downloading " + offer.entry->file + " whole: " + why);
+    };
+    std::map<std::string, repository::detail::HeldFile> installed;
+    try {
+        for (const auto& file : apps_.files(offer.entry->guid))
+            installed[file.path] = {file.size, file.sha256};
+    } catch (const store::StoreError& e) {
+        if (e.kind() != FaultKind::NotInstalled) throw;
+        tell("no version of it is installed");
+        return nullptr;
+    }
+    std::string why;
+    auto ranged = aboutRemote(offer.remote, [&]() -> std::unique_ptr<Ranged> {
+        try {
+            return std::make_unique<Ranged>(Ranged{repository::detail::DownloadAccess::planRanged(
+                *offer.repository, *offer.entry, installed, anchorsOf(offer))});
+        } catch (const repository::detail::NotRanged& e) {
+            why = e.what();
+            return nullptr;
+        }
+    });
+    if (!ranged) tell(why);
+    return ranged;
+}
+
 store::InstallResult Installer::install(const Offer& offer, const store::HostProfile& host,
                                         store::InstallOptions options) {
     const fs::path folder = apps_.downloadFolder();
     const auto& ops = RootStateAccess::ops(apps_);
+    options.trustAnchors = anchorsOf(offer);
+    options.origin = toJson(offer.remote).dump();
+    options.packageSha256 = offer.entry->sha256;  // the download was checked against it
+    if (const auto ranged = rangedPlan(offer)) {
+        std::string why;
+        try {
+            std::optional<DownloadedFile> file;
+            aboutRemote(offer.remote, [&] {
+                try {
+                    file.emplace(ops,
+                                 repository::detail::DownloadAccess::downloadRanged(
+                                     *offer.repository, *offer.entry, ranged->plan, folder, ops));
+                } catch (const repository::detail::NotRanged& e) {
+                    why = e.what();
+                }
+            });
+            if (file) {
+                store::InstallOptions partial = options;
+                partial.absentParts = ranged->plan.absent;
+                return apps_.install(file->path(), host, partial);
+            }
+        } catch (const store::StoreError& e) {
+            if (e.kind() != FaultKind::NotReusable) throw;
+            why = std::string("the installed files cannot be reused (") + e.what() + ")";
+        }
+        if (options_.note) options_.note("downloading " + offer.entry->file + " whole: " + why);
+    }
     const DownloadedFile file(ops, aboutRemote(offer.remote, [&] {
                                   return repository::detail::DownloadAccess::download(
                                       *offer.repository, *offer.entry, folder, ops);
                               }));
-    options.trustAnchors =
-        offer.entry->signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
-    options.origin = toJson(offer.remote).dump();
-    options.packageSha256 = offer.entry->sha256;  // the download was checked against it
     return apps_.install(file.path(), host, options);
 }
 
@@ -621,9 +683,18 @@ store::Plan Installer::plan(const Offer& offer, const store::HostProfile& host,
     facts.signerKeyFingerprint = entry.signerKey;
     facts.size = entry.size;
     store::InstallOptions planned = options;
-    planned.trustAnchors =
-        entry.signer.empty() ? std::vector<std::string>{} : offer.remote.packageAnchors();
-    return apps_.planInstall(facts, planned);
+    planned.trustAnchors = anchorsOf(offer);
+    store::Plan plan = apps_.planInstall(facts, planned);
+    if (const auto ranged = rangedPlan(offer)) {
+        plan.download = ranged->plan.download;
+        plan.diskChange += static_cast<std::int64_t>(ranged->plan.changed);
+        plan.undecided.erase(std::remove_if(plan.undecided.begin(), plan.undecided.end(),
+                                            [](const std::string& line) {
+                                                return line.find("the disk space") == 0;
+                                            }),
+                             plan.undecided.end());
+    }
+    return plan;
 }
 
 std::vector<Remote> Installer::whereToLook(const store::InstalledVersion& version,

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "Download.hpp"
+#include "PartialFile.hpp"
 #include "Transfer.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/Random.hpp"
@@ -24,6 +25,8 @@ namespace tsappinstall::repository {
 namespace {
 
 namespace fs = std::filesystem;
+using detail::failOn;
+using detail::PartialFile;
 using opc::detail::FileOps;
 using opc::detail::OpsFd;
 
@@ -149,73 +152,6 @@ std::string howLong(std::int64_t seconds) {
     }
     return text;
 }
-
-[[noreturn]] void failOn(FaultKind kind, const std::string& what, const fs::path& path) {
-    fail(kind, what + " " + path.string() + ": " + std::strerror(errno));
-}
-
-// The partial file of one package in one folder, held by one download at a
-// time: another download of the same package into the same folder (two
-// installs at once) waits until this one renamed or removed it, then takes
-// the file then under that name, so that no two ever write one file. The
-// lock goes with the file when it is renamed, for as long as the holder
-// keeps it.
-class PartialFile {
-  public:
-    PartialFile(const FileOps& ops, int folder, std::string name, fs::path shown)
-        : ops_(ops), folder_(folder), name_(std::move(name)), path_(std::move(shown)) {
-        for (;;) {
-            OpsFd fd(ops_, ops_.openat(folder_, name_.c_str(),
-                                       O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW, 0600));
-            if (!fd) failOn(FaultKind::CannotWrite, "cannot create", path_);
-            while (ops_.flock(fd.get(), LOCK_EX) != 0)
-                if (errno != EINTR) failOn(FaultKind::CannotWrite, "cannot lock", path_);
-            struct stat held {
-            }, named{};
-            if (ops_.fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode))
-                fail(FaultKind::CannotWrite, path_.string() + " is not a regular file");
-            if (ops_.lstatat(folder_, name_.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
-                named.st_ino == held.st_ino) {
-                fd_ = std::move(fd);
-                return;
-            }
-        }
-    }
-    const fs::path& path() const { return path_; }
-    int fd() const { return fd_.get(); }
-    const FileOps& ops() const { return ops_; }
-    std::uint64_t size() const {
-        struct stat info {};
-        return ops_.fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-    }
-    void truncate() const {
-        if (ops_.ftruncate(fd_.get(), 0) != 0)
-            failOn(FaultKind::CannotWrite, "cannot truncate", path_);
-    }
-    void write(const char* data, std::size_t size) const {
-        if (ops_.writeAll(fd_.get(), data, size) != 0)
-            failOn(FaultKind::CannotWrite, "cannot write", path_);
-    }
-    void remove() const { ops_.unlinkat(folder_, name_.c_str(), 0); }
-    // Renames it to `target` in its folder; the lock comes along.
-    OpsFd renameTo(const std::string& target) {
-        if (ops_.renameat(folder_, name_.c_str(), folder_, target.c_str()) != 0) {
-            const int error = errno;
-            remove();
-            errno = error;
-            failOn(FaultKind::CannotWrite, "cannot rename the download to",
-                   path_.parent_path() / target);
-        }
-        return std::move(fd_);
-    }
-
-  private:
-    const FileOps& ops_;
-    int folder_;
-    std::string name_;
-    fs::path path_;
-    OpsFd fd_;
-};
 
 // The SHA-256 of the partial file, kept up with the bytes as they are
 // written, so that the download is not read again to be checked.

@@ -49,6 +49,8 @@ Json entryJson(const PackageEntry& e) {
     if (!e.signerKey.empty()) out["signer"]["key"] = e.signerKey;
     if (!e.icon.empty()) out["icon"] = e.icon;
     if (!e.screenshot.empty()) out["screenshot"] = e.screenshot;
+    if (!e.digestList.empty())
+        out["digests"] = {{"item", e.digestList}, {"sha256", e.digestListSha256}};
     return out;
 }
 
@@ -155,6 +157,12 @@ PackageEntry readEntry(const Json& item) {
     e.screenshot = text(item, "screenshot", true);
     checkImagePath(e.icon);
     checkImagePath(e.screenshot);
+    const Json& digests = object(item, "digests", true);
+    e.digestList = text(digests, "item", true);
+    e.digestListSha256 = text(digests, "sha256", true);
+    if (e.digestList.empty() != e.digestListSha256.empty() ||
+        (!e.digestListSha256.empty() && !isHex64(e.digestListSha256)))
+        refuse("the digest list of " + e.file + " is not pinned by an item and 64 hex digits");
     return e;
 }
 

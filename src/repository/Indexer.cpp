@@ -145,6 +145,10 @@ void readSigner(opc::model::Package& package, PackageEntry& entry) {
     std::vector<Fault> faults;
     const auto list = integrity::readDigestList(package, faults);
     if (!list) return;
+    integrity::Sha256 listHash;
+    listHash.update(list->text.data(), list->text.size());
+    entry.digestList = list->name.ascii().substr(1);
+    entry.digestListSha256 = listHash.finishHex();
     integrity::VerificationReport report;
     integrity::checkAuthor(package, list->text, {{}, false}, report);
     for (const Fault& fault : report.faults)
@@ -246,6 +250,8 @@ Cache loadCache(const fs::path& folder) {
             if (item.contains("entry")) o.entry = readEntry(item.at("entry"));
             // An entry cached before signer keys were recorded is read again.
             if (o.entry && !o.entry->signer.empty() && o.entry->signerKey.empty()) continue;
+            // So is one cached before digest lists were pinned.
+            if (o.entry && !item.value("digestsPinned", false)) continue;
             o.bad = item.value("bad", "");
             o.images = item.value("images", std::vector<std::string>());
             cache.files[file] = std::move(o);
@@ -261,6 +267,7 @@ void saveCache(const fs::path& folder, const Cache& cache) {
     for (const auto& [file, o] : cache.files) {
         Json item = {{"size", o.stamp.size}, {"mtime", o.stamp.mtime}, {"sha256", o.sha256}};
         if (o.entry) item["entry"] = entryJson(*o.entry);
+        if (o.entry) item["digestsPinned"] = true;
         if (!o.bad.empty()) item["bad"] = o.bad;
         if (!o.images.empty()) item["images"] = o.images;
         files[file] = std::move(item);

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "platform/base/Ascii.hpp"
+#include "platform/base/ReadAt.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "tsappinstall/Fault.hpp"
 
@@ -70,6 +71,10 @@ struct Exchange {
     std::uint64_t ignored = 0;  // bytes of error pages and redirects
     std::exception_ptr error;   // what the sink threw
     const TransferOptions* options = nullptr;
+    // For a ranged request: told the reply's status and Content-Range
+    // before its first byte, instead of the sink's start.
+    const std::function<void(long, const std::string&)>* reply = nullptr;
+    std::string contentRange;  // of the latest reply
 };
 
 long statusOf(CURL* curl) {
@@ -89,7 +94,10 @@ std::size_t onBody(char* data, std::size_t, std::size_t size, void* user) {
     try {
         if (!exchange.started) {
             exchange.started = true;
-            exchange.sink->start(status == 206 || exchange.from == 0);
+            if (exchange.reply)
+                (*exchange.reply)(status, exchange.contentRange);
+            else
+                exchange.sink->start(status == 206 || exchange.from == 0);
         }
         exchange.sink->write(data, size);
         exchange.received += size;
@@ -99,6 +107,22 @@ std::size_t onBody(char* data, std::size_t, std::size_t size, void* user) {
         exchange.error = std::current_exception();
         return CURL_WRITEFUNC_ERROR;
     }
+}
+
+// Keeps the Content-Range of the reply at hand; a new status line (after a
+// redirect or an interim reply) starts over.
+std::size_t onHeader(char* data, std::size_t, std::size_t size, void* user) {
+    auto& exchange = *static_cast<Exchange*>(user);
+    const std::string line(data, size);
+    const std::string lower = opc::detail::ascii_lower(line);
+    if (startsWith(lower, "http/")) exchange.contentRange.clear();
+    if (startsWith(lower, "content-range:")) {
+        const auto first = line.find_first_not_of(" \t", 14);
+        const auto last = line.find_last_not_of(" \t\r\n");
+        exchange.contentRange =
+            first == std::string::npos || last < first ? "" : line.substr(first, last - first + 1);
+    }
+    return size;
 }
 
 void initialiseOnce() {
@@ -154,8 +178,8 @@ CURL* freshHandle(const TransferOptions& options, CurlPtr& own) {
     return curl.get();
 }
 
-void prepare(CURL* c, const std::string& url, std::uint64_t from, const TransferOptions& options,
-             Exchange& exchange, char* errors) {
+void prepare(CURL* c, const std::string& url, std::uint64_t from, const std::string& span,
+             const TransferOptions& options, Exchange& exchange, char* errors) {
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
@@ -172,13 +196,20 @@ void prepare(CURL* c, const std::string& url, std::uint64_t from, const Transfer
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &exchange);
     curl_easy_setopt(c, CURLOPT_USERAGENT, "tsapp");
-    const std::string range = std::to_string(from) + "-";
-    if (from > 0) curl_easy_setopt(c, CURLOPT_RANGE, range.c_str());
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &exchange);
+    // CURLOPT_RANGE copies the text.
+    const std::string range = span.empty() ? std::to_string(from) + "-" : span;
+    if (from > 0 || !span.empty()) curl_easy_setopt(c, CURLOPT_RANGE, range.c_str());
     exchange.curl = c;
 }
 
+// `span` ("first-last"), when given, is asked for instead of `from` on,
+// and `reply` sees the reply before its first byte.
 void fetchRemote(const std::string& base, const std::string& name, std::uint64_t from,
-                 const TransferOptions& options, const TransferSink& sink) {
+                 const TransferOptions& options, const TransferSink& sink,
+                 const std::string& span = {},
+                 const std::function<void(long, const std::string&)>* reply = nullptr) {
     initialiseOnce();
     std::string url = base + (base.back() == '/' ? "" : "/") + name;
     const std::string origin = originOf(url);
@@ -188,13 +219,15 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
         exchange.sink = &sink;
         exchange.from = from;
         exchange.options = &options;
+        exchange.reply = reply;
         char errors[CURL_ERROR_SIZE] = "";
         CurlPtr own;
         CURL* curl = freshHandle(options, own);
-        prepare(curl, url, from, options, exchange, errors);
+        prepare(curl, url, from, span, options, exchange, errors);
         const CURLcode code = curl_easy_perform(curl);
         // The handle outlives this call: it must not point at it.
         curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
         if (exchange.error) std::rethrow_exception(exchange.error);
         if (code == CURLE_OPERATION_TIMEDOUT && options.deadline.passed(100))
             options.deadline.fail(name);
@@ -219,7 +252,12 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
             fail(FaultKind::CannotRead, name + ": not found (HTTP " + std::to_string(status) + ")");
         if (status != 200 && status != 206)
             fail(FaultKind::DownloadFailed, name + ": HTTP status " + std::to_string(status));
-        if (!exchange.started) sink.start(status == 206 || from == 0);
+        if (!exchange.started) {
+            if (reply)
+                (*reply)(status, exchange.contentRange);
+            else
+                sink.start(status == 206 || from == 0);
+        }
         return;
     }
 }
@@ -249,19 +287,24 @@ std::string localPath(const std::string& location) {
     return *decoded;
 }
 
-void fetchLocal(const std::string& location, const std::string& name, std::uint64_t from,
-                const TransferOptions& options, const TransferSink& sink) {
+// The repository's file `name`, open for reading: opened without waiting
+// for a writer, as a FIFO would have it, and only when it is a regular file.
+opc::detail::UniqueFd openLocal(const std::string& location, const std::string& name,
+                                struct stat& info) {
     const std::string base = localPath(location);
     const std::string path = base + (!base.empty() && base.back() == '/' ? "" : "/") + name;
-    // Opened without waiting for a writer, as a FIFO would have it, and
-    // read only when it is a regular file.
-    const opc::detail::UniqueFd fd(
-        ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    opc::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!fd)
         fail(FaultKind::CannotRead, name + ": cannot open " + path + ": " + std::strerror(errno));
-    struct stat info {};
     if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
         fail(FaultKind::CannotRead, name + ": not a regular file");
+    return fd;
+}
+
+void fetchLocal(const std::string& location, const std::string& name, std::uint64_t from,
+                const TransferOptions& options, const TransferSink& sink) {
+    struct stat info {};
+    const opc::detail::UniqueFd fd = openLocal(location, name, info);
     const bool resumed = from > 0 && ::lseek(fd.get(), static_cast<off_t>(from), SEEK_SET) >= 0;
     sink.start(resumed || from == 0);
     char buffer[1 << 16];
@@ -278,7 +321,95 @@ void fetchLocal(const std::string& location, const std::string& name, std::uint6
     }
 }
 
+std::string spanText(const ByteSpan& span) {
+    return std::to_string(span.from) + "-" + std::to_string(span.to - 1);
+}
+
+void fetchSpansRemote(const std::string& location, const std::string& name, std::uint64_t total,
+                      const std::vector<ByteSpan>& spans, const TransferOptions& options,
+                      const std::function<void(std::uint64_t, const char*, std::size_t)>& write) {
+    std::uint64_t received = 0;
+    for (const ByteSpan& span : spans) {
+        const std::string asked = spanText(span);
+        std::uint64_t got = 0;
+        const std::function<void(long, const std::string&)> reply = [&](long status,
+                                                                        const std::string& range) {
+            if (status == 200)
+                throw RangesIgnored(name + ": the server sent the whole file for the range " +
+                                    asked);
+            const std::string expected = "bytes " + asked + "/" + std::to_string(total);
+            if (opc::detail::ascii_lower(range) == expected) return;
+            const auto slash = range.rfind('/');
+            if (slash != std::string::npos && range.substr(slash + 1) != std::to_string(total))
+                fail(FaultKind::SizeMismatch,
+                     name + ": the server's file is no longer the one the index lists (" +
+                         (range.empty() ? "no Content-Range" : "\"" + range + "\"") + ", " +
+                         std::to_string(total) + " bytes listed)");
+            fail(FaultKind::DownloadFailed,
+                 name + ": the server answered the range " + asked + " with " +
+                     (range.empty() ? std::string("no Content-Range") : "\"" + range + "\""));
+        };
+        TransferOptions each = options;
+        each.progress = {};
+        fetchRemote(location, name, span.from, each,
+                    {[](bool) {},
+                     [&](const char* data, std::size_t size) {
+                         if (got + size > span.size())
+                             fail(FaultKind::DownloadFailed,
+                                  name + ": the server sent more than the " +
+                                      std::to_string(span.size()) + " bytes of the range " + asked);
+                         write(span.from + got, data, size);
+                         got += size;
+                         received += size;
+                         if (options.progress) options.progress(received);
+                     }},
+                    asked, &reply);
+        if (got != span.size())
+            fail(FaultKind::DownloadFailed, name + ": the server sent " + std::to_string(got) +
+                                                " of the " + std::to_string(span.size()) +
+                                                " bytes of the range " + asked);
+    }
+}
+
+void fetchSpansLocal(const std::string& location, const std::string& name, std::uint64_t total,
+                     const std::vector<ByteSpan>& spans, const TransferOptions& options,
+                     const std::function<void(std::uint64_t, const char*, std::size_t)>& write) {
+    struct stat info {};
+    const opc::detail::UniqueFd fd = openLocal(location, name, info);
+    if (static_cast<std::uint64_t>(info.st_size) != total)
+        fail(FaultKind::SizeMismatch, name + ": the file is " + std::to_string(info.st_size) +
+                                          " bytes, the index lists " + std::to_string(total));
+    std::vector<unsigned char> buffer(1 << 16);
+    std::uint64_t received = 0;
+    for (const ByteSpan& span : spans) {
+        for (std::uint64_t at = span.from; at < span.to;) {
+            if (options.deadline.passed()) options.deadline.fail(name);
+            const std::size_t want =
+                static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), span.to - at));
+            const ssize_t got = opc::detail::read_at(fd.get(), buffer.data(), want, at);
+            if (got < 0) fail(FaultKind::CannotRead, name + ": a read failed");
+            if (got == 0)
+                fail(FaultKind::SizeMismatch, name + ": the file ended at byte " +
+                                                  std::to_string(at) + " of " +
+                                                  std::to_string(total));
+            write(at, reinterpret_cast<const char*>(buffer.data()), static_cast<std::size_t>(got));
+            at += static_cast<std::uint64_t>(got);
+            received += static_cast<std::uint64_t>(got);
+            if (options.progress) options.progress(received);
+        }
+    }
+}
+
 }  // namespace
+
+void fetchSpans(const std::string& location, const std::string& name, std::uint64_t total,
+                const std::vector<ByteSpan>& spans, const TransferOptions& options,
+                const std::function<void(std::uint64_t, const char*, std::size_t)>& write) {
+    if (isRemote(location))
+        fetchSpansRemote(location, name, total, spans, options, write);
+    else
+        fetchSpansLocal(location, name, total, spans, options, write);
+}
 
 bool isRemote(const std::string& location) {
     const std::string lower = opc::detail::ascii_lower(location.substr(0, 8));

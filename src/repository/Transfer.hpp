@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace tsappinstall::repository {
 
@@ -72,6 +74,35 @@ struct TransferSink {
 // DownloadFailed; passes on what the sink throws.
 void fetch(const std::string& location, const std::string& name, std::uint64_t from,
            const TransferOptions& options, const TransferSink& sink);
+
+// Bytes [from, to) of a file.
+struct ByteSpan {
+    std::uint64_t from = 0;
+    std::uint64_t to = 0;
+    std::uint64_t size() const { return to - from; }
+};
+
+// What fetchSpans() throws when an http(s) server answers a range with the
+// whole file (HTTP 200): it does not serve ranges, and a caller that
+// wanted a few parts takes the whole package instead.
+class RangesIgnored : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Fetches `spans` of `name`, a file of `total` bytes, one after another
+// over the options' connection, handing each piece to `write` with its
+// offset in the file. An http(s) reply must be HTTP 206 with a
+// Content-Range naming exactly the span asked and `total`, and carry
+// exactly the span's bytes; a folder's or file: URL's file is read with
+// pread and must be `total` bytes long. Throws Error: DownloadFailed for a
+// reply that breaks these rules (naming how) or a transfer that fails,
+// SizeMismatch for a file whose size is no longer `total`, CannotRead as
+// fetch() does; RangesIgnored as above; passes on what `write` throws.
+void fetchSpans(
+    const std::string& location, const std::string& name, std::uint64_t total,
+    const std::vector<ByteSpan>& spans, const TransferOptions& options,
+    const std::function<void(std::uint64_t offset, const char* data, std::size_t size)>& write);
 
 // Whether `location` is an http: or https: URL rather than a local one.
 bool isRemote(const std::string& location);

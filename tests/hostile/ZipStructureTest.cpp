@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "facade/FacadeFixture.hpp"
+#include "platform/zip/ZipDirectory.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
 
@@ -78,10 +79,27 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
         {"split archive", field('e', "", 6, 2, 3)},
         {"split archive disk", field('e', "", 4, 2, 1)},
     };
+    // A ranged download reads the directory alone, from the package's
+    // tail: every lie but those in a local header is refused there.
+    const std::set<std::string> inLocalHeader = {"local and central names differ",
+                                                 "local header missing"};
+    const auto directoryOnly = [](const std::string& bytes) {
+        const opc::zippackage::ByteSource source = [&](std::uint64_t at, unsigned char* into,
+                                                       std::size_t count) {
+            std::memcpy(into, bytes.data() + at, count);
+        };
+        return opc::zippackage::readCentralDirectory(source, bytes.size(),
+                                                     {100000, 1u << 26, 1032});
+    };
     for (const auto& [label, patch] : cases) {
         patched(patch);
         expectRefusedEverywhere(pkg(), label);
+        if (!inLocalHeader.count(label)) {
+            EXPECT_THROW(directoryOnly(read_file(pkg())), opc::Exception) << label;
+        }
     }
+    write_zip(pkg(), app_package().items());
+    EXPECT_EQ(directoryOnly(read_file(pkg())).entries.size(), app_package().items().size());
     expectRefusedEverywhere(dir.path(), "a folder");
     expectRefusedEverywhere(dir.file("missing.tsappinstall"), "missing");
 }

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <random>
 #include <thread>
 
 #include "repository/RepositoryTestSupport.hpp"
@@ -245,6 +246,10 @@ TEST(RepositoryIndex, RefusesHostileIndexes) {
         {index("") + std::string(MAX_INDEX_BYTES, ' '), "the index is larger than 67108864 bytes"},
         {replaced(index(""), "\"schema\":1", "\"schema\":1,\"repository\":\"../x\""),
          "the repository's identifier \"../x\" is not"},
+        {index(entry + R"(,"digests":{"item":"_digests/sha256sums","sha256":"A"}})"),
+         "the digest list of a.tsappinstall is not pinned by an item and 64 hex digits"},
+        {index(entry + R"(,"digests":{"sha256":")" + std::string(64, 'a') + "\"}}"),
+         "the digest list of a.tsappinstall is not pinned"},
     };
     for (const auto& c : cases) {
         try {
@@ -740,6 +745,146 @@ TEST(RepositoryInstaller, RefusesAndReportsWhatARevokedKeySigned) {
     } catch (const Error& e) {
         EXPECT_EQ(e.kind(), FaultKind::RevokedSigner);
     }
+}
+
+// Bytes deflate cannot shrink, the same for the same seed.
+std::string noise(std::size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(random());
+    return bytes;
+}
+
+// An upgrade over an installed version fetches the package's tail, its
+// digest list and the items that changed, over one connection, and no
+// more than its dry run said; each lie of a server is refused with its
+// reason before anything changes, and where ranges cannot be used the
+// package comes whole with a line saying why.
+TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
+    Published published;
+    const std::string repo = published.dir.file("ranged");
+    fs::create_directory(repo);
+    const std::string guid = "0123abcd-0000-4000-8000-0000000000aa";
+    const std::string big = noise(3u << 20, 7);
+    // The file that changes lies before the big one, so that it is not in
+    // the tail fetched for the directory.
+    const auto pack = [&](const std::string& version) {
+        packApp(repo, "app-" + version + ".tsappinstall", {{"version", version}, {"guid", guid}},
+                published.dir.file("signer"), "", {},
+                {{"a.txt", "version " + version + "\n"}, {"z.bin", big}});
+        indexFolder(repo, published.signing());
+    };
+    pack("1.0");
+    const Server http(repo, published.dir.file("http.port"));
+    const tsappinstall::store::HostProfile host{
+        "2026.2", "linux-x86_64", {{"tessal.core", "2026.1"}}};
+    std::vector<std::string> notes;
+    const auto installer = [&](tsappinstall::store::AppStore& apps, bool full = false) {
+        InstallerOptions options;
+        options.note = [&](const std::string& line) { notes.push_back(line); };
+        options.full = full;
+        return std::make_unique<Installer>(apps, options);
+    };
+    const auto from = [&](const std::string& mode) {
+        return Remote{"", http.url("http", mode), {published.dir.file("ca.pem")}, ""};
+    };
+    const auto install = [&](const std::string& root, const std::string& mode,
+                             tsappinstall::store::InstallOptions options = {}) {
+        tsappinstall::store::AppStore apps(root);
+        const auto in = installer(apps);
+        return in->install(*in->find(guid, host, {from(mode)}), host, options);
+    };
+    const std::string root = published.dir.file("root"), whole = published.dir.file("whole");
+    for (const std::string& at : {root, whole}) install(at, "ok");
+    EXPECT_EQ(notes,
+              std::vector<std::string>(
+                  2, "downloading app-1.0.tsappinstall whole: no version of it is installed"));
+    notes.clear();
+    pack("2.0");
+    const std::string file = "app-2.0.tsappinstall";
+    const std::uint64_t size = fs::file_size(repo + "/" + file);
+
+    const Tree before = snapshot_tree(root + "/apps");
+    const std::vector<std::pair<std::string, std::string>> lies = {
+        {"alter", ": the item \""},
+        {"cut", "the server sent 8191 of the 8192 bytes of the range"},
+        {"other", "the server answered the range"},
+        {"switch", "the server's file is no longer the one the index lists"}};
+    for (const auto& [mode, reason] : lies) {
+        const std::string refusal = error_of<Error>([&, mode = mode] { install(root, mode); });
+        EXPECT_NE(refusal.find(reason), std::string::npos) << mode << ": " << refusal;
+        EXPECT_EQ(snapshot_tree(root + "/apps"), before) << mode;
+        EXPECT_TRUE(filesIn(root + "/.downloads").empty()) << mode;
+    }
+    EXPECT_TRUE(notes.empty());
+
+    // The dry run fetches the tail alone and tells what the upgrade will.
+    tsappinstall::store::AppStore apps(root);
+    const auto planning = installer(apps);
+    const Offer offer = *planning->find(guid, host, {from("ok")});
+    const auto plan = planning->plan(offer, host, {});
+    EXPECT_LT(plan.download, size / 50);
+    EXPECT_GT(plan.diskChange, 0);
+    EXPECT_LT(static_cast<std::uint64_t>(plan.diskChange), big.size());
+
+    // Forced whole, the plan says the package's size; an index that does
+    // not pin the list, or a server that ignores ranges, makes it whole too.
+    EXPECT_EQ(installer(apps, true)->plan(offer, host, {}).download, size);
+    PackageEntry unpinned = *offer.entry;
+    unpinned.digestList.clear();
+    EXPECT_EQ(planning->plan({offer.remote, offer.repository, &unpinned}, host, {}).download, size);
+    install(whole, "norange");
+    EXPECT_EQ(notes, (std::vector<std::string>{
+                         "downloading " + file +
+                             " whole: the index does not pin the package's digest list",
+                         "downloading " + file +
+                             " whole: the server does not serve ranges (it sent the whole file)"}));
+    notes.clear();
+
+    // A directory that lies about where it is is refused from the tail
+    // alone.
+    const std::string good = read_file(repo + "/" + file);
+    std::string bytes = good;
+    bytes[bytes.rfind(std::string("PK\x05\x06", 4)) + 19] = '\x7f';
+    write_file(repo + "/" + file, bytes);
+    const auto lied = http.sent(file);
+    const std::string refusal = error_of<Error>([&] { planning->plan(offer, host, {}); });
+    EXPECT_NE(refusal.find("not a usable ZIP file"), std::string::npos) << refusal;
+    EXPECT_EQ(http.sent(file).second, lied.second + 1);
+    write_file(repo + "/" + file, good);
+
+    // The upgrade fetches what its dry run said, over one connection, and
+    // ends as a whole download would.
+    const auto sent = http.sent(file);
+    const std::size_t connections = http.connections();
+    planning->install(offer, host, {});
+    EXPECT_EQ(http.sent(file).first - sent.first, plan.download);
+    EXPECT_EQ(http.connections(), connections);
+    EXPECT_TRUE(notes.empty()) << notes.front();
+    EXPECT_TRUE(filesIn(root + "/.downloads").empty());
+    const auto filesOf = [&](const std::string& at) {
+        std::vector<std::string> files;
+        for (const auto& f : tsappinstall::store::AppStore(at).files(guid))
+            files.push_back(f.path + " " + std::to_string(f.size) + " " + std::to_string(f.mode) +
+                            " " + f.sha256);
+        return files;
+    };
+    EXPECT_EQ(filesOf(root), filesOf(whole));
+    EXPECT_EQ(apps.show(guid).current.version, "2.0");
+
+    // An installed file changed since it was recorded cannot stand in for
+    // its item: the package comes whole, and a line says why.
+    const std::string changed = root + "/apps/" + guid + "/current/files/z.bin";
+    fs::permissions(changed, fs::perms::owner_write, fs::perm_options::add);
+    write_file(changed, "changed");
+    tsappinstall::store::InstallOptions again;
+    again.reinstall = true;
+    planning->install(offer, host, again);
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_EQ(
+        notes[0].rfind("downloading " + file + " whole: the installed files cannot be reused (", 0),
+        0u)
+        << notes[0];
 }
 
 }  // namespace

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,14 +32,17 @@ inline int sh(const std::string& command) {
 // with SIGNER.key and SIGNER.pem when `signer` is given. An `svgIcon`
 // takes the icon's place after planning, since pack refuses an SVG that
 // could run script, and the indexer must meet one anyway; so does what
-// `edit` changes, for text pack would refuse.
+// `edit` changes, for text pack would refuse. `files` are written into the
+// app's files folder (path below it -> bytes) before it is packed.
 inline void packApp(const std::string& folder, const std::string& file,
                     const nlohmann::json& changes, const std::string& signer = "",
                     const std::string& svgIcon = "",
-                    const std::function<void(tsappinstall::pack::PackPlan&)>& edit = {}) {
+                    const std::function<void(tsappinstall::pack::PackPlan&)>& edit = {},
+                    const std::map<std::string, std::string>& files = {}) {
     namespace fs = std::filesystem;
     const std::string source = folder + "/.src-" + file;
     fs::copy(std::string(TSAPP_SOURCE_DIR) + "/sample/app", source, fs::copy_options::recursive);
+    for (const auto& [path, bytes] : files) write_file(source + "/files/" + path, bytes);
     auto description = nlohmann::json::parse(read_file(source + "/tsapp.json"));
     description.merge_patch(changes);
     if (!svgIcon.empty()) {
@@ -133,6 +138,18 @@ class Server {
     }
     std::string url(const std::string& scheme, const std::string& mode) const {
         return scheme + "://127.0.0.1:" + port_ + "/" + mode + "/";
+    }
+    // Bytes of the bodies sent for `name` so far, and the requests for it.
+    std::pair<std::uint64_t, std::size_t> sent(const std::string& name) const {
+        std::istringstream log(file_exists(portFile_ + ".requests")
+                                   ? read_file(portFile_ + ".requests")
+                                   : std::string());
+        std::string connection, mode, file, range;
+        std::uint64_t bytes = 0, total = 0;
+        std::size_t requests = 0;
+        while (log >> connection >> mode >> file >> range >> bytes)
+            if (file == name) total += bytes, ++requests;
+        return {total, requests};
     }
     // The connections accepted so far.
     std::size_t connections() const {

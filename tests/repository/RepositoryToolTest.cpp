@@ -203,12 +203,17 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
     std::string bytes = read_file(repo + "/hello-1.11.tsappinstall");
     bytes[bytes.size() / 2] ^= 1;
     write_file(repo + "/hello-1.11.tsappinstall", bytes);
-    const auto [status, text] = runTool("upgrade Hello\\ Tessal" + root, out);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(text.substr(0, 52), "tsapp: main: hello-1.11.tsappinstall: its SHA-256 is");
-    EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
-    EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
-    EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+    // Whole, the package fails its SHA-256; in ranges, the item the byte
+    // lies in fails the digest list.
+    for (const auto& [options, refusal] :
+         {std::pair<std::string, std::string>{" --full", "its SHA-256 is"}, {"", "the item \""}}) {
+        const auto [status, text] = runTool("upgrade Hello\\ Tessal" + options + root, out);
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(text.rfind("tsapp: main: hello-1.11.tsappinstall: " + refusal, 0), 0u) << text;
+        EXPECT_EQ(snapshot_tree(published.dir.file("root/apps")), apps);
+        EXPECT_EQ(installed(), "Hello Tessal 1.10\n");
+        EXPECT_TRUE(filesIn(published.dir.file("root/.downloads")).empty());
+    }
 }
 
 // Where `text` holds a raw control character (C0 but the line feed, DEL,

@@ -6,9 +6,17 @@ picks the behaviour for the package named by the rest: ok (ranges
 honoured), norange, short (closes halfway), more (sends more than its
 length), stall, drip (a byte every 0.3 s, at most 100), slow (1 KiB every
 20 ms); redirect (to another host), same (to ok/ on this host) and
-dripall (drip) apply to every file. Each connection it accepts adds a line to
-PORTFILE.connections; it keeps connections open between requests."""
-import http.server, os, ssl, sys, time
+dripall (drip) apply to every file. A closed range ("bytes=A-B") is
+answered by ok as asked, and by these liars: alter (one byte of it
+altered), cut (a byte short of it), other (206 for the range a byte
+further on), switch (the file grows after the first request for it).
+Each connection it accepts adds a line to PORTFILE.connections, and each
+request "CONNECTION MODE NAME RANGE BODYBYTES" to PORTFILE.requests; it
+keeps connections open between requests."""
+import http.server, os, ssl, sys, threading, time
+
+SEEN = set()  # the files switch has served once
+LOCK = threading.Lock()
 
 ROOT = sys.argv[1]
 
@@ -23,6 +31,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         super().setup()
         with open(sys.argv[2] + ".connections", "a") as log:
             log.write("%s:%d\n" % self.client_address)
+
+    def send_body(self, mode, name, ranged, body):
+        with LOCK, open(sys.argv[2] + ".requests", "a") as log:
+            log.write("%s:%d %s %s %s %d\n" % (self.client_address + (
+                mode, name, ranged or "-", len(body))))
 
     def do_GET(self):
         mode, _, name = self.path.lstrip("/").partition("/")
@@ -43,15 +56,37 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_error(404)
             return
         data = open(path, "rb").read()
+        if mode == "switch":
+            with LOCK:
+                if path in SEEN:
+                    data += b"\0" * 100
+                SEEN.add(path)
         start = 0
         ranged = self.headers.get("Range", "")
-        if mode == "ok" and ranged.startswith("bytes="):
-            start = int(ranged[6:].split("-")[0])
+        first, _, last = ranged[6:].partition("-")
+        liars = ("ok", "alter", "cut", "other", "switch")
+        if mode in liars and ranged.startswith("bytes=") and last:
+            start, end = int(first), min(int(last) + 1, len(data))
+            if mode == "other":
+                start, end = start + 1, min(end + 1, len(data))
             self.send_response(206)
-            self.send_header("Content-Range", "bytes %d-%d/%d" % (start, len(data) - 1, len(data)))
+            self.send_header("Content-Range", "bytes %d-%d/%d" % (start, end - 1, len(data)))
+            body = data[start:end]
+            if mode == "alter":
+                body = body[: len(body) // 2] + bytes([body[len(body) // 2] ^ 1]) + \
+                    body[len(body) // 2 + 1 :]
+            elif mode == "cut":
+                body = body[:-1]
         else:
-            self.send_response(200)
-        body = data[start:] + (b"x" * 4096 if mode == "more" else b"")
+            if mode in liars and ranged.startswith("bytes="):
+                start = int(first)
+                self.send_response(206)
+                self.send_header("Content-Range", "bytes %d-%d/%d" % (
+                    start, len(data) - 1, len(data)))
+            else:
+                self.send_response(200)
+            body = data[start:] + (b"x" * 4096 if mode == "more" else b"")
+        self.send_body(mode, name, ranged, body)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         if mode in ("drip", "slow"):
@@ -75,7 +110,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(body)
 
 
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+class Server(http.server.ThreadingHTTPServer):
+    def handle_error(self, request, client_address):
+        # A client that stops a reply it will not take (a range answered
+        # whole) resets the connection: that is no error of the server's.
+        if not isinstance(sys.exc_info()[1], (ConnectionResetError, BrokenPipeError)):
+            super().handle_error(request, client_address)
+
+
+server = Server(("127.0.0.1", 0), Handler)
 server.daemon_threads = True
 SCHEME = "http"
 if len(sys.argv) > 4:

@@ -115,14 +115,22 @@ detail::FileSeam seam(const opc::detail::FileOps& ops) {
 }
 
 // Installs `version` of the app the root's one recorded repository
-// offers, as a host's installer does: index, download, install.
+// offers, as a host's installer does: index, download, install. Over an
+// installed version the download is ranged: no line says it came whole.
 void installFromRepository(AppStore& apps, const std::string& version) {
-    Installer installer(apps);
+    std::vector<std::string> notes;
+    tsappinstall::installer::InstallerOptions options;
+    options.note = [&](const std::string& line) { notes.push_back(line); };
+    Installer installer(apps, options);
     const auto remote = installer.remotes().at(0);
     const auto repository = installer.fetch(remote);
+    const bool upgrade = version != "1.0";  // 1.0 is what the roots get first
     for (const auto& entry : repository->index().packages)
         if (entry.guid == kHello && entry.version == version) {
             installer.install({remote, repository, &entry}, fittingHost(), {});
+            if (upgrade) {
+                EXPECT_EQ(notes, std::vector<std::string>());
+            }
             return;
         }
     throw std::runtime_error("the repository offers no version " + version);
@@ -224,7 +232,9 @@ class StoreFaults : public ::testing::Test {
         tsappinstall::repository::indexFolder(published->repo(), published->signing());
         {
             AppStore apps(templates().file("repo-empty"));
-            Installer(apps).add({"main", published->repo(), {published->dir.file("ca.pem")}, ""});
+            // A file: URL, as a host names a repository on a shared drive.
+            Installer(apps).add(
+                {"main", "file://" + published->repo(), {published->dir.file("ca.pem")}, ""});
         }
         fs::copy(templates().file("repo-empty"), templates().file("repo-one"),
                  fs::copy_options::recursive | fs::copy_options::copy_symlinks);

@@ -30,8 +30,10 @@ using Json = nlohmann::ordered_json;
 // The progress line of the download under way, on a terminal.
 std::optional<ProgressLine> downloading;
 
-installer::InstallerOptions installerOptions() {
+installer::InstallerOptions installerOptions(bool full = false) {
     installer::InstallerOptions options;
+    options.full = full;
+    options.note = [](const std::string& line) { printError(line); };
     if (::isatty(STDERR_FILENO))
         options.progress = [](std::uint64_t done, std::uint64_t size) {
             if (downloading) downloading->update(done, size, done == size ? 1 : 0, 1);
@@ -63,6 +65,13 @@ void addRepositoryOptions(CLI::App* install, RepositoryChoice& choice) {
                 "http(s): URL); --trust checks its index");
     addNonEmpty(install, "--repo-ca", choice.serverCa,
                 "PEM file of the CA for an https: repository (default: the system's)");
+    addFullFlag(install, choice.full);
+}
+
+void addFullFlag(CLI::App* command, bool& full) {
+    command->add_flag("--full", full,
+                      "Download whole packages, even where only the files that differ from the "
+                      "installed version would be fetched");
 }
 
 namespace {
@@ -89,8 +98,8 @@ std::pair<std::string, std::string> splitVersion(const std::string& argument) {
 
 // Looking in several repositories, one that cannot be read is said and
 // the others are used.
-installer::InstallerOptions reportingInstallerOptions() {
-    installer::InstallerOptions options = installerOptions();
+installer::InstallerOptions reportingInstallerOptions(bool full = false) {
+    installer::InstallerOptions options = installerOptions(full);
     options.unreachable = [](const installer::Remote& remote, const tsappinstall::Error& e) {
         printError(remote.key() + ": left out: " + e.what());
     };
@@ -112,7 +121,7 @@ void installArgument(store::AppStore& apps, const std::string& argument,
         });
         return;
     }
-    installer::Installer installer(apps, reportingInstallerOptions());
+    installer::Installer installer(apps, reportingInstallerOptions(choice.full));
     std::vector<installer::Remote> where;
     if (!choice.location.empty())
         where.push_back({"", choice.location, options.trustAnchors, choice.serverCa});
@@ -159,6 +168,7 @@ struct UpgradeSettings {
     std::vector<std::string> apps;
     bool all = false;
     bool json = false;
+    bool full = false;
     store::InstallOptions options;
 };
 
@@ -205,7 +215,7 @@ int runUpgrade(const UpgradeSettings& s) {
     const auto apps = dryRun ? openForPlan(s.root) : openRoot(s.root);
     const auto host = hostProfile(s.host, apps->root());
     for (const auto& app : s.apps) onStore(app, [&] { return apps->show(app); });
-    installer::Installer installer(*apps, reportingInstallerOptions());
+    installer::Installer installer(*apps, reportingInstallerOptions(s.full));
     if (installer.remotes().empty())
         throw Failure("upgrade",
                       "no repository is recorded to look for newer versions in; add "
@@ -248,6 +258,7 @@ std::vector<Command> addUpgrade(CLI::App& app) {
                       "carries no key rotation proof from it");
     addUnpackOptions(upgrade, up->options);
     upgrade->add_flag("--ignore-hold", up->options.ignoreHold, "Upgrade held apps too");
+    addFullFlag(upgrade, up->full);
     return {{outdated, [old] { return runOutdated(*old); }, rootSubject(old->root)},
             {upgrade, [up] { return runUpgrade(*up); }, rootSubject(up->root)}};
 }

@@ -22,9 +22,12 @@ namespace repository = tsappinstall::repository;
 struct RepositoryChoice {
     std::string location;
     std::string serverCa;
+    bool full = false;  // download whole packages, never in ranges
 };
 
 void addRepositoryOptions(CLI::App* install, RepositoryChoice& choice);
+// --full of install and upgrade.
+void addFullFlag(CLI::App* command, bool& full);
 
 // Installs `argument`: a package file as it is; an app's name or GUID,
 // when no such file exists, as the newest version that fits `host` in the

@@ -84,6 +84,14 @@ struct InstallerOptions {
     // and the others are used; its failure is thrown only when none is
     // left. Without it, the first failure is thrown.
     std::function<void(const Remote&, const Error&)> unreachable;
+    // A package of an app with an installed version is fetched in ranges:
+    // its directory, its digest list and the items that differ from the
+    // installed version's files. Told, one line each, why a package is
+    // downloaded whole instead (no installed version, an index that does
+    // not pin the digest list, a server that ignores ranges, a store that
+    // cannot reuse the installed files...).
+    std::function<void(const std::string&)> note;
+    bool full = false;  // always download packages whole
 };
 
 // What find() takes beyond the app.
@@ -159,7 +167,11 @@ class TSAPP_API Installer {
                             const std::vector<Remote>& where = {}, const FindOptions& options = {});
 
     // Downloads the offer into the store's download folder and installs it
-    // with `options`, recording the repository with the version. A package
+    // with `options`, recording the repository with the version. Over an
+    // installed version the download is ranged where it can be (see
+    // InstallerOptions::note), the store reusing the installed files for
+    // the items left out; when the store cannot, the package is downloaded
+    // whole and installed again. A package
     // the index lists as signed is verified against the repository's
     // package trust anchors; one it lists as unsigned is vouched for by the
     // signed index.
@@ -170,6 +182,9 @@ class TSAPP_API Installer {
     // What install() with the same arguments would do, from what the index
     // says of the package: nothing is downloaded. What only the package
     // itself can tell (the key rotation proofs it carries) is undecided.
+    // For a ranged download, the package's directory and digest list are
+    // fetched to tell the bytes it downloads and the disk space its
+    // changed files add.
     store::Plan plan(const Offer& offer, const store::HostProfile& host,
                      const store::InstallOptions& options) const;
 
@@ -182,6 +197,8 @@ class TSAPP_API Installer {
                                    const store::HostProfile& host);
 
   private:
+    struct Ranged;
+    std::unique_ptr<Ranged> rangedPlan(const Offer& offer) const;
     std::shared_ptr<const repository::Repository> open(const Remote& remote);
     void pin(const Remote& remote, const repository::RepositoryIdentity& identity);
     void recordRevocations(const Remote& remote, const repository::Index& index);

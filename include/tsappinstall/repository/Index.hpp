@@ -57,6 +57,13 @@ struct PackageEntry {
     std::string signerKey;          // SHA-256 of the signer's public key
     std::string icon;               // "images/<sha256>.png", or empty
     std::string screenshot;
+    // The package's digest list: its ZIP item name and the SHA-256 of its
+    // bytes. The signed index pins the list with it, so that a client can
+    // fetch the list alone, trust it and take only the parts that differ
+    // from what it has (a ranged upgrade). Empty for a package without a
+    // list, and in an index written before lists were pinned.
+    std::string digestList;
+    std::string digestListSha256;
 };
 
 struct Index {

@@ -47,23 +47,19 @@ std::uint64_t le64(const unsigned char* p) {
 
 class FileBytes {
   public:
-    FileBytes(int fd, std::uint64_t size) : fd_(fd), size_(size) {}
+    FileBytes(const ByteSource& source, std::uint64_t size) : source_(source), size_(size) {}
     std::uint64_t size() const { return size_; }
 
     std::vector<unsigned char> read(std::uint64_t offset, std::size_t count) const {
         if (offset > size_ || count > size_ - offset)
             refuse("a record lies beyond the end of the file");
         std::vector<unsigned char> bytes(count);
-        const ssize_t n = opc::detail::read_at(fd_, bytes.data(), count, offset);
-        if (n < 0)
-            throw opc::Exception(opc::Reason::CannotRead,
-                                 std::string("cannot read the file: ") + std::strerror(errno));
-        if (static_cast<std::size_t>(n) < count) refuse("the file ended while it was being read");
+        source_(offset, bytes.data(), count);
         return bytes;
     }
 
   private:
-    int fd_;
+    const ByteSource& source_;
     std::uint64_t size_;
 };
 
@@ -284,7 +280,8 @@ void check_header_places(const EndRecord& end, const std::vector<PhysicalEntry>&
 // Checks the local header at `header` against the central record: same
 // item name, method and encryption; notes where the data begins, which with
 // the data must lie before the central directory.
-void check_local_header(const unsigned char* header, const EndRecord& end, PhysicalEntry& entry) {
+void check_local_header(const unsigned char* header, std::uint64_t directoryOffset,
+                        PhysicalEntry& entry) {
     if (le32(header) != kLocalHeaderSignature) {
         refuse("the local header of " + quoted(entry.name) + " is missing");
     }
@@ -298,8 +295,8 @@ void check_local_header(const unsigned char* header, const EndRecord& end, Physi
                " disagrees with the central directory");
     }
     entry.dataOffset = entry.localHeaderOffset + kLocalHeaderBytes + nameLength + le16(header + 28);
-    if (entry.dataOffset > end.directoryOffset ||
-        end.directoryOffset - entry.dataOffset < entry.compressedSize) {
+    if (entry.dataOffset > directoryOffset ||
+        directoryOffset - entry.dataOffset < entry.compressedSize) {
         refuse("the data of " + quoted(entry.name) + " reaches into the central directory");
     }
 }
@@ -307,7 +304,7 @@ void check_local_header(const unsigned char* header, const EndRecord& end, Physi
 // Reads the local headers in file order. Headers closer than kGap to each
 // other share one read, so a package of small parts costs a few reads while
 // one of large parts reads no more than its headers.
-void read_local_headers(const FileBytes& file, const EndRecord& end,
+void read_local_headers(const FileBytes& file, std::uint64_t directoryOffset,
                         const std::vector<PhysicalEntry*>& byOffset) {
     constexpr std::uint64_t kGap = 4096;
     constexpr std::uint64_t kMaxSpan = 1024 * 1024;
@@ -324,7 +321,7 @@ void read_local_headers(const FileBytes& file, const EndRecord& end,
         }
         const auto span = file.read(spanStart, static_cast<std::size_t>(spanEnd - spanStart));
         for (std::size_t i = first; i < last; ++i) {
-            check_local_header(&span[byOffset[i]->localHeaderOffset - spanStart], end,
+            check_local_header(&span[byOffset[i]->localHeaderOffset - spanStart], directoryOffset,
                                *byOffset[i]);
         }
         first = last;
@@ -346,10 +343,7 @@ std::string trailing_bytes_warning(std::uint64_t count) {
            " the end of the ZIP archive and " + (count == 1 ? "is" : "are") + " ignored";
 }
 
-}  // namespace
-
-ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits) {
-    const FileBytes file(fd, fileSize);
+ZipDirectory read_central_directory(const FileBytes& file, const ZipLimits& limits) {
     const EndRecord end = read_end(file, limits);
     const auto directory =
         file.read(end.directoryOffset, static_cast<std::size_t>(end.directorySize));
@@ -362,17 +356,59 @@ ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& l
     if (pos != directory.size())
         refuse("the central directory holds more than its entry count says");
     check_header_places(end, entries);
-    std::vector<PhysicalEntry*> byOffset;
-    byOffset.reserve(entries.size());
-    for (PhysicalEntry& entry : entries) byOffset.push_back(&entry);
-    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
-        return a->localHeaderOffset < b->localHeaderOffset;
-    });
-    read_local_headers(file, end, byOffset);
-    refuse_overlaps(byOffset);
-    ZipDirectory checked{std::move(entries), {}};
+    ZipDirectory checked{std::move(entries), {}, end.directoryOffset, end.directorySize};
     if (end.trailing != 0) checked.warnings.push_back(trailing_bytes_warning(end.trailing));
     return checked;
 }
 
+}  // namespace
+
+ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits) {
+    const ByteSource source = [fd](std::uint64_t offset, unsigned char* into, std::size_t count) {
+        const ssize_t n = opc::detail::read_at(fd, into, count, offset);
+        if (n < 0)
+            throw opc::Exception(opc::Reason::CannotRead,
+                                 std::string("cannot read the file: ") + std::strerror(errno));
+        if (static_cast<std::size_t>(n) < count) refuse("the file ended while it was being read");
+    };
+    const FileBytes file(source, fileSize);
+    ZipDirectory checked = read_central_directory(file, limits);
+    std::vector<PhysicalEntry*> byOffset;
+    byOffset.reserve(checked.entries.size());
+    for (PhysicalEntry& entry : checked.entries) byOffset.push_back(&entry);
+    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
+        return a->localHeaderOffset < b->localHeaderOffset;
+    });
+    read_local_headers(file, checked.directoryOffset, byOffset);
+    refuse_overlaps(byOffset);
+    return checked;
+}
+
+ZipDirectory readCentralDirectory(const ByteSource& source, std::uint64_t fileSize,
+                                  const ZipLimits& limits) {
+    ZipDirectory checked = read_central_directory(FileBytes(source, fileSize), limits);
+    // Without the local headers, an entry takes at least its fixed header,
+    // its name and its stored bytes: entries whose least extents overlap
+    // cannot all be what the directory says.
+    std::vector<const PhysicalEntry*> byOffset;
+    byOffset.reserve(checked.entries.size());
+    for (const PhysicalEntry& entry : checked.entries) byOffset.push_back(&entry);
+    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
+        return a->localHeaderOffset < b->localHeaderOffset;
+    });
+    for (std::size_t i = 0; i < byOffset.size(); ++i) {
+        const PhysicalEntry& entry = *byOffset[i];
+        const std::uint64_t next =
+            i + 1 < byOffset.size() ? byOffset[i + 1]->localHeaderOffset : checked.directoryOffset;
+        const std::uint64_t least = kLocalHeaderBytes + entry.name.size();
+        if (next - entry.localHeaderOffset < least ||
+            next - entry.localHeaderOffset - least < entry.compressedSize) {
+            refuse(i + 1 < byOffset.size() ? "the entries " + quoted(entry.name) + " and " +
+                                                 quoted(byOffset[i + 1]->name) + " overlap"
+                                           : "the data of " + quoted(entry.name) +
+                                                 " reaches into the central directory");
+        }
+    }
+    return checked;
+}
 }  // namespace opc::zippackage
