@@ -613,8 +613,7 @@ std::unique_ptr<Installer::Ranged> Installer::rangedPlan(const Offer& offer) con
             installed[file.path] = {file.size, file.sha256};
     } catch (const store::StoreError& e) {
         if (e.kind() != FaultKind::NotInstalled) throw;
-        tell("no version of it is installed");
-        return nullptr;
+        return nullptr;  // a first install: whole is the only way, nothing to say
     }
     std::string why;
     auto ranged = aboutRemote(offer.remote, [&]() -> std::unique_ptr<Ranged> {

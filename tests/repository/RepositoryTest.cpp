@@ -796,9 +796,7 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
     };
     const std::string root = published.dir.file("root"), whole = published.dir.file("whole");
     for (const std::string& at : {root, whole}) install(at, "ok");
-    EXPECT_EQ(notes,
-              std::vector<std::string>(
-                  2, "downloading app-1.0.tsappinstall whole: no version of it is installed"));
+    EXPECT_TRUE(notes.empty());  // a first install has nothing to range over
     notes.clear();
     pack("2.0");
     const std::string file = "app-2.0.tsappinstall";
