@@ -30,7 +30,7 @@ make_source() {
   unzip -q "$2" 'files/*' -d "$1"
   cp "$here/../sample/app/icon.png" "$here/../sample/app/screenshot.png" "$1/"
   local entry
-  entry=$(cd "$1/files" && find . -type f | sort | head -1 | cut -c3-)
+  entry=$(cd "$1/files" && find . -type f | sort | sed -n 1p | cut -c3-)
   cat >"$1/tsapp.json" <<EOF
 {"entryPoint": "$entry", "name": "bench", "version": "1.0", "icon": "icon.png",
  "screenshot": "screenshot.png", "author": {"name": "bench"}}
