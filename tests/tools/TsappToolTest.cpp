@@ -163,6 +163,18 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
                       replaced(zip_item(p, "manifest.xml"), "A small", "A big").c_str());
          },
          "the manifest's seal is missing or wrong"},
+        {"crcfield.tsappinstall",
+         [](auto& p) {
+             // A deflated part's recorded CRC-32, not its data: only the
+             // inflater's CRC-32 of what it decoded can tell.
+             ZipPatcher z(p);
+             for (const std::size_t at :
+                  {z.localHeader("files/main.js") + 14, z.centralHeader("files/main.js") + 16})
+                 z.put32(at, z.get32(at) ^ 1);
+             z.save();
+         },
+         "damaged part /files/main.js: cannot read the ZIP entry \"files/main.js\": its CRC-32 "
+         "does not match"},
         {"other.zip", [](auto&) {}, "not an app file: the extension is not .tsappinstall"},
     };
     Args args = {"check", "-j", "2", "--all"};
@@ -185,7 +197,7 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
     std::getline(lines, line);
     EXPECT_EQ(line, "hello.tsappinstall: OK");
     std::getline(lines, line);
-    EXPECT_EQ(line, "9 of 10 packages bad");
+    EXPECT_EQ(line, "10 of 11 packages bad");
     // Jobs left over decode one package's parts on several threads, to the same verdict.
     for (const auto& c : cases)
         EXPECT_EQ(tsapp({"check", "-j", "4", "--json", c.name}).out,

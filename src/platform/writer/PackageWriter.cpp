@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -271,33 +273,44 @@ class TemporaryFile {
 }  // namespace
 
 // Parts are encoded on every core and written in the order they were
-// added; large files are streamed here, on the writing thread, while the
-// others go on encoding what follows. Returns each part's SHA-256.
+// added; a large file is encoded as many pieces, so it keeps every core
+// busy too. Returns each part's SHA-256.
 std::vector<std::string> PackageWriter::Impl::writeParts(ZipOutput& zip) {
     const std::size_t count = coveredParts();
-    std::vector<detail::EncodingJob> work(count);
+    std::vector<detail::EncodingJob> work;
+    std::vector<std::size_t> firstJob(count + 1);
+    std::vector<std::uint64_t> pieced(count);  // a file's size when it is cut into pieces
     std::uint64_t total = 0;
     for (std::size_t i = 0; i < count; ++i) {
         PendingPart& part = parts[i];
         const bool deflate = part.compression == Compression::Deflate;
-        detail::EncodingJob& job = work[i];
+        firstJob[i] = work.size();
         if (part.sourceFile.empty()) {
-            job.bytes = part.bytes.size();
-            job.encode = [&part, deflate](PartEncoder& e) {
-                return e.encode(std::move(part.bytes), deflate);
-            };
-        } else {
-            job.bytes = sourceSize(part.sourceFile);
-            job.streamed = job.bytes > detail::kWholePartBytes;
-            job.encode = [&part, deflate, size = job.bytes](PartEncoder& e) {
-                return e.encode(detail::readWholeFile(part.sourceFile, size), deflate);
-            };
+            total += part.bytes.size();
+            work.push_back({part.bytes.size(), [&part, deflate](PartEncoder& e) {
+                                return e.encode(std::move(part.bytes), deflate);
+                            }});
+            continue;
         }
-        total += job.bytes;
+        const std::uint64_t size = sourceSize(part.sourceFile);
+        total += size;
+        if (size <= detail::kWholePartBytes) {
+            work.push_back({size, [&part, deflate, size](PartEncoder& e) {
+                                return e.encode(detail::readWholeFile(part.sourceFile, size),
+                                                deflate);
+                            }});
+            continue;
+        }
+        pieced[i] = size;
+        for (std::uint64_t at = 0; at < size; at += detail::kPieceBytes) {
+            // A deflated piece is held twice until written: as read and as packed.
+            const std::uint64_t held = std::min(detail::kPieceBytes, size - at) * (deflate ? 2 : 1);
+            work.push_back({held, [&part, deflate, size, at](PartEncoder&) {
+                                return detail::encodePiece(part.sourceFile, size, at, deflate);
+                            }});
+        }
     }
-    std::vector<std::uint64_t> streamedSize(count);  // 0: encoded by the threads
-    for (std::size_t i = 0; i < count; ++i)
-        if (work[i].streamed) streamedSize[i] = work[i].bytes;
+    firstJob[count] = work.size();
 
     std::uint64_t done = 0;
     const auto advance = [&](std::uint64_t bytes) {
@@ -309,17 +322,30 @@ std::vector<std::string> PackageWriter::Impl::writeParts(ZipOutput& zip) {
     detail::ParallelEncoding encoding(std::move(work), tsappinstall::jobsOrCores(jobs));
     for (std::size_t i = 0; i < count; ++i) {
         const PendingPart& part = parts[i];
-        if (streamedSize[i] != 0) {
-            shas.push_back(detail::streamFile(part.sourceFile, part.name.substr(1),
-                                              part.compression == Compression::Deflate,
-                                              streamedSize[i], zip, advance));
-        } else {
-            const EncodedPart encoded = encoding.take(i);
+        if (pieced[i] == 0) {
+            const EncodedPart encoded = encoding.take(firstJob[i]);
             addEncoded(zip, part.name.substr(1), encoded);
             shas.push_back(encoded.sha256);
             advance(encoded.size);
+            encoding.written(firstJob[i]);
+            continue;
         }
-        encoding.written(i);
+        // Sizes and CRC-32 are known only at the end: they go in a descriptor.
+        zip.beginStreamedEntry(part.name.substr(1), part.compression == Compression::Deflate,
+                               pieced[i]);
+        tsappinstall::integrity::Sha256 sha;
+        uLong crc = crc32(0, nullptr, 0);
+        for (std::size_t job = firstJob[i]; job < firstJob[i + 1]; ++job) {
+            const EncodedPart piece = encoding.take(job);
+            zip.writeStreamedData(piece.data.data(), piece.data.size());
+            const std::vector<unsigned char>& source = piece.deflated ? piece.source : piece.data;
+            sha.update(source.data(), source.size());
+            crc = crc32_combine(crc, piece.crc, static_cast<z_off_t>(piece.size));
+            advance(piece.size);
+            encoding.written(job);
+        }
+        zip.endStreamedEntry(static_cast<std::uint32_t>(crc), pieced[i]);
+        shas.push_back(sha.finishHex());
     }
     return shas;
 }

@@ -23,7 +23,7 @@ ParallelEncoding::~ParallelEncoding() {
 // The job the writer waits for always may start, or nothing would move.
 bool ParallelEncoding::mayStart(std::size_t index) const {
     const EncodingJob& job = jobs_[index];
-    return job.streamed || index == nextToWrite_ || heldBytes_ + job.bytes <= kBudgetBytes;
+    return index == nextToWrite_ || heldBytes_ + job.bytes <= kBudgetBytes;
 }
 
 void ParallelEncoding::work() {
@@ -36,7 +36,6 @@ void ParallelEncoding::work() {
         if (stopping_ || nextToStart_ == jobs_.size()) return;
         const std::size_t index = nextToStart_++;
         EncodingJob& job = jobs_[index];
-        if (job.streamed) continue;
         heldBytes_ += job.bytes;
         lock.unlock();
         Slot slot;
@@ -64,7 +63,7 @@ EncodedPart ParallelEncoding::take(std::size_t index) {
 void ParallelEncoding::written(std::size_t index) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!jobs_[index].streamed) heldBytes_ -= jobs_[index].bytes;
+        heldBytes_ -= jobs_[index].bytes;
         nextToWrite_ = index + 1;
     }
     changed_.notify_all();

@@ -19,8 +19,7 @@
 namespace opc::zippackage::detail {
 
 struct EncodingJob {
-    std::uint64_t bytes = 0;  // the source's size, what it costs while held
-    bool streamed = false;    // written by the caller itself, not encoded here
+    std::uint64_t bytes = 0;  // what it costs while held
     std::function<EncodedPart(PartEncoder&)> encode;
 };
 
@@ -36,7 +35,7 @@ class ParallelEncoding {
     // Waits for job `index`, which must be the next not yet written;
     // rethrows what its encoding threw.
     EncodedPart take(std::size_t index);
-    // Job `index` is written (a streamed one too): its memory is free.
+    // Job `index` is written: its memory is free.
     void written(std::size_t index);
 
   private:

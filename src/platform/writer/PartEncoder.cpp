@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "platform/base/ReadAt.hpp"
 #include "platform/base/UniqueFd.hpp"
+#include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 
 namespace opc::zippackage::detail {
@@ -23,9 +25,11 @@ namespace {
 // its level 6 is 2.6% larger there, so 7 is the level that keeps packages
 // about as small as zip's.
 constexpr int kLevel = 7;
-// Streamed files go through zlib at zip's own level: its 7 is much slower.
+// Pieces of large files go through zlib at zip's own level: its 7 is much
+// slower.
 constexpr int kStreamLevel = 6;
-constexpr std::size_t kPieceBytes = 1 << 20;
+// All that deflate looks back on.
+constexpr std::uint64_t kWindowBytes = 32u << 10;
 
 std::string sha256Of(const unsigned char* data, std::size_t size) {
     tsappinstall::integrity::Sha256 sha;
@@ -37,6 +41,10 @@ std::string sha256Of(const unsigned char* data, std::size_t size) {
     throw opc::Exception("cannot read \"" + path + "\": " + why);
 }
 
+[[noreturn]] void changed(const std::string& path) {
+    cannotRead(path, "it changed while the package was written");
+}
+
 // Opened without following a link or waiting on a FIFO put in its place
 // since the source was planned; only a regular file of the planned size.
 opc::detail::UniqueFd openSource(const std::string& path, std::uint64_t expectedSize) {
@@ -45,11 +53,11 @@ opc::detail::UniqueFd openSource(const std::string& path, std::uint64_t expected
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0) cannotRead(path, std::strerror(errno));
     if (!S_ISREG(st.st_mode)) cannotRead(path, "not a regular file");
-    if (static_cast<std::uint64_t>(st.st_size) != expectedSize)
-        cannotRead(path, "it changed while the package was written");
+    if (static_cast<std::uint64_t>(st.st_size) != expectedSize) changed(path);
     return fd;
 }
 
+// zlib, not libdeflate, because a piece needs a preset dictionary.
 struct DeflateStream {
     z_stream z{};
     DeflateStream() {
@@ -59,22 +67,37 @@ struct DeflateStream {
     ~DeflateStream() { deflateEnd(&z); }
     DeflateStream(const DeflateStream&) = delete;
     DeflateStream& operator=(const DeflateStream&) = delete;
-
-    // Deflates `size` bytes (all that are left when `last`) into `out`.
-    void pass(unsigned char* in, std::size_t size, bool last, std::vector<unsigned char>& out,
-              ZipOutput& zip) {
-        z.next_in = in;
-        z.avail_in = static_cast<uInt>(size);
-        int status = Z_OK;
-        do {
-            z.next_out = out.data();
-            z.avail_out = static_cast<uInt>(out.size());
-            status = deflate(&z, last ? Z_FINISH : Z_NO_FLUSH);
-            if (status == Z_STREAM_ERROR) throw opc::Exception("deflate failed");
-            zip.writeStreamedData(out.data(), out.size() - z.avail_out);
-        } while (z.avail_out == 0 || (last && status != Z_STREAM_END));
-    }
 };
+
+// Deflates `source` after `dictionary`, finishing the stream when `last`.
+// A fresh stream each time: its output then depends on nothing but these
+// bytes, whichever thread made the piece before.
+std::vector<unsigned char> deflatePiece(const std::vector<unsigned char>& dictionary,
+                                        std::vector<unsigned char>& source, bool last) {
+    DeflateStream stream;
+    z_stream& z = stream.z;
+    if (!dictionary.empty() &&
+        deflateSetDictionary(&z, dictionary.data(), static_cast<uInt>(dictionary.size())) != Z_OK)
+        throw opc::Exception("deflate failed");
+    // The bound holds for a finished stream; a flushed one may need a few
+    // bytes more, hence the loop.
+    std::vector<unsigned char> out(deflateBound(&z, static_cast<uLong>(source.size())) + 64);
+    z.next_in = source.data();
+    z.avail_in = static_cast<uInt>(source.size());
+    std::size_t done = 0;
+    for (;;) {
+        z.next_out = out.data() + done;
+        z.avail_out = static_cast<uInt>(out.size() - done);
+        const int status = deflate(&z, last ? Z_FINISH : Z_SYNC_FLUSH);
+        if (status == Z_STREAM_ERROR) throw opc::Exception("deflate failed");
+        done = out.size() - z.avail_out;
+        if (last ? status == Z_STREAM_END : z.avail_out != 0) break;
+        out.resize(out.size() + 4096);
+    }
+    out.resize(done);
+    out.shrink_to_fit();
+    return out;
+}
 
 }  // namespace
 
@@ -110,43 +133,40 @@ std::vector<unsigned char> readWholeFile(const std::string& path, std::uint64_t 
     std::vector<unsigned char> bytes(static_cast<std::size_t>(expectedSize) + 1);
     const ssize_t got = opc::detail::read_at(fd.get(), bytes.data(), bytes.size(), 0);
     if (got < 0) cannotRead(path, std::strerror(errno));
-    if (static_cast<std::uint64_t>(got) != expectedSize)
-        cannotRead(path, "it changed while the package was written");
+    if (static_cast<std::uint64_t>(got) != expectedSize) changed(path);
     bytes.pop_back();
     return bytes;
 }
 
-std::string streamFile(const std::string& path, const std::string& entryName, bool deflate,
-                       std::uint64_t expectedSize, ZipOutput& out,
-                       const std::function<void(std::uint64_t)>& progress) {
-    const opc::detail::UniqueFd fd = openSource(path, expectedSize);
-    std::vector<unsigned char> piece(kPieceBytes);
-    std::vector<unsigned char> packed(deflate ? kPieceBytes : 0);
-    std::unique_ptr<DeflateStream> stream;
-    if (deflate) stream = std::make_unique<DeflateStream>();
-    tsappinstall::integrity::Sha256 sha;
-    std::uint32_t crc = 0;
-    std::uint64_t done = 0;
-    out.beginStreamedEntry(entryName, deflate, expectedSize);
-    for (;;) {
-        const ssize_t got = opc::detail::read_at(fd.get(), piece.data(), piece.size(), done);
-        if (got < 0) cannotRead(path, std::strerror(errno));
-        const auto size = static_cast<std::size_t>(got);
-        done += size;
-        if (done > expectedSize) cannotRead(path, "it changed while the package was written");
-        sha.update(piece.data(), size);
-        crc = libdeflate_crc32(crc, piece.data(), size);
-        const bool last = size < piece.size();
-        if (stream)
-            stream->pass(piece.data(), size, last, packed, out);
-        else
-            out.writeStreamedData(piece.data(), size);
-        progress(size);
-        if (last) break;
+EncodedPart encodePiece(const std::string& path, std::uint64_t fileSize, std::uint64_t offset,
+                        bool deflate) {
+    const opc::detail::UniqueFd fd = openSource(path, fileSize);
+    const auto size = static_cast<std::size_t>(std::min(kPieceBytes, fileSize - offset));
+    const bool last = offset + size == fileSize;
+    // One byte more than planned after the last piece shows a file that
+    // grew since.
+    std::vector<unsigned char> bytes(size + (last ? 1 : 0));
+    const ssize_t got = opc::detail::read_at(fd.get(), bytes.data(), bytes.size(), offset);
+    if (got < 0) cannotRead(path, std::strerror(errno));
+    if (static_cast<std::size_t>(got) != size) changed(path);
+    bytes.resize(size);
+    EncodedPart piece;
+    piece.size = size;
+    piece.crc = libdeflate_crc32(0, bytes.data(), size);
+    piece.deflated = deflate;
+    if (!deflate) {
+        piece.data = std::move(bytes);
+        return piece;
     }
-    if (done != expectedSize) cannotRead(path, "it changed while the package was written");
-    out.endStreamedEntry(crc, done);
-    return sha.finishHex();
+    const std::size_t window =
+        static_cast<std::size_t>(std::min<std::uint64_t>(offset, kWindowBytes));
+    std::vector<unsigned char> dictionary(window);
+    if (opc::detail::read_at(fd.get(), dictionary.data(), window, offset - window) !=
+        static_cast<ssize_t>(window))
+        changed(path);
+    piece.data = deflatePiece(dictionary, bytes, last);
+    piece.source = std::move(bytes);
+    return piece;
 }
 
 }  // namespace opc::zippackage::detail

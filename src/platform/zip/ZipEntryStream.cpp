@@ -47,6 +47,7 @@ std::size_t ZipEntryStream::readSome(unsigned char* buffer, std::size_t size) {
 void ZipEntryStream::checkComplete() {
     unsigned char probe;
     if (readSome(&probe, 1) != 0) fail("it holds more bytes than its declared size");
+    if (inflater_) crc_ = inflater_->crc32();
     if (crc_ != entry_.crc32) fail("its CRC-32 does not match (the data is damaged)");
     finished_ = true;
 }
@@ -62,7 +63,9 @@ std::size_t ZipEntryStream::read(unsigned char* buffer, std::size_t size) {
     const std::size_t n = readSome(buffer, wanted);
     if (n == 0) fail("it holds fewer bytes than its declared size");
     count_ += n;
-    crc_ = libdeflate_crc32(crc_, buffer, n);
+    // The inflater keeps the CRC-32 of what it decodes while the bytes are
+    // still in cache; a second pass here cost more than it did.
+    if (!inflater_) crc_ = libdeflate_crc32(crc_, buffer, n);
     if (count_ == entry_.size) checkComplete();
     return n;
 }

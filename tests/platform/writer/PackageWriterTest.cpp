@@ -67,9 +67,10 @@ TEST(PackageWriter, WritesContentTypesRelationshipsAndPartsBytes) {
     EXPECT_EQ(z.get16(z.centralHeader("bin/run") + 10), 0);  // deflate would not shrink it
 }
 
-// A big file is streamed in pieces, with a progress step for each; the rest
-// are compressed on several threads. The bytes must not depend on how many,
-// and a source that vanishes fails the commit leaving nothing behind.
+// A big file is cut into pieces, compressed on several threads like the
+// small files and joined into one entry, with a progress step for each
+// piece. The bytes must not depend on how many threads, and a source that
+// vanishes fails the commit leaving nothing behind.
 TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
     TempDir dir;
     std::string big;
@@ -78,8 +79,10 @@ TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
     std::uint32_t state = 7;
     for (char& c : noise) c = static_cast<char>((state = state * 1103515245u + 12345u) >> 24);
     write_file(dir.file("big.txt"), big);
+    const std::string whole = big.substr(0, 17u << 20);  // ends on a piece's end
+    write_file(dir.file("whole.txt"), whole);
     write_file(dir.file("noise.bin"), noise);
-    std::uint64_t total = big.size() + noise.size();
+    std::uint64_t total = big.size() + whole.size() + noise.size();
     for (int i = 0; i < 40; ++i) {
         write_file(dir.file("f" + std::to_string(i)), std::string(i * 997, 'a' + i % 26));
         total += i * 997;
@@ -93,6 +96,8 @@ TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
             writer.setProgress(
                 [steps](std::uint64_t done, std::uint64_t) { steps->push_back(done); });
         writer.addPartFromFile("big.txt", "text/plain", dir.file("big.txt"));
+        writer.addPartFromFile("whole.txt", "text/plain", dir.file("whole.txt"),
+                               PackageWriter::Compression::Stored);
         writer.addPartFromFile("noise.bin", "application/octet-stream", dir.file("noise.bin"));
         for (int i = 0; i < 40; ++i)
             writer.addPartFromFile("d/f" + std::to_string(i), "text/plain",
@@ -105,10 +110,14 @@ TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
     const std::string one = pack("1.tsappinstall", 1, &steps);
     EXPECT_TRUE(one == pack("4.tsappinstall", 4));
     EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end()));
-    EXPECT_GE(steps.size(), 17u + 41u);
+    EXPECT_GE(steps.size(), 18u + 17u + 41u);
     EXPECT_EQ(steps.back(), total);
     EXPECT_TRUE(zip_item(dir.file("1.tsappinstall"), "big.txt") == big);
+    EXPECT_TRUE(zip_item(dir.file("1.tsappinstall"), "whole.txt") == whole);
     ZipPatcher z(dir.file("1.tsappinstall"));
+    EXPECT_EQ(z.get16(z.centralHeader("big.txt") + 10), 8);
+    EXPECT_EQ(z.get16(z.centralHeader("whole.txt") + 10), 0);
+    EXPECT_LT(z.get32(z.centralHeader("big.txt") + 20), big.size() / 4);
     EXPECT_EQ(z.get16(z.centralHeader("noise.bin") + 10), 0);  // deflate would not shrink it
     tsappinstall::integrity::Sha256 sha;
     sha.update(big.data(), big.size());
@@ -118,5 +127,5 @@ TEST(PackageWriterConcurrency, SameBytesForAnyNumberOfJobs) {
 
     fs::remove(dir.file("f3"));
     EXPECT_THROW(pack("gone.tsappinstall", 2), opc::Exception);
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 43);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 44);
 }
