@@ -19,7 +19,7 @@ mkdir "$keys"
 bash "$source/tests/consumer/make-keys.sh" "$keys" >/dev/null 2>&1
 
 expected="Hello Tessal 1.2.0
-published index 1 with 1 package(s)
+published an index of 1 package(s)
 installed Hello Tessal 1.2.0 from main"
 
 # Runs one build of the consumer in a fresh work folder and holds its
