@@ -47,3 +47,30 @@ table() {
       "$(ratio "${cpu[$tool]}" "${cpu[$base]}")" "$((mem[$tool] / 1024))"
   done
 }
+
+# bench_files FOLDER [SEED [ONLY]]: the install benchmarks' 2,000 files of
+# 100 KB (one in seven incompressible, the rest words), the same bytes on
+# every machine. A SEED other than 0 changes them, every file or file ONLY
+# alone; the random draws stay the same, so the others keep their bytes.
+bench_files() {
+  python3 - "$@" <<'PY'
+import os, random, sys
+root, seed = sys.argv[1], int(sys.argv[2]) if len(sys.argv) > 2 else 0
+only = int(sys.argv[3]) if len(sys.argv) > 3 else None
+random.seed(7)
+words = [("w%d" % i).encode() for i in range(5000)]
+for i in range(2000):
+    folder = os.path.join(root, "d%02d" % (i % 40))
+    os.makedirs(folder, exist_ok=True)
+    size = 100 * 1024
+    if i % 7 == 0:
+        data = random.randbytes(size)
+    else:
+        data = b" ".join(random.choice(words) for _ in range(size // 5))[:size]
+    if seed and (only is None or i == only):
+        data = bytes((b + seed) & 0xFF for b in data) if i % 7 == 0 else data.replace(b"w", b"v" * seed)[:size]
+    if only is None or i == only:
+        with open(os.path.join(folder, "f%04d.txt" % i), "wb") as f:
+            f.write(data)
+PY
+}

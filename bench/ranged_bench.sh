@@ -58,28 +58,7 @@ host=(--host-release 2026.2 --platform linux-x86_64 --product tessal.core=2026.1
 
 # The app's three versions, packed from one folder changed in place.
 cp -r "$here/../sample/app" "$work/src"
-write_files() {  # write_files SEED [ONLY]: the 2,000 files, or file ONLY of them
-  python3 - "$work/src/files" "$@" <<'PY'
-import os, random, sys
-root, seed = sys.argv[1], int(sys.argv[2])
-only = int(sys.argv[3]) if len(sys.argv) > 3 else None
-random.seed(7)
-words = [("w%d" % i).encode() for i in range(5000)]
-for i in range(2000):
-    folder = os.path.join(root, "d%02d" % (i % 40))
-    os.makedirs(folder, exist_ok=True)
-    size = 100 * 1024
-    if i % 7 == 0:
-        data = random.randbytes(size)
-    else:
-        data = b" ".join(random.choice(words) for _ in range(size // 5))[:size]
-    if seed and (only is None or i == only):
-        data = bytes((b + seed) & 0xFF for b in data) if i % 7 == 0 else data.replace(b"w", b"v" * seed)[:size]
-    if only is None or i == only:
-        with open(os.path.join(folder, "f%04d.txt" % i), "wb") as f:
-            f.write(data)
-PY
-}
+write_files() { bench_files "$work/src/files" "$@"; }  # write_files SEED [ONLY]
 pack() {  # pack VERSION
   sed -i "s/\"version\": \"[^\"]*\"/\"version\": \"$1\"/" "$work/src/tsapp.json"
   SOURCE_DATE_EPOCH=1767225600 "$tsapp" pack "$work/src" --guid "$guid" \

@@ -18,9 +18,7 @@ tsapp=$(cd "$build/tools" && pwd)/tsapp
 work=$(mktemp -d "${TSAPP_BENCH_DIR:-/dev/shm}/tsapp-store-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 here=$(cd "$(dirname "$0")" && pwd)
-
-median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2fx", a / b}'; }
+source "$here/bench_lib.sh"
 
 # timed NAME PREPARE COMMAND: runs PREPARE then times COMMAND, $runs times;
 # sets med[NAME] in seconds, to the microsecond (the ratios compare runs of
@@ -51,22 +49,7 @@ timed_pair() {
 
 # The app: the sample's manifest and icons, 200 MB of deterministic files.
 cp -r "$here/../sample/app" "$work/src"
-python3 - "$work/src/files" <<'PY'
-import os, random, sys
-random.seed(7)
-root = sys.argv[1]
-words = [("w%d" % i).encode() for i in range(5000)]
-for i in range(2000):
-    folder = os.path.join(root, "d%02d" % (i % 40))
-    os.makedirs(folder, exist_ok=True)
-    size = 100 * 1024
-    if i % 7 == 0:
-        data = random.randbytes(size)
-    else:
-        data = b" ".join(random.choice(words) for _ in range(size // 5))[:size]
-    with open(os.path.join(folder, "f%04d.txt" % i), "wb") as f:
-        f.write(data)
-PY
+bench_files "$work/src/files"
 pkg=$work/app.tsappinstall
 "$tsapp" pack "$work/src" --guid 0123abcd-0000-4000-8000-0000000000be -o "$pkg" >/dev/null
 echo "package: $(du -m "$pkg" | cut -f1) MB, $(unzip -Z1 "$pkg" | wc -l) entries;$(uptime | sed 's/.*load/ load/')"
