@@ -40,15 +40,28 @@ class PartialFile {
     PartialFile(const FileOps& ops, int folder, std::string name, fs::path shown,
                 bool append = true)
         : ops_(ops), folder_(folder), name_(std::move(name)), path_(std::move(shown)) {
+        // Something else under the name (a link, a folder, a FIFO) holds no
+        // bytes of a download: it is removed, once, and never followed.
+        bool cleared = false;
         for (;;) {
-            OpsFd fd(ops_,
-                     ops_.openat(folder_, name_.c_str(),
-                                 O_RDWR | O_CREAT | (append ? O_APPEND : 0) | O_NOFOLLOW, 0600));
+            OpsFd fd(ops_, ops_.openat(
+                               folder_, name_.c_str(),
+                               O_RDWR | O_CREAT | O_NONBLOCK | (append ? O_APPEND : 0) | O_NOFOLLOW,
+                               0600));
+            if (!fd && !cleared && (errno == ELOOP || errno == EISDIR)) {
+                cleared = clear();
+                continue;
+            }
             if (!fd) failOn(FaultKind::CannotWrite, "cannot create", path_);
-            while (ops_.flock(fd.get(), LOCK_EX) != 0)
-                if (errno != EINTR) failOn(FaultKind::CannotWrite, "cannot lock", path_);
             struct stat held {
             }, named{};
+            if (ops_.fstat(fd.get(), &held) == 0 && !S_ISREG(held.st_mode) && !cleared) {
+                fd.reset();
+                cleared = clear();
+                continue;
+            }
+            while (ops_.flock(fd.get(), LOCK_EX) != 0)
+                if (errno != EINTR) failOn(FaultKind::CannotWrite, "cannot lock", path_);
             if (ops_.fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode))
                 throw Error(FaultKind::CannotWrite, path_.string() + " is not a regular file");
             if (ops_.lstatat(folder_, name_.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
@@ -74,8 +87,7 @@ class PartialFile {
             failOn(FaultKind::CannotWrite, "cannot write", path_);
     }
     void writeAt(std::uint64_t offset, const char* data, std::size_t size) const {
-        if (::lseek(fd_.get(), static_cast<off_t>(offset), SEEK_SET) < 0 ||
-            ops_.writeAll(fd_.get(), data, size) != 0)
+        if (ops_.writeAllAt(fd_.get(), data, size, static_cast<off_t>(offset)) != 0)
             failOn(FaultKind::CannotWrite, "cannot write", path_);
     }
     void remove() const { ops_.unlinkat(folder_, name_.c_str(), 0); }
@@ -92,6 +104,14 @@ class PartialFile {
     }
 
   private:
+    // True whatever happens: a second try that finds the name still taken
+    // fails as it would have.
+    bool clear() const {
+        if (ops_.unlinkat(folder_, name_.c_str(), 0) != 0 && errno == EISDIR)
+            ops_.unlinkat(folder_, name_.c_str(), AT_REMOVEDIR);
+        return true;
+    }
+
     const FileOps& ops_;
     int folder_;
     std::string name_;

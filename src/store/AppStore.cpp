@@ -718,8 +718,12 @@ struct AppStore::Impl {
             makeFolder(ops, apps.get(), version.guid, shown("apps/" + version.guid));
             std::optional<Replaced> replaced;
             if (existing)
-                replaced = Replaced{apps.get(), existing->folder, shown("apps/" + existing->folder),
-                                    existing->version.version, records->files(existing->id)};
+                replaced = Replaced{apps.get(),
+                                    existing->folder,
+                                    shown("apps/" + existing->folder),
+                                    existing->version.version,
+                                    records->files(existing->id),
+                                    records->stamps(existing->id)};
             unpacked = unpack(opened->package(), folderOf(relative), installOptions, selector,
                               replaced ? &*replaced : nullptr);
             checkUnpackedManifest(opened->package(), unpacked.files, manifestSha256);
@@ -743,8 +747,7 @@ struct AppStore::Impl {
             entry.newVersion = version.version;
             entry.forced = version.forced;
             entry.signerChanged = existing && replacesSigner(existing->version, entry.signer);
-            commitInstall(version, relative, unpacked.files, pendingId, installOptions.purge,
-                          entry);
+            commitInstall(version, relative, unpacked, pendingId, installOptions.purge, entry);
         } catch (...) {
             settleAfterFailure();
             throw;
@@ -827,12 +830,13 @@ struct AppStore::Impl {
     // The version replaced is the first kept, whatever its age: after a
     // forced rollback a newer one may stand before it.
     void commitInstall(const InstalledVersion& version, const std::string& relative,
-                       const std::vector<InstalledFile>& files, std::int64_t pendingId, bool purge,
+                       const Unpacked& unpacked, std::int64_t pendingId, bool purge,
                        const HistoryEntry& entry) {
         Transaction transaction(*db);
         records->addHistory(entry);
         const auto replaced = records->currentId(version.guid);
-        const std::int64_t id = records->addVersion(version, relative, files);
+        const std::int64_t id =
+            records->addVersion(version, relative, unpacked.files, unpacked.stamps);
         records->setCurrent(version.guid, id);
         records->dropPending(pendingId);
         std::vector<VersionRow> older = records->versionsOf(version.guid);  // newest first

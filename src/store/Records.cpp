@@ -140,6 +140,17 @@ std::vector<InstalledFile> Records::files(std::int64_t version) const {
     return files;
 }
 
+FileStamps Records::stamps(std::int64_t version) const {
+    Statement s(db_,
+                "SELECT path, inode, modified_ns FROM files WHERE version_id = ? AND inode != 0");
+    s.bind(1, version);
+    FileStamps stamps;
+    while (s.step())
+        stamps.emplace(s.text(0),
+                       FileStamp{static_cast<std::uint64_t>(s.integer(1)), s.integer(2)});
+    return stamps;
+}
+
 std::vector<PendingRow> Records::pending() const {
     Statement s(db_, "SELECT id, action, guid, folder, purge FROM pending ORDER BY id");
     std::vector<PendingRow> rows;
@@ -151,7 +162,8 @@ std::vector<PendingRow> Records::pending() const {
 }
 
 std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& folder,
-                                 const std::vector<InstalledFile>& files) {
+                                 const std::vector<InstalledFile>& files,
+                                 const FileStamps& stamps) {
     Statement s(db_,
                 "INSERT INTO versions(guid, name, version, folder, package, package_sha256, "
                 "signer_subject, signer_fingerprint, installed_at, host_profile, forced, "
@@ -165,10 +177,15 @@ std::int64_t Records::addVersion(const InstalledVersion& v, const std::string& f
     s.run();
     const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
     Statement file(db_,
-                   "INSERT INTO files(version_id, path, size, mode, sha256) VALUES(?, ?, ?, ?, ?)");
+                   "INSERT INTO files(version_id, path, size, mode, sha256, inode, modified_ns) "
+                   "VALUES(?, ?, ?, ?, ?, ?, ?)");
     for (const InstalledFile& f : files) {
+        const auto stamp = stamps.find(f.path);
+        const FileStamp none;
+        const FileStamp& st = stamp == stamps.end() ? none : stamp->second;
         file.bind(1, id).bind(2, f.path).bind(3, static_cast<std::int64_t>(f.size));
         file.bind(4, static_cast<std::int64_t>(f.mode)).bind(5, f.sha256);
+        file.bind(6, static_cast<std::int64_t>(st.inode)).bind(7, st.modifiedNs);
         file.run();
         file.reset();
     }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -53,6 +54,20 @@ struct KeptRow {
     std::string version;
 };
 
+// What fstat() said of an installed file when its record was made. While
+// the file at its path still has the same inode, modification time, size
+// and mode, an upgrade takes the recorded digest for its content rather
+// than reading it all again. Only a file last written before a moment the
+// file system stamped after it carries one (a change within the same tick
+// of its clock would keep the time), so whatever writes the file later
+// moves its time off the record, unless it sets the time back on purpose,
+// which `audit`, reading every byte, still finds. Zero: none.
+struct FileStamp {
+    std::uint64_t inode = 0;
+    std::int64_t modifiedNs = 0;
+};
+using FileStamps = std::unordered_map<std::string, FileStamp>;  // by path
+
 class Records {
   public:
     explicit Records(const Database& db) : db_(db) {}
@@ -72,12 +87,13 @@ class Records {
     // Every app's GUID and its current version's folder.
     std::vector<std::pair<std::string, std::string>> currentFolders() const;
     std::vector<InstalledFile> files(std::int64_t version) const;
+    FileStamps stamps(std::int64_t version) const;
     std::vector<PendingRow> pending() const;
 
     // Writers: each its own statement, inside the caller's transaction
     // or, outside one, committed at once.
     std::int64_t addVersion(const InstalledVersion& version, const std::string& folder,
-                            const std::vector<InstalledFile>& files);
+                            const std::vector<InstalledFile>& files, const FileStamps& stamps);
     void setCurrent(const std::string& guid, std::int64_t version);
     void dropVersion(std::int64_t id);
     void retireVersion(std::int64_t id);

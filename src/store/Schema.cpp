@@ -140,6 +140,13 @@ CREATE TABLE history(
 CREATE INDEX history_by_guid ON history(guid);
 )sql",
      nullptr},
+    // Each file's inode and modification time as it was recorded (Records.hpp,
+    // FileStamp); files recorded before have none and are read in full.
+    {R"sql(
+ALTER TABLE files ADD COLUMN inode INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE files ADD COLUMN modified_ns INTEGER NOT NULL DEFAULT 0;
+)sql",
+     nullptr},
 };
 
 constexpr int kKnown = static_cast<int>(std::size(migrations));

@@ -8,7 +8,7 @@
 namespace tsappinstall::store::detail {
 
 // The schema this code reads and writes (PRAGMA user_version).
-inline constexpr int kSchemaVersion = 5;
+inline constexpr int kSchemaVersion = 6;
 
 // The signature part a version's folder (relative to ROOT/apps) holds, as
 // it was unpacked; empty when there is none that can be read.

@@ -91,10 +91,21 @@ class KnownDigests {
 // on one core.
 class LandedFiles {
   public:
-    void add(const PartName& part, const std::string& path, std::uint64_t size, unsigned mode) {
-        InstalledFile file{path, size, mode, {}};
+    void add(const PartName& part, const std::string& path,
+             const opc::extraction::LandedFile& landed) {
+        InstalledFile file{path, landed.size, landed.mode, {}};
         const std::lock_guard<std::mutex> lock(mutex_);
         files_.emplace_back(part, std::move(file));
+        if (landed.inode != 0) stamps_.emplace(path, FileStamp{landed.inode, landed.modifiedNs});
+    }
+
+    // The stamps of the files last written before `now`, a time the file
+    // system itself gave after every file landed.
+    FileStamps stamps(std::int64_t now) {
+        FileStamps stamps = std::move(stamps_);
+        for (auto at = stamps.begin(); at != stamps.end();)
+            at = at->second.modifiedNs < now ? std::next(at) : stamps.erase(at);
+        return stamps;
     }
 
     // Every landed file's record, by path, with its digest as known or, for
@@ -133,7 +144,18 @@ class LandedFiles {
 
     std::mutex mutex_;
     std::vector<std::pair<PartName, InstalledFile>> files_;
+    FileStamps stamps_;
 };
+
+// The file system's present time, as it would stamp a change made now to
+// `folder` (the new version's own, whose time nothing else reads); nullopt
+// when it cannot be had, and then no file is stamped.
+std::optional<std::int64_t> fileSystemNow(const std::filesystem::path& folder, const FileOps& ops) {
+    const OpsFd dir(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat info {};
+    if (!dir || ops.touch(dir.get()) != 0 || ops.fstat(dir.get(), &info) != 0) return std::nullopt;
+    return static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+}
 
 std::string octal(unsigned mode) {
     char text[8];
@@ -155,8 +177,9 @@ class TakeFromReplaced {
     }
 
     // The parts the package file leaves out, by ZIP entry name: each must
-    // be taken, so each is looked at now (all but its bytes, read as it is
-    // taken), and every one that cannot be taken is named at once.
+    // be taken, so each is held against the records now, and every one
+    // that cannot be taken by them is named at once; its file is looked at
+    // as it is taken.
     void expectAbsent(opc::model::Package& package, const std::set<std::string>& entries) {
         std::vector<std::string> lines;
         for (const std::string& entry : entries) {
@@ -168,7 +191,7 @@ class TakeFromReplaced {
                 } else {
                     const std::string path =
                         opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
-                    why = problem(part, path, nullptr);
+                    why = problem(part, path);
                     absent_.insert(part.ascii());
                 }
             } catch (const opc::Exception& e) {
@@ -203,9 +226,10 @@ class TakeFromReplaced {
     }
 
     // Why the replaced version's file at `path` is not the part's; empty
-    // when it is. With `file`, the file is read and hashed, and left open
+    // when it is. Without `file`, by the records alone; with it, the file
+    // is looked at, read and hashed unless its stamp holds, and left open
     // in it.
-    std::string problem(const PartName& part, const std::string& path, OpsFd* file,
+    std::string problem(const PartName& part, const std::string& path, OpsFd* file = nullptr,
                         std::string* sha256 = nullptr) const {
         const auto record = records_.find(path);
         if (record == records_.end()) return "it holds no file " + path;
@@ -214,9 +238,9 @@ class TakeFromReplaced {
         if (!listed) return "the package's digest list does not list it";
         if (*listed != recorded.sha256)
             return "the package's digest for it differs from its record";
+        if (!file) return {};
         const std::string shown = replaced_.shownFolder + "/" + path;
-        OpsFd own;
-        OpsFd& opened = file ? *file : own;
+        OpsFd& opened = *file;
         opened =
             OpsFd(ops_, ops_.openBeneath(replaced_.apps, (replaced_.folder + "/" + path).c_str(),
                                          O_RDONLY | O_NONBLOCK));
@@ -236,13 +260,24 @@ class TakeFromReplaced {
         if ((info.st_mode & 07777) != recorded.mode)
             return shown + " changed (mode " + octal(info.st_mode & 07777) + ", recorded " +
                    octal(recorded.mode) + ")";
-        if (!file) return {};
+        if (stillAsStamped(path, info)) {
+            *sha256 = recorded.sha256;
+            return {};
+        }
         const integrity::FileSha256 read = integrity::sha256OfFile(ops_, opened.get());
         if (read.error) return shown + " cannot be read: " + std::strerror(read.error);
         if (read.hex != recorded.sha256 || read.size != recorded.size)
             return shown + " changed (its content differs from its record)";
-        if (sha256) *sha256 = read.hex;
+        *sha256 = read.hex;
         return {};
+    }
+
+    bool stillAsStamped(const std::string& path, const struct stat& info) const {
+        const auto stamp = replaced_.stamps.find(path);
+        return stamp != replaced_.stamps.end() && stamp->second.inode == info.st_ino &&
+               stamp->second.modifiedNs ==
+                   static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 +
+                       info.st_mtim.tv_nsec;
     }
 
     const Replaced& replaced_;
@@ -263,8 +298,10 @@ opc::extraction::Options extractionOptions(const InstallOptions& options, Landed
     // and a version may share a file with the one before it (a link),
     // which a write through either name would change in both.
     extraction.fileMode = 0444;
-    extraction.landed = [&landed](const PartName& part, const std::string& path, std::uint64_t size,
-                                  unsigned mode) { landed.add(part, path, size, mode); };
+    extraction.landed = [&landed](const PartName& part, const std::string& path,
+                                  const opc::extraction::LandedFile& file) {
+        landed.add(part, path, file);
+    };
     return extraction;
 }
 
@@ -315,6 +352,7 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     Unpacked unpacked;
     const KnownDigests digests(result.digests ? &*result.digests : nullptr, &hashing.hashes());
     unpacked.files = landed.records(digests, folder, ops);
+    if (const auto now = fileSystemNow(folder, ops)) unpacked.stamps = landed.stamps(*now);
     unpacked.leftAside = std::move(result.leftAside);
     if (take) {
         unpacked.takenFiles = take->files();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Records.hpp"
 #include "tsappinstall/platform/extract/Extraction.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 #include "tsappinstall/store/AppStore.hpp"
@@ -23,11 +24,13 @@ struct Replaced {
     std::string shownFolder;  // as errors name it
     std::string version;      // "1.2.0"
     std::vector<InstalledFile> files;
+    FileStamps stamps;
 };
 
 struct Unpacked {
     std::vector<InstalledFile> files;  // by path
-    std::uint64_t takenFiles = 0;      // taken from the replaced version
+    FileStamps stamps;
+    std::uint64_t takenFiles = 0;  // taken from the replaced version
     std::uint64_t takenBytes = 0;
     std::string signerSubject;         // when a signature was verified
     std::string signerFingerprint;     // of its certificate
@@ -41,7 +44,8 @@ struct Unpacked {
 // for what the extraction itself refuses; either way `folder` is not there
 // afterwards. A part is taken from `replaced` when the package's digest
 // list gives it the digest recorded there for the same path and the file
-// there still is what was recorded (size, mode and SHA-256, read now).
+// there still is what was recorded (size, mode, and its SHA-256 read now
+// unless its stamp still holds).
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
                 const InstallOptions& options, const opc::FileSystemOpsSelector& ops,
                 const Replaced* replaced = nullptr);

@@ -409,6 +409,23 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
     EXPECT_EQ(read_file(downloads + "/" + resumed), whole);
     EXPECT_EQ(filesIn(downloads), std::vector<std::string>{resumed});
     EXPECT_EQ(resumed.substr(resumed.size() - hello.file.size() - 1), "-" + hello.file);
+
+    // A partial file's name taken by a link (to a file elsewhere), a folder
+    // or a FIFO: that is no download of ours; it goes, the file it points
+    // at untouched, and the download starts afresh.
+    fs::remove(downloads + "/" + resumed);
+    const std::string elsewhere = published.dir.file("elsewhere");
+    write_file(elsewhere, "theirs");
+    for (const auto& plant : std::vector<std::function<void()>>{
+             [&] { fs::create_symlink(elsewhere, part); }, [&] { fs::create_directory(part); },
+             [&] { ASSERT_EQ(::mkfifo(part.c_str(), 0600), 0); }}) {
+        plant();
+        const fs::path fetched = secure.download(hello, downloads);
+        EXPECT_EQ(read_file(fetched), whole);
+        fs::remove(fetched);
+        EXPECT_TRUE(filesIn(downloads).empty());
+    }
+    EXPECT_EQ(read_file(elsewhere), "theirs");
 }
 
 // A reader that comes while the publisher renames the signature and the

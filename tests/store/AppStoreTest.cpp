@@ -2,6 +2,7 @@
 // an apps root and its records, what they refuse and with which words, and
 // that a root whose database is damaged or newer is never touched.
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -257,6 +258,23 @@ TEST_F(Store, UpgradesTakeUnchangedFilesFromTheVersionTheyReplace) {
               read_file((fresh.show(kGuid).current.folder / "icon.png").string()));
     EXPECT_EQ(read_file((was / "files/main.js").string()), "mine\n");
     EXPECT_EQ(read_file(main.string()), "mine\n");
+
+    // An upgrade reads a file again only when its inode, time, size or mode
+    // moved since its record. Written in place and its time set back on
+    // purpose, the icon is taken as recorded; audit, reading every byte,
+    // names it all the same.
+    const fs::path icon = now / "icon.png";
+    struct stat stamped {};
+    ASSERT_EQ(::stat(icon.c_str(), &stamped), 0);
+    fs::permissions(icon, fs::perms::owner_write, fs::perm_options::add);
+    std::string content = read_file(icon.string());
+    content[0] = static_cast<char>(content[0] ^ 1);
+    write_file(icon.string(), content);
+    fs::permissions(icon, fs::perms(0444));
+    const struct timespec times[2] = {stamped.st_atim, stamped.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, icon.c_str(), times, 0), 0);
+    EXPECT_EQ(apps.install(v("1.5.0"), fittingHost()).takenFiles, same);
+    EXPECT_EQ(findings(apps.audit(kGuid)).rfind("modified icon.png (content differs)\n", 0), 0u);
 }
 
 // A package that leaves entries out (holes, here zeros) installs only by
@@ -715,6 +733,7 @@ TEST_F(Store, MigratesOlderRecords) {
         "ALTER TABLE versions DROP COLUMN signer_key; " +
         "ALTER TABLE versions DROP COLUMN rotated_from; " +
         "ALTER TABLE versions DROP COLUMN retired; DROP TABLE kept; " + "DROP TABLE history; " +
+        "ALTER TABLE files DROP COLUMN inode; ALTER TABLE files DROP COLUMN modified_ns; " +
         "INSERT INTO pending(action, guid, folder, purge) VALUES('purge', '" + kGuid + "', '" +
         kGuid + "/v1.0-old', 0); " + "INSERT INTO state VALUES('app-repository', '" + kGuid +
         "', '{\"name\":\"main\"}'); PRAGMA user_version = 1";
@@ -746,7 +765,7 @@ TEST_F(Store, LeavesADamagedOrNewerDatabaseAlone) {
     EXPECT_EQ(
         refusal([&] { AppStore apps(root()); }),
         "the database " + dir.file("root/store.db") +
-            " has schema version 7, newer than this program knows (5); it was left as it is\n");
+            " has schema version 7, newer than this program knows (6); it was left as it is\n");
     EXPECT_EQ(read_file(dir.file("root/store.db")), newer);
 
     fs::remove(dir.file("root/store.db-wal"));

@@ -22,4 +22,20 @@ inline int write_all(int fd, const void* data, std::size_t size) {
     return 0;
 }
 
+// pwrite() of all `size` bytes at `offset`, as write_all(); the file's
+// offset stays where it was.
+inline int write_all_at(int fd, const void* data, std::size_t size, off_t offset) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = ::pwrite(fd, bytes, size, offset);
+        if (written < 0 && errno == EINTR) continue;
+        if (written == 0) errno = EIO;
+        if (written <= 0) return -1;
+        bytes += written;
+        offset += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return 0;
+}
+
 }  // namespace opc::detail

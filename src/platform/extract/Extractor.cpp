@@ -89,6 +89,12 @@ class ProgressCount {
     std::size_t partsDone_ = 0;
 };
 
+extraction::LandedFile landedFile(const struct stat& info) {
+    return {static_cast<std::uint64_t>(info.st_size), info.st_mode & 07777u,
+            static_cast<std::uint64_t>(info.st_ino),
+            static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+}
+
 // Writes each part the read of the package pours into it into its staged
 // file and shows it to the observer; the content types are no file. One
 // per thread of the extraction.
@@ -136,9 +142,7 @@ class ExtractionSink : public model::ItemSink {
                                                      detail::joinSegments(*path_) +
                                                      "\": " + std::strerror(errno));
         staging_.endFile(std::move(file_), *path_);
-        if (landed_)
-            landed_(part_->getPartName(), detail::joinSegments(*path_),
-                    static_cast<std::uint64_t>(info.st_size), info.st_mode & 07777);
+        if (landed_) landed_(part_->getPartName(), detail::joinSegments(*path_), landedFile(info));
         if (observer_) observer_->end();
         progress_.add(std::exchange(unreported_, 0), 1);
     }
@@ -155,9 +159,7 @@ class ExtractionSink : public model::ItemSink {
         const detail::OpsFd source(ops_, offered.fd);
         struct stat info {};
         staging_.stageFrom(*path_, source.get(), info);
-        if (landed_)
-            landed_(name, detail::joinSegments(*path_), static_cast<std::uint64_t>(info.st_size),
-                    info.st_mode & 07777);
+        if (landed_) landed_(name, detail::joinSegments(*path_), landedFile(info));
         if (observer_) observer_->taken(name, offered.sha256);
         progress_.add(static_cast<std::uint64_t>(info.st_size), 1);
         return true;

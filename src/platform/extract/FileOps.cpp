@@ -144,6 +144,11 @@ int FileOps::writeAll(int fd, const void* data, std::size_t size) const {
     return made(FileCall::Write, write_all(fd, data, size));
 }
 
+int FileOps::writeAllAt(int fd, const void* data, std::size_t size, off_t offset) const {
+    if (failed(FileCall::Write)) return -1;
+    return made(FileCall::Write, write_all_at(fd, data, size, offset));
+}
+
 int FileOps::fsync(int fd) const {
     if (failed(FileCall::Fsync)) return -1;
     return made(FileCall::Fsync, ::fsync(fd));
@@ -216,6 +221,11 @@ void FileOps::madeElsewhere(FileCall call) const {
 int FileOps::ftruncate(int fd, off_t size) const {
     if (failed(FileCall::Write)) return -1;
     return made(FileCall::Write, ::ftruncate(fd, size));
+}
+
+int FileOps::touch(int fd) const {
+    if (failed(FileCall::Write)) return -1;
+    return made(FileCall::Write, ::futimens(fd, nullptr));
 }
 
 int FileOps::cloneFile(int dest, int source) const {

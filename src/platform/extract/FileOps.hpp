@@ -71,6 +71,7 @@ class FileOps {
     int unlinkat(int dir, const char* name, int flags) const;
     // Writes everything, retrying short writes and EINTR; 0 or -1.
     int writeAll(int fd, const void* data, std::size_t size) const;
+    int writeAllAt(int fd, const void* data, std::size_t size, off_t offset) const;
     int fsync(int fd) const;
     int close(int fd) const;
     // fstatat() without following a final symbolic link.
@@ -89,6 +90,9 @@ class FileOps {
     long readlinkat(int dir, const char* name, char* buffer, std::size_t size) const;
     // ftruncate(), a Write: it changes the file's bytes as a write does.
     int ftruncate(int fd, off_t size) const;
+    // futimens() to the present, a Write: the file system's own clock,
+    // at its own granularity, on a file of ours.
+    int touch(int fd) const;
     // ioctl(FICLONE): `dest` gets the bytes of `source` as blocks both
     // share until either is written, where the file system can.
     int cloneFile(int dest, int source) const;

@@ -183,41 +183,72 @@ OpsFd StagedExtraction::beginFile(const FileSegments& path) {
 // Under stagingMutex_: the folder a file is staged in, and its name there,
 // are valid only while the lock is held.
 OpsFd StagedExtraction::createFile(const FileSegments& path, int* dirFdOut, std::string* nameOut) {
-    if (path.empty()) fail("a part has no file name", Reason::BadPath);
-    reservePath(path);
-    StagedFile file{path, checkTarget(path)};
-    // A new destination is staged as the tree it becomes; files for an
-    // existing one wait flat in the staging folder inside it.
-    const int dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
-    const std::string name = fresh() ? path.back() : stagedName(staged_.size());
+    int dirFd = -1;
+    std::string name;
+    const StagedFile file = reserveFile(path, &dirFd, &name);
     OpsFd out(ops_, ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
                                 fileMode_));
     if (!out) failErrno("cannot create a file in the destination");
     staged_.push_back(file);
     if (dirFdOut) *dirFdOut = dirFd;
-    if (nameOut) *nameOut = name;
+    if (nameOut) *nameOut = std::move(name);
     return out;
+}
+
+// Under stagingMutex_, as createFile(): where the file goes, to be put on
+// the staged list once it is there.
+StagedExtraction::StagedFile StagedExtraction::reserveFile(const FileSegments& path, int* dirFd,
+                                                           std::string* name) {
+    if (path.empty()) fail("a part has no file name", Reason::BadPath);
+    reservePath(path);
+    StagedFile file{path, checkTarget(path)};
+    // A new destination is staged as the tree it becomes; files for an
+    // existing one wait flat in the staging folder inside it.
+    *dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
+    *name = fresh() ? path.back() : stagedName(staged_.size());
+    return file;
 }
 
 StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, int source,
                                                      struct stat& info) {
+    struct stat from {};
+    if (ops_.fstat(source, &from) != 0) failErrno("cannot examine the file " + quoted(path));
     OpsFd out;
-    Shared how = Shared::Cloned;
     {
         std::lock_guard<std::mutex> lock(stagingMutex_);
         int dirFd = -1;
         std::string name;
-        out = createFile(path, &dirFd, &name);
-        // A clone is a file of its own: nothing the source goes through
-        // later reaches it. Where there is none, a link shares the very
-        // file, and only one already as a new file would be (its mode is
-        // what the records of a fresh unpacking would say).
-        if (ops_.cloneFile(out.get(), source) != 0) {
-            how = Shared::Copied;
-            struct stat created {
-            }, from{};
-            if (ops_.fstat(out.get(), &created) != 0 || ops_.fstat(source, &from) != 0)
+        // Once the file system has said it cannot clone, each file goes
+        // straight to a link, without a file made to be cloned into first.
+        if (newFiles_ && linkable(from)) {
+            const StagedFile file = reserveFile(path, &dirFd, &name);
+            if (ops_.linkFile(source, dirFd, name.c_str()) != 0) {
+                out = OpsFd(ops_, ops_.openat(dirFd, name.c_str(),
+                                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
+                if (!out) failErrno("cannot create a file in the destination");
+            }
+            staged_.push_back(file);
+            if (!out) {
+                info = from;
+                return Shared::Linked;
+            }
+        } else {
+            out = createFile(path, &dirFd, &name);
+            // A clone is a file of its own: nothing the source goes through
+            // later reaches it. Where there is none, a link shares the very
+            // file, and only one already as a new file would be (its mode
+            // is what the records of a fresh unpacking would say).
+            if (ops_.cloneFile(out.get(), source) == 0) {
+                if (ops_.fstat(out.get(), &info) != 0)
+                    failErrno("cannot examine the file " + quoted(path));
+                endFile(std::move(out), path);
+                return Shared::Cloned;
+            }
+            const bool cannotClone = errno == EOPNOTSUPP || errno == EINVAL || errno == ENOTTY;
+            struct stat created {};
+            if (ops_.fstat(out.get(), &created) != 0)
                 failErrno("cannot examine the file " + quoted(path));
+            if (cannotClone) newFiles_ = NewFiles{created.st_dev, created.st_mode & 07777};
             if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
                 (from.st_mode & 07777) == (created.st_mode & 07777) &&
                 ops_.unlinkat(dirFd, name.c_str(), 0) == 0) {
@@ -234,10 +265,15 @@ StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, i
             }
         }
     }
-    if (how == Shared::Copied) copy(source, out.get(), path);
+    copy(source, out.get(), path);
     if (ops_.fstat(out.get(), &info) != 0) failErrno("cannot examine the file " + quoted(path));
     endFile(std::move(out), path);
-    return how;
+    return Shared::Copied;
+}
+
+bool StagedExtraction::linkable(const struct stat& source) const {
+    return S_ISREG(source.st_mode) && source.st_dev == newFiles_->device &&
+           (source.st_mode & 07777) == newFiles_->mode;
 }
 
 void StagedExtraction::copy(int from, int to, const FileSegments& path) const {

@@ -92,6 +92,8 @@ class StagedExtraction {
 
     bool fresh() const { return !dest_; }
     OpsFd createFile(const FileSegments& path, int* dirFd, std::string* name);
+    StagedFile reserveFile(const FileSegments& path, int* dirFd, std::string* name);
+    bool linkable(const struct stat& source) const;
     void copy(int from, int to, const FileSegments& path) const;
     void openDestination();
     void createStaging();
@@ -126,6 +128,13 @@ class StagedExtraction {
     std::string token_;        // the staging folder's stamp, repeated in its journal
     OpsFd staging_;            // also holds the lock that marks the extraction alive
     std::mutex stagingMutex_;  // beginFile() may come from several threads
+    // The device and mode of a new file here, once a clone into one failed
+    // because the file system has none (under stagingMutex_).
+    struct NewFiles {
+        dev_t device;
+        unsigned mode;
+    };
+    std::optional<NewFiles> newFiles_;
     // The staging tree of a new destination, or the existing destination.
     std::optional<FolderCache> folders_;
     Journal journal_;

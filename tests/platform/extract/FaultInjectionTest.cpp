@@ -322,11 +322,11 @@ TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
             EXPECT_LE(bytes, total);
         };
         std::mutex mutex;
-        std::map<std::string, std::pair<std::uint64_t, unsigned>> landed;
+        std::map<std::string, opc::extraction::LandedFile> landed;
         options.landed = [&](const opc::model::PartName&, const std::string& path,
-                             std::uint64_t size, unsigned mode) {
+                             const opc::extraction::LandedFile& file) {
             const std::lock_guard<std::mutex> lock(mutex);
-            EXPECT_TRUE(landed.emplace(path, std::make_pair(size, mode)).second) << path;
+            EXPECT_TRUE(landed.emplace(path, file).second) << path;
         };
         opc::extraction::Extractor(package, opc::FileSystemOpsSelector(), options)
             .extractAll(dest(), opc::qvservices::RestoreMode::AllParts,
@@ -337,8 +337,10 @@ TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
         for (const auto& [path, file] : landed) {
             struct stat info {};
             ASSERT_EQ(::lstat((dest() + "/" + path).c_str(), &info), 0) << path;
-            EXPECT_EQ(file, std::make_pair(static_cast<std::uint64_t>(info.st_size),
-                                           static_cast<unsigned>(info.st_mode & 07777)))
+            EXPECT_EQ(file.size, static_cast<std::uint64_t>(info.st_size)) << path;
+            EXPECT_EQ(file.mode, info.st_mode & 07777) << path;
+            EXPECT_EQ(file.inode, info.st_ino) << path;
+            EXPECT_EQ(file.modifiedNs, info.st_mtim.tv_sec * 1000000000 + info.st_mtim.tv_nsec)
                 << path;
         }
         EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));

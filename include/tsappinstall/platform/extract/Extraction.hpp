@@ -66,6 +66,14 @@ struct ReusedFile {
     std::string sha256;  // of its bytes as the caller read them, hex
 };
 
+// A file an extraction wrote or took, as its fstat() saw it then.
+struct LandedFile {
+    std::uint64_t size = 0;
+    unsigned mode = 0;  // permission bits
+    std::uint64_t inode = 0;
+    std::int64_t modifiedNs = 0;  // last data change, nanoseconds since 1970
+};
+
 struct Options {
     // The sum of the parts' declared sizes may not exceed this; 0 (the
     // default) sets no limit of the caller's. Whatever the limit, the sum
@@ -90,11 +98,11 @@ struct Options {
     unsigned threads = 1;
     // Called once each file is written and closed, from the thread that
     // wrote it (so, with several threads, from several at once): its part,
-    // its path below the destination ("files/a b.js") and its size and
-    // permission bits as the file system holds them. A caller that records
-    // what it unpacked needs no second look at every file.
+    // its path below the destination ("files/a b.js") and the file as the
+    // file system holds it. A caller that records what it unpacked needs
+    // no second look at every file.
     std::function<void(const opc::model::PartName& part, const std::string& path,
-                       std::uint64_t size, unsigned mode)>
+                       const LandedFile& file)>
         landed;
     // Called after each part is written and after every MiB written of a
     // large one (so that it moves while one big file is written), never by
