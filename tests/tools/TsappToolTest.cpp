@@ -136,6 +136,26 @@ TEST_F(TsappTool, PackedSampleChecksListsAndShowsItsManifest) {
 
 TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
     const std::string good = packSample();
+    // Moves a size field of files/main.js in both its records: 0 the size,
+    // 1 the compressed size.
+    const auto misstate = [](const std::string& p, int which, int by) {
+        ZipPatcher z(p);
+        for (const std::size_t at : {z.localHeader("files/main.js") + 22 - 4 * which,
+                                     z.centralHeader("files/main.js") + 24 - 4 * which})
+            z.put32(at, z.get32(at) + by);
+        z.save();
+    };
+    // Larger than a piece of the read, so it is inflated in a stream, where
+    // the sample's small parts are inflated in one call: both must name
+    // the same faults.
+    std::string big;
+    for (int i = 0; big.size() < (400u << 10); ++i) big += "var x" + std::to_string(i) + ";\n";
+    const auto bigMain = [&](const std::string& p, int which, int by) {
+        editItem(p, "files/main.js", big.c_str());
+        misstate(p, which, by);
+    };
+    const std::string mainJs =
+        "damaged part /files/main.js: cannot read the ZIP entry \"files/main.js\": ";
     const struct {
         const char* name;
         std::function<void(const std::string&)> tamper;
@@ -175,6 +195,18 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
          },
          "damaged part /files/main.js: cannot read the ZIP entry \"files/main.js\": its CRC-32 "
          "does not match"},
+        {"short.tsappinstall", [&](auto& p) { misstate(p, 0, -1); },
+         mainJs + "it holds more bytes than its declared size"},
+        {"long.tsappinstall", [&](auto& p) { misstate(p, 0, 1); },
+         mainJs + "it holds fewer bytes than its declared size"},
+        {"cut.tsappinstall", [&](auto& p) { misstate(p, 1, -1); },
+         mainJs + "the compressed data ends too early"},
+        {"bigshort.tsappinstall", [&](auto& p) { bigMain(p, 0, -1); },
+         mainJs + "it holds more bytes than its declared size"},
+        {"biglong.tsappinstall", [&](auto& p) { bigMain(p, 0, 1); },
+         mainJs + "it holds fewer bytes than its declared size"},
+        {"bigcut.tsappinstall", [&](auto& p) { bigMain(p, 1, -1); },
+         mainJs + "the compressed data ends too early"},
         {"other.zip", [](auto&) {}, "not an app file: the extension is not .tsappinstall"},
     };
     Args args = {"check", "-j", "2", "--all"};
@@ -197,7 +229,7 @@ TEST_F(TsappTool, CheckNamesTheFirstFaultOfEachTamperedPackage) {
     std::getline(lines, line);
     EXPECT_EQ(line, "hello.tsappinstall: OK");
     std::getline(lines, line);
-    EXPECT_EQ(line, "10 of 11 packages bad");
+    EXPECT_EQ(line, "16 of 17 packages bad");
     // Jobs left over decode one package's parts on several threads, to the same verdict.
     for (const auto& c : cases)
         EXPECT_EQ(tsapp({"check", "-j", "4", "--json", c.name}).out,

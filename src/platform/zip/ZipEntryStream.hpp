@@ -29,14 +29,21 @@ class ZipEntryStream : public InputStream {
   private:
     [[noreturn]] void fail(const std::string& why) const;
     std::size_t readSome(unsigned char* buffer, std::size_t size);
+    bool inflateWhole(unsigned char* buffer);
+    void startInflater(InputStream& from, std::vector<unsigned char>& chunk);
     void checkComplete();
+    bool deflated() const;
 
     const opc::interfaces::PhysicalEntry& entry_;
     std::unique_ptr<InputStream> raw_;
-    std::vector<unsigned char> own_;              // compressed bytes, unless lent
-    std::unique_ptr<detail::Inflater> inflater_;  // null for stored entries
+    std::vector<unsigned char>* stored_;          // compressed bytes: lent, or own_
+    std::vector<unsigned char> own_, spare_;      // spare_: the chunk of a second try
+    std::unique_ptr<InputStream> held_;           // the bytes a second try reads
+    std::unique_ptr<detail::Inflater> inflater_;  // made on the first streaming read
     std::uint64_t count_ = 0;
     std::uint32_t crc_ = 0;
+    bool lent_;
+    bool whole_ = false;  // decoded in one call
     bool finished_ = false;
 };
 
