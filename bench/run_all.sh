@@ -8,11 +8,12 @@
 #
 #   bench/run_all.sh [build-dir] [runs]
 #
-# The build must be a Release one with the benchmarks (the default):
-#   cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release && cmake --build build-release -j2
+# The build must be a Release one with the timing programs:
+#   cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTSAPP_BUILD_BENCH=ON
+#   cmake --build build-release -j2
 set -euo pipefail
 build=${1:-build-release}
-runs=${2:-5}
+runs=${2:-7}
 here=$(cd "$(dirname "$0")" && pwd)
 
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')," \
@@ -30,8 +31,11 @@ done
 TZ=UTC
 export TZ
 for program in bench_isappfile bench_getappinfo bench_serializer; do
-  [[ -x $build/bench/$program ]] || continue
   echo
   echo "== $program"
+  if [[ ! -x $build/bench/$program ]]; then
+    echo "skipped: not built (configure with -DTSAPP_BUILD_BENCH=ON)"
+    continue
+  fi
   "$build/bench/$program"
 done

@@ -1191,15 +1191,21 @@ struct AppStore::Impl {
         std::uint64_t unpacked = 0;
         for (const auto& name : opened->package().getPartNames())
             unpacked += opened->package().getPart(name).getEntry().size;
+        // Files taken from the installed version are shared with it on disk:
+        // they take no more space, nor does retiring that version free it.
+        std::uint64_t shared = 0;
+        if (const auto current = records->currentId(opc::detail::ascii_lower(facts.guid)))
+            shared = std::min(unpacked, sharedBytes(opened->package(), records->files(*current)));
         opened->close();
-        Plan plan = planInstall(facts, installOptions, false);
-        plan.diskChange += static_cast<std::int64_t>(unpacked);
+        Plan plan = planInstall(facts, installOptions, false, shared);
+        plan.diskChange += static_cast<std::int64_t>(unpacked - shared);
         return plan;
     }
 
     // `known`: whether the facts name the package's signer (an index does).
-    Plan planInstall(const PackageFacts& package, const InstallOptions& installOptions,
-                     bool known) const {
+    // `shared`: bytes of the installed version the new one would share.
+    Plan planInstall(const PackageFacts& package, const InstallOptions& installOptions, bool known,
+                     std::uint64_t shared = 0) const {
         if (!isGuid(package.guid))
             refuse(FaultKind::BadManifest,
                    "the GUID " + package.guid + " is not of the form 8-4-4-4-12 hex digits");
@@ -1266,7 +1272,10 @@ struct AppStore::Impl {
         unsigned keptNumber = 0;
         for (const VersionRow& row : older) {
             if (keptNumber++ < options.keepPrevious) continue;
-            plan.diskChange -= static_cast<std::int64_t>(row.version.size);
+            const std::uint64_t freed = row.id == *currentId
+                                            ? row.version.size - std::min(row.version.size, shared)
+                                            : row.version.size;
+            plan.diskChange -= static_cast<std::int64_t>(freed);
             if (!installOptions.purge) changedFiles(row, plan.kept);
         }
         return plan;

@@ -307,6 +307,27 @@ opc::extraction::Options extractionOptions(const InstallOptions& options, Landed
 
 }  // namespace
 
+std::uint64_t sharedBytes(opc::model::Package& package, const std::vector<InstalledFile>& current) {
+    if (current.empty() || !integrity::listsDigests(package)) return 0;
+    std::vector<Fault> ignored;  // a plan does not judge the list
+    const std::optional<integrity::DigestListPart> list =
+        integrity::readDigestList(package, ignored);
+    if (!list || !list->list) return 0;
+    const KnownDigests listed(&*list->list, nullptr);
+    std::unordered_map<std::string_view, const InstalledFile*> recorded;
+    for (const InstalledFile& file : current) recorded.emplace(file.path, &file);
+    std::uint64_t shared = 0;
+    for (const PartName& part : package.getPartNames()) {
+        const std::string path =
+            opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
+        const auto file = recorded.find(path);
+        const std::string* digest = listed.find(part, path);
+        if (file != recorded.end() && digest && *digest == file->second->sha256)
+            shared += file->second->size;
+    }
+    return shared;
+}
+
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
                 const InstallOptions& options, const opc::FileSystemOpsSelector& selector,
                 const Replaced* replaced) {

@@ -46,6 +46,12 @@ struct Unpacked {
 // list gives it the digest recorded there for the same path and the file
 // there still is what was recorded (size, mode, and its SHA-256 read now
 // unless its stamp still holds).
+// The bytes of the files an upgrade from `current` (the installed
+// version's records) to `package` would take rather than unpack, as far as
+// the package's digest list tells: whether each file is still as recorded
+// is known only as it is taken.
+std::uint64_t sharedBytes(opc::model::Package& package, const std::vector<InstalledFile>& current);
+
 Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folder,
                 const InstallOptions& options, const opc::FileSystemOpsSelector& ops,
                 const Replaced* replaced = nullptr);
