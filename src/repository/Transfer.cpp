@@ -54,17 +54,18 @@ class CurlLibrary {
         const char* named = ::secure_getenv("TSAPP_LIBCURL");
         library_ = named && *named ? named : "libcurl.so.4";
         // RTLD_NODELETE: the handle is closed when this static is destroyed
-        // at exit, but the code stays mapped, so a transfer still running
-        // on another thread, or a Repository in static storage destroyed
-        // later (its handle's deleter holds its own function pointer), does
-        // not call into an unmapped library.
+        // at exit, but the library stays mapped, so a transfer still
+        // running on another thread then, or a Repository in static storage
+        // destroyed after it (its handle's deleter holds its own function
+        // pointer), does not call into unmapped code.
         handle_.reset(::dlopen(library_.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
         if (!handle_ || !bindAll()) {
             loadFailed();
             return;
         }
-        // Before any other call, once per process; not thread-safe itself,
-        // which the function-local static in libcurl() makes it.
+        // Before any other call, once per process: curl_global_init is not
+        // thread-safe, and the function-local static in libcurl() runs this
+        // once, whichever thread comes first.
         const CURLcode code = api_.global_init(CURL_GLOBAL_DEFAULT);
         if (code != CURLE_OK)
             failure_ = "cannot initialise " + library_ + ": " + api_.easy_strerror(code);
@@ -100,7 +101,8 @@ class CurlLibrary {
     void loadFailed() {
         const char* error = ::dlerror();
         std::string detail = error ? error : "unknown error";
-        // dlopen's text begins with the name given, as the refusal does.
+        // dlopen's text begins with the name given, which the refusal
+        // names already.
         if (detail.compare(0, library_.size() + 2, library_ + ": ") == 0)
             detail.erase(0, library_.size() + 2);
         failure_ = "cannot load " + library_ + ": " + detail;
