@@ -48,7 +48,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Building needs libsqlite3-dev and libcurl4-openssl-dev beside the other
 # -dev packages scripts/setup.sh installs; the run-time libraries are found
-# by dpkg-shlibdeps like every other.
+# by dpkg-shlibdeps like every other, but for libcurl (below).
 # dpkg-shlibdeps finds the run-time dependencies of every ELF file; the
 # library's package gets a shlibs file (CPack has no per-package switch for
 # it, and only a package holding a library gets one), so that programs
@@ -60,6 +60,11 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${TSAPP_DEB_RUNTIME})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/packaging/triggers)
+# The library loads libcurl.so.4 with dlopen on its first transfer, so
+# dpkg-shlibdeps does not see it; libcurl4 is the package of the OpenSSL
+# flavour built against (libcurl4-openssl-dev). 7.85.0 brought
+# CURLOPT_PROTOCOLS_STR, which every transfer sets.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 7.85.0)")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "library to inspect, unpack and sign app packages
 libtsappinstall reads app packages (.tsappinstall files: OPC packages in a
 ZIP container): it tells whether a file is one, reads and validates the

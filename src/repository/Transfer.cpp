@@ -1,6 +1,7 @@
 #include "Transfer.hpp"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,8 +9,8 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <type_traits>
 
 #include "platform/base/Ascii.hpp"
 #include "platform/base/ReadAt.hpp"
@@ -19,18 +20,138 @@
 namespace tsappinstall::repository {
 namespace {
 
+// libcurl is loaded the first time a transfer is made, not when the
+// library is: only the repository commands talk to a network, and loading
+// it (and libssl through it) at start costs every other command too. The
+// functions this file calls are looked up once into this table.
+struct CurlApi {
+    decltype(&curl_global_init) global_init;
+    decltype(&curl_easy_init) easy_init;
+    decltype(&curl_easy_cleanup) easy_cleanup;
+    decltype(&curl_easy_reset) easy_reset;
+    decltype(&curl_easy_setopt) easy_setopt;
+    decltype(&curl_easy_getinfo) easy_getinfo;
+    decltype(&curl_easy_perform) easy_perform;
+    decltype(&curl_easy_strerror) easy_strerror;
+    decltype(&curl_free) free;
+    decltype(&curl_url) url;
+    decltype(&curl_url_cleanup) url_cleanup;
+    decltype(&curl_url_get) url_get;
+    decltype(&curl_url_set) url_set;
+};
+
+struct Unload {
+    void operator()(void* handle) const { ::dlclose(handle); }
+};
+
+class CurlLibrary {
+  public:
+    CurlLibrary() {
+        // A test and diagnostic hook: TSAPP_LIBCURL names another library
+        // to load in its place (the tests name one that does not exist,
+        // and one without libcurl's functions). secure_getenv ignores it
+        // in a set-user-ID process.
+        const char* named = ::secure_getenv("TSAPP_LIBCURL");
+        library_ = named && *named ? named : "libcurl.so.4";
+        // RTLD_NODELETE: the handle is closed when this static is destroyed
+        // at exit, but the library stays mapped, so a transfer still
+        // running on another thread then, or a Repository in static storage
+        // destroyed after it (its handle's deleter holds its own function
+        // pointer), does not call into unmapped code.
+        handle_.reset(::dlopen(library_.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
+        if (!handle_ || !bindAll()) {
+            loadFailed();
+            return;
+        }
+        // Before any other call, once per process: curl_global_init is not
+        // thread-safe, and the function-local static in libcurl() runs this
+        // once, whichever thread comes first.
+        const CURLcode code = api_.global_init(CURL_GLOBAL_DEFAULT);
+        if (code != CURLE_OK)
+            failure_ = "cannot initialise " + library_ + ": " + api_.easy_strerror(code);
+    }
+
+    // The table, or a refusal of the transfer of `name`.
+    const CurlApi& require(const std::string& name) const {
+        if (!failure_.empty()) throw Error(FaultKind::DownloadFailed, name + ": " + failure_);
+        return api_;
+    }
+    const CurlApi& api() const { return api_; }
+
+  private:
+    bool bindAll() {
+        const auto bind = [this](auto& function, const char* name) {
+            ::dlerror();
+            void* symbol = ::dlsym(handle_.get(), name);
+            function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(symbol);
+            return symbol != nullptr;
+        };
+        return bind(api_.global_init, "curl_global_init") &&
+               bind(api_.easy_init, "curl_easy_init") &&
+               bind(api_.easy_cleanup, "curl_easy_cleanup") &&
+               bind(api_.easy_reset, "curl_easy_reset") &&
+               bind(api_.easy_setopt, "curl_easy_setopt") &&
+               bind(api_.easy_getinfo, "curl_easy_getinfo") &&
+               bind(api_.easy_perform, "curl_easy_perform") &&
+               bind(api_.easy_strerror, "curl_easy_strerror") && bind(api_.free, "curl_free") &&
+               bind(api_.url, "curl_url") && bind(api_.url_cleanup, "curl_url_cleanup") &&
+               bind(api_.url_get, "curl_url_get") && bind(api_.url_set, "curl_url_set");
+    }
+
+    void loadFailed() {
+        const char* error = ::dlerror();
+        std::string detail = error ? error : "unknown error";
+        // dlopen's text begins with the name given, which the refusal
+        // names already.
+        if (detail.compare(0, library_.size() + 2, library_ + ": ") == 0)
+            detail.erase(0, library_.size() + 2);
+        failure_ = "cannot load " + library_ + ": " + detail;
+        handle_.reset();
+    }
+
+    std::string library_;
+    std::unique_ptr<void, Unload> handle_;
+    CurlApi api_{};
+    std::string failure_;
+};
+
+const CurlLibrary& libcurl() {
+    static const CurlLibrary library;
+    return library;
+}
+
+// Only reached after a transfer's libcurl().require() let it start.
+const CurlApi& curl() {
+    return libcurl().api();
+}
+
+// Each deleter keeps the function it calls, so that a handle destroyed
+// after the static above (at exit) does not read it.
 struct CurlCleanup {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+    decltype(&curl_easy_cleanup) cleanup = nullptr;
+    void operator()(CURL* handle) const { cleanup(handle); }
 };
 struct UrlCleanup {
-    void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
+    decltype(&curl_url_cleanup) cleanup = nullptr;
+    void operator()(CURLU* handle) const { cleanup(handle); }
 };
 struct CurlFree {
-    void operator()(char* text) const { curl_free(text); }
+    decltype(&curl_free) release = nullptr;
+    void operator()(char* text) const { release(text); }
 };
 using CurlPtr = std::unique_ptr<CURL, CurlCleanup>;
 using UrlPtr = std::unique_ptr<CURLU, UrlCleanup>;
 using CurlText = std::unique_ptr<char, CurlFree>;
+
+// curl_easy_setopt takes its value through "...": a long, a pointer or a
+// function pointer, never an int (a literal 2 for 2L would be read wrong).
+template <typename Value>
+void setopt(CURL* handle, CURLoption option, Value value) {
+    static_assert(
+        std::is_same_v<Value, long> || std::is_pointer_v<Value> || std::is_null_pointer_v<Value>,
+        "libcurl options take a long or a pointer");
+    curl().easy_setopt(handle, option, value);
+}
 
 // A redirect is followed only within one host: otherwise the repository's
 // location would not be what the user named.
@@ -47,14 +168,14 @@ bool startsWith(const std::string& text, const char* prefix) {
 
 // "scheme://host:port" of a URL, empty when it does not parse.
 std::string originOf(const std::string& url) {
-    const UrlPtr handle(curl_url());
-    if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK)
+    const UrlPtr handle(curl().url(), UrlCleanup{curl().url_cleanup});
+    if (!handle || curl().url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK)
         return {};
     std::string origin;
     for (const CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
         char* raw = nullptr;
-        const CURLUcode code = curl_url_get(handle.get(), part, &raw, CURLU_DEFAULT_PORT);
-        const CurlText value(raw);
+        const CURLUcode code = curl().url_get(handle.get(), part, &raw, CURLU_DEFAULT_PORT);
+        const CurlText value(raw, CurlFree{curl().free});
         if (code != CURLUE_OK) return {};
         origin += opc::detail::ascii_lower(value.get()) + "|";
     }
@@ -77,9 +198,9 @@ struct Exchange {
     std::string contentRange;  // of the latest reply
 };
 
-long statusOf(CURL* curl) {
+long statusOf(CURL* handle) {
     long status = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl().easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
     return status;
 }
 
@@ -125,11 +246,6 @@ std::size_t onHeader(char* data, std::size_t, std::size_t size, void* user) {
     return size;
 }
 
-void initialiseOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 }  // namespace
 
 Deadline::Deadline(long seconds)
@@ -169,38 +285,38 @@ namespace {
 // The connection's handle with every option reset (curl_easy_reset keeps
 // the connection and the TLS session), or a handle of this transfer's own.
 CURL* freshHandle(const TransferOptions& options, CurlPtr& own) {
-    CurlPtr& curl = options.connection ? options.connection->handle().curl : own;
-    if (curl)
-        curl_easy_reset(curl.get());
+    CurlPtr& handle = options.connection ? options.connection->handle().curl : own;
+    if (handle)
+        curl().easy_reset(handle.get());
     else
-        curl.reset(curl_easy_init());
-    if (!curl) fail(FaultKind::DownloadFailed, "cannot start a transfer");
-    return curl.get();
+        handle = CurlPtr(curl().easy_init(), CurlCleanup{curl().easy_cleanup});
+    if (!handle) fail(FaultKind::DownloadFailed, "cannot start a transfer");
+    return handle.get();
 }
 
 void prepare(CURL* c, const std::string& url, std::uint64_t from, const std::string& span,
              const TransferOptions& options, Exchange& exchange, char* errors) {
-    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!options.serverCa.empty()) curl_easy_setopt(c, CURLOPT_CAINFO, options.serverCa.c_str());
-    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, options.stallSeconds);
+    setopt(c, CURLOPT_URL, url.c_str());
+    setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
+    setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
+    setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
+    setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!options.serverCa.empty()) setopt(c, CURLOPT_CAINFO, options.serverCa.c_str());
+    setopt(c, CURLOPT_CONNECTTIMEOUT, options.stallSeconds);
     // A transfer below one byte a second for the stall time has stalled.
-    curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, options.stallSeconds);
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, options.deadline.remainingMillis());
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errors);
-    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onBody);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &exchange);
-    curl_easy_setopt(c, CURLOPT_USERAGENT, "tsapp");
-    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
-    curl_easy_setopt(c, CURLOPT_HEADERDATA, &exchange);
+    setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    setopt(c, CURLOPT_LOW_SPEED_TIME, options.stallSeconds);
+    setopt(c, CURLOPT_TIMEOUT_MS, options.deadline.remainingMillis());
+    setopt(c, CURLOPT_NOSIGNAL, 1L);
+    setopt(c, CURLOPT_ERRORBUFFER, errors);
+    setopt(c, CURLOPT_WRITEFUNCTION, onBody);
+    setopt(c, CURLOPT_WRITEDATA, &exchange);
+    setopt(c, CURLOPT_USERAGENT, "tsapp");
+    setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
+    setopt(c, CURLOPT_HEADERDATA, &exchange);
     // CURLOPT_RANGE copies the text.
     const std::string range = span.empty() ? std::to_string(from) + "-" : span;
-    if (from > 0 || !span.empty()) curl_easy_setopt(c, CURLOPT_RANGE, range.c_str());
+    if (from > 0 || !span.empty()) setopt(c, CURLOPT_RANGE, range.c_str());
     exchange.curl = c;
 }
 
@@ -210,7 +326,7 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
                  const TransferOptions& options, const TransferSink& sink,
                  const std::string& span = {},
                  const std::function<void(long, const std::string&)>* reply = nullptr) {
-    initialiseOnce();
+    libcurl().require(name);
     std::string url = base + (base.back() == '/' ? "" : "/") + name;
     const std::string origin = originOf(url);
     for (int redirects = 0;; ++redirects) {
@@ -222,22 +338,22 @@ void fetchRemote(const std::string& base, const std::string& name, std::uint64_t
         exchange.reply = reply;
         char errors[CURL_ERROR_SIZE] = "";
         CurlPtr own;
-        CURL* curl = freshHandle(options, own);
-        prepare(curl, url, from, span, options, exchange, errors);
-        const CURLcode code = curl_easy_perform(curl);
+        CURL* handle = freshHandle(options, own);
+        prepare(handle, url, from, span, options, exchange, errors);
+        const CURLcode code = curl().easy_perform(handle);
         // The handle outlives this call: it must not point at it.
-        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
+        setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+        setopt(handle, CURLOPT_HEADERDATA, nullptr);
         if (exchange.error) std::rethrow_exception(exchange.error);
         if (code == CURLE_OPERATION_TIMEDOUT && options.deadline.passed(100))
             options.deadline.fail(name);
         if (code != CURLE_OK)
             fail(FaultKind::DownloadFailed,
-                 name + ": " + (errors[0] ? errors : curl_easy_strerror(code)));
-        const long status = statusOf(curl);
+                 name + ": " + (errors[0] ? errors : curl().easy_strerror(code)));
+        const long status = statusOf(handle);
         if (status >= 300 && status < 400) {
             char* target = nullptr;
-            curl_easy_getinfo(curl, CURLINFO_REDIRECT_URL, &target);
+            curl().easy_getinfo(handle, CURLINFO_REDIRECT_URL, &target);
             if (target == nullptr)
                 fail(FaultKind::DownloadFailed, name + ": a redirect to nowhere");
             if (originOf(target) != origin)

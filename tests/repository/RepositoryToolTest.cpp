@@ -56,10 +56,12 @@ TEST(RepositoryTool, IndexesAFolderAndSearchesIt) {
     EXPECT_EQ(found[0]["name"], "<b>Other</b>");
 }
 
-// The tool's exit status and everything it printed.
-std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out) {
+// The tool's exit status and everything it printed; `environment` is
+// prefixed to the command ("NAME=value ").
+std::pair<int, std::string> runTool(const std::string& arguments, const std::string& out,
+                                    const std::string& environment = {}) {
     const int status =
-        std::system((std::string(TSAPP_TOOL) + " " + arguments + " >" + out + " 2>&1").c_str());
+        std::system((environment + TSAPP_TOOL + " " + arguments + " >" + out + " 2>&1").c_str());
     return {WEXITSTATUS(status), read_file(out)};
 }
 
@@ -136,6 +138,24 @@ TEST(RepositoryTool, InstallsAndUpgradesFromARecordedRepositoryAndRefusesWhatItM
         const auto [status, text] = runTool(r.arguments + root, out);
         EXPECT_EQ(status, r.status) << r.arguments;
         EXPECT_EQ(text.substr(0, r.line.size()), r.line) << r.arguments;
+    }
+    // libcurl is loaded on the first transfer: when it cannot be (missing,
+    // or a library without its functions), a fetch over http: fails as a
+    // transfer does, naming the library and the loader's reason, and a
+    // folder, which needs none, is read as ever.
+    for (const auto& [library, reason] :
+         {std::pair<std::string, std::string>{"libcurl-missing.so.4",
+                                              ": cannot open shared object file"},
+          {"libz.so.1", "libz.so.1: undefined symbol: curl_global_init\n"}}) {
+        const std::string environment = "TSAPP_LIBCURL=" + library + " ";
+        const auto [status, text] = runTool("search hello" + root, out, environment);
+        EXPECT_EQ(status, 1);
+        const std::string line = "tsapp: main: index.json: cannot load " + library;
+        EXPECT_EQ(text.substr(0, line.size()), line) << text;
+        EXPECT_NE(text.find(reason), std::string::npos) << text;
+        EXPECT_EQ(runTool("search hello --unsigned --repo file://" + repo, out, environment).first,
+                  0)
+            << read_file(out);
     }
     const std::string list = runTool("repo list" + root, out).second;
     const std::string pinned = "main  " + http.url("http", "ok") +
