@@ -214,6 +214,7 @@ StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, i
     struct stat from {};
     if (ops_.fstat(source, &from) != 0) failErrno("cannot examine the file " + quoted(path));
     OpsFd out;
+    Shared how = Shared::Copied;
     {
         std::lock_guard<std::mutex> lock(stagingMutex_);
         int dirFd = -1;
@@ -239,36 +240,35 @@ StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, i
             // file, and only one already as a new file would be (its mode
             // is what the records of a fresh unpacking would say).
             if (ops_.cloneFile(out.get(), source) == 0) {
-                if (ops_.fstat(out.get(), &info) != 0)
+                how = Shared::Cloned;
+            } else {
+                const bool cannotClone = errno == EOPNOTSUPP || errno == EINVAL || errno == ENOTTY;
+                struct stat created {};
+                if (ops_.fstat(out.get(), &created) != 0)
                     failErrno("cannot examine the file " + quoted(path));
-                endFile(std::move(out), path);
-                return Shared::Cloned;
-            }
-            const bool cannotClone = errno == EOPNOTSUPP || errno == EINVAL || errno == ENOTTY;
-            struct stat created {};
-            if (ops_.fstat(out.get(), &created) != 0)
-                failErrno("cannot examine the file " + quoted(path));
-            if (cannotClone) newFiles_ = NewFiles{created.st_dev, created.st_mode & 07777};
-            if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
-                (from.st_mode & 07777) == (created.st_mode & 07777) &&
-                ops_.unlinkat(dirFd, name.c_str(), 0) == 0) {
-                out.reset();
-                if (ops_.linkFile(source, dirFd, name.c_str()) == 0) {
-                    info = from;
-                    return Shared::Linked;
+                if (cannotClone) newFiles_ = NewFiles{created.st_dev, created.st_mode & 07777};
+                if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
+                    (from.st_mode & 07777) == (created.st_mode & 07777) &&
+                    ops_.unlinkat(dirFd, name.c_str(), 0) == 0) {
+                    out.reset();
+                    if (ops_.linkFile(source, dirFd, name.c_str()) == 0) {
+                        info = from;
+                        return Shared::Linked;
+                    }
+                    // Whatever failed the link, the copy goes into a file of
+                    // our own again.
+                    out = OpsFd(ops_,
+                                ops_.openat(dirFd, name.c_str(),
+                                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
+                    if (!out) failErrno("cannot create a file in the destination");
                 }
-                // Whatever failed the link, the copy goes into a file of
-                // our own again.
-                out = OpsFd(ops_, ops_.openat(dirFd, name.c_str(),
-                                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
-                if (!out) failErrno("cannot create a file in the destination");
             }
         }
     }
-    copy(source, out.get(), path);
+    if (how == Shared::Copied) copy(source, out.get(), path);
     if (ops_.fstat(out.get(), &info) != 0) failErrno("cannot examine the file " + quoted(path));
     endFile(std::move(out), path);
-    return Shared::Copied;
+    return how;
 }
 
 bool StagedExtraction::linkable(const struct stat& source) const {
