@@ -683,8 +683,12 @@ store::Plan Installer::plan(const Offer& offer, const store::HostProfile& host,
     facts.size = entry.size;
     store::InstallOptions planned = options;
     planned.trustAnchors = anchorsOf(offer);
+    // Planned first as the run checks first: a refusal comes before any
+    // request for the package.
     store::Plan plan = apps_.planInstall(facts, planned);
     if (const auto ranged = rangedPlan(offer)) {
+        for (const auto& item : ranged->plan.left) facts.sharedBytes += item.size;
+        plan = apps_.planInstall(facts, planned);
         plan.download = ranged->plan.download;
         plan.diskChange += static_cast<std::int64_t>(ranged->plan.changed);
         plan.undecided.erase(std::remove_if(plan.undecided.begin(), plan.undecided.end(),

@@ -1638,7 +1638,8 @@ Plan AppStore::planInstall(const std::filesystem::path& package, const HostProfi
 }
 
 Plan AppStore::planInstall(const PackageFacts& package, const InstallOptions& options) const {
-    return impl_->auditing([&] { return impl_->planInstall(package, options, true); });
+    return impl_->auditing(
+        [&] { return impl_->planInstall(package, options, true, package.sharedBytes); });
 }
 
 Plan AppStore::planRemove(const std::string& app, bool purge) const {

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -841,6 +842,12 @@ TEST(RepositoryRanged, FetchesOnlyWhatChangedAndRefusesEveryLie) {
     EXPECT_LT(plan.download, size / 50);
     EXPECT_GT(plan.diskChange, 0);
     EXPECT_LT(static_cast<std::uint64_t>(plan.diskChange), big.size());
+    // Retiring the installed version frees none of what the new one shares.
+    tsappinstall::store::AppStore::Options keepNone;
+    keepNone.keepPrevious = 0;
+    tsappinstall::store::AppStore retiring(root, keepNone);
+    EXPECT_LT(std::llabs(installer(retiring)->plan(offer, host, {}).diskChange),
+              static_cast<long long>(big.size() / 2));
 
     // Forced whole, the plan says the package's size; an index that does
     // not pin the list, or a server that ignores ranges, makes it whole too.

@@ -298,6 +298,10 @@ struct PackageFacts {
     std::string signerFingerprint;
     std::string signerKeyFingerprint;
     std::uint64_t size = 0;  // of the package file
+    // Bytes of the installed version's files the new one would take from
+    // it (shared on disk), when the caller knows them: not freed when the
+    // installed version is retired.
+    std::uint64_t sharedBytes = 0;
 };
 
 class TSAPP_API AppStore {
