@@ -154,7 +154,7 @@ std::optional<std::int64_t> fileSystemNow(const std::filesystem::path& folder, c
     const OpsFd dir(ops, ops.openat(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat info {};
     if (!dir || ops.touch(dir.get()) != 0 || ops.fstat(dir.get(), &info) != 0) return std::nullopt;
-    return static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    return opc::detail::modifiedNs(info);
 }
 
 std::string octal(unsigned mode) {
@@ -275,9 +275,7 @@ class TakeFromReplaced {
     bool stillAsStamped(const std::string& path, const struct stat& info) const {
         const auto stamp = replaced_.stamps.find(path);
         return stamp != replaced_.stamps.end() && stamp->second.inode == info.st_ino &&
-               stamp->second.modifiedNs ==
-                   static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 +
-                       info.st_mtim.tv_nsec;
+               stamp->second.modifiedNs == opc::detail::modifiedNs(info);
     }
 
     const Replaced& replaced_;

@@ -91,8 +91,7 @@ class ProgressCount {
 
 extraction::LandedFile landedFile(const struct stat& info) {
     return {static_cast<std::uint64_t>(info.st_size), info.st_mode & 07777u,
-            static_cast<std::uint64_t>(info.st_ino),
-            static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+            static_cast<std::uint64_t>(info.st_ino), detail::modifiedNs(info)};
 }
 
 // Writes each part the read of the package pours into it into its staged

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -122,6 +123,11 @@ class FileOps {
     template <class Result>
     Result made(FileCall call, Result result) const;
 };
+
+// A file's last data change, in nanoseconds since 1970.
+inline std::int64_t modifiedNs(const struct stat& info) {
+    return static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+}
 
 struct OpsClose {
     const FileOps* ops = nullptr;
