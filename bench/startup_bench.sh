@@ -5,8 +5,8 @@
 # `perf stat -r N` (N = 10 times runs); without it, the mean wall time of
 # as many runs in a loop; with valgrind, the instructions each executes.
 # Then how many shared libraries the tool loads, the dynamic loader's
-# share of the start (LD_DEBUG=statistics), and the instructions of a
-# program that does nothing but load the same libraries.
+# share of the start (LD_DEBUG=statistics), and what a program that does
+# nothing but load the same libraries costs.
 #
 #   bench/startup_bench.sh [build-dir] [runs]
 set -euo pipefail
@@ -78,21 +78,26 @@ if command -v valgrind >/dev/null; then
   instr[unzip]=$(instructions unzip -l "$pkg")
 fi
 # The floor the libraries set: a program that does nothing, linked to the
-# libraries the tool and its library name, in their order, with and without
-# libcurl (which alone brings libssl; its other dependencies come with
-# Xerces-C's own libcurl-gnutls too), counted the same way.
+# libraries the tool and its library name, in their order; to Xerces-C
+# alone (Debian's brings libcurl-gnutls, and with it GnuTLS, Kerberos and
+# LDAP); and to the C++ runtime only. Timed and counted the same way.
 declare -A floor
-if command -v valgrind >/dev/null && command -v c++ >/dev/null; then
+if command -v c++ >/dev/null; then
   lib=$(ldd "$tsapp" | awk '$1 ~ /^libtsappinstall/ {print $3}')
   needed=$( (readelf -d "$tsapp"; readelf -d "$lib") | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
     grep -v -e '^libtsappinstall' -e '^ld-linux' | awk '!seen[$0]++')
   echo 'int main() { return 0; }' >"$work/empty.cpp"
-  for variant in all without-curl; do
-    list=$needed
-    [[ $variant == without-curl ]] && list=$(grep -v '^libcurl\.' <<<"$needed")
-    mapfile -t links < <(sed 's/^/-l:/' <<<"$list")
+  for variant in all xerces none; do
+    case $variant in
+      all) list=$needed ;;
+      xerces) list=$(grep '^libxerces' <<<"$needed") ;;
+      none) list= ;;
+    esac
+    mapfile -t links < <(sed '/^$/d; s/^/-l:/' <<<"$list")
     c++ -O2 "$work/empty.cpp" -o "$work/empty-$variant" -Wl,--no-as-needed "${links[@]}"
-    floor[$variant]="$(instructions "$work/empty-$variant"), $(ldd "$work/empty-$variant" | grep -c '=>') libraries"
+    read -r ms _ < <(mean_ms "$work/empty-$variant")
+    floor[$variant]="$ms ms, $(ldd "$work/empty-$variant" | grep -c '=>') libraries"
+    command -v valgrind >/dev/null && floor[$variant]+=", $(instructions "$work/empty-$variant")"
   done
 fi
 vs() { awk -v a="$1" -v b="$2" 'BEGIN {if (a == "-") print "-"; else printf "%.1fx", a / b}'; }
@@ -106,5 +111,6 @@ printf '%-26s %8s %12s %7s %12s %13s %8s\n' \
   "unzip -l (the same)" "${best[unzip]}" "1.0x" "${cpu[unzip]}" "1.0x" "${instr[unzip]}" ""
 echo "shared libraries loaded: $libraries; dynamic loader: $loader"
 if [[ -n ${floor[all]:-} ]]; then
-  echo "a program doing nothing, linked as the tool is: ${floor[all]}; without libcurl: ${floor[without-curl]}"
+  echo "a program doing nothing, linked as the tool is: ${floor[all]}"
+  echo "  linked to Xerces-C alone: ${floor[xerces]}; to the C++ runtime only: ${floor[none]}"
 fi

@@ -12,6 +12,7 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -235,6 +236,15 @@ int FileOps::cloneFile(int dest, int source) const {
 
 int FileOps::linkFile(int source, int dir, const char* name) const {
     if (failed(FileCall::Link)) return -1;
+    // Since Linux 6.10 anyone may link a descriptor they opened themselves,
+    // which spares the walk through /proc; before, it takes a privilege,
+    // and the kernel answers ENOENT.
+    static std::atomic<bool> byDescriptor{true};
+    if (byDescriptor.load(std::memory_order_relaxed)) {
+        const int linked = ::linkat(source, "", dir, name, AT_EMPTY_PATH);
+        if (linked == 0 || errno != ENOENT) return made(FileCall::Link, linked);
+        byDescriptor.store(false, std::memory_order_relaxed);
+    }
     const std::string named = "/proc/self/fd/" + std::to_string(source);
     return made(FileCall::Link, ::linkat(AT_FDCWD, named.c_str(), dir, name, AT_SYMLINK_FOLLOW));
 }

@@ -97,9 +97,9 @@ class FileOps {
     // ioctl(FICLONE): `dest` gets the bytes of `source` as blocks both
     // share until either is written, where the file system can.
     int cloneFile(int dest, int source) const;
-    // linkat() of the open file `source` as `name` in `dir`. Linking a
-    // descriptor itself (AT_EMPTY_PATH) takes a privilege; its name in
-    // /proc/self/fd does not.
+    // linkat() of the open file `source` as `name` in `dir`: the
+    // descriptor itself (AT_EMPTY_PATH) where the kernel lets anyone link
+    // what they opened, else its name in /proc/self/fd.
     int linkFile(int source, int dir, const char* name) const;
 
     // For a call that other code makes on our behalf (SQLite's own file

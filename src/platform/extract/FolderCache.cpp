@@ -29,7 +29,7 @@ std::string quoted(const FileSegments& path) {
 
 int FolderCache::open(const FileSegments& folder, std::vector<FileSegments>* created) {
     if (folder.empty()) return root_;
-    if (auto cached = folders_.find(folder); cached != folders_.end()) return cached->second.get();
+    if (auto cached = folders_.find(folder); cached != folders_.end()) return cached->second->get();
     if (folders_.size() >= kMaxCached) folders_.clear();
     // Start from the deepest folder on the way that is already open.
     std::size_t depth = folder.size() - 1;
@@ -37,7 +37,7 @@ int FolderCache::open(const FileSegments& folder, std::vector<FileSegments>* cre
     for (FileSegments walked(folder.begin(), folder.end() - 1); depth > 0;
          --depth, walked.pop_back()) {
         if (auto cached = folders_.find(walked); cached != folders_.end()) {
-            parent = cached->second.get();
+            parent = cached->second->get();
             break;
         }
     }
@@ -50,7 +50,7 @@ int FolderCache::lookUp(int parent, const FileSegments& folder, std::size_t dept
     OpsFd found(ops_, ops_.openBeneath(parent, joinSegments(rest).c_str(), kFolderFlags));
     if (!found && errno == ENOENT) return -1;
     if (!found) failAt(folder, "cannot open the folder ");
-    return (folders_[folder] = std::move(found)).get();
+    return keep(folder, std::move(found));
 }
 
 int FolderCache::walk(int parent, const FileSegments& folder, std::size_t depth,
@@ -68,10 +68,22 @@ int FolderCache::walk(int parent, const FileSegments& folder, std::size_t depth,
             next = OpsFd(ops_, ops_.openat(parent, name.c_str(), kFolderFlags));
         }
         if (!next) failAt(walked, "cannot open the folder ");
-        parent = next.get();
-        folders_[walked] = std::move(next);
+        parent = keep(walked, std::move(next));
     }
     return parent;
+}
+
+FolderCache::Held FolderCache::hold(const FileSegments& folder,
+                                    std::vector<FileSegments>* created) {
+    const int fd = open(folder, created);
+    if (folder.empty() || fd < 0) return {fd, nullptr};
+    return {fd, folders_.at(folder)};
+}
+
+int FolderCache::keep(const FileSegments& folder, OpsFd fd) {
+    auto& kept = folders_[folder];
+    kept = std::make_shared<const OpsFd>(std::move(fd));
+    return kept->get();
 }
 
 }  // namespace opc::detail

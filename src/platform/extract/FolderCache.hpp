@@ -7,6 +7,8 @@
 // a path through one is an error.
 
 #include <map>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/extract/ExtractionPaths.hpp"
@@ -24,6 +26,11 @@ class FolderCache {
     // otherwise a missing one gives -1. Throws opc::Exception when a
     // component is not a folder or cannot be opened or made.
     int open(const FileSegments& folder, std::vector<FileSegments>* created);
+    // open(), with the folder kept open for as long as the caller holds
+    // the second half, even when the cache starts afresh meanwhile (null
+    // for the root, which is the caller's anyway).
+    using Held = std::pair<int, std::shared_ptr<const OpsFd>>;
+    Held hold(const FileSegments& folder, std::vector<FileSegments>* created);
 
     // After `folder` was removed, or anything moved below the root.
     void forget(const FileSegments& folder) { folders_.erase(folder); }
@@ -31,6 +38,7 @@ class FolderCache {
 
   private:
     int lookUp(int parent, const FileSegments& folder, std::size_t depth);
+    int keep(const FileSegments& folder, OpsFd fd);
     int walk(int parent, const FileSegments& folder, std::size_t depth,
              std::vector<FileSegments>* created);
 
@@ -39,7 +47,7 @@ class FolderCache {
 
     const FileOps& ops_;
     int root_;
-    std::map<FileSegments, OpsFd> folders_;
+    std::map<FileSegments, std::shared_ptr<const OpsFd>> folders_;
 };
 
 }  // namespace opc::detail

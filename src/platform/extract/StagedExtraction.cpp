@@ -176,92 +176,75 @@ void StagedExtraction::stage(const FileSegments& path, const std::function<void(
 }
 
 OpsFd StagedExtraction::beginFile(const FileSegments& path) {
+    return create(reserve(path), path);
+}
+
+// The lock covers only the bookkeeping: creating or linking the file, the
+// slow part, happens outside it, in a folder held open meanwhile.
+StagedExtraction::Place StagedExtraction::reserve(const FileSegments& path) {
     std::lock_guard<std::mutex> lock(stagingMutex_);
-    return createFile(path, nullptr, nullptr);
-}
-
-// Under stagingMutex_: the folder a file is staged in, and its name there,
-// are valid only while the lock is held.
-OpsFd StagedExtraction::createFile(const FileSegments& path, int* dirFdOut, std::string* nameOut) {
-    int dirFd = -1;
-    std::string name;
-    const StagedFile file = reserveFile(path, &dirFd, &name);
-    OpsFd out(ops_, ops_.openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
-                                fileMode_));
-    if (!out) failErrno("cannot create a file in the destination");
-    staged_.push_back(file);
-    if (dirFdOut) *dirFdOut = dirFd;
-    if (nameOut) *nameOut = std::move(name);
-    return out;
-}
-
-// Under stagingMutex_, as createFile(): where the file goes, to be put on
-// the staged list once it is there.
-StagedExtraction::StagedFile StagedExtraction::reserveFile(const FileSegments& path, int* dirFd,
-                                                           std::string* name) {
     if (path.empty()) fail("a part has no file name", Reason::BadPath);
     reservePath(path);
-    StagedFile file{path, checkTarget(path)};
+    staged_.push_back({path, checkTarget(path)});
     // A new destination is staged as the tree it becomes; files for an
     // existing one wait flat in the staging folder inside it.
-    *dirFd = fresh() ? folders_->open(folderOf(path), &createdFolders_) : staging_.get();
-    *name = fresh() ? path.back() : stagedName(staged_.size());
-    return file;
+    if (!fresh()) return {staging_.get(), nullptr, stagedName(staged_.size() - 1)};
+    auto [dirFd, held] = folders_->hold(folderOf(path), &createdFolders_);
+    return {dirFd, std::move(held), path.back()};
+}
+
+OpsFd StagedExtraction::create(const Place& place, const FileSegments& path) const {
+    OpsFd out(ops_, ops_.openat(place.dirFd, place.name.c_str(),
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
+    if (!out) failErrno("cannot create the file " + quoted(path) + " in the destination");
+    return out;
 }
 
 StagedExtraction::Shared StagedExtraction::stageFrom(const FileSegments& path, int source,
                                                      struct stat& info) {
     struct stat from {};
     if (ops_.fstat(source, &from) != 0) failErrno("cannot examine the file " + quoted(path));
-    OpsFd out;
-    Shared how = Shared::Copied;
+    bool straight = false;
     {
-        std::lock_guard<std::mutex> lock(stagingMutex_);
-        int dirFd = -1;
-        std::string name;
         // Once the file system has said it cannot clone, each file goes
         // straight to a link, without a file made to be cloned into first.
-        if (newFiles_ && linkable(from)) {
-            const StagedFile file = reserveFile(path, &dirFd, &name);
-            if (ops_.linkFile(source, dirFd, name.c_str()) != 0) {
-                out = OpsFd(ops_, ops_.openat(dirFd, name.c_str(),
-                                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
-                if (!out) failErrno("cannot create a file in the destination");
-            }
-            staged_.push_back(file);
-            if (!out) {
-                info = from;
-                return Shared::Linked;
-            }
+        std::lock_guard<std::mutex> lock(stagingMutex_);
+        straight = newFiles_ && linkable(from);
+    }
+    const Place place = reserve(path);
+    if (straight && ops_.linkFile(source, place.dirFd, place.name.c_str()) == 0) {
+        info = from;
+        return Shared::Linked;
+    }
+    OpsFd out = create(place, path);
+    Shared how = Shared::Copied;
+    if (!straight) {
+        // A clone is a file of its own: nothing the source goes through
+        // later reaches it. Where there is none, a link shares the very
+        // file, and only one already as a new file would be (its mode is
+        // what the records of a fresh unpacking would say).
+        if (ops_.cloneFile(out.get(), source) == 0) {
+            how = Shared::Cloned;
         } else {
-            out = createFile(path, &dirFd, &name);
-            // A clone is a file of its own: nothing the source goes through
-            // later reaches it. Where there is none, a link shares the very
-            // file, and only one already as a new file would be (its mode
-            // is what the records of a fresh unpacking would say).
-            if (ops_.cloneFile(out.get(), source) == 0) {
-                how = Shared::Cloned;
-            } else {
-                const bool cannotClone = errno == EOPNOTSUPP || errno == EINVAL || errno == ENOTTY;
-                struct stat created {};
-                if (ops_.fstat(out.get(), &created) != 0)
-                    failErrno("cannot examine the file " + quoted(path));
-                if (cannotClone) newFiles_ = NewFiles{created.st_dev, created.st_mode & 07777};
-                if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
-                    (from.st_mode & 07777) == (created.st_mode & 07777) &&
-                    ops_.unlinkat(dirFd, name.c_str(), 0) == 0) {
-                    out.reset();
-                    if (ops_.linkFile(source, dirFd, name.c_str()) == 0) {
-                        info = from;
-                        return Shared::Linked;
-                    }
-                    // Whatever failed the link, the copy goes into a file of
-                    // our own again.
-                    out = OpsFd(ops_,
-                                ops_.openat(dirFd, name.c_str(),
-                                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, fileMode_));
-                    if (!out) failErrno("cannot create a file in the destination");
+            const bool cannotClone = errno == EOPNOTSUPP || errno == EINVAL || errno == ENOTTY;
+            struct stat created {};
+            if (ops_.fstat(out.get(), &created) != 0)
+                failErrno("cannot examine the file " + quoted(path));
+            if (cannotClone) {
+                std::lock_guard<std::mutex> lock(stagingMutex_);
+                newFiles_ = NewFiles{created.st_dev, created.st_mode & 07777};
+            }
+            if (S_ISREG(from.st_mode) && from.st_dev == created.st_dev &&
+                (from.st_mode & 07777) == (created.st_mode & 07777) &&
+                ops_.unlinkat(place.dirFd, place.name.c_str(), 0) == 0) {
+                out.reset();
+                if (ops_.linkFile(source, place.dirFd, place.name.c_str()) == 0) {
+                    info = from;
+                    return Shared::Linked;
                 }
+                // Whatever failed the link, the copy goes into a file of
+                // our own again.
+                out = create(place, path);
             }
         }
     }

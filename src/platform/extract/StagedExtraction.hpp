@@ -90,9 +90,17 @@ class StagedExtraction {
         bool existed = false;  // something was at the path when staged
     };
 
+    // Where a staged file goes: `name` in the folder `dirFd`, which `held`
+    // keeps open.
+    struct Place {
+        int dirFd;
+        std::shared_ptr<const OpsFd> held;
+        std::string name;
+    };
+
     bool fresh() const { return !dest_; }
-    OpsFd createFile(const FileSegments& path, int* dirFd, std::string* name);
-    StagedFile reserveFile(const FileSegments& path, int* dirFd, std::string* name);
+    Place reserve(const FileSegments& path);
+    OpsFd create(const Place& place, const FileSegments& path) const;
     bool linkable(const struct stat& source) const;
     void copy(int from, int to, const FileSegments& path) const;
     void openDestination();
