@@ -3,6 +3,7 @@
 // the destination is always as it was or complete, never mixed, and nothing
 // stale survives the next run.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -346,6 +347,44 @@ TEST_F(Extraction, ConcurrentWritersLeaveWhatOneWouldLeave) {
         EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
         EXPECT_EQ(done.size(), package.getPartNames().size() + 3);  // a call per MiB of big.txt
     }
+}
+
+// Files are made and linked outside the staging lock, in folders held
+// open meanwhile: more folders than the folder cache keeps (it starts
+// afresh past 512) on four threads, half written, half linked from a
+// source, each lands in its own folder with its own bytes.
+TEST_F(Extraction, ThreadsStagingIntoMoreFoldersThanTheCacheKeepsLandEachFileInPlace) {
+    constexpr int kFolders = 700, kThreads = 4;
+    write_file(dir.file("source"), "shared");
+    const int source = ::open(dir.file("source").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(source, 0);
+    {
+        StagedExtraction staging(dest(), StagedExtraction::Existing::Refuse);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = t; i < kFolders; i += kThreads) {
+                    const FileSegments path{"d" + std::to_string(i), "f"};
+                    struct stat info {};
+                    const std::string error = error_of<opc::Exception>([&] {
+                        if (i % 2)
+                            staging.stageFrom(path, source, info);
+                        else
+                            staging.stage(path, writes(std::to_string(i)));
+                    });
+                    EXPECT_EQ(error, "") << i;
+                }
+            });
+        for (auto& thread : threads) thread.join();
+        staging.commit();
+    }
+    ::close(source);
+    const Tree tree = snapshot_tree(dest());
+    EXPECT_EQ(tree.size(), 2u * kFolders);
+    for (int i = 0; i < kFolders; ++i)
+        EXPECT_EQ(read_file(dest() + "/d" + std::to_string(i) + "/f"),
+                  i % 2 ? "shared" : std::to_string(i))
+            << i;
 }
 
 TEST_F(Extraction, ATotalAboveTheLimitWritesNothing) {
