@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "manifest/WarmUp.hpp"
 #include "platform/base/Ascii.hpp"
 #include "platform/base/Random.hpp"
 #include "platform/base/UniqueFd.hpp"
@@ -631,6 +632,8 @@ std::unique_ptr<Installer::Ranged> Installer::rangedPlan(const Offer& offer) con
 
 store::InstallResult Installer::install(const Offer& offer, const store::HostProfile& host,
                                         store::InstallOptions options) {
+    // The store reads the package's manifest once the download is in.
+    const detail::ManifestWarmUp xml;
     const fs::path folder = apps_.downloadFolder();
     const auto& ops = RootStateAccess::ops(apps_);
     options.trustAnchors = anchorsOf(offer);
