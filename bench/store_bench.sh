@@ -57,7 +57,7 @@ host="--host-release 2026.2 --platform linux-x86_64 --product tessal.core=2026.1
 
 timed_pair extract "rm -rf $work/out" "'$tsapp' extract '$pkg' '$work/out'" \
   install "rm -rf $work/root" "'$tsapp' install --root '$work/root' $host '$pkg'"
-echo "extract ${med[extract]} s, install ${med[install]} s: install costs $(ratio "${med[install]}" "${med[extract]}") extract"
+echo "extract ${med[extract]} s, install ${med[install]} s: install costs $(ratio "${med[install]}" "${med[extract]}") extract (goal <= 1.10x)"
 
 folder=$(readlink -f "$work/root/apps/0123abcd-0000-4000-8000-0000000000be/current")
 timed sha256sum ":" "cd '$folder' && find . -type f -print0 | xargs -0 sha256sum"
