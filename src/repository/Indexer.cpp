@@ -24,6 +24,7 @@
 #include "integrity/FileSha256.hpp"
 #include "integrity/PackageIntegrity.hpp"
 #include "platform/base/Ascii.hpp"
+#include "platform/base/ModifiedTime.hpp"
 #include "platform/base/ReadRegular.hpp"
 #include "platform/base/UniqueFd.hpp"
 #include "platform/base/WriteAll.hpp"
@@ -70,9 +71,7 @@ struct Outcome {
 std::optional<FileStamp> stampOf(const fs::path& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-    return FileStamp{
-        static_cast<std::uint64_t>(info.st_size),
-        static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+    return FileStamp{static_cast<std::uint64_t>(info.st_size), opc::detail::modifiedNs(info)};
 }
 
 // Writes `bytes` to a fresh temporary file beside `path` and renames it

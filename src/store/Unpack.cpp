@@ -17,6 +17,7 @@
 #include "StoreFiles.hpp"
 #include "integrity/FileSha256.hpp"
 #include "integrity/PackageIntegrity.hpp"
+#include "platform/base/ModifiedTime.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
 #include "tsappinstall/integrity/VerifiedExtraction.hpp"

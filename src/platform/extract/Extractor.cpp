@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/ModifiedTime.hpp"
 #include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/Recovery.hpp"
 #include "platform/extract/StagedExtraction.hpp"

@@ -124,11 +124,6 @@ class FileOps {
     Result made(FileCall call, Result result) const;
 };
 
-// A file's last data change, in nanoseconds since 1970.
-inline std::int64_t modifiedNs(const struct stat& info) {
-    return static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
-}
-
 struct OpsClose {
     const FileOps* ops = nullptr;
     void operator()(int fd) const { ops->close(fd); }
