@@ -309,7 +309,8 @@ namespace detail {
 
 Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& serializer,
                     bool decodeParts, unsigned threads,
-                    std::optional<opc::model::OpenedPackage>& opened, std::string* manifestSha256) {
+                    std::optional<opc::model::OpenedPackage>& opened, std::string* manifestSha256,
+                    const std::set<std::string>& leftOut) {
     Report report;
     if (path.extension() != std::string(".") + apps::APP_FILE_EXTENSION) {
         add(report, FaultKind::NotAppFile,
@@ -317,7 +318,7 @@ Report checkPackage(const std::filesystem::path& path, AppManifestSerializer& se
         return report;
     }
     try {
-        opened.emplace(path);
+        opened.emplace(path, leftOut);
         report.warnings = opened->warnings();
         opc::model::Package& package = opened->package();
         const std::vector<PartName> parts = package.getPartNames();

@@ -81,7 +81,8 @@ struct DownloadAccess {
                                  const std::vector<std::string>& packageAnchors);
     // Writes the package sparsely into `folder`: what the plan holds and
     // what it still fetches, each item checked against the list as it
-    // arrives, the absent ones left as holes behind their local headers.
+    // arrives, the absent ones left as holes, their local headers too (the
+    // store opens the file with them left out).
     // Throws NotRanged when the server turns out to ignore ranges, Error
     // for a reply that lies; either way nothing is left in `folder`.
     static Downloaded downloadRanged(const Repository& repository, const PackageEntry& entry,

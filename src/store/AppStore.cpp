@@ -663,8 +663,8 @@ struct AppStore::Impl {
         AppManifestSerializer serializer;
         std::optional<opc::model::OpenedPackage> opened;
         std::string manifestSha256;
-        const inspect::Report report =
-            inspect::detail::checkPackage(package, serializer, false, 1, opened, &manifestSha256);
+        const inspect::Report report = inspect::detail::checkPackage(
+            package, serializer, false, 1, opened, &manifestSha256, installOptions.absentParts);
         if (!report.good() || !report.manifest) {
             std::vector<std::string> lines;
             for (const Fault& fault : report.faults) lines.push_back(fault.detail);

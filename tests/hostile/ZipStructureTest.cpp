@@ -12,6 +12,7 @@
 #include "platform/zip/ZipDirectory.hpp"
 #include "tsappinstall/platform/opc/Exception.hpp"
 #include "tsappinstall/platform/opc/OpenedPackage.hpp"
+#include "tsappinstall/platform/opc/ZipPhysicalPackage.hpp"
 
 namespace tsapp::test {
 namespace {
@@ -102,6 +103,43 @@ TEST_F(ZipStructure, MisplacedRecordsMismatchedNamesAndUnsupportedEntriesAreRefu
     EXPECT_EQ(directoryOnly(read_file(pkg())).entries.size(), app_package().items().size());
     expectRefusedEverywhere(dir.path(), "a folder");
     expectRefusedEverywhere(dir.file("missing.tsappinstall"), "missing");
+}
+
+// A ranged download leaves the items it takes from the installed version
+// out of the file: header and bytes a hole. Named as left out, they are
+// not read, yet still held to where the directory places them.
+TEST_F(ZipStructure, ItemsLeftOutOfAFileAreNeverReadButMustStillFit) {
+    const std::string icon = "images/icon.png";
+    const auto verdict = [&](const std::set<std::string>& leftOut) -> std::string {
+        try {
+            opc::zippackage::ZipPhysicalPackage zip(pkg(), leftOut);
+            std::string read;
+            for (std::uint64_t i = 0; i < zip.getEntries().size(); ++i) {
+                try {
+                    unsigned char byte;
+                    zip.openEntry(i)->read(&byte, 1);
+                } catch (const opc::Exception& e) {
+                    read += std::string("; ") + e.what();
+                }
+            }
+            opc::model::OpenedPackage(pkg(), leftOut).close();
+            return "opens" + read;
+        } catch (const opc::Exception& e) {
+            return e.what();
+        }
+    };
+    const Patch hole = [&](ZipPatcher& z) {
+        const std::size_t from = z.localHeader(icon), to = z.dataOffset(icon);
+        z.bytes().replace(from, to - from, to - from, '\0');
+    };
+    patched(hole);
+    const std::string refused = "not a usable ZIP file: ";
+    EXPECT_EQ(verdict({}), refused + "the local header of \"images/icon.png\" is missing");
+    EXPECT_EQ(verdict({icon, "no/such/item"}),
+              "opens; the item \"images/icon.png\" is left out of this file");
+    patched([&](ZipPatcher& z) { hole(z), field('c', icon.c_str(), 20, 8, 10001)(z); });
+    EXPECT_EQ(verdict({icon}),
+              refused + "the entries \"images/icon.png\" and \"images/shot.png\" overlap");
 }
 
 TEST_F(ZipStructure, EveryTruncationAtAStructuralBoundaryIsRefused) {

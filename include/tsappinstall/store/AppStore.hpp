@@ -96,11 +96,12 @@ struct InstallOptions {
     // only what differs from the installed version. Each must be a file
     // the current version holds with the digest the package's signed list
     // gives, and is taken from it; otherwise install() throws a StoreError
-    // of kind NotReusable and changes nothing. The entries the package is
-    // opened and checked by (its local headers and central directory, the
-    // content types, relationships, manifest, digest list and signature)
-    // must be there. Give packageSha256 with them: the partial file's own
-    // digest is not the package's.
+    // of kind NotReusable and changes nothing. Their local headers and
+    // bytes need not be in the file: they are never read. The central
+    // directory, every other entry's local header, and the entries the
+    // package is checked by (the content types, relationships, manifest,
+    // digest list and signature) must be there. Give packageSha256 with
+    // them: the partial file's own digest is not the package's.
     std::set<std::string> absentParts;
 };
 

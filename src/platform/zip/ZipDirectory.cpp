@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -328,14 +329,35 @@ void read_local_headers(const FileBytes& file, std::uint64_t directoryOffset,
     }
 }
 
-void refuse_overlaps(const std::vector<PhysicalEntry*>& byOffset) {
-    for (std::size_t i = 1; i < byOffset.size(); ++i) {
-        const PhysicalEntry& before = *byOffset[i - 1];
-        if (before.dataOffset + before.compressedSize > byOffset[i]->localHeaderOffset) {
-            refuse("the entries " + quoted(before.name) + " and " + quoted(byOffset[i]->name) +
-                   " overlap");
-        }
+// Whether an entry's stored bytes end by `limit`. An entry whose local
+// header was not read (dataOffset 0) takes at least its fixed header, its
+// name and its stored bytes.
+bool ends_by(const PhysicalEntry& entry, std::uint64_t limit) {
+    const std::uint64_t start =
+        entry.dataOffset != 0 ? entry.dataOffset
+                              : entry.localHeaderOffset + kLocalHeaderBytes + entry.name.size();
+    return start <= limit && limit - start >= entry.compressedSize;
+}
+
+void refuse_overlaps(const std::vector<PhysicalEntry*>& byOffset, std::uint64_t directoryOffset) {
+    for (std::size_t i = 0; i < byOffset.size(); ++i) {
+        const PhysicalEntry& entry = *byOffset[i];
+        const bool last = i + 1 == byOffset.size();
+        if (ends_by(entry, last ? directoryOffset : byOffset[i + 1]->localHeaderOffset)) continue;
+        refuse(last ? "the data of " + quoted(entry.name) + " reaches into the central directory"
+                    : "the entries " + quoted(entry.name) + " and " +
+                          quoted(byOffset[i + 1]->name) + " overlap");
     }
+}
+
+std::vector<PhysicalEntry*> by_offset(std::vector<PhysicalEntry>& entries) {
+    std::vector<PhysicalEntry*> sorted;
+    sorted.reserve(entries.size());
+    for (PhysicalEntry& entry : entries) sorted.push_back(&entry);
+    std::sort(sorted.begin(), sorted.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
+        return a->localHeaderOffset < b->localHeaderOffset;
+    });
+    return sorted;
 }
 
 std::string trailing_bytes_warning(std::uint64_t count) {
@@ -363,7 +385,8 @@ ZipDirectory read_central_directory(const FileBytes& file, const ZipLimits& limi
 
 }  // namespace
 
-ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits) {
+ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits,
+                              const std::set<std::string>& leftOut) {
     const ByteSource source = [fd](std::uint64_t offset, unsigned char* into, std::size_t count) {
         const ssize_t n = opc::detail::read_at(fd, into, count, offset);
         if (n < 0)
@@ -373,42 +396,22 @@ ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& l
     };
     const FileBytes file(source, fileSize);
     ZipDirectory checked = read_central_directory(file, limits);
-    std::vector<PhysicalEntry*> byOffset;
-    byOffset.reserve(checked.entries.size());
-    for (PhysicalEntry& entry : checked.entries) byOffset.push_back(&entry);
-    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
-        return a->localHeaderOffset < b->localHeaderOffset;
-    });
-    read_local_headers(file, checked.directoryOffset, byOffset);
-    refuse_overlaps(byOffset);
+    const std::vector<PhysicalEntry*> byOffset = by_offset(checked.entries);
+    std::vector<PhysicalEntry*> held;
+    held.reserve(byOffset.size());
+    for (PhysicalEntry* entry : byOffset)
+        if (leftOut.count(entry->name) == 0) held.push_back(entry);
+    read_local_headers(file, checked.directoryOffset, held);
+    refuse_overlaps(byOffset, checked.directoryOffset);
     return checked;
 }
 
 ZipDirectory readCentralDirectory(const ByteSource& source, std::uint64_t fileSize,
                                   const ZipLimits& limits) {
     ZipDirectory checked = read_central_directory(FileBytes(source, fileSize), limits);
-    // Without the local headers, an entry takes at least its fixed header,
-    // its name and its stored bytes: entries whose least extents overlap
+    // Without the local headers, entries whose least extents overlap
     // cannot all be what the directory says.
-    std::vector<const PhysicalEntry*> byOffset;
-    byOffset.reserve(checked.entries.size());
-    for (const PhysicalEntry& entry : checked.entries) byOffset.push_back(&entry);
-    std::sort(byOffset.begin(), byOffset.end(), [](const PhysicalEntry* a, const PhysicalEntry* b) {
-        return a->localHeaderOffset < b->localHeaderOffset;
-    });
-    for (std::size_t i = 0; i < byOffset.size(); ++i) {
-        const PhysicalEntry& entry = *byOffset[i];
-        const std::uint64_t next =
-            i + 1 < byOffset.size() ? byOffset[i + 1]->localHeaderOffset : checked.directoryOffset;
-        const std::uint64_t least = kLocalHeaderBytes + entry.name.size();
-        if (next - entry.localHeaderOffset < least ||
-            next - entry.localHeaderOffset - least < entry.compressedSize) {
-            refuse(i + 1 < byOffset.size() ? "the entries " + quoted(entry.name) + " and " +
-                                                 quoted(byOffset[i + 1]->name) + " overlap"
-                                           : "the data of " + quoted(entry.name) +
-                                                 " reaches into the central directory");
-        }
-    }
+    refuse_overlaps(by_offset(checked.entries), checked.directoryOffset);
     return checked;
 }
 }  // namespace opc::zippackage

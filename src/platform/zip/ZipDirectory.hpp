@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,12 @@ using ByteSource =
 
 // Reads the end records, the central directory and every local header of
 // the file open as `fd` (of `fileSize` bytes) with positioned reads and
-// checks them (see ZipPhysicalPackage). Throws opc::Exception.
-ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits);
+// checks them (see ZipPhysicalPackage). The headers of the entries named
+// in `leftOut` are not read: their dataOffset stays 0 and each takes at
+// least its fixed header, its name and its stored bytes, as in
+// readCentralDirectory. Throws opc::Exception.
+ZipDirectory readZipDirectory(int fd, std::uint64_t fileSize, const ZipLimits& limits,
+                              const std::set<std::string>& leftOut = {});
 
 // The end records and the central directory alone, of a file known by its
 // size and read through `source` (a client that fetches a package's tail

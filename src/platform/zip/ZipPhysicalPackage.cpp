@@ -36,6 +36,14 @@ std::uint64_t storedCeiling(std::uint64_t size) {
     return size > kMost ? UINT64_MAX : size + size / 8 + 1024;
 }
 
+// An entry whose local header was not read is left out of the file.
+const PhysicalEntry& held(const PhysicalEntry& entry) {
+    if (entry.dataOffset == 0)
+        throw opc::Exception(opc::Reason::CannotRead,
+                             "the item \"" + entry.name + "\" is left out of this file");
+    return entry;
+}
+
 std::vector<unsigned char> readStored(int fd, const PhysicalEntry& entry) {
     std::vector<unsigned char> stored(static_cast<std::size_t>(entry.compressedSize));
     RawEntryStream raw(fd, entry);
@@ -56,7 +64,7 @@ struct ZipPhysicalPackage::Archive {
     std::unique_ptr<InputStream> stored(const PhysicalEntry& entry) const {
         const auto found = pinned.find(entry.index);
         if (found != pinned.end()) return std::make_unique<PinnedEntryStream>(found->second);
-        return std::make_unique<RawEntryStream>(checkedFd.get(), entry);
+        return std::make_unique<RawEntryStream>(checkedFd.get(), held(entry));
     }
 };
 
@@ -65,7 +73,11 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::u16string& path, bool readOnly
                              ? std::filesystem::path(fl::i18n::to_string(path))
                              : throw opc::Exception("ZIP packages are only opened for reading")) {}
 
-ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
+ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path)
+    : ZipPhysicalPackage(path, {}) {}
+
+ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path,
+                                       const std::set<std::string>& leftOut) {
     const std::string& file = path.native();
     // Without O_NONBLOCK a FIFO would block the open until a writer came;
     // only a regular file is read at all.
@@ -78,7 +90,7 @@ ZipPhysicalPackage::ZipPhysicalPackage(const std::filesystem::path& path) {
     if (!opened || !S_ISREG(st.st_mode)) throw opc::Exception("not a regular file");
     ZipDirectory directory =
         readZipDirectory(fd.get(), static_cast<std::uint64_t>(st.st_size),
-                         {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio});
+                         {kMaxEntries, kMaxCentralDirectoryBytes, kMaxDeflateRatio}, leftOut);
     entries_ = std::move(directory.entries);
     warnings_ = std::move(directory.warnings);
 
@@ -124,7 +136,7 @@ void ZipPhysicalPackage::pinEntry(std::uint64_t index, std::uint64_t maxSize) {
                                  std::to_string(entry.size) + " bytes, " +
                                  std::to_string(entry.compressedSize) + " stored; at most " +
                                  std::to_string(maxSize) + ")");
-    archive_->pinned.emplace(index, readStored(archive_->checkedFd.get(), entry));
+    archive_->pinned.emplace(index, readStored(archive_->checkedFd.get(), held(entry)));
 }
 
 void ZipPhysicalPackage::close() {

@@ -4,6 +4,7 @@
 // model over it, the pair every reader of a package file starts from.
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,12 @@ class OpenedPackage {
     }
     explicit OpenedPackage(const std::filesystem::path& path)
         : container_(path), package_(container_) {
+        package_.open(opc::interfaces::OpenMode::Read);
+    }
+    // A package file that leaves out the items named in `leftOut`
+    // (ZipPhysicalPackage).
+    OpenedPackage(const std::filesystem::path& path, const std::set<std::string>& leftOut)
+        : container_(path, leftOut), package_(container_) {
         package_.open(opc::interfaces::OpenMode::Read);
     }
     OpenedPackage(const OpenedPackage&) = delete;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,11 @@ class TSAPP_API ZipPhysicalPackage : public opc::interfaces::IPhysicalPackage {
     ZipPhysicalPackage(const std::u16string& path, bool readOnly);
     // The same for a path as the system takes it.
     explicit ZipPhysicalPackage(const std::filesystem::path& path);
+    // A package file that leaves out the items named in `leftOut` (ZIP
+    // entry names): their local headers and bytes are not in it, nor read.
+    // They are listed and take at least their name and stored size where
+    // the directory places them; opening or pinning one throws.
+    ZipPhysicalPackage(const std::filesystem::path& path, const std::set<std::string>& leftOut);
     ~ZipPhysicalPackage() override;
     ZipPhysicalPackage(const ZipPhysicalPackage&) = delete;
     ZipPhysicalPackage& operator=(const ZipPhysicalPackage&) = delete;
