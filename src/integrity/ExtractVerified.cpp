@@ -138,19 +138,35 @@ VerifiedExtraction unpackAsItIs(opc::model::Package& package, const std::filesys
 VerifiedExtraction unpack(opc::model::Package& package, const std::filesystem::path& folder,
                           DigestPolicy digests, const VerificationPolicy& signature,
                           opc::extraction::Options options, opc::qvservices::ReplaceMode replace) {
+    return detail::unpackListed(package, folder, digests, signature, std::move(options), replace,
+                                nullptr);
+}
+
+namespace detail {
+
+VerifiedExtraction unpackListed(opc::model::Package& package, const std::filesystem::path& folder,
+                                DigestPolicy digests, const VerificationPolicy& signature,
+                                opc::extraction::Options options,
+                                opc::qvservices::ReplaceMode replace, const DigestListPart* read) {
     if (!checksDigests(package, digests, signature))
         return unpackAsItIs(package, folder, std::move(options), replace);
     VerifiedExtraction result;
     VerificationReport& report = result.report;
-    auto list = readDigestList(package, report.faults);
-    if (!list || !list->list) return result;
-    if (signature.checkSignature) checkAuthor(package, list->text, signature, report);
+    std::optional<DigestListPart> list;
+    if (!read || !read->list) {
+        list = readDigestList(package, report.faults);
+        if (!list || !list->list) return result;
+        read = &*list;
+    }
+    if (signature.checkSignature) checkAuthor(package, read->text, signature, report);
     if (!report.ok()) return result;
     result =
-        detail::extractListed(package, folder, *list->list, report, std::move(options), replace);
-    if (result.report.ok()) result.digests = std::move(list->list);
+        detail::extractListed(package, folder, *read->list, report, std::move(options), replace);
+    if (result.report.ok()) result.digests = list ? std::move(list->list) : read->list;
     return result;
 }
+
+}  // namespace detail
 
 VerifiedExtraction extractVerified(opc::model::Package& package,
                                    const std::filesystem::path& folder,

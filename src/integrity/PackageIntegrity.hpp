@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tsappinstall/integrity/Digests.hpp"
+#include "tsappinstall/integrity/VerifiedExtraction.hpp"
 #include "tsappinstall/integrity/Verify.hpp"
 #include "tsappinstall/platform/opc/Package.hpp"
 
@@ -41,6 +42,17 @@ void checkAuthor(opc::model::Package& package, const std::string& list,
 // as it is, not verified: for records that name a signer checked before.
 // Empty strings when the signature or its certificate cannot be read.
 SignerCertificate signerCertificateOf(const std::string& signature);
+
+namespace detail {
+// unpack() for a caller that has read the package's digest list already
+// (`read`, from readDigestList; null, or one that did not parse, and it is
+// read here): the same checks and unpacking without reading and parsing
+// the list a second time.
+VerifiedExtraction unpackListed(opc::model::Package& package, const std::filesystem::path& folder,
+                                DigestPolicy digests, const VerificationPolicy& signature,
+                                opc::extraction::Options options,
+                                opc::qvservices::ReplaceMode replace, const DigestListPart* read);
+}  // namespace detail
 
 // The digest and signature parts: never themselves covered.
 std::vector<opc::model::PartName> integrityParts(const opc::model::Package& package);

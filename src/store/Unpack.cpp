@@ -363,11 +363,11 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
                                    : "the package leaves parts out, and no version is installed "
                                      "to take them from"});
     }
-    integrity::VerifiedExtraction result = integrity::unpack(
+    integrity::VerifiedExtraction result = integrity::detail::unpackListed(
         package, folder,
         trusting ? integrity::DigestPolicy::Required : integrity::DigestPolicy::WhenPresent,
         {options.trustAnchors, trusting, trusting}, std::move(extraction),
-        opc::qvservices::ReplaceMode::FailIfExists);
+        opc::qvservices::ReplaceMode::FailIfExists, list ? &*list : nullptr);
     if (!result.report.ok()) badPackage(result.report.faults);
     Unpacked unpacked;
     const KnownDigests digests(result.digests ? &*result.digests : nullptr, &hashing.hashes());
