@@ -4,6 +4,7 @@
 #include <xercesc/framework/MemBufFormatTarget.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include "manifest/CanonicalText.hpp"
 #include "manifest/ManifestFailure.hpp"
 #include "platform/xml/XercesScoped.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
@@ -19,17 +20,8 @@ using tsappinstall::ManifestFault;
 using tsappinstall::detail::fail;
 namespace ids = tsapp_builtins::tsapp_builtins;
 
-namespace {
-
-std::u16string numFilesText(std::uint64_t count) {
-    return fl::i18n::to_ustring(boost::lexical_cast<std::string>(count));
-}
-
-std::u16string createdText(const boost::posix_time::ptime& local) {
-    return opc::convertTimeToString(convertLocalTimeToUTC(local));
-}
-
-}  // namespace
+using manifest_seal::createdText;
+using manifest_seal::numFilesText;
 
 void AppManifestSerializer::appendChildElement(DOMElement* parent, const XercesString& ns,
                                                const XercesString& name,

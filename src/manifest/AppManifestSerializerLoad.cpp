@@ -137,9 +137,8 @@ void AppManifestSerializer::read(opc::InputStream& stream, AppManifest& manifest
         asciiText(XercesString(root->getAttribute(signatureAttribute_))).value_or(std::string());
 
     // The seal is checked against the record as read, never the file's bytes.
-    const XercesPtr<DOMDocument> rebuilt(createDOMDocument(manifest));
     if (!guid || signature.empty() ||
-        !manifest_seal::sealMatches(*this, rebuilt.get(), manifest, created, signature)) {
+        !manifest_seal::sealMatches(*this, manifest, created, signature)) {
         fail(ManifestFault::BadSignature,
              ids::TSAPP_BUILTINS_GET_APP_PROPERTIES_ERROR_VALIDATION());
     }

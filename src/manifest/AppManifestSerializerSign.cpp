@@ -5,6 +5,7 @@
 #include <memory>
 #include <sstream>
 
+#include "manifest/SealCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
 #include "tsappinstall/platform/crypto/CryptoEngine.hpp"
 #include "tsappinstall/platform/crypto/CryptoProvider.hpp"
@@ -38,6 +39,12 @@ std::string AppManifestSerializer::signDocument(const std::string& key,
     serializeDocument(text, document);
     return computeSignature(key, text.str());
 }
+
+namespace manifest_seal {
+bool textSealed(const std::string& key, const std::string& text, const std::string& signature) {
+    return matchSignature(key, text, signature);
+}
+}  // namespace manifest_seal
 
 bool AppManifestSerializer::verifyDocument(const std::string& key,
                                            const xercesc::DOMDocument* document,

@@ -2,6 +2,8 @@
 
 #include "manifest/SealCheck.hpp"
 
+#include "manifest/CanonicalText.hpp"
+
 #include "tsappinstall/platform/opc/Conversions.hpp"
 #include "tsappinstall/timeconv/TimeConversion.hpp"
 
@@ -51,9 +53,14 @@ bool localTimeIsAmbiguous(const ptime& local, const ptime& utc) {
 // When the local creation time is ambiguous, the record cannot say which
 // instant was sealed; the document can, so its own UTC time is tried in the
 // canonical text. That text then states exactly what the document says.
-bool sealMatches(AppManifestSerializer& serializer, DOMDocument* rebuilt,
-                 const AppManifest& manifest, const ptime& created, const std::string& signature) {
-    if (sealedInEitherForm(serializer, manifest.GUID, rebuilt, signature)) return true;
+bool sealMatches(AppManifestSerializer& serializer, const AppManifest& manifest,
+                 const ptime& created, const std::string& signature) {
+    // The canonical text written straight from the record settles every
+    // seal made in that form; the document is built only for the others.
+    const std::optional<std::string> text = canonicalText(manifest);
+    if (text && textSealed(manifest.GUID, *text, signature)) return true;
+    const XercesPtr<DOMDocument> rebuilt(serializer.createDOMDocument(manifest));
+    if (sealedInEitherForm(serializer, manifest.GUID, rebuilt.get(), signature)) return true;
     if (!localTimeIsAmbiguous(manifest.created, created)) return false;
     const XercesPtr<DOMDocument> stated(serializer.createDOMDocument(manifest));
     XercesHelper::setElementText(

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "facade/FacadeFixture.hpp"
+#include "manifest/CanonicalText.hpp"
 #include "manifest/ManifestTestSupport.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 
@@ -74,6 +75,33 @@ TEST(ManifestSeal, RecordsGiveTheGoldenTextsSealedOverGuidAndText) {
     AppManifest badGuid;
     badGuid.GUID = "\xff";  // not UTF-8
     EXPECT_THROW(serialized(serializer, badGuid), std::runtime_error);
+}
+
+// The seal check writes the canonical text straight from the record and
+// builds the document only when that text does not hold the seal: the two
+// must agree to the byte, or a sealed manifest costs the slow path.
+TEST(ManifestSeal, TheTextWrittenStraightFromTheRecordIsTheWritersText) {
+    ScopedTimeZone zone("Etc/GMT-2");
+    AppManifestSerializer serializer;
+    const std::u16string odd = u"A & B <c> \"q\" 'a' \t\n\r ]]> \u00e9\u00a0\u20ac \U0001F600";
+    AppManifest tricky = fullRecord();
+    for (std::u16string* text :
+         {&tricky.entryPoint, &tricky.name, &tricky.version, &tricky.createdByTESSALRelease,
+          &tricky.summary, &tricky.authorOrganization, &tricky.maxTESSALVer})
+        *text = odd;
+    tricky.authorContact.clear(), tricky.description.clear();
+    tricky.requiredProducts = {{odd, u"", odd}, {u"x", u"y", u"z"}};
+    tricky.pathEntries = {u"", odd}, tricky.supportedPlatforms.clear();
+    for (const AppManifest& record :
+         {AppManifest(), fullRecord(), fixtureRecord("2013-10-27 00:30:00"), tricky})
+        EXPECT_EQ(manifest_seal::canonicalText(record).value_or("(none)"),
+                  serialized(serializer, record));
+    // Controls, C1 characters, non-characters and lone surrogates are left
+    // to the document and its writer.
+    for (const char16_t* text : {u"\x01", u"\x7f", u"\x85", u"\xfffe", u"a\xd800"}) {
+        tricky.name = text;
+        EXPECT_FALSE(manifest_seal::canonicalText(tricky)) << int(text[0]);
+    }
 }
 
 // The fixture is what Xerces' pretty-printing writer made of plain DOM calls
