@@ -98,6 +98,9 @@ AppManifestSerializer::AppManifestSerializer() {
     config->setParameter(XMLUni::fgDOMValidate, true);
     config->setParameter(XMLUni::fgXercesUseCachedGrammarInParse, true);
     config->setParameter(XMLUni::fgXercesSchema, true);
+    // The layout between elements is never read: the document keeps no
+    // node for it (one per line of a manifest listing thousands of files).
+    config->setParameter(XMLUni::fgDOMElementContentWhitespace, false);
 
     writer_.reset(opc::model::XercesHelper::createWriter());
     writer_->getDomConfig()->setParameter(XMLUni::fgDOMWRTFormatPrettyPrint, true);
