@@ -134,18 +134,28 @@ std::string StagedExtraction::stagingPath() const {
 }
 
 void StagedExtraction::reservePath(const FileSegments& path) {
-    const std::string key = opc::detail::ascii_lower(joinSegments(path));
+    // The key of each folder above the file is a prefix of the file's own.
+    std::string key;
+    std::vector<std::size_t> ends;
+    for (const std::string& segment : path) {
+        if (!key.empty()) key += '/';
+        key += segment;
+        ends.push_back(key.size());
+    }
+    key = opc::detail::ascii_lower(key);
     if (folderPaths_.count(key) || !filePaths_.insert(key).second)
         fail("the package names " + quoted(path) + " twice, or as both a file and a folder",
              Reason::BadPath);
-    FileSegments prefix;
-    for (std::size_t i = 0; i + 1 < path.size(); ++i) {
-        prefix.push_back(path[i]);
-        const std::string folderKey = opc::detail::ascii_lower(joinSegments(prefix));
+    // Deepest first: a folder already known had the folders above it
+    // checked and recorded with it.
+    for (std::size_t depth = path.size() - 1; depth > 0; --depth) {
+        std::string folderKey = key.substr(0, ends[depth - 1]);
+        if (folderPaths_.count(folderKey)) return;
         if (filePaths_.count(folderKey))
-            fail("the package names " + quoted(prefix) + " as both a file and a folder",
+            fail("the package names " + quoted(FileSegments(path.begin(), path.begin() + depth)) +
+                     " as both a file and a folder",
                  Reason::BadPath);
-        folderPaths_.insert(folderKey);
+        folderPaths_.insert(std::move(folderKey));
     }
 }
 

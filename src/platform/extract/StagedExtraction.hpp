@@ -28,6 +28,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/extract/Commit.hpp"
@@ -127,8 +128,8 @@ class StagedExtraction {
     std::vector<FileSegments> createdFolders_;  // in a new destination's staging tree
     std::set<FileSegments> missingFolders_;     // not in the destination when staged
     std::vector<StagedFile> staged_;
-    std::set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
-    std::set<std::string> folderPaths_;  // ASCII-lowercased
+    std::unordered_set<std::string> filePaths_;    // ASCII-lowercased, for clash checks
+    std::unordered_set<std::string> folderPaths_;  // ASCII-lowercased
     std::vector<std::string> warnings_;
     OpsFd parent_;
     OpsFd dest_;  // an existing destination; invalid for a new one
