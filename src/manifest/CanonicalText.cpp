@@ -12,57 +12,47 @@ namespace {
 
 using Serializer = AppManifestSerializer;
 
-// Appends `value` as UTF-8 with the writer's escapes: in text & < > and
-// carriage return; in attribute values & < " and the three whitespace
-// controls. False for a character the writer may treat otherwise.
-bool appendEscaped(std::string& out, const std::u16string& value, bool attribute) {
+// Whether the writer may treat `c`, at `i` in `value`, otherwise than as
+// itself: controls, C1 characters, non-characters, lone surrogates.
+bool unusual(const std::u16string& value, std::size_t i) {
+    const char16_t c = value[i];
+    if (c >= 0xD800 && c <= 0xDBFF)
+        return i + 1 == value.size() || value[i + 1] < 0xDC00 || value[i + 1] > 0xDFFF;
+    if (c >= 0xDC00 && c <= 0xDFFF) return i == 0 || value[i - 1] < 0xD800 || value[i - 1] > 0xDBFF;
+    return c == 0xFFFE || c == 0xFFFF || (c < 0x20 && c != '\t' && c != '\n' && c != '\r') ||
+           (c >= 0x7F && c < 0xA0);
+}
+
+// Appends `value` with the writer's escapes: in text & < > and carriage
+// return; in attribute values & < " and the three whitespace controls.
+// False for a character the writer may treat otherwise.
+bool appendEscaped(std::u16string& out, const std::u16string& value, bool attribute) {
     for (std::size_t i = 0; i < value.size(); ++i) {
-        char32_t c = value[i];
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < value.size() && value[i + 1] >= 0xDC00 &&
-            value[i + 1] <= 0xDFFF)
-            c = 0x10000 + ((c - 0xD800) << 10) + (value[++i] - 0xDC00);
-        else if ((c >= 0xD800 && c <= 0xDFFF) || c == 0xFFFE || c == 0xFFFF ||
-                 (c < 0x20 && c != '\t' && c != '\n' && c != '\r') || (c >= 0x7F && c < 0xA0))
-            return false;
-        switch (c) {
+        if (unusual(value, i)) return false;
+        switch (value[i]) {
             case '&':
-                out += "&amp;";
-                continue;
-            case '<':
-                out += "&lt;";
-                continue;
-            case '>':
-                out += attribute ? ">" : "&gt;";
-                continue;
-            case '"':
-                out += attribute ? "&quot;" : "\"";
-                continue;
-            case '\r':
-                out += "&#xD;";
-                continue;
-            case '\t':
-                out += attribute ? "&#x9;" : "\t";
-                continue;
-            case '\n':
-                out += attribute ? "&#xA;" : "\n";
-                continue;
-            default:
+                out += u"&amp;";
                 break;
-        }
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
+            case '<':
+                out += u"&lt;";
+                break;
+            case '>':
+                out += attribute ? u">" : u"&gt;";
+                break;
+            case '"':
+                out += attribute ? u"&quot;" : u"\"";
+                break;
+            case '\r':
+                out += u"&#xD;";
+                break;
+            case '\t':
+                out += attribute ? u"&#x9;" : u"\t";
+                break;
+            case '\n':
+                out += attribute ? u"&#xA;" : u"\n";
+                break;
+            default:
+                out += value[i];
         }
     }
     return true;
@@ -72,7 +62,7 @@ bool appendEscaped(std::string& out, const std::u16string& value, bool attribute
 // line, their children one to a line below them, two spaces a level.
 class Writer {
   public:
-    std::string text;
+    std::u16string text;
     bool ok = true;
 
     void open(const char16_t* name, int depth) {
@@ -82,12 +72,12 @@ class Writer {
     void close(const char16_t* name, int depth) {
         text += '\n';
         text.append(static_cast<std::size_t>(depth) * 2, ' ');
-        text += "</" + fl::i18n::to_string(name) + '>';
+        endTag(name);
     }
     void element(const char16_t* name, const std::u16string& value, int depth) {
         open(name, depth);
         ok = ok && appendEscaped(text, value, false);
-        text += "</" + fl::i18n::to_string(name) + '>';
+        endTag(name);
     }
     void list(const char16_t* name, const char16_t* item,
               const std::vector<std::u16string>& values) {
@@ -98,22 +88,25 @@ class Writer {
     }
     void empty(const char16_t* name) {
         startTag(name, 1);
-        text += "/>";
+        text += u"/>";
     }
     void attribute(const char16_t* name, const std::u16string& value) {
-        text += ' ' + fl::i18n::to_string(name) + "=\"";
+        text += ' ';
+        text += name;
+        text += u"=\"";
         ok = ok && appendEscaped(text, value, true);
         text += '"';
     }
     void startTag(const char16_t* name, int depth) {
-        newLine(depth);
-        text += '<' + fl::i18n::to_string(name);
-    }
-
-  private:
-    void newLine(int depth) {
-        text += depth == 1 ? "\n\n" : "\n";
+        if (depth > 0) text += depth == 1 ? u"\n\n" : u"\n";
         text.append(static_cast<std::size_t>(depth) * 2, ' ');
+        text += '<';
+        text += name;
+    }
+    void endTag(const char16_t* name) {
+        text += u"</";
+        text += name;
+        text += '>';
     }
 };
 
@@ -129,9 +122,10 @@ std::u16string createdText(const boost::posix_time::ptime& local) {
 
 std::optional<std::string> canonicalText(const AppManifest& m) {
     Writer w;
-    w.text = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n<" +
-             fl::i18n::to_string(Serializer::APPPROPERTIES_ELEMENT) + " xmlns=\"" +
-             fl::i18n::to_string(Serializer::NAMESPACE) + "\">";
+    w.text = u"<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n";
+    w.startTag(Serializer::APPPROPERTIES_ELEMENT, 0);
+    w.attribute(u"xmlns", Serializer::NAMESPACE);
+    w.text += '>';
     w.element(Serializer::ENTRYPOINT_ELEMENT, m.entryPoint, 1);
     w.element(Serializer::NAME_ELEMENT, m.name, 1);
     w.element(Serializer::VERSION_ELEMENT, m.version, 1);
@@ -162,7 +156,7 @@ std::optional<std::string> canonicalText(const AppManifest& m) {
             w.attribute(Serializer::IDENTIFIER_ATTRIBUTE, product.identifier);
             w.attribute(Serializer::NAME_ATTRIBUTE, product.name);
             w.attribute(Serializer::VERSION_ATTRIBUTE, product.version);
-            w.text += "/>";
+            w.text += u"/>";
         }
         w.close(Serializer::REQUIREDPRODUCTS_ELEMENT, 1);
     }
@@ -172,9 +166,11 @@ std::optional<std::string> canonicalText(const AppManifest& m) {
     w.element(Serializer::CREATED_ELEMENT, createdText(m.created), 1);
     if (!m.appEntries.empty())
         w.list(Serializer::APPENTRIES_ELEMENT, Serializer::APPFILE_ELEMENT, m.appEntries);
-    w.text += "\n\n</" + fl::i18n::to_string(Serializer::APPPROPERTIES_ELEMENT) + ">\n";
+    w.text += u"\n\n";
+    w.endTag(Serializer::APPPROPERTIES_ELEMENT);
+    w.text += '\n';
     if (!w.ok) return std::nullopt;
-    return std::move(w.text);
+    return fl::i18n::to_string(w.text);
 }
 
 }  // namespace manifest_seal
