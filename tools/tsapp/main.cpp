@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Commands.hpp"
+#include "Heap.hpp"
 
 namespace {
 
@@ -84,6 +85,7 @@ int runHelp(const CLI::App& app, const std::string& topic) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    preferLargeHeapPages();
     // The library's messages follow LC_MESSAGES.
     std::setlocale(LC_ALL, "");
     // With TZ unset, every local-time conversion re-reads /etc/localtime,
