@@ -165,7 +165,7 @@ std::string listedName(const std::string& partName, int version) {
     if (partName.empty() || partName.front() != '/')
         throw opc::Exception("\"" + partName + "\" is not a part name");
     if (version == 1) return partName.substr(1);
-    return opc::detail::joinSegments(opc::detail::fileSegmentsFor(partName, true));
+    return opc::detail::filePathFor(partName);
 }
 
 }  // namespace tsappinstall::integrity

@@ -52,7 +52,7 @@ class CurlLibrary {
         // and one without libcurl's functions). secure_getenv ignores it
         // in a set-user-ID process.
         const char* named = ::secure_getenv("TSAPP_LIBCURL");
-        library_ = named && *named ? named : "libcurl.so.4";
+        library_ = named && *named ? named : defaultLibrary();
         // RTLD_NODELETE: the handle is closed when this static is destroyed
         // at exit, but the library stays mapped, so a transfer still
         // running on another thread then, or a Repository in static storage
@@ -79,6 +79,21 @@ class CurlLibrary {
     const CurlApi& api() const { return api_; }
 
   private:
+    // The build of libcurl this process has loaded already, if any (the
+    // XML parser's own, built on GnuTLS, where the system links it so):
+    // loading the other build as well costs a second copy of libcurl and
+    // of a TLS library, and their initialisation, about 4 ms in all.
+    // Otherwise the usual one.
+    static const char* defaultLibrary() {
+        for (const char* loaded : {"libcurl.so.4", "libcurl-gnutls.so.4"}) {
+            void* handle = ::dlopen(loaded, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+            if (handle == nullptr) continue;
+            ::dlclose(handle);
+            return loaded;
+        }
+        return "libcurl.so.4";
+    }
+
     bool bindAll() {
         const auto bind = [this](auto& function, const char* name) {
             ::dlerror();

@@ -107,8 +107,7 @@ void checkUnpackedManifest(opc::model::Package& package, const std::vector<Insta
     bool same = false;
     if (found.size() == 1) {
         const opc::model::PartName name(found.front().getTargetURI());
-        const std::string path =
-            opc::detail::joinSegments(opc::detail::fileSegmentsFor(name.ascii(), true));
+        const std::string path = opc::detail::filePathFor(name.ascii());
         const auto file = std::find_if(files.begin(), files.end(),
                                        [&](const InstalledFile& f) { return f.path == path; });
         same = file != files.end() && file->sha256 == checkedSha256;

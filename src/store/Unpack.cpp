@@ -190,8 +190,7 @@ class TakeFromReplaced {
                 if (!package.containsPart(part)) {
                     why = "the package has no such part";
                 } else {
-                    const std::string path =
-                        opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
+                    const std::string path = opc::detail::filePathFor(part.ascii());
                     why = problem(part, path);
                     absent_.insert(part.ascii());
                 }
@@ -317,8 +316,7 @@ std::uint64_t sharedBytes(opc::model::Package& package, const std::vector<Instal
     for (const InstalledFile& file : current) recorded.emplace(file.path, &file);
     std::uint64_t shared = 0;
     for (const PartName& part : package.getPartNames()) {
-        const std::string path =
-            opc::detail::joinSegments(opc::detail::fileSegmentsFor(part.ascii(), true));
+        const std::string path = opc::detail::filePathFor(part.ascii());
         const auto file = recorded.find(path);
         const std::string* digest = listed.find(part, path);
         if (file != recorded.end() && digest && *digest == file->second->sha256)

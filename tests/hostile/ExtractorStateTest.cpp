@@ -5,7 +5,10 @@
 
 #include <sys/stat.h>
 
+#include <climits>
+
 #include "facade/FacadeFixture.hpp"
+#include "platform/extract/ExtractionPaths.hpp"
 #include "platform/extract/FileOps.hpp"
 #include "tsappinstall/inspect/PackageCheck.hpp"
 #include "tsappinstall/manifest/AppManifestSerializer.hpp"
@@ -246,6 +249,55 @@ TEST_F(ExtractorState, RecoveryWaitsUntilThePackageIsVerified) {
     ASSERT_EQ(extract(), "");
     EXPECT_FALSE(fs::exists(staging));
     EXPECT_EQ(read_file(dest() + "/lib/c.txt"), "new c");
+}
+
+// The quick path from a part name to its file path must give what the
+// segment-by-segment one gives, and refuse what it refuses, in its words.
+TEST(ExtractionPaths, ThePlainPathIsTheSplitOneAndRefusesAlike) {
+    const std::string longest(NAME_MAX, 'n');
+    const auto deep = [](std::size_t size) {
+        std::string name;
+        while (name.size() + 101 <= size) name += "/" + std::string(100, 'd');
+        return name + "/" + std::string(size - name.size() - 1, 'f');
+    };
+    for (const std::string& name : {std::string("/a.txt"),
+                                    std::string("/lib/x/a b.js"),
+                                    std::string("/a%20b/c"),
+                                    std::string("/a//b"),
+                                    std::string("/a/"),
+                                    std::string("/"),
+                                    std::string(""),
+                                    std::string("a"),
+                                    std::string("/."),
+                                    std::string("/a/./b"),
+                                    std::string("/a/../b"),
+                                    std::string("/.."),
+                                    std::string("/..a"),
+                                    std::string("/.~tsapp"),
+                                    std::string("/x/.~TSAPP-1"),
+                                    std::string("/.~tsap"),
+                                    std::string("/a%2Fb"),
+                                    std::string("/a%00"),
+                                    std::string("/a%zz"),
+                                    std::string("/a\0b", 4),
+                                    "/" + longest,
+                                    "/" + longest + "n",
+                                    deep(PATH_MAX - 1),
+                                    deep(PATH_MAX)}) {
+        SCOPED_TRACE(name.substr(0, 40));
+        std::string split, quick;
+        try {
+            split = opc::detail::joinSegments(opc::detail::fileSegmentsFor(name, true));
+        } catch (const opc::Exception& e) {
+            split = std::string("refused: ") + e.what();
+        }
+        try {
+            quick = opc::detail::filePathFor(name);
+        } catch (const opc::Exception& e) {
+            quick = std::string("refused: ") + e.what();
+        }
+        EXPECT_EQ(quick, split);
+    }
 }
 
 }  // namespace

@@ -333,8 +333,9 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
              std::to_string(index.version + 1) + " seen before"},
         {"other host", http.url("http", "redirect"), nullptr, FaultKind::DownloadFailed,
          "index.json: redirected to another host (http://localhost:"},
+        // Worded by the TLS library libcurl is built on.
         {"unknown CA", https.url("https", "ok"), nullptr, FaultKind::DownloadFailed,
-         "index.json: SSL certificate problem"},
+         "index.json: "},
         {"closes early", http.url("http", "short"), nullptr, FaultKind::DownloadFailed,
          "hello-1.10.tsappinstall: transfer closed with"},
         {"stalls", http.url("http", "stall"),
@@ -377,6 +378,9 @@ TEST(RepositoryClient, RefusesWhatAServerOrItsIndexMustNotHandOver) {
         } catch (const Error& e) {
             EXPECT_EQ(e.kind(), c.kind) << e.what();
             EXPECT_EQ(std::string(e.what()).substr(0, c.refusal.size()), c.refusal);
+            if (c.name == "unknown CA") {
+                EXPECT_NE(std::string(e.what()).find("certificate"), std::string::npos) << e.what();
+            }
         }
         EXPECT_TRUE(filesIn(downloads).empty());
     }

@@ -55,6 +55,35 @@ FileSegments fileSegmentsFor(const std::string& partName, bool decode) {
     return segments;
 }
 
+std::string filePathFor(const std::string& partName) {
+    // Most names need neither decoding nor splitting: when no segment has
+    // an escape or anything to refuse, the path is the name after its "/",
+    // and it is checked in place. A name refused takes the long way, which
+    // says why.
+    const bool plain = partName.size() >= 2 && partName[0] == '/' && partName.size() < PATH_MAX &&
+                       partName.find('%') == std::string::npos &&
+                       partName.find('\0') == std::string::npos;
+    if (plain) {
+        bool clean = true;
+        for (std::size_t start = 1; clean && start <= partName.size();) {
+            std::size_t end = partName.find('/', start);
+            if (end == std::string::npos) end = partName.size();
+            const std::size_t size = end - start;
+            const char* segment = partName.data() + start;
+            const bool dots = (size == 1 && segment[0] == '.') ||
+                              (size == 2 && segment[0] == '.' && segment[1] == '.');
+            const std::size_t prefix = sizeof kReservedPrefix - 1;
+            bool reserved = size >= prefix;
+            for (std::size_t i = 0; reserved && i < prefix; ++i)
+                reserved = ascii_lower(segment[i]) == kReservedPrefix[i];
+            clean = size != 0 && size <= NAME_MAX && !dots && !reserved;
+            start = end + 1;
+        }
+        if (clean) return partName.substr(1);
+    }
+    return joinSegments(fileSegmentsFor(partName, true));
+}
+
 bool isReservedName(const std::string& segment) {
     const std::size_t size = sizeof kReservedPrefix - 1;
     return segment.size() >= size && ascii_lower(segment.substr(0, size)) == kReservedPrefix;

@@ -23,6 +23,10 @@ using FileSegments = std::vector<std::string>;
 // defence before a name reaches the file system.
 FileSegments fileSegmentsFor(const std::string& partName, bool decode);
 
+// joinSegments(fileSegmentsFor(partName, true)): the decoded relative path
+// ("lib/a b.js"), refused alike.
+std::string filePathFor(const std::string& partName);
+
 // True for a file or folder name the extractor keeps for itself: every
 // name that begins with ".~tsapp", in any ASCII case (so that a file
 // system that ignores case cannot alias one either).
