@@ -92,6 +92,13 @@ class KnownDigests {
 // on one core.
 class LandedFiles {
   public:
+    // `expected`: about how many files will land (the replaced version's
+    // count), so that the list is not moved as it grows under the lock.
+    explicit LandedFiles(std::size_t expected) {
+        files_.reserve(expected);
+        stamps_.reserve(expected);
+    }
+
     void add(const PartName& part, const std::string& path,
              const opc::extraction::LandedFile& landed) {
         InstalledFile file{path, landed.size, landed.mode, {}};
@@ -333,7 +340,7 @@ Unpacked unpack(opc::model::Package& package, const std::filesystem::path& folde
     const bool trusting = !options.trustAnchors.empty();
     const FileOps& ops = opc::detail::fileOpsOf(selector);
     HashingObserver hashing;
-    LandedFiles landed;
+    LandedFiles landed(replaced ? replaced->files.size() : 0);
     opc::extraction::Options extraction = extractionOptions(options, landed);
     extraction.observer = &hashing;
     extraction.ops = selector;

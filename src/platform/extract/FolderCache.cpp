@@ -75,8 +75,12 @@ int FolderCache::walk(int parent, const FileSegments& folder, std::size_t depth,
 
 FolderCache::Held FolderCache::hold(const FileSegments& folder,
                                     std::vector<FileSegments>* created) {
+    if (folder.empty()) return {root_, nullptr};
+    // Nearly every call finds the folder open: one lookup then.
+    if (auto cached = folders_.find(folder); cached != folders_.end())
+        return {cached->second->get(), cached->second};
     const int fd = open(folder, created);
-    if (folder.empty() || fd < 0) return {fd, nullptr};
+    if (fd < 0) return {fd, nullptr};
     return {fd, folders_.at(folder)};
 }
 
