@@ -1,7 +1,8 @@
 // The digest part's text, in sha256sum's line format.
 
 #include <algorithm>
-#include <set>
+#include <string_view>
+#include <unordered_set>
 
 #include "platform/extract/ExtractionPaths.hpp"
 #include "tsappinstall/integrity/Digests.hpp"
@@ -13,7 +14,7 @@ namespace {
 constexpr std::size_t kHexDigits = 64;
 const std::string kNameGap = "  ";
 
-bool isLowerHex(const std::string& text) {
+bool isLowerHex(std::string_view text) {
     for (char c : text) {
         if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
     }
@@ -21,8 +22,8 @@ bool isLowerHex(const std::string& text) {
 }
 
 // What sha256sum escapes; a line naming such a file starts with "\".
-bool needsEscape(const std::string& name) {
-    return name.find_first_of("\\\n\r") != std::string::npos;
+bool needsEscape(std::string_view name) {
+    return name.find_first_of("\\\n\r") != std::string_view::npos;
 }
 
 std::string escaped(const std::string& name) {
@@ -45,7 +46,7 @@ std::string escaped(const std::string& name) {
                          FaultKind::MalformedDigestList);
 }
 
-std::string unescaped(const std::string& name, std::size_t line) {
+std::string unescaped(std::string_view name, std::size_t line) {
     std::string out;
     for (std::size_t i = 0; i < name.size(); ++i) {
         if (name[i] != '\\') {
@@ -66,14 +67,15 @@ bool isPlainName(const std::string& name, int version) {
     return version == 2 || !needsEscape(name);
 }
 
-// The lines of a text that ends with a line break, numbered from 1.
+// The lines of a text that ends with a line break, numbered from 1; each
+// a view into the text.
 class Lines {
   public:
     explicit Lines(const std::string& text) : text_(text) {}
-    bool next(std::string& line) {
+    bool next(std::string_view& line) {
         if (at_ >= text_.size()) return false;
         const std::size_t end = text_.find('\n', at_);
-        line = text_.substr(at_, end - at_);
+        line = std::string_view(text_).substr(at_, end - at_);
         at_ = end + 1;
         ++number_;
         return true;
@@ -86,14 +88,15 @@ class Lines {
     std::size_t number_ = 0;
 };
 
-DigestEntry parseLine(const std::string& line, std::size_t number, int version) {
+DigestEntry parseLine(std::string_view line, std::size_t number, int version) {
     const bool escapes = version == 2 && !line.empty() && line.front() == '\\';
-    const std::string body = escapes ? line.substr(1) : line;
+    const std::string_view body = escapes ? line.substr(1) : line;
     if (body.size() < kHexDigits + 3 || !isLowerHex(body.substr(0, kHexDigits)) ||
         body[kHexDigits] != ' ' || (body[kHexDigits + 1] != ' ' && body[kHexDigits + 1] != '*'))
         badLine(number, "is not \"<64 lower-case hex digits>  <name>\"");
-    const std::string written = body.substr(kHexDigits + 2);
-    DigestEntry entry{escapes ? unescaped(written, number) : written, body.substr(0, kHexDigits)};
+    const std::string_view written = body.substr(kHexDigits + 2);
+    DigestEntry entry{escapes ? unescaped(written, number) : std::string(written),
+                      std::string(body.substr(0, kHexDigits))};
     if (!isPlainName(entry.name, version)) badLine(number, "names no item: \"" + entry.name + "\"");
     if (escapes != needsEscape(entry.name))
         badLine(number, "is not escaped as sha256sum escapes it");
@@ -101,12 +104,12 @@ DigestEntry parseLine(const std::string& line, std::size_t number, int version) 
 }
 
 // Version 2's second line: the content types, which is no file.
-std::string contentTypesComment(const std::string& line, std::size_t number) {
+std::string contentTypesComment(std::string_view line, std::size_t number) {
     const std::string end = kNameGap + CONTENT_TYPES_ITEM;
     if (line.size() != 2 + kHexDigits + end.size() || line.compare(0, 2, "# ") != 0 ||
         !isLowerHex(line.substr(2, kHexDigits)) || line.compare(2 + kHexDigits, end.size(), end))
         badLine(number, "is not \"# <64 lower-case hex digits>  [Content_Types].xml\"");
-    return line.substr(2, kHexDigits);
+    return std::string(line.substr(2, kHexDigits));
 }
 
 // The version the first line names; it must name one this library reads.
@@ -142,21 +145,27 @@ DigestList parseDigestList(const std::string& text) {
     DigestList list;
     list.version = versionOf(text);
     Lines lines(text);
-    std::string line;
+    std::string_view line;
     if (list.version == 2) {
         lines.next(line);
         if (!lines.next(line)) badLine(2, "is missing: it names [Content_Types].xml");
         list.contentTypesSha256 = contentTypesComment(line, lines.number());
     }
-    std::set<std::string> names;
+    // Reserved to the line count, the list never moves its names, so the
+    // set of names seen can hold views of them.
+    list.parts.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
+    std::unordered_set<std::string_view> names;
+    names.reserve(list.parts.capacity());
     while (lines.next(line)) {
         DigestEntry entry = parseLine(line, lines.number(), list.version);
-        if (!names.insert(entry.name).second)
-            badLine(lines.number(), "lists \"" + entry.name + "\" again");
-        if (list.version == 1 && entry.name == CONTENT_TYPES_ITEM)
+        if (names.count(entry.name)) badLine(lines.number(), "lists \"" + entry.name + "\" again");
+        if (list.version == 1 && entry.name == CONTENT_TYPES_ITEM) {
             list.contentTypesSha256 = entry.sha256;
-        else
+            names.insert(CONTENT_TYPES_ITEM);
+        } else {
             list.parts.push_back(std::move(entry));
+            names.insert(list.parts.back().name);
+        }
     }
     return list;
 }

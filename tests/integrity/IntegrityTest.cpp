@@ -223,8 +223,8 @@ TEST(Integrity, DigestListsOfBothVersionsParseStrictly) {
     EXPECT_EQ(formatDigestList(list), paths);
     for (const std::string& bad :
          {hex + "  a", hex + " a\n", "A" + hex.substr(1) + "  a\n", hex + "  /a\n",
-          hex + "  a\n" + hex + " *a\n", std::string("\n"), hex + "  \\a\n",
-          hex.substr(1) + "   a\n", std::string("# tsapp-digests 3\n"),
+          hex + "  a\n" + hex + " *a\n", hex + types + hex + types, std::string("\n"),
+          hex + "  \\a\n", hex.substr(1) + "   a\n", std::string("# tsapp-digests 3\n"),
           std::string(DIGESTS_HEADER) + "\n", head + "# " + hex + types,
           head + "\\" + hex + "  plain\n", head + hex + "  back\\slash\n",
           head + "\\" + hex + "  tab\\t\n", head + hex + "  raw\rreturn\n"})
