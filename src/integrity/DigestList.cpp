@@ -151,11 +151,16 @@ DigestList parseDigestList(const std::string& text) {
         if (!lines.next(line)) badLine(2, "is missing: it names [Content_Types].xml");
         list.contentTypesSha256 = contentTypesComment(line, lines.number());
     }
-    // Reserved to the line count, the list never moves its names, so the
-    // set of names seen can hold views of them.
-    list.parts.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
+    // Reserved to as many entries as the text can hold, the list never
+    // moves its names, so the set of names seen can hold views of them. An
+    // entry's line is at least 68 bytes (64 digits, the gap, a name, the
+    // break), so a list of bare line breaks reserves no more than its own
+    // size.
+    const std::size_t most = std::min<std::size_t>(std::count(text.begin(), text.end(), '\n'),
+                                                   text.size() / (kHexDigits + 4));
+    list.parts.reserve(most);
     std::unordered_set<std::string_view> names;
-    names.reserve(list.parts.capacity());
+    names.reserve(most);
     while (lines.next(line)) {
         DigestEntry entry = parseLine(line, lines.number(), list.version);
         if (names.count(entry.name)) badLine(lines.number(), "lists \"" + entry.name + "\" again");
@@ -163,6 +168,8 @@ DigestList parseDigestList(const std::string& text) {
             list.contentTypesSha256 = entry.sha256;
             names.insert(CONTENT_TYPES_ITEM);
         } else {
+            if (list.parts.size() == list.parts.capacity())
+                badLine(lines.number(), "lists more than the text can hold");
             list.parts.push_back(std::move(entry));
             names.insert(list.parts.back().name);
         }

@@ -227,7 +227,8 @@ TEST(Integrity, DigestListsOfBothVersionsParseStrictly) {
           hex + "  \\a\n", hex.substr(1) + "   a\n", std::string("# tsapp-digests 3\n"),
           std::string(DIGESTS_HEADER) + "\n", head + "# " + hex + types,
           head + "\\" + hex + "  plain\n", head + hex + "  back\\slash\n",
-          head + "\\" + hex + "  tab\\t\n", head + hex + "  raw\rreturn\n"})
+          head + "\\" + hex + "  tab\\t\n", head + hex + "  raw\rreturn\n",
+          head + std::string(1 << 20, '\n')})
         EXPECT_THROW(parseDigestList(bad), IntegrityError) << bad;
 }
 
