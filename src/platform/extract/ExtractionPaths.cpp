@@ -1,6 +1,7 @@
 #include "platform/extract/ExtractionPaths.hpp"
 
 #include <climits>
+#include <string_view>
 
 #include "platform/base/Ascii.hpp"
 
@@ -15,17 +16,30 @@ namespace {
                     "part name \"" + partName + "\" cannot be a file path: " + why);
 }
 
-void checkSegment(const std::string& segment, const std::string& partName) {
-    if (segment.empty()) refuse(partName, "empty segment");
-    if (segment == "." || segment == "..") refuse(partName, "relative segment");
-    if (segment.find('/') != std::string::npos) refuse(partName, "encoded slash");
-    if (segment.find('\0') != std::string::npos) refuse(partName, "NUL character");
-    if (segment.size() > NAME_MAX) refuse(partName, "segment too long");
-    if (isReservedName(segment))
-        refuse(partName, "the extractor reserves names beginning with \".~tsapp\"");
+const char kReservedPrefix[] = ".~tsapp";
+
+bool reserved(std::string_view segment) {
+    const std::size_t size = sizeof kReservedPrefix - 1;
+    if (segment.size() < size) return false;
+    for (std::size_t i = 0; i < size; ++i)
+        if (ascii_lower(segment[i]) != kReservedPrefix[i]) return false;
+    return true;
 }
 
-const char kReservedPrefix[] = ".~tsapp";
+// Why `segment` cannot be a path component; null when it can.
+const char* segmentProblem(std::string_view segment) {
+    if (segment.empty()) return "empty segment";
+    if (segment == "." || segment == "..") return "relative segment";
+    if (segment.find('/') != std::string_view::npos) return "encoded slash";
+    if (segment.find('\0') != std::string_view::npos) return "NUL character";
+    if (segment.size() > NAME_MAX) return "segment too long";
+    if (reserved(segment)) return "the extractor reserves names beginning with \".~tsapp\"";
+    return nullptr;
+}
+
+void checkSegment(const std::string& segment, const std::string& partName) {
+    if (const char* why = segmentProblem(segment)) refuse(partName, why);
+}
 
 }  // namespace
 
@@ -60,33 +74,22 @@ std::string filePathFor(const std::string& partName) {
     // an escape or anything to refuse, the path is the name after its "/",
     // and it is checked in place. A name refused takes the long way, which
     // says why.
-    const bool plain = partName.size() >= 2 && partName[0] == '/' && partName.size() < PATH_MAX &&
-                       partName.find('%') == std::string::npos &&
-                       partName.find('\0') == std::string::npos;
-    if (plain) {
-        bool clean = true;
-        for (std::size_t start = 1; clean && start <= partName.size();) {
-            std::size_t end = partName.find('/', start);
-            if (end == std::string::npos) end = partName.size();
-            const std::size_t size = end - start;
-            const char* segment = partName.data() + start;
-            const bool dots = (size == 1 && segment[0] == '.') ||
-                              (size == 2 && segment[0] == '.' && segment[1] == '.');
-            const std::size_t prefix = sizeof kReservedPrefix - 1;
-            bool reserved = size >= prefix;
-            for (std::size_t i = 0; reserved && i < prefix; ++i)
-                reserved = ascii_lower(segment[i]) == kReservedPrefix[i];
-            clean = size != 0 && size <= NAME_MAX && !dots && !reserved;
-            start = end + 1;
-        }
-        if (clean) return partName.substr(1);
+    if (partName.size() < 2 || partName[0] != '/' || partName.size() >= PATH_MAX ||
+        partName.find('%') != std::string::npos)
+        return joinSegments(fileSegmentsFor(partName, true));
+    const std::string_view name(partName);
+    for (std::size_t start = 1; start <= name.size();) {
+        std::size_t end = name.find('/', start);
+        if (end == std::string_view::npos) end = name.size();
+        if (segmentProblem(name.substr(start, end - start)))
+            return joinSegments(fileSegmentsFor(partName, true));
+        start = end + 1;
     }
-    return joinSegments(fileSegmentsFor(partName, true));
+    return partName.substr(1);
 }
 
 bool isReservedName(const std::string& segment) {
-    const std::size_t size = sizeof kReservedPrefix - 1;
-    return segment.size() >= size && ascii_lower(segment.substr(0, size)) == kReservedPrefix;
+    return reserved(segment);
 }
 
 }  // namespace opc::detail
