@@ -1501,13 +1501,7 @@ struct AppStore::Impl {
         }
         if (found.mode != file.mode)
             findings.push_back({AuditFinding::Kind::Mode, file.path,
-                                octal(found.mode) + ", recorded " + octal(file.mode)});
-    }
-
-    static std::string octal(unsigned mode) {
-        char text[8];
-        std::snprintf(text, sizeof text, "%04o", mode);
-        return text;
+                                modeText(found.mode) + ", recorded " + modeText(file.mode)});
     }
 
     // Audits read with the root's lock shared, so no writer is halfway;

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -283,6 +284,12 @@ bool removeFile(const FileOps& ops, int folder, const std::string& path, const s
         return true;
     }
     failed(shown + "/" + path + " cannot be removed", errno);
+}
+
+std::string modeText(unsigned mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode & 07777);
+    return text;
 }
 
 bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,

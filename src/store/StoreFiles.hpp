@@ -89,6 +89,9 @@ struct OpenParent {
 FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool hash,
                    const std::string& shown, OpenParent* cached = nullptr);
 
+// Permission bits as the store's findings word them: "0644".
+std::string modeText(unsigned mode);
+
 // The bytes of the regular file `path` below `folder`, reached without
 // following links; none when it is not there. Throws StoreError (Failed)
 // when it cannot be read, is anything but a regular file, or holds more

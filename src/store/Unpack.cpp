@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -165,12 +164,6 @@ std::optional<std::int64_t> fileSystemNow(const std::filesystem::path& folder, c
     return opc::detail::modifiedNs(info);
 }
 
-std::string octal(unsigned mode) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04o", mode);
-    return text;
-}
-
 // Offers the extraction the replaced version's files for the parts the
 // package holds unchanged, from every thread of the extraction at once.
 // The digest list it goes by is the package's, pinned, so the very text
@@ -265,8 +258,8 @@ class TakeFromReplaced {
             return shown + " changed (size " + std::to_string(info.st_size) + ", recorded " +
                    std::to_string(recorded.size) + ")";
         if ((info.st_mode & 07777) != recorded.mode)
-            return shown + " changed (mode " + octal(info.st_mode & 07777) + ", recorded " +
-                   octal(recorded.mode) + ")";
+            return shown + " changed (mode " + modeText(info.st_mode) + ", recorded " +
+                   modeText(recorded.mode) + ")";
         if (stillAsStamped(path, info)) {
             *sha256 = recorded.sha256;
             return {};
