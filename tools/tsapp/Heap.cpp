@@ -13,14 +13,14 @@
 namespace tsapp::tool {
 
 // A run of the tool builds a few megabytes of records, names and DOM nodes
-// and exits. Where every first touch of a 4 KiB page is dear (a fault costs
-// over 10 µs on the virtual machines this was measured on), faulting that
-// heap in page by page was a fifth of a one-file upgrade's wall time. So the
-// C library is asked to take its heap in one piece, kept rather than given
-// back, and the kernel to back that piece with 2 MiB pages: a few faults
-// instead of a few thousand. Nothing here is needed for correctness: where
-// the heap is not the C library's (a sanitizer's allocator) or the kernel
-// declines, the process runs as before.
+// and exits. Faulting that heap in page by page was a fifth of a one-file
+// upgrade's wall time on a busy virtual machine (a first touch of a 4 KiB
+// page cost over 10 µs there) and still a tenth on a quiet one (1.3 µs).
+// So the C library is asked to take its heap in one piece, kept rather than
+// given back, and the kernel to back that piece with 2 MiB pages: a few
+// faults instead of a few thousand. Nothing here is needed for correctness:
+// where the heap is not the C library's (a sanitizer's allocator) or the
+// kernel declines, the process runs as before.
 void preferLargeHeapPages() {
 #if defined(__GLIBC__)
     constexpr std::size_t kLarge = std::size_t{2} << 20;
