@@ -64,6 +64,13 @@ struct RangedPlan {
     std::vector<ByteSpan> spans;                // still to fetch, by offset
 };
 
+// Items closer than this are fetched with what lies between them: another
+// request costs more than the bytes.
+constexpr std::uint64_t kRangeGap = 64u << 10;
+// Spans covering `items` (by offset), neighbours at most kRangeGap apart
+// joined.
+std::vector<ByteSpan> coalesced(const std::vector<const RangedPlan::Item*>& items);
+
 struct DownloadAccess {
     // Repository::download() through `ops`.
     static Downloaded download(const Repository& repository, const PackageEntry& entry,

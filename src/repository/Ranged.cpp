@@ -33,9 +33,6 @@ using Reader = std::function<void(std::uint64_t offset, unsigned char* into, std
 // The first bite of the tail: the whole directory of a package of a few
 // dozen files, so that most plans take one request for it.
 constexpr std::uint64_t kFirstTail = 8192;
-// Items closer than this are fetched with what lies between them: another
-// request costs more than the bytes.
-constexpr std::uint64_t kGap = 64u << 10;
 constexpr std::size_t kLocalHeaderBytes = 30;
 constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
 // The app's own files: only these may be taken from the installed version.
@@ -94,18 +91,6 @@ class Held {
   private:
     std::map<std::uint64_t, std::string> spans_;
 };
-
-// Spans covering `items`, neighbours closer than kGap joined.
-std::vector<ByteSpan> coalesced(const std::vector<const Item*>& items) {
-    std::vector<ByteSpan> spans;
-    for (const Item* item : items) {
-        if (!spans.empty() && item->header <= spans.back().to + kGap)
-            spans.back().to = std::max(spans.back().to, item->end);
-        else
-            spans.push_back({item->header, item->end});
-    }
-    return spans;
-}
 
 // The raw bytes [from, from + size) through a reader, as a stream.
 class ReaderStream : public opc::InputStream {
@@ -229,6 +214,17 @@ Deadline deadlineOf(const PackageEntry& entry, const ClientOptions& options) {
 const char* const kIgnored = "the server does not serve ranges (it sent the whole file)";
 
 }  // namespace
+
+std::vector<ByteSpan> coalesced(const std::vector<const RangedPlan::Item*>& items) {
+    std::vector<ByteSpan> spans;
+    for (const RangedPlan::Item* item : items) {
+        if (!spans.empty() && item->header <= spans.back().to + kRangeGap)
+            spans.back().to = std::max(spans.back().to, item->end);
+        else
+            spans.push_back({item->header, item->end});
+    }
+    return spans;
+}
 
 RangedPlan DownloadAccess::planRanged(const Repository& repository, const PackageEntry& entry,
                                       const std::map<std::string, HeldFile>& installed,

@@ -11,6 +11,7 @@
 #include <random>
 #include <thread>
 
+#include "repository/Download.hpp"
 #include "repository/RepositoryTestSupport.hpp"
 #include "store/RootState.hpp"
 #include "tsappinstall/installer/Installer.hpp"
@@ -766,6 +767,43 @@ TEST(RepositoryInstaller, RefusesAndReportsWhatARevokedKeySigned) {
         ADD_FAILURE() << "installed what a revoked key signed";
     } catch (const Error& e) {
         EXPECT_EQ(e.kind(), FaultKind::RevokedSigner);
+    }
+}
+
+// Items to fetch become one request where the bytes between them are no
+// more than the gap, two where they are one more; each item's bytes lie in
+// a span whatever the joining.
+TEST(RepositoryRanged, JoinsItemsAtMostTheGapApart) {
+    using tsappinstall::repository::ByteSpan;
+    using tsappinstall::repository::detail::kRangeGap;
+    using Item = tsappinstall::repository::detail::RangedPlan::Item;
+    struct Case {
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> items;  // header, end
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> spans;
+    };
+    const std::uint64_t g = kRangeGap;
+    const std::vector<Case> cases = {
+        {{}, {}},
+        {{{0, 100}}, {{0, 100}}},
+        {{{0, 100}, {100, 200}}, {{0, 200}}},
+        {{{0, 100}, {100 + g, 200 + g}}, {{0, 200 + g}}},
+        {{{0, 100}, {101 + g, 200 + g}}, {{0, 100}, {101 + g, 200 + g}}},
+        {{{10, 20}, {20 + g, 30 + g}, {31 + 2 * g, 40 + 2 * g}},
+         {{10, 30 + g}, {31 + 2 * g, 40 + 2 * g}}},
+    };
+    for (const Case& c : cases) {
+        std::vector<Item> items;
+        for (const auto& [header, end] : c.items) {
+            items.emplace_back();
+            items.back().header = header;
+            items.back().end = end;
+        }
+        std::vector<const Item*> pointers;
+        for (const Item& item : items) pointers.push_back(&item);
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> spans;
+        for (const ByteSpan& span : tsappinstall::repository::detail::coalesced(pointers))
+            spans.emplace_back(span.from, span.to);
+        EXPECT_EQ(spans, c.spans) << c.items.size() << " items";
     }
 }
 
