@@ -234,6 +234,12 @@ FoundFile findFile(const FileOps& ops, int folder, const std::string& path, bool
     return found;
 }
 
+std::string modeText(unsigned mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode & 07777);
+    return text;
+}
+
 void walk(const FileOps& ops, int folder, const std::string& shown,
           const std::function<void(const std::string& path, bool isFolder)>& visit) {
     struct Level {
@@ -284,12 +290,6 @@ bool removeFile(const FileOps& ops, int folder, const std::string& path, const s
         return true;
     }
     failed(shown + "/" + path + " cannot be removed", errno);
-}
-
-std::string modeText(unsigned mode) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04o", mode & 07777);
-    return text;
 }
 
 bool removeEmptyFolder(const FileOps& ops, int folder, const std::string& path,

@@ -1,7 +1,6 @@
 #include "platform/extract/ExtractionPaths.hpp"
 
 #include <climits>
-#include <string_view>
 
 #include "platform/base/Ascii.hpp"
 
@@ -16,16 +15,6 @@ namespace {
                     "part name \"" + partName + "\" cannot be a file path: " + why);
 }
 
-const char kReservedPrefix[] = ".~tsapp";
-
-bool reserved(std::string_view segment) {
-    const std::size_t size = sizeof kReservedPrefix - 1;
-    if (segment.size() < size) return false;
-    for (std::size_t i = 0; i < size; ++i)
-        if (ascii_lower(segment[i]) != kReservedPrefix[i]) return false;
-    return true;
-}
-
 // Why `segment` cannot be a path component; null when it can.
 const char* segmentProblem(std::string_view segment) {
     if (segment.empty()) return "empty segment";
@@ -33,7 +22,7 @@ const char* segmentProblem(std::string_view segment) {
     if (segment.find('/') != std::string_view::npos) return "encoded slash";
     if (segment.find('\0') != std::string_view::npos) return "NUL character";
     if (segment.size() > NAME_MAX) return "segment too long";
-    if (reserved(segment)) return "the extractor reserves names beginning with \".~tsapp\"";
+    if (isReservedName(segment)) return "the extractor reserves names beginning with \".~tsapp\"";
     return nullptr;
 }
 
@@ -88,8 +77,12 @@ std::string filePathFor(const std::string& partName) {
     return partName.substr(1);
 }
 
-bool isReservedName(const std::string& segment) {
-    return reserved(segment);
+bool isReservedName(std::string_view segment) {
+    static constexpr std::string_view kReservedPrefix = ".~tsapp";
+    if (segment.size() < kReservedPrefix.size()) return false;
+    for (std::size_t i = 0; i < kReservedPrefix.size(); ++i)
+        if (ascii_lower(segment[i]) != kReservedPrefix[i]) return false;
+    return true;
 }
 
 }  // namespace opc::detail

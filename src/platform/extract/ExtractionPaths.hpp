@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace opc::detail {
@@ -30,7 +31,7 @@ std::string filePathFor(const std::string& partName);
 // True for a file or folder name the extractor keeps for itself: every
 // name that begins with ".~tsapp", in any ASCII case (so that a file
 // system that ignores case cannot alias one either).
-bool isReservedName(const std::string& segment);
+bool isReservedName(std::string_view segment);
 
 // A destination folder as extraction and recovery take it: the absolute
 // path without trailing separators, the folder that holds it and its name
