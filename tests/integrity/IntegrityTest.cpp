@@ -221,6 +221,12 @@ TEST(Integrity, DigestListsOfBothVersionsParseStrictly) {
     EXPECT_EQ(list.parts[1].name, "x\nline\rend\\");
     EXPECT_EQ(list.parts[2].name, CONTENT_TYPES_ITEM);
     EXPECT_EQ(formatDigestList(list), paths);
+    // Lines of the shortest length an entry can have, and nothing else:
+    // as many entries as the text can hold, every one kept.
+    std::string shortest;
+    const std::string names = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    for (const char name : names) shortest += hex + "  " + name + "\n";
+    EXPECT_EQ(parseDigestList(shortest).parts.size(), names.size());
     for (const std::string& bad :
          {hex + "  a", hex + " a\n", "A" + hex.substr(1) + "  a\n", hex + "  /a\n",
           hex + "  a\n" + hex + " *a\n", hex + types + hex + types, std::string("\n"),
